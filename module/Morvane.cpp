@@ -1,0 +1,299 @@
+#include "Morvane.h"
+
+#include "Record.h"
+#include "Settings.h"
+#include "SpoolDirectory.h"
+#include "TConnector.h"
+#include "TLog.h"
+#include "Version.h"
+
+#include <QCoreApplication>
+#include <QHostAddress>
+#include <QNetworkProxy>
+#include <QSettings>
+#include <QTimerEvent>
+
+#include <chrono>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
+constexpr auto lockStep = 1s; // between two looks of the TCP sender at the lock
+constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
+
+struct SettingKey
+{
+    QString name;
+    QString defaultText;
+};
+
+const SettingKey tempDirKey = {u"TempDir"_s, u"tmp"_s};
+const SettingKey hostKey = {u"Host"_s, u"127.0.0.1"_s};
+const SettingKey portKey = {u"Port"_s, u"7071"_s};
+const SettingKey localPortKey = {u"LocalPort"_s, u"9000"_s};
+const SettingKey timeoutKey = {u"Timeout"_s, u"1000"_s};
+const SettingKey protocolKey = {u"Protocol"_s, u"TCP"_s};
+const SettingKey reconnectionKey = {u"ReconnectionTimeout"_s, u"20"_s};
+const SettingKey liveMessageKey = {u"LiveMessageTimeout"_s, u"60"_s};
+const QString mainGroup = u"Main"_s;
+
+void sayToLog(const QString &text)
+{
+    pLog->Message(text);
+}
+
+} // namespace
+
+Morvane::Morvane()
+{
+    connect(connector, &TConnector::NewCommand, this, &Morvane::AdminCommand);
+    connect(connector, &TConnector::NewData, this, &Morvane::NewData);
+    connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
+    connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
+    connect(&tspSocket, &QIODevice::readyRead, this, &Morvane::discardReceived);
+    // The system's proxy settings must not carry the link anywhere else.
+    tspSocket.setProxy(QNetworkProxy::NoProxy);
+}
+
+Morvane::~Morvane() = default;
+
+// --- settings and start ---
+
+void Morvane::LoadSettings(QString path)
+{
+    if (path.isEmpty())
+        path = getIniNameDefault(false);
+    TServerPlugin::LoadSettings(path);
+
+    QSettings settings(path, QSettings::IniFormat);
+    checkSettingsStruct(settings);
+    settings.beginGroup(mainGroup);
+    const auto text = [&](const SettingKey &key) {
+        return settingText(settings, key.name, key.defaultText);
+    };
+    // Text that is no number gives 0; a number out of range keeps its low 16 bits.
+    const auto number = [&](const SettingKey &key) { return quint16(text(key).toInt()); };
+    tempDir = text(tempDirKey);
+    host = text(hostKey);
+    port = number(portKey);
+    localPort = number(localPortKey);
+    timeout = number(timeoutKey);
+    protocol = text(protocolKey).toLatin1();
+    reconnectionTimeout = number(reconnectionKey);
+    liveMessageTimeout = number(liveMessageKey);
+    settings.endGroup();
+}
+
+void Morvane::checkSettingsStruct(QSettings &settings)
+{
+    QSettings *known = prepareTemplateSettings();
+    known->beginGroup(mainGroup);
+    for (const SettingKey &key : {tempDirKey, hostKey, portKey, localPortKey, timeoutKey,
+             protocolKey, reconnectionKey, liveMessageKey})
+        known->setValue(key.name, key.defaultText);
+    known->endGroup();
+    rebuildSettingsByTemplate(settings, *known);
+}
+
+void Morvane::Start()
+{
+    if (protocol == "TCP")
+        connectToPeer();
+    restartTimer(reconnectTimerId, reconnectionTimeout);
+    restartTimer(liveTimerId, liveMessageTimeout);
+}
+
+void Morvane::Reconnect()
+{
+    Start();
+}
+
+void Morvane::restartTimer(int &timerId, quint16 seconds)
+{
+    if (timerId != 0)
+        killTimer(timerId);
+    timerId = startTimer(std::chrono::seconds(std::max(seconds, shortestTimer)));
+}
+
+void Morvane::timerEvent(QTimerEvent *event)
+{
+    if (protocol != "TCP")
+        return;
+    const bool connected = tspSocket.state() == QAbstractSocket::ConnectedState;
+    if (event->timerId() == reconnectTimerId && !connected) {
+        tspSocket.abort();
+        connectToPeer();
+    } else if (event->timerId() == liveTimerId && connected) {
+        tspSocket.write(LinkRecord::make(LinkRecord::keepAlive));
+    }
+}
+
+// --- the administration server ---
+
+void Morvane::AdminCommand(
+    QByteArray &command_name, QByteArray &, int IDConnection, TMyLocalSocket *)
+{
+    if (command_name == "Input_Data_On") {
+        inputDataOn = true;
+    } else if (command_name == "Input_Data_Off") {
+        inputDataOn = false;
+    } else if (command_name == "About") {
+        QByteArray action("About");
+        QByteArray message = aboutText().toUtf8();
+        QByteArray none("");
+        SetAction(action, message, none, IDConnection);
+    } else if (command_name == "QuitSignal") {
+        QCoreApplication::exit(0);
+    }
+}
+
+QString Morvane::aboutText() const
+{
+    return u"----\n"
+           "Информация о сборке.\n"
+           "Версия модуля: %1\n"
+           "Версия Harnix: %6\n"
+           "\n"
+           "----\n"
+           "Информация о работе модуля.\n"
+           "Локальный UDP-порт: %3\n"
+           "Удаленный UDP-порт: %4\n"
+           "Удаленный хост: %5\n"
+           "Таймаут передачи: %7\n"_s.arg(QLatin1StringView(moduleVersion))
+               .arg(localPort)
+               .arg(port)
+               .arg(host)
+               .arg(getHarnixVersion())
+               .arg(timeout);
+}
+
+void Morvane::report(const QByteArray &message)
+{
+    if (!inputDataOn)
+        return;
+    QByteArray action("InData");
+    QByteArray text = message;
+    QByteArray none("");
+    SetAction(action, text, none, -1);
+}
+
+void Morvane::Debug(QByteArray data)
+{
+    report(data);
+}
+
+// --- records in ---
+
+void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *)
+{
+    const DataRecord record = DataRecord::read(data);
+    if (!record.isAccepted())
+        return;
+    report((tr("New data") + u": "_s + record.fileName).toUtf8());
+    if (protocol != "TCP" && protocol != "UDP")
+        return;
+    MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());
+    if (protocol == "TCP")
+        SendOldData();
+}
+
+void Morvane::MakeTmpFile(QString path, QByteArray data)
+{
+    const QString name = path.sliced(tempDir.size() + 1);
+    switch (SpoolDirectory(tempDir).write(name, data, sayToLog)) {
+    case SpoolDirectory::WriteResult::Written:
+        return;
+    case SpoolDirectory::WriteResult::NoLock:
+        return pLog->Message(u"Can not open lock-file"_s);
+    case SpoolDirectory::WriteResult::NoFile:
+        return pLog->Message(u"Can not create temporary file"_s);
+    }
+}
+
+// --- the TCP link ---
+
+void Morvane::connectToPeer()
+{
+    // A second call on a busy socket would only raise an error.
+    if (tspSocket.state() == QAbstractSocket::UnconnectedState)
+        tspSocket.connectToHost(QHostAddress(host), port, QIODevice::ReadWrite);
+}
+
+void Morvane::tspSocketConnected()
+{
+    report(tr("Connection established.").toUtf8());
+    SendOldData();
+}
+
+void Morvane::tspSocketError(QAbstractSocket::SocketError error)
+{
+    report(tr("Socket error: %1").arg(error).toUtf8());
+}
+
+// The link is one-way. What the peer sends must be read all the same: unread bytes pile up, or hide
+// that the peer has closed.
+void Morvane::discardReceived()
+{
+    tspSocket.skip(tspSocket.bytesAvailable());
+}
+
+// While connecting, records go into the socket's buffer; without an attempt under way it takes
+// none.
+bool Morvane::linkTakesRecords() const
+{
+    return tspSocket.isOpen() && tspSocket.state() != QAbstractSocket::UnconnectedState;
+}
+
+bool Morvane::waitForSpool()
+{
+    SpoolLock lock(tempDir, sayToLog);
+    while (linkTakesRecords()) {
+        switch (lock.look()) {
+        case SpoolLock::State::Free:
+            return true;
+        case SpoolLock::State::Stuck:
+            return false;
+        case SpoolLock::State::Held:
+            std::this_thread::sleep_for(lockStep);
+        }
+    }
+    return false;
+}
+
+void Morvane::SendOldData()
+{
+    if (!waitForSpool())
+        return;
+    const QStringList names = SpoolDirectory(tempDir).list();
+    for (const QString &name : names) {
+        if (!linkTakesRecords())
+            return;
+        sendSpoolFile(name);
+    }
+}
+
+void Morvane::sendSpoolFile(const QString &name)
+{
+    const SpoolDirectory spool(tempDir);
+    const std::optional<QByteArray> content = spool.read(name);
+    if (!content)
+        return;
+    const QByteArray record = LinkRecord::make(*content);
+    if (tspSocket.write(record) != record.size())
+        return; // the file stays for the next time
+    if (!spool.remove(name))
+        report(tr("Can not delete file %1").arg(spool.pathOf(name)).toUtf8());
+}
+
+// Parts of the slot set that other modules of the family fill.
+void Morvane::UdpDatagrams()
+{
+}
+
+void Morvane::SendData(QByteArray &)
+{
+}

@@ -1,0 +1,39 @@
+#include "Morvane.h"
+#include "TLog.h"
+
+#include <QCoreApplication>
+#include <QTranslator>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// The settings files that the command line names, in order. An empty path, which stands for the
+// default file, when it names none.
+QStringList settingsFiles(const QStringList &arguments)
+{
+    QStringList files;
+    for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
+        if (arguments.at(i) == "-settings"_L1)
+            files.append(arguments.at(++i));
+    }
+    return files.isEmpty() ? QStringList{QString()} : files;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    QTranslator translator;
+    std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
+    QCoreApplication::installTranslator(&translator);
+
+    // Lives until the process ends: what is under way needs no tearing down.
+    static Morvane *const module = new Morvane;
+    for (const QString &file : settingsFiles(QCoreApplication::arguments()))
+        module->LoadSettings(file);
+    module->Start();
+    pLog->Message(u"Start Ok!"_s);
+    return QCoreApplication::exec();
+}

@@ -1,0 +1,353 @@
+#include "TConnector.h"
+
+#include "BusFrame.h"
+#include "TLog.h"
+
+#include <QCoreApplication>
+#include <QDataStream>
+#include <QDeadlineTimer>
+
+#include <chrono>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto passInterval = 5'000ms; // one repair pass of the bus
+constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
+constexpr auto connectPoll = 10ms; // between two looks at a server whose queue is full
+constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
+constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
+constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames
+constexpr int adminLostStatus = 5; // exit status of the process
+
+constexpr char watchReport[] = "Watch_Arrow";
+constexpr char watchOn[] = "Watch_Arrow_On";
+constexpr char watchOff[] = "Watch_Arrow_Off";
+
+QString serverNameOf(const TMyLocalSocket *socket)
+{
+    return QString::fromLatin1(socket->name.constData());
+}
+
+QString shownNameOf(const TMyLocalSocket *socket)
+{
+    return QString::fromUtf8(socket->name);
+}
+
+// Qt's own wait spins at full load while the server's queue is full, so it is asked in steps.
+bool waitUntilConnected(TMyLocalSocket *socket)
+{
+    const QDeadlineTimer deadline(maxWait);
+    while (!socket->waitForConnected(0) && socket->state() == QLocalSocket::ConnectingState
+        && !deadline.hasExpired())
+        std::this_thread::sleep_for(connectPoll);
+    return socket->state() == QLocalSocket::ConnectedState;
+}
+
+} // namespace
+
+TMyLocalSocket::TMyLocalSocket(QObject *parent)
+    : QLocalSocket(parent)
+{
+    connect(this, &QLocalSocket::readyRead, this, &TMyLocalSocket::processReadyRead);
+}
+
+void TMyLocalSocket::processReadyRead()
+{
+    Q_EMIT NewData(this);
+}
+
+TMyLocalServer::TMyLocalServer(QObject *parent)
+    : QLocalServer(parent)
+{
+}
+
+void TMyLocalServer::incomingConnection(quintptr socketDescriptor)
+{
+    auto *socket = new TMyLocalSocket(this);
+    socket->setSocketDescriptor(
+        qintptr(socketDescriptor), QLocalSocket::ConnectedState, QIODevice::ReadWrite);
+    socket->setReadBufferSize(acceptedReadBuffer);
+    Q_EMIT newConnection(socket);
+}
+
+TConnector::TConnector(QObject *parent)
+    : QObject(parent)
+    , server(new TMyLocalServer(this))
+    , adminConnection(new TMyLocalSocket(this))
+{
+    connect(
+        adminConnection, &QLocalSocket::disconnected, this, &TConnector::DisconnectAdminConnection);
+    connect(adminConnection, &QLocalSocket::connected, this, &TConnector::newOutConnection);
+    connect(adminConnection, &QLocalSocket::errorOccurred, this, &TConnector::connectionAdminError);
+    connect(adminConnection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
+    connect(server, &TMyLocalServer::newConnection, this, &TConnector::newInConnection);
+}
+
+void TConnector::SetServerName(QString name)
+{
+    serverName = name;
+    firstStart = true;
+    startTimer(passInterval);
+}
+
+void TConnector::addOutServerName(QString name)
+{
+    for (const TMyLocalSocket *socket : std::as_const(outConnections)) {
+        if (shownNameOf(socket) == name)
+            return;
+    }
+    auto *socket = new TMyLocalSocket(this);
+    socket->name = name.toUtf8();
+    connect(socket, &QLocalSocket::disconnected, this, &TConnector::DisconnectOutConnection);
+    connect(socket, &QLocalSocket::connected, this, &TConnector::newOutConnection);
+    connect(socket, &QLocalSocket::errorOccurred, this, &TConnector::connectionOutError);
+    connect(socket, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
+    outConnections.append(socket);
+}
+
+// --- keeping the connections up ---
+
+void TConnector::timerEvent(QTimerEvent *)
+{
+    const QByteArray greeting = BusFrame::makeName(serverName.toUtf8());
+    if (!repairOutConnections(greeting) && firstStart)
+        return;
+    if (adminConnection->state() != QLocalSocket::ConnectedState
+        && !adminConnection->name.isEmpty()) {
+        reconnect(adminConnection, greeting);
+        if (firstStart)
+            return;
+    }
+    if (!server->isListening())
+        startListening();
+    firstStart = false;
+}
+
+bool TConnector::repairOutConnections(const QByteArray &greeting)
+{
+    // A connection that is lost during the walk is replaced in the list, so a copy is walked. Lost
+    // sockets live until control is back in the event loop.
+    const QList<TMyLocalSocket *> sockets = outConnections;
+    bool allWereUp = true;
+    for (TMyLocalSocket *socket : sockets) {
+        if (socket->state() == QLocalSocket::ConnectedState)
+            continue;
+        allWereUp = false;
+        if (outConnections.contains(socket))
+            reconnect(socket, greeting);
+    }
+    return allWereUp;
+}
+
+void TConnector::reconnect(TMyLocalSocket *socket, const QByteArray &greeting)
+{
+    socket->flush();
+    socket->disconnectFromServer();
+    if (socket->state() != QLocalSocket::UnconnectedState)
+        socket->waitForDisconnected(int(maxWait.count()));
+    socket->connectToServer(serverNameOf(socket), QIODevice::ReadWrite);
+    if (waitUntilConnected(socket))
+        socket->write(greeting);
+    else
+        socket->abort();
+}
+
+void TConnector::startListening()
+{
+    QLocalServer::removeServer(serverName);
+    if (server->listen(serverName)) {
+        pLog->Message(tr("Start server: %1 Ok!!!! \n").arg(serverName));
+        return;
+    }
+    pLog->Message(tr("Start Error: %1\n").arg(server->errorString()));
+    server->close();
+}
+
+// --- events of the connections ---
+
+void TConnector::newOutConnection()
+{
+    pLog->Message(tr("New Out Connnection\n"));
+}
+
+void TConnector::connectionOutError(QLocalSocket::LocalSocketError)
+{
+    auto *socket = qobject_cast<TMyLocalSocket *>(sender());
+    if (!socket)
+        return;
+    pLog->Message(
+        tr("Connnection Out Error: %1 %2\n").arg(shownNameOf(socket), socket->errorString()));
+    socket->abort();
+}
+
+void TConnector::DisconnectOutConnection()
+{
+    auto *socket = qobject_cast<TMyLocalSocket *>(sender());
+    if (!socket)
+        return;
+    pLog->Message(tr("Connnection Disconnect: %0\n").arg(shownNameOf(socket)));
+    socket->abort();
+    if (!outConnections.removeOne(socket))
+        return;
+    addOutServerName(shownNameOf(socket));
+    socket->deleteLater();
+}
+
+void TConnector::connectionAdminError(QLocalSocket::LocalSocketError)
+{
+    adminConnection->abort();
+}
+
+void TConnector::DisconnectAdminConnection()
+{
+    pLog->Message(tr("Admin connection is closed. Stopping application."));
+    QCoreApplication::exit(adminLostStatus);
+}
+
+void TConnector::newInConnection(TMyLocalSocket *connection)
+{
+    connect(connection, &QLocalSocket::disconnected, this, &TConnector::DisconnectInConnection);
+    connect(connection, &QLocalSocket::errorOccurred, this, &TConnector::connectionInError);
+    connect(connection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
+    inConnections.append(connection);
+    pLog->Message(tr("New In Connection %0\n").arg(shownNameOf(connection)));
+}
+
+void TConnector::DisconnectInConnection()
+{
+    auto *socket = qobject_cast<TMyLocalSocket *>(sender());
+    if (!socket)
+        return;
+    inConnections.removeOne(socket);
+    socket->setParent(nullptr);
+    socket->deleteLater();
+    pLog->Message(tr("Connection in disconnection: %0\n").arg(shownNameOf(socket)));
+}
+
+void TConnector::connectionInError(QLocalSocket::LocalSocketError)
+{
+    auto *socket = qobject_cast<TMyLocalSocket *>(sender());
+    if (!socket)
+        return;
+    inConnections.removeOne(socket);
+    socket->abort();
+    socket->setParent(nullptr);
+    socket->deleteLater();
+    pLog->Message(tr("Connection In Error: %0\n").arg(shownNameOf(socket)));
+}
+
+// --- receiving ---
+
+void TConnector::SlotNewData(TMyLocalSocket *socket)
+{
+    // A slot that hears of a frame may abort the socket: then nothing is left to take.
+    QByteArray body;
+    while (takeBody(socket, body))
+        dispatch(BusFrame::read(body), socket);
+}
+
+// False while the next frame is incomplete. A length of 0 or less gives an empty body.
+bool TConnector::takeBody(TMyLocalSocket *socket, QByteArray &body)
+{
+    if (socket->expectedSize == 0) {
+        if (socket->bytesAvailable() < qint64(sizeof(qint32)))
+            return false;
+        QDataStream(socket) >> socket->expectedSize;
+    }
+    if (socket->expectedSize > socket->bytesAvailable()) {
+        if (socket->expectedSize > maxAnnouncedBytes)
+            socket->abort();
+        return false;
+    }
+    body = socket->expectedSize > 0 ? socket->read(socket->expectedSize) : QByteArray();
+    socket->expectedSize = 0;
+    return true;
+}
+
+void TConnector::dispatch(BusFrame frame, TMyLocalSocket *socket)
+{
+    switch (frame.kind) {
+    case BusFrame::Name:
+        socket->name = frame.name;
+        return;
+    case BusFrame::Action:
+        Q_EMIT NewAction(frame.name, frame.message, frame.data, frame.id, socket);
+        return;
+    case BusFrame::Command:
+        if (frame.name == watchOn)
+            watchArrow = true;
+        else if (frame.name == watchOff)
+            watchArrow = false;
+        else
+            Q_EMIT NewCommand(frame.name, frame.data, frame.id, socket);
+        return;
+    case BusFrame::BusMessage:
+        Q_EMIT NewBusMessage(frame.name, frame.data, frame.id);
+        return;
+    default:
+        if (frame.data.isEmpty())
+            return;
+        if (watchArrow)
+            post(adminConnection,
+                BusFrame::makeAction(watchReport, QByteArray::number(frame.kind), frame.data, -1));
+        Q_EMIT NewData(frame.kind, frame.data, socket);
+    }
+}
+
+// --- sending ---
+
+void TConnector::SetData(uchar version, QString targetName, QByteArray &data)
+{
+    const QByteArray frame = BusFrame::makeData(version, data);
+    const QList<TMyLocalSocket *> sockets = outConnections + inConnections;
+    for (TMyLocalSocket *socket : sockets) {
+        if (socket->isValid() && serverNameOf(socket) == targetName)
+            send(socket, frame);
+    }
+}
+
+void TConnector::SetDataAll(uchar version, QByteArray &data)
+{
+    const QList<TMyLocalSocket *> accepted = inConnections;
+    SetOutDataAll(version, data);
+    const QByteArray frame = BusFrame::makeData(version, data);
+    for (TMyLocalSocket *socket : accepted)
+        send(socket, frame);
+}
+
+void TConnector::SetOutDataAll(uchar version, QByteArray &data)
+{
+    const QByteArray frame = BusFrame::makeData(version, data);
+    const QList<TMyLocalSocket *> sockets = outConnections;
+    for (TMyLocalSocket *socket : sockets)
+        send(socket, frame);
+}
+
+void TConnector::sendToAdmin(const QByteArray &frame)
+{
+    send(adminConnection, frame);
+}
+
+// Puts a frame into the socket's buffer. A frame for a closed socket is lost, and so is one for a
+// peer that has stopped reading: memory must not follow its backlog.
+void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
+{
+    if (!socket->isOpen())
+        return;
+    const bool wasStalled = socket->stalled;
+    socket->stalled = socket->bytesToWrite() > maxUnreadBytes;
+    if (!socket->stalled)
+        socket->write(frame);
+    else if (!wasStalled)
+        pLog->Message(
+            tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)));
+}
+
+void TConnector::send(TMyLocalSocket *socket, const QByteArray &frame)
+{
+    post(socket, frame);
+    socket->flush();
+}

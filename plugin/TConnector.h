@@ -1,0 +1,131 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QString>
+
+struct BusFrame;
+
+// One connection of the local bus.
+//
+// Owner:   the server (accepted) or the connector (outgoing, administration).
+// Thread:  main thread.
+class TMyLocalSocket : public QLocalSocket
+{
+    Q_OBJECT
+public:
+    explicit TMyLocalSocket(QObject *parent);
+
+    // Bus name of the other end, UTF-8: the server to connect to, or what the peer announced.
+    QByteArray name;
+    // Length of the frame body that is awaited; 0 while the next thing to read is a length.
+    int expectedSize = 0;
+    // The peer reads so slowly that frames for it are being dropped.
+    bool stalled = false;
+
+Q_SIGNALS:
+    // Bytes have arrived; none has been read yet.
+    void NewData(TMyLocalSocket *socket);
+
+private Q_SLOTS:
+    void processReadyRead();
+};
+
+// Listens under a bus name and hands out every accepted connection, open, by signal.
+//
+// Owner:   the connector.
+// Thread:  main thread.
+class TMyLocalServer : public QLocalServer
+{
+    Q_OBJECT
+public:
+    explicit TMyLocalServer(QObject *parent);
+
+Q_SIGNALS:
+    void newConnection(TMyLocalSocket *socket);
+
+protected:
+    void incomingConnection(quintptr socketDescriptor) override;
+};
+
+// A module's gateway to the local bus: brings its connections up, keeps them up, cuts what arrives
+// into frames and writes frames.
+//
+// Every 5 seconds one pass repairs what is down. At start-up the passes keep an order: all outgoing
+// connections, then the administration connection, then listening.
+//
+// Owner:   the plugin base.
+// Thread:  main thread. A pass blocks it for as long as a server makes it wait, 30 seconds each.
+// Errors:  never throws. They are logged and the next pass tries again; only the loss of an
+//          established administration connection ends the event loop, with exit status 5.
+class TConnector : public QObject
+{
+    Q_OBJECT
+public:
+    explicit TConnector(QObject *parent);
+
+    // Sets the name to listen under and starts the passes. Another call starts one more timer.
+    void SetServerName(QString name);
+    [[nodiscard]] QString GetServerName() const { return serverName; }
+    // Adds a server to connect out to, unless it is on the list already.
+    void addOutServerName(QString name);
+
+    // Each sends one data frame; receivers that are not connected miss it. The version must not
+    // be one of the kinds of BusFrame.
+    void SetData(uchar version, QString targetName, QByteArray &data);
+    void SetDataAll(uchar version, QByteArray &data);
+    void SetOutDataAll(uchar version, QByteArray &data);
+
+    // Sends a whole frame to the administration server at once; lost if it is not connected.
+    void sendToAdmin(const QByteArray &frame);
+
+    [[nodiscard]] const QList<TMyLocalSocket *> &incoming() const { return inConnections; }
+    [[nodiscard]] const QList<TMyLocalSocket *> &outgoing() const { return outConnections; }
+
+Q_SIGNALS:
+    // The arguments are valid during the emission only. A slot must not delete the socket.
+    void NewCommand(
+        QByteArray &command_name, QByteArray &data, int IDConnection, TMyLocalSocket *socket);
+    void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
+    void NewAction(QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection,
+        TMyLocalSocket *socket);
+    void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
+
+public Q_SLOTS:
+    void connectionInError(QLocalSocket::LocalSocketError error);
+    void connectionAdminError(QLocalSocket::LocalSocketError error);
+    void DisconnectInConnection();
+    void newInConnection(TMyLocalSocket *connection);
+    void newOutConnection();
+    void connectionOutError(QLocalSocket::LocalSocketError error);
+    void DisconnectOutConnection();
+    void DisconnectAdminConnection();
+    // The receive loop: dispatches every complete frame that is buffered on the socket.
+    void SlotNewData(TMyLocalSocket *socket);
+
+protected:
+    // One repair pass, whatever timer it comes from.
+    void timerEvent(QTimerEvent *event) override;
+
+private:
+    // True when all outgoing connections were up before the pass.
+    [[nodiscard]] bool repairOutConnections(const QByteArray &greeting);
+    void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);
+    void startListening();
+    [[nodiscard]] bool takeBody(TMyLocalSocket *socket, QByteArray &body);
+    void dispatch(BusFrame frame, TMyLocalSocket *socket);
+    void post(TMyLocalSocket *socket, const QByteArray &frame);
+    void send(TMyLocalSocket *socket, const QByteArray &frame);
+
+    bool firstStart = true;
+    TMyLocalServer *server;
+    QString serverName;
+    bool watchArrow = false;
+    QList<TMyLocalSocket *> inConnections;
+    QList<TMyLocalSocket *> outConnections;
+
+public:
+    TMyLocalSocket *adminConnection; // the plugin base sets its name
+};

@@ -1,0 +1,128 @@
+#include "TServerPlugin.h"
+
+#include "BusFrame.h"
+#include "DataBase.h"
+#include "Settings.h"
+#include "TConnector.h"
+#include "TLog.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QSettings>
+#include <QSqlError>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+const QString noName = u"NoName"_s; // what an absent name reads as
+}
+
+TServerPlugin::TServerPlugin(QObject *parent)
+    : QObject(parent)
+    , connector(new TConnector(this))
+{
+}
+
+TServerPlugin::~TServerPlugin()
+{
+    if (!templateSettings)
+        return;
+    const QString file = templateSettings->fileName();
+    delete templateSettings;
+    QFile::remove(file);
+}
+
+void TServerPlugin::Start()
+{
+}
+
+bool TServerPlugin::LoadSettings(QString path)
+{
+    if (path.isEmpty())
+        path = getIniNameDefault(false);
+    QSettings settings(path, QSettings::IniFormat);
+    settings.beginGroup(u"Base"_s);
+    loadLog(settings);
+    loadBase(settings);
+    settings.endGroup();
+
+    // The log is off by default, so a wrong path would otherwise leave no trace at all.
+    if (!QFileInfo::exists(path))
+        qWarning("Settings file \"%s\" does not exist: defaults apply", qPrintable(path));
+    else if (settings.status() != QSettings::NoError)
+        qWarning("Settings file \"%s\" cannot be read in full", qPrintable(path));
+    return true;
+}
+
+void TServerPlugin::loadLog(const QSettings &settings)
+{
+    QString name = settingText(settings, u"LogName"_s, {});
+    if (name.isEmpty())
+        name =
+            TLog::getDirPathDefault(QFileInfo(QCoreApplication::applicationFilePath()).baseName());
+    pLog = new TLog(name); // the log of an earlier load stays: somebody may still hold it
+    pLog->level = settingText(settings, u"Log"_s, u"0"_s).toInt();
+    pLog->Enabled(pLog->level != 0);
+}
+
+void TServerPlugin::loadBase(const QSettings &settings)
+{
+    QString admin = settingText(settings, u"AdminServerName"_s, noName);
+    if (admin == noName) {
+        pLog->Message(tr("Error load settings AdminServerName: NoName "));
+        admin = u"No_AdminServer_name"_s;
+    }
+    connector->adminConnection->name = admin.toUtf8();
+
+    const QString server = settingText(settings, u"ServerName"_s, noName);
+    if (server == noName)
+        pLog->Message(tr("Error load settings ServerName: NoName "));
+    else
+        connector->SetServerName(server);
+
+    const QString connections = settingText(settings, u"Connections"_s, noName);
+    if (connections == noName || connections.isEmpty()) {
+        pLog->Message(tr("Warrning: No Connections "));
+        return;
+    }
+    const QStringList names = connections.split(u' ', Qt::KeepEmptyParts);
+    for (const QString &name : names)
+        connector->addOutServerName(name);
+}
+
+QString TServerPlugin::settingText(
+    const QSettings &settings, const QString &key, const QString &defaultText)
+{
+    return settings.value(key, defaultText).toStringList().join(u',');
+}
+
+QSettings *TServerPlugin::prepareTemplateSettings()
+{
+    if (!templateSettings) {
+        templateSettings = new QSettings(getIniNameDefault(true), QSettings::IniFormat);
+        templateSettings->setFallbacksEnabled(false);
+    }
+    return templateSettings;
+}
+
+bool TServerPlugin::openDataBaseBySettings(
+    QString &connectionName, QSettings &settings, const QString &group, QString databaseName)
+{
+    const QSqlError error = ::openDataBaseBySettings(connectionName, settings, group, databaseName);
+    if (!error.isValid())
+        return true;
+    pLog->Message(tr("Cannot open database %1: %2").arg(databaseName, error.text()));
+    return false;
+}
+
+void TServerPlugin::SetAction(
+    QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection)
+{
+    connector->sendToAdmin(BusFrame::makeAction(action_name, message, data, IDConnection));
+}
+
+void TServerPlugin::SendBusMessage(const QByteArray &iface, const QByteArray &data, int idConnect)
+{
+    connector->sendToAdmin(BusFrame::makeBusMessage(iface, data, idConnect));
+}

@@ -1,0 +1,122 @@
+#include "TLog.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+TLog *pLog = nullptr;
+
+namespace {
+
+constexpr qsizetype maxTextLength = 16'384; // UTF-16 units; a peer's name may be megabytes long
+
+QString pathOf(const QString &name)
+{
+    if (!name.contains(u'/'))
+        return QDir::current().filePath(name + u".log"_s);
+    const QString path = QDir::current().filePath(name);
+    return QFileInfo(path).suffix().isEmpty() ? path + u".log"_s : path;
+}
+
+QString onOneLine(QString text)
+{
+    if (text.endsWith(u'\n'))
+        text.chop(1);
+    text.truncate(maxTextLength);
+    QString line;
+    line.reserve(text.size());
+    for (const QChar c : std::as_const(text)) {
+        if (c == u'\n')
+            line += u"\\n"_s;
+        else if (c == u'\t' || c.category() != QChar::Other_Control)
+            line += c;
+        else
+            line += u"\\x%1"_s.arg(c.unicode(), 2, 16, QChar(u'0'));
+    }
+    return line;
+}
+
+QString timeStamp()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    return now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
+}
+
+} // namespace
+
+TLog::TLog(QString name)
+    : path(pathOf(name))
+{
+}
+
+TLog::~TLog()
+{
+    closeFile();
+}
+
+QString TLog::getDirPathDefault(const QString &executableBaseName)
+{
+    return executableBaseName;
+}
+
+void TLog::Enabled(bool on)
+{
+    enabled = on;
+}
+
+void TLog::Message(QString text)
+{
+    if (!enabled)
+        return;
+    if (!isStillInPlace())
+        closeFile();
+    if (descriptor < 0 && !openFile())
+        return complainOnce("open");
+
+    // One write in append mode: entries of several processes do not mix, and a kill loses none.
+    const QByteArray line = (timeStamp() + u' ' + onOneLine(text) + u'\n').toUtf8();
+    if (::write(descriptor, line.constData(), size_t(line.size())) != line.size())
+        return complainOnce("write");
+    complained = false;
+}
+
+bool TLog::openFile()
+{
+    descriptor = ::open(
+        QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    return descriptor >= 0;
+}
+
+// False once the file was renamed or removed, as log rotation does.
+bool TLog::isStillInPlace() const
+{
+    struct stat opened, named;
+    return descriptor >= 0 && ::fstat(descriptor, &opened) == 0
+        && ::stat(QFile::encodeName(path).constData(), &named) == 0 && opened.st_dev == named.st_dev
+        && opened.st_ino == named.st_ino;
+}
+
+void TLog::closeFile()
+{
+    if (descriptor >= 0)
+        ::close(descriptor);
+    descriptor = -1;
+}
+
+void TLog::complainOnce(const char *action)
+{
+    if (!complained)
+        std::fprintf(stderr, "Cannot %s the log file \"%s\": %s\n", action,
+            QFile::encodeName(path).constData(), std::strerror(errno));
+    complained = true;
+}

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <QString>
+
+// The version of this library, one line.
+[[nodiscard]] QString getHarnixVersion();

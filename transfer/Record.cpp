@@ -1,0 +1,61 @@
+#include "Record.h"
+
+#include <QDataStream>
+#include <QIODevice>
+#include <QtEndian>
+
+#include <array>
+
+namespace {
+
+constexpr int streamVersion = QDataStream::Qt_4_5;
+constexpr std::array acceptedKinds = {"tempdb", "error", "tempdb_t"};
+constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body on the link
+
+} // namespace
+
+DataRecord DataRecord::read(const QByteArray &bytes)
+{
+    DataRecord record;
+    QDataStream stream(bytes);
+    stream.setVersion(streamVersion);
+    stream >> record.kind >> record.fileName >> record.payload;
+    return record;
+}
+
+QByteArray DataRecord::write() const
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream.setVersion(streamVersion);
+    stream << kind << fileName << payload;
+    return bytes;
+}
+
+bool DataRecord::isAccepted() const
+{
+    return std::find(acceptedKinds.begin(), acceptedKinds.end(), kind) != acceptedKinds.end();
+}
+
+QByteArray LinkRecord::make(const QByteArray &body)
+{
+    QByteArray record(lengthSize, Qt::Uninitialized);
+    qToLittleEndian(quint32(body.size()), record.data());
+    return record + body;
+}
+
+std::optional<QByteArray> LinkRecord::Reader::next()
+{
+    if (refused != 0 || buffer.size() < lengthSize)
+        return std::nullopt;
+    const quint32 length = qFromLittleEndian<quint32>(buffer.constData());
+    if (length > maxBody) {
+        refused = length;
+        return std::nullopt;
+    }
+    if (buffer.size() - lengthSize < qsizetype(length))
+        return std::nullopt;
+    const QByteArray body = buffer.sliced(lengthSize, length);
+    buffer.remove(0, lengthSize + length);
+    return body;
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <optional>
+
+// A data record as another module sends it: the data of one data frame of the bus.
+//
+//   field      encoding
+//   kind       byte string: uint32 big-endian count, then the bytes; 0xFFFFFFFF is null
+//   file name  uint32 big-endian count of bytes, then UTF-16 big-endian; 0xFFFFFFFF is null
+//   payload    byte string
+//
+// Its spool file holds the kind's bytes directly followed by the payload.
+struct DataRecord
+{
+    QByteArray kind;
+    QString fileName;
+    QByteArray payload;
+
+    // Lenient: fields that run past the end read as empty; surplus bytes are ignored.
+    [[nodiscard]] static DataRecord read(const QByteArray &bytes);
+    [[nodiscard]] QByteArray write() const;
+
+    // Records of any other kind are nobody's business here.
+    [[nodiscard]] bool isAccepted() const;
+    [[nodiscard]] QByteArray spoolContent() const { return kind + payload; }
+};
+
+// The TCP link carries a plain sequence of records: uint32 little-endian length, then as many
+// bytes, the content of one spool file or the keep-alive text.
+namespace LinkRecord {
+
+inline constexpr char keepAlive[] = "live";
+
+[[nodiscard]] QByteArray make(const QByteArray &body);
+
+// Cuts a link's byte stream, in whatever pieces it arrives, into record bodies.
+class Reader
+{
+public:
+    // Longer records are refused. A body is gathered in memory.
+    explicit Reader(quint32 maxBodyBytes = 1'000'000'000)
+        : maxBody(maxBodyBytes)
+    {
+    }
+
+    void append(const QByteArray &bytes) { buffer += bytes; }
+    // The next whole body; nothing while it is incomplete, and for ever after an oversized length.
+    [[nodiscard]] std::optional<QByteArray> next();
+    // The announced length that was refused; 0 when none was.
+    [[nodiscard]] quint32 refusedLength() const { return refused; }
+    [[nodiscard]] bool isAtRecordBoundary() const { return buffer.isEmpty(); }
+
+private:
+    QByteArray buffer;
+    quint32 maxBody; // bytes
+    quint32 refused = 0;
+};
+
+} // namespace LinkRecord

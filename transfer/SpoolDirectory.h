@@ -1,0 +1,98 @@
+#pragma once
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QString>
+#include <QStringList>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+
+// Where a room without a log of its own puts what an operator should hear.
+using Say = std::function<void(const QString &)>;
+
+// The lock file of a spool directory, as one waiting writer or reader sees it.
+//
+// The file is there while a writer is at work. One that is older than 30 seconds, or that the
+// waiter has seen unchanged for 30 seconds (clocks differ), belongs to nobody and is removed.
+//
+// Owner:   whoever waits, for one wait. The destructor releases an acquired lock.
+// Thread:  any one thread.
+// Errors:  never throws; long waits and removed locks are said, once each.
+class SpoolLock
+{
+    Q_DECLARE_TR_FUNCTIONS(SpoolLock)
+public:
+    using Clock = std::chrono::steady_clock;
+    enum class State {
+        Free,
+        Held,
+        Stuck // it belongs to nobody, but cannot be removed
+    };
+
+    SpoolLock(const QString &directory, Say say);
+    ~SpoolLock();
+    SpoolLock(const SpoolLock &) = delete;
+    SpoolLock &operator=(const SpoolLock &) = delete;
+
+    // One look, without waiting.
+    [[nodiscard]] State look(Clock::time_point now = Clock::now());
+
+    // Waits until the lock is free and takes it; false if it cannot be taken.
+    [[nodiscard]] bool acquire();
+
+private:
+    struct Mark
+    {
+        quint64 inode;
+        qint64 modified; // nanoseconds since the epoch
+        bool operator==(const Mark &) const = default;
+    };
+    [[nodiscard]] static std::optional<Mark> markOf(const QByteArray &path);
+    [[nodiscard]] State removeStale(const Mark &stale);
+
+    const QByteArray directory; // file system encoding, as path
+    const QByteArray path;
+    const Say say;
+    Clock::time_point waitingSince;
+    Clock::time_point unchangedSince;
+    std::optional<Mark> seen;
+    bool saidHeld = false;
+    int descriptor = -1; // of the lock file while it is ours
+};
+
+// The directory in which every record waits as one file until it is sent.
+//
+// Names that begin with a dot are never listed: the lock file and files that are being written.
+//
+// Thread:  any; objects are cheap and hold no state but the path.
+// Errors:  never throws; results say what failed.
+class SpoolDirectory
+{
+public:
+    enum class WriteResult { Written, NoLock, NoFile };
+
+    explicit SpoolDirectory(QString path);
+
+    // Writes a file under the lock, whole or not at all, replacing one of the same name. Only plain
+    // names can be written: not empty, no "/" or zero character, no dot in front.
+    [[nodiscard]] WriteResult write(
+        const QString &name, const QByteArray &content, const Say &say) const;
+
+    // The files that wait, in the order of sending: by name, ignoring letter case.
+    [[nodiscard]] QStringList list() const;
+
+    // Nothing if the file is gone, unreadable, not a regular file or larger than 4 GiB.
+    [[nodiscard]] std::optional<QByteArray> read(const QString &name) const;
+
+    // False if the file is still there afterwards.
+    [[nodiscard]] bool remove(const QString &name) const;
+
+    [[nodiscard]] QString pathOf(const QString &name) const { return path + u'/' + name; }
+
+private:
+    [[nodiscard]] bool writeWhole(const QString &name, const QByteArray &content) const;
+
+    QString path;
+};
