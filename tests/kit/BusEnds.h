@@ -1,0 +1,90 @@
+#pragma once
+
+#include "BusFrame.h"
+
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QtEndian>
+
+// A server of the bus, as another module or the administration server is one. It keeps the bytes of
+// all its connections together.
+class BusServer : public QLocalServer
+{
+public:
+    explicit BusServer(const QString &name)
+    {
+        connect(
+            this, &QLocalServer::newConnection, this, [this] { accept(nextPendingConnection()); });
+        if (!listen(name))
+            qFatal("cannot listen on %s", qPrintable(name));
+    }
+
+    [[nodiscard]] QList<BusFrame> frames() const
+    {
+        QList<BusFrame> result;
+        qsizetype at = 0;
+        while (at + 4 <= received.size()) {
+            const qint32 length = qFromBigEndian<qint32>(received.constData() + at);
+            if (length < 0 || at + 4 + length > received.size())
+                break;
+            result.append(BusFrame::read(received.sliced(at + 4, length)));
+            at += 4 + length;
+        }
+        return result;
+    }
+
+    // "kind name message data id" of every frame, one line each.
+    [[nodiscard]] QStringList heard() const
+    {
+        QStringList lines;
+        for (const BusFrame &frame : frames())
+            lines.append(QString::number(frame.kind) + u' ' + QString::fromUtf8(frame.name) + u' '
+                + QString::fromUtf8(frame.message) + u' ' + QString::fromUtf8(frame.data) + u' '
+                + QString::number(frame.id));
+        return lines;
+    }
+
+    void send(const QByteArray &bytes)
+    {
+        for (QLocalSocket *socket : std::as_const(sockets))
+            socket->write(bytes);
+    }
+
+    void dropConnections()
+    {
+        const QList<QLocalSocket *> all = sockets;
+        sockets.clear();
+        for (QLocalSocket *socket : all)
+            socket->abort();
+    }
+
+    QList<QLocalSocket *> sockets;
+    QByteArray received;
+    bool reading = true;
+
+private:
+    void accept(QLocalSocket *socket)
+    {
+        sockets.append(socket);
+        if (!reading)
+            return socket->setReadBufferSize(1);
+        connect(socket, &QIODevice::readyRead, this, [=, this] { received += socket->readAll(); });
+    }
+};
+
+// Connects to a module's bus name, as a sending module does.
+class BusClient : public QLocalSocket
+{
+public:
+    explicit BusClient(const QString &name)
+    {
+        connectToServer(name);
+        if (!waitForConnected(5'000))
+            qFatal("cannot connect to %s", qPrintable(name));
+    }
+    void send(const QByteArray &bytes)
+    {
+        write(bytes);
+        flush();
+    }
+};

@@ -1,0 +1,496 @@
+#include "BusEnds.h"
+#include "TConnector.h"
+#include "TServerPlugin.h"
+#include "Workplace.h"
+
+#include <QCoreApplication>
+#include <QSignalSpy>
+#include <QTest>
+#include <QTimerEvent>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QByteArray hex(const char *digits)
+{
+    return QByteArray::fromHex(digits);
+}
+
+QByteArray headerOnly(qint32 length)
+{
+    QByteArray bytes(4, '\0');
+    qToBigEndian(length, bytes.data());
+    return bytes;
+}
+
+QString shown(const BusFrame &f)
+{
+    return u"%1|%2|%3|%4|%5"_s.arg(QString::number(f.kind), QString::fromUtf8(f.name),
+        QString::fromUtf8(f.message), QString::fromUtf8(f.data), QString::number(f.id));
+}
+
+// A plugin whose bus is driven pass by pass, and all that it hears.
+class Bench : public TServerPlugin
+{
+public:
+    Bench()
+    {
+        connect(connector, &TConnector::NewData, this,
+            [this](uchar version, QByteArray &data, TMyLocalSocket *from) {
+                hear(u"data %1 %2 from %3"_s.arg(QString::number(version), QString::fromUtf8(data),
+                    QString::fromUtf8(from->name)));
+                if (abortOnData)
+                    from->abort();
+            });
+        connect(connector, &TConnector::NewCommand, this,
+            [this](QByteArray &name, QByteArray &data, int id) {
+                hear(u"command %1 %2 %3"_s.arg(
+                    QString::fromUtf8(name), QString::fromUtf8(data), QString::number(id)));
+            });
+        connect(connector, &TConnector::NewAction, this,
+            [this](QByteArray &name, QByteArray &message, QByteArray &data, int id) {
+                hear(u"action %1 %2 %3 %4"_s.arg(QString::fromUtf8(name),
+                    QString::fromUtf8(message), QString::fromUtf8(data), QString::number(id)));
+            });
+        connect(connector, &TConnector::NewBusMessage, this,
+            [this](const QByteArray &iface, const QByteArray &data, int id) {
+                hear(u"bus message %1 %2 %3"_s.arg(
+                    QString::fromUtf8(iface), QString::fromUtf8(data), QString::number(id)));
+            });
+    }
+
+    void pass()
+    {
+        QTimerEvent event(1);
+        QCoreApplication::sendEvent(connector, &event);
+    }
+
+    // Brings the bus up under the name "me".
+    void start(const QString &admin = {})
+    {
+        connector->adminConnection->name = admin.toUtf8();
+        connector->SetServerName(u"me"_s);
+        pass();
+        pass();
+        place.forgetLog();
+    }
+
+    TConnector &bus() { return *connector; }
+
+    const Workplace place;
+    QStringList heard;
+    qsizetype heardBytes = 0;
+    bool abortOnData = false;
+
+private:
+    void hear(const QString &what)
+    {
+        heard.append(what.left(200));
+        heardBytes += what.size();
+    }
+};
+
+} // namespace
+
+class TestBus : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void frameBytes_data();
+    void frameBytes();
+    void frameThatEndsEarlyReadsAsEmptyFields();
+    void frameThatLiesReadsAsEmptyFields_data();
+    void frameThatLiesReadsAsEmptyFields();
+
+    void startUpKeepsItsOrder();
+    void absentServerHoldsStartUpBack();
+    void runningBusRepairsEverythingInOnePass();
+    void serverThatVanishesDuringThePassIsReplaced();
+    void lossOfTheAdministrationServerEndsTheLoop();
+    void connectionsAreNamedAndLogged();
+
+    void framesArriveInAnyPieces();
+    void lengthsAreBounded_data();
+    void lengthsAreBounded();
+    void slotMayCloseTheSocketItHearsFrom();
+    void watchModeMirrorsData();
+
+    void dataGoesToWhomItIsFor();
+    void administrationServerThatNeverReadsCostsBoundedMemory();
+    void baseSettingsReachTheConnector_data();
+    void baseSettingsReachTheConnector();
+};
+
+// --- bytes ---
+
+void TestBus::frameBytes_data()
+{
+    QTest::addColumn<QByteArray>("frame");
+    QTest::addColumn<QByteArray>("bytes");
+    QTest::addColumn<QString>("readBack");
+    QTest::newRow("data") << BusFrame::makeData(1, "AB") << hex("00000007 01 00000002 4142")
+                          << u"1|||AB|0"_s;
+    QTest::newRow("data of version 201")
+        << BusFrame::makeData(201, "A") << hex("00000006 c9 00000001 41") << u"201|||A|0"_s;
+    QTest::newRow("null data") << BusFrame::makeData(7, QByteArray()) << hex("00000005 07 ffffffff")
+                               << u"7||||0"_s;
+    QTest::newRow("empty data") << BusFrame::makeData(7, "") << hex("00000005 07 00000000")
+                                << u"7||||0"_s;
+    QTest::newRow("name") << BusFrame::makeName("node1") << hex("0000000a c8 00000005 6e6f646531")
+                          << u"200|node1|||0"_s;
+    QTest::newRow("command") << BusFrame::makeCommand("Watch_Arrow_On", "", 5)
+                             << hex("0000001b cb 0000000e 57617463685f4172726f775f4f6e 00000000"
+                                    "00000005")
+                             << u"203|Watch_Arrow_On|||5"_s;
+    QTest::newRow("action") << BusFrame::makeAction("InData", "m", "d", -1)
+                            << hex("00000024 ca 00000006 496e44617461 00000001 6d 00000001 64 01"
+                                   "ffff ffff 0000 0000 0000 ffffffff")
+                            << u"202|InData|m|d|-1"_s;
+    QTest::newRow("bus message") << BusFrame::makeBusMessage("if", "d", 258)
+                                 << hex("00000010 cc 00000002 6966 00000001 64 00000102")
+                                 << u"204|if||d|258"_s;
+}
+
+void TestBus::frameBytes()
+{
+    QFETCH(QByteArray, frame);
+    QFETCH(QByteArray, bytes);
+    QCOMPARE(frame.toHex(' '), bytes.toHex(' '));
+    QTEST(shown(BusFrame::read(bytes.sliced(4))), "readBack");
+}
+
+void TestBus::frameThatEndsEarlyReadsAsEmptyFields()
+{
+    const QByteArray whole = BusFrame::makeAction("About", "text", "data", 77).sliced(4);
+    for (qsizetype length = 0; length < whole.size(); ++length) {
+        const BusFrame frame = BusFrame::read(whole.left(length));
+        QCOMPARE(frame.name, QByteArray(length >= 10 ? "About" : ""));
+        QCOMPARE(frame.message, QByteArray(length >= 18 ? "text" : ""));
+        QCOMPARE(frame.data, QByteArray(length >= 26 ? "data" : ""));
+        QCOMPARE(frame.id, 0);
+    }
+    QCOMPARE(BusFrame::read(whole + "surplus").id, 77);
+}
+
+void TestBus::frameThatLiesReadsAsEmptyFields_data()
+{
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("read");
+    QTest::newRow("empty body") << QByteArray() << u"0||||0"_s;
+    QTest::newRow("count of 2 GB") << hex("cb 7fffffff 4142 00000000 00000005") << u"203||||0"_s;
+    QTest::newRow("count one too many") << hex("c8 00000003 4142") << u"200||||0"_s;
+    QTest::newRow("null count") << hex("cb ffffffff 00000001 41 00000005") << u"203|||A|5"_s;
+}
+
+void TestBus::frameThatLiesReadsAsEmptyFields()
+{
+    QFETCH(QByteArray, body);
+    QTEST(shown(BusFrame::read(body)), "read");
+}
+
+// --- connections ---
+
+void TestBus::startUpKeepsItsOrder()
+{
+    Bench bench;
+    BusServer other(u"other"_s);
+    BusServer admin(u"admin"_s);
+    bench.bus().adminConnection->name = "admin";
+    bench.bus().addOutServerName(u"other"_s);
+    bench.bus().addOutServerName(u"other"_s);
+    bench.bus().SetServerName(u"me"_s);
+    QCOMPARE(bench.bus().outgoing().size(), 1);
+
+    const QString up = u"New Out Connnection"_s;
+    bench.pass();
+    QTRY_COMPARE(other.heard(), QStringList{u"200 me   0"_s});
+    QCOMPARE(bench.place.logged(), QStringList{up});
+    bench.pass();
+    QTRY_COMPARE(admin.heard(), QStringList{u"200 me   0"_s});
+    QCOMPARE(bench.place.logged(), QStringList({up, up}));
+    bench.pass();
+    QCOMPARE(bench.place.logged(), QStringList({up, up, u"Start server: me Ok!!!! "_s}));
+    bench.pass();
+    QCOMPARE(bench.place.logged().size(), 3);
+    QCOMPARE(other.sockets.size() + admin.sockets.size(), 2);
+}
+
+void TestBus::absentServerHoldsStartUpBack()
+{
+    Bench bench;
+    BusServer admin(u"admin"_s);
+    bench.bus().addOutServerName(u"absent"_s);
+    bench.start(u"admin"_s);
+    bench.pass();
+    QCOMPARE(bench.place.logged(),
+        QStringList{
+            u"Connnection Out Error: absent QLocalSocket::connectToServer: Invalid name"_s});
+    QCOMPARE(bench.bus().adminConnection->state(), QLocalSocket::UnconnectedState);
+    QVERIFY(!QFile::exists(bench.place.path(u"me"_s)));
+
+    BusServer late(u"absent"_s);
+    bench.pass();
+    bench.pass();
+    bench.pass();
+    QVERIFY(QFile::exists(bench.place.path(u"me"_s)));
+}
+
+void TestBus::runningBusRepairsEverythingInOnePass()
+{
+    Bench bench;
+    auto other = std::make_unique<BusServer>(u"other"_s);
+    bench.bus().addOutServerName(u"other"_s);
+    bench.bus().addOutServerName(u"second"_s);
+    BusServer second(u"second"_s);
+    bench.start();
+    QTRY_COMPARE(other->sockets.size(), 1);
+
+    other.reset();
+    QTRY_COMPARE(bench.place.logged(),
+        QStringList({u"Connnection Out Error: other QLocalSocket: Remote closed"_s,
+            u"Connnection Disconnect: other"_s}));
+    QCOMPARE(bench.bus().outgoing().size(), 2);
+    QCOMPARE(bench.bus().outgoing().last()->name, QByteArray("other"));
+
+    BusServer back(u"other"_s);
+    bench.pass();
+    QTRY_COMPARE(back.heard(), QStringList{u"200 me   0"_s});
+}
+
+void TestBus::serverThatVanishesDuringThePassIsReplaced()
+{
+    Bench bench;
+    QList<BusServer *> servers;
+    for (const QString &name : {u"a"_s, u"b"_s, u"c"_s}) {
+        servers.append(new BusServer(name));
+        bench.bus().addOutServerName(name);
+    }
+    // The connection that has just come up is lost inside its own pass, while the list is walked.
+    connect(bench.bus().outgoing().first(), &QLocalSocket::connected, this,
+        [&] { bench.bus().outgoing().first()->abort(); });
+    bench.bus().SetServerName(u"me"_s);
+    bench.pass();
+    QTRY_COMPARE(servers.at(2)->heard(), QStringList{u"200 me   0"_s});
+    QStringList names;
+    for (const TMyLocalSocket *socket : bench.bus().outgoing())
+        names.append(QString::fromUtf8(socket->name));
+    QCOMPARE(names, QStringList({u"b"_s, u"c"_s, u"a"_s}));
+    qDeleteAll(servers);
+}
+
+void TestBus::lossOfTheAdministrationServerEndsTheLoop()
+{
+    Bench bench;
+    BusServer admin(u"admin"_s);
+    bench.start(u"admin"_s);
+    QTRY_COMPARE(admin.sockets.size(), 1);
+    QMetaObject::invokeMethod(
+        &admin, [&] { admin.dropConnections(); }, Qt::QueuedConnection);
+    QCOMPARE(QCoreApplication::exec(), 5);
+    QVERIFY(bench.place.logged().contains(u"Admin connection is closed. Stopping application."_s));
+}
+
+void TestBus::connectionsAreNamedAndLogged()
+{
+    Bench bench;
+    bench.start();
+    {
+        BusClient client(u"me"_s);
+        client.send(BusFrame::makeName("node1"));
+        QTRY_COMPARE(bench.bus().incoming().size(), 1);
+        QTRY_COMPARE(bench.bus().incoming().first()->name, QByteArray("node1"));
+    }
+    QTRY_VERIFY(bench.bus().incoming().isEmpty());
+    QCOMPARE(bench.place.logged(),
+        QStringList({u"New In Connection "_s, u"Connection in disconnection: node1"_s,
+            u"Connection In Error: node1"_s}));
+}
+
+// --- receiving ---
+
+void TestBus::framesArriveInAnyPieces()
+{
+    Bench bench;
+    bench.start();
+    BusClient client(u"me"_s);
+    const QByteArray frames = BusFrame::makeName("peer") + BusFrame::makeData(7, "one")
+        + headerOnly(0) + headerOnly(-5) + BusFrame::makeData(9, "")
+        + BusFrame::makeAction("act", "text", "data", 3) + BusFrame::makeBusMessage("if", "d", 4)
+        + BusFrame::makeCommand("About", "x", 5) + hex("00000006 cb 00000001 51")
+        + BusFrame::makeData(201, "two");
+    const QStringList expected = {u"data 7 one from peer"_s, u"action act text data 3"_s,
+        u"bus message if d 4"_s, u"command About x 5"_s, u"command Q  0"_s,
+        u"data 201 two from peer"_s};
+
+    client.send(frames);
+    QTRY_COMPARE(bench.heard, expected);
+    bench.heard.clear();
+    for (const char byte : frames) {
+        client.send(QByteArray(1, byte));
+        QCoreApplication::processEvents();
+    }
+    QTRY_COMPARE(bench.heard, expected);
+}
+
+void TestBus::lengthsAreBounded_data()
+{
+    QTest::addColumn<qint32>("length");
+    QTest::addColumn<bool>("closed");
+    QTest::newRow("40 million are waited for") << 40'000'000 << false;
+    QTest::newRow("50 million are waited for") << 50'000'000 << false;
+    QTest::newRow("one more is cut off") << 50'000'001 << true;
+    QTest::newRow("2 thousand million are cut off") << 2'000'000'000 << true;
+}
+
+void TestBus::lengthsAreBounded()
+{
+    QFETCH(qint32, length);
+    QFETCH(bool, closed);
+    Bench bench;
+    bench.start();
+    BusClient client(u"me"_s);
+    client.send(headerOnly(length) + "\1");
+    if (closed) {
+        QTRY_COMPARE(client.state(), QLocalSocket::UnconnectedState);
+        QVERIFY(bench.bus().incoming().isEmpty());
+        return;
+    }
+    const qint32 count = length - 5;
+    client.write(headerOnly(count) + QByteArray(count, 'x') + BusFrame::makeData(2, "next"));
+    QTRY_COMPARE_WITH_TIMEOUT(bench.heard.size(), 2, 20'000);
+    QCOMPARE(bench.heardBytes, qsizetype(count) + 12 + 18);
+}
+
+void TestBus::slotMayCloseTheSocketItHearsFrom()
+{
+    Bench bench;
+    bench.abortOnData = true;
+    bench.start();
+    BusClient client(u"me"_s);
+    client.send(BusFrame::makeData(1, "first") + BusFrame::makeData(1, "second"));
+    QTRY_COMPARE(client.state(), QLocalSocket::UnconnectedState);
+    QCOMPARE(bench.heard.size(), 1);
+    QVERIFY(bench.bus().incoming().isEmpty());
+}
+
+void TestBus::watchModeMirrorsData()
+{
+    Bench bench;
+    BusServer admin(u"admin"_s);
+    bench.start(u"admin"_s);
+    bench.pass();
+    BusClient client(u"me"_s);
+    client.send(BusFrame::makeData(7, "unseen") + BusFrame::makeCommand("Watch_Arrow_On", "", 1)
+        + BusFrame::makeData(7, "seen") + BusFrame::makeData(7, "")
+        + BusFrame::makeCommand("Watch_Arrow_Off", "", 1) + BusFrame::makeData(7, "unseen"));
+    QTRY_COMPARE(bench.heard.size(), 3);
+    QTRY_COMPARE(admin.heard(), QStringList({u"200 me   0"_s, u"202 Watch_Arrow 7 seen -1"_s}));
+}
+
+// --- sending ---
+
+void TestBus::dataGoesToWhomItIsFor()
+{
+    Bench bench;
+    BusServer other(u"other"_s);
+    bench.bus().addOutServerName(u"other"_s);
+    bench.bus().addOutServerName(u"gone"_s);
+    auto gone = std::make_unique<BusServer>(u"gone"_s);
+    bench.start();
+    BusClient both(u"me"_s);
+    both.send(BusFrame::makeName("other"));
+    BusClient nameless(u"me"_s);
+    QTRY_COMPARE(bench.bus().incoming().size(), 2);
+    QTRY_COMPARE(bench.bus().incoming().first()->name, QByteArray("other"));
+    gone.reset();
+
+    QByteArray text("x");
+    bench.bus().SetData(1, u"other"_s, text);
+    bench.bus().SetData(1, u"nobody"_s, text);
+    bench.bus().SetDataAll(2, text);
+    bench.bus().SetOutDataAll(3, text);
+    const QByteArray toAll = BusFrame::makeData(2, text);
+    QTRY_COMPARE(
+        other.heard(), QStringList({u"200 me   0"_s, u"1   x 0"_s, u"2   x 0"_s, u"3   x 0"_s}));
+    QTRY_COMPARE(both.bytesAvailable(), 2 * toAll.size());
+    QTRY_COMPARE(nameless.bytesAvailable(), toAll.size());
+    QCOMPARE(nameless.readAll(), toAll);
+}
+
+void TestBus::administrationServerThatNeverReadsCostsBoundedMemory()
+{
+    Bench bench;
+    BusServer admin(u"admin"_s);
+    admin.reading = false;
+    bench.start(u"admin"_s);
+    QTRY_COMPARE(admin.sockets.size(), 1);
+
+    QByteArray name("InData"), text(1'000'000, 'x'), none("");
+    for (int i = 0; i < 60; ++i)
+        bench.SetAction(name, text, none, -1);
+    QVERIFY(bench.bus().adminConnection->bytesToWrite() < 20'000'000);
+    QCOMPARE(bench.place.logged().filter(u"does not read"_s).size(), 1);
+
+    // Once it reads again it hears what is new, from a frame boundary on.
+    connect(admin.sockets.first(), &QIODevice::readyRead, &admin,
+        [&] { admin.received += admin.sockets.first()->readAll(); });
+    admin.sockets.first()->setReadBufferSize(0);
+    admin.received += admin.sockets.first()->readAll();
+    QTRY_COMPARE(bench.bus().adminConnection->bytesToWrite(), 0);
+    text = "again";
+    bench.SetAction(name, text, none, -1);
+    QTRY_COMPARE(admin.heard().last(), u"202 InData again  -1"_s);
+}
+
+void TestBus::baseSettingsReachTheConnector_data()
+{
+    QTest::addColumn<QByteArray>("lines");
+    QTest::addColumn<QString>("admin");
+    QTest::addColumn<QString>("server");
+    QTest::addColumn<QStringList>("connections");
+    QTest::addColumn<QStringList>("logged");
+    const QString noAdmin = u"Error load settings AdminServerName: NoName "_s;
+    const QString noServer = u"Error load settings ServerName: NoName "_s;
+    const QString noConnections = u"Warrning: No Connections "_s;
+    QTest::newRow("nothing given")
+        << QByteArray() << u"No_AdminServer_name"_s << u""_s << QStringList()
+        << QStringList({noAdmin, noServer, noConnections});
+    QTest::newRow("explicit NoName is as good as nothing")
+        << QByteArray("AdminServerName=NoName\nServerName=NoName\nConnections=NoName\n")
+        << u"No_AdminServer_name"_s << u""_s << QStringList()
+        << QStringList({noAdmin, noServer, noConnections});
+    QTest::newRow("empty names are names")
+        << QByteArray("AdminServerName=\nServerName=\nConnections=\n") << u""_s << u""_s
+        << QStringList() << QStringList{noConnections};
+    QTest::newRow("each blank separates")
+        << QByteArray("AdminServerName=adm\nServerName=me\nConnections=a  b noname a\n") << u"adm"_s
+        << u"me"_s << QStringList({u"a"_s, u""_s, u"b"_s, u"noname"_s}) << QStringList();
+    QTest::newRow("a comma is part of the text")
+        << QByteArray("AdminServerName=a,b\nServerName=me\nConnections=\"c,d e\"\n") << u"a,b"_s
+        << u"me"_s << QStringList({u"c,d"_s, u"e"_s}) << QStringList();
+}
+
+void TestBus::baseSettingsReachTheConnector()
+{
+    QFETCH(QByteArray, lines);
+    Bench bench;
+    const QString log = bench.place.path(u"base.log"_s);
+    bench.LoadSettings(
+        bench.place.writeFile(u"a.ini"_s, "[Base]\nLog=2\nLogName=" + log.toUtf8() + '\n' + lines));
+    QTEST(QString::fromUtf8(bench.bus().adminConnection->name), "admin");
+    QTEST(bench.bus().GetServerName(), "server");
+    QStringList connections;
+    for (const TMyLocalSocket *socket : bench.bus().outgoing())
+        connections.append(QString::fromUtf8(socket->name));
+    QTEST(connections, "connections");
+    QStringList logged;
+    for (const QByteArray &line : bench.place.readFile(u"base.log"_s).split('\n'))
+        if (!line.isEmpty())
+            logged.append(QString::fromUtf8(line.sliced(line.indexOf(' ') + 1)));
+    QTEST(logged, "logged");
+    QCOMPARE(pLog->level, 2);
+}
+
+QTEST_GUILESS_MAIN(TestBus)
+#include "tst_bus.moc"
