@@ -484,11 +484,7 @@ void TestBus::baseSettingsReachTheConnector()
     for (const TMyLocalSocket *socket : bench.bus().outgoing())
         connections.append(QString::fromUtf8(socket->name));
     QTEST(connections, "connections");
-    QStringList logged;
-    for (const QByteArray &line : bench.place.readFile(u"base.log"_s).split('\n'))
-        if (!line.isEmpty())
-            logged.append(QString::fromUtf8(line.sliced(line.indexOf(' ') + 1)));
-    QTEST(logged, "logged");
+    QTEST(bench.place.Folder::logged(u"base.log"_s), "logged");
     QCOMPARE(pLog->level, 2);
 }
 

@@ -1,4 +1,314 @@
-int main()
+#include "BusEnds.h"
+#include "Morvane.h"
+#include "Record.h"
+#include "TConnector.h"
+#include "TcpPeer.h"
+#include "Workplace.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QTest>
+#include <QTimerEvent>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// A module with an administration server, its settings file and its spool.
+class Bench
 {
-    return 0;
+public:
+    explicit Bench(const QByteArray &mainLines)
+    {
+        module.LoadSettings(place.writeFile(u"m.ini"_s,
+            "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
+                + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'
+                + mainLines));
+        QTimerEvent event(1);
+        QCoreApplication::sendEvent(module.findChild<TConnector *>(), &event);
+    }
+
+    void command(const char *name, const QByteArray &data = {}, int id = 1)
+    {
+        QByteArray text(name), argument = data;
+        module.AdminCommand(text, argument, id, nullptr);
+    }
+
+    void record(const char *kind, const QString &name, const QByteArray &payload)
+    {
+        QByteArray data = DataRecord{kind, name, payload}.write();
+        module.NewData(1, data, nullptr);
+    }
+
+    // The messages of all "InData" actions.
+    [[nodiscard]] QStringList reports() const
+    {
+        QStringList texts;
+        for (const BusFrame &frame : admin.frames()) {
+            if (frame.name == "InData" && frame.data.isEmpty() && frame.id == -1)
+                texts.append(QString::fromUtf8(frame.message));
+        }
+        return texts;
+    }
+
+    [[nodiscard]] QStringList spooled() const
+    {
+        return QDir(spool).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    }
+
+    const Workplace place;
+    BusServer admin{u"admin"_s};
+    const QString spool = place.makeFolder(u"spool"_s);
+    Morvane module;
+};
+
+QByteArray tcp(const TcpPeer &peer)
+{
+    return "Protocol=TCP\nReconnectionTimeout=1\nPort=" + QByteArray::number(peer.serverPort())
+        + '\n';
 }
+
+} // namespace
+
+class TestModule : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void numbersKeepSixteenBits_data();
+    void numbersKeepSixteenBits();
+    void aboutTextIsExact();
+    void quitEndsTheLoopAndOtherCommandsDoNot();
+
+    void recordBecomesSpoolFile_data();
+    void recordBecomesSpoolFile();
+    void failuresAreLogged();
+    void unsendableProtocolDropsButReports();
+
+    void spoolIsSentInOrderAndRecordsFollow();
+    void outageKeepsRecordsAndTheLinkComesBack();
+    void linkEventsAreReportedWhileTheWatchIsOn();
+    void hostThatIsNoAddressIsTriedOnceASecond();
+    void keepAliveIsSent();
+    void secondStartDisturbsNothing();
+};
+
+// --- settings and commands ---
+
+void TestModule::numbersKeepSixteenBits_data()
+{
+    QTest::addColumn<QByteArray>("lines");
+    QTest::addColumn<QString>("shown"); // local port, port, host, timeout
+    QTest::newRow("defaults") << QByteArray() << u"9000 7071 127.0.0.1 1000"_s;
+    QTest::newRow("low 16 bits") << QByteArray("Port=65536\nLocalPort=70000\nTimeout=-1\n")
+                                 << u"4464 0 127.0.0.1 65535"_s;
+    QTest::newRow("no numbers") << QByteArray("Port=x\nLocalPort=\nTimeout=99999999999\n")
+                                << u"0 0 127.0.0.1 0"_s;
+    QTest::newRow("host with a comma") << QByteArray("Host=a,b\n") << u"9000 7071 a,b 1000"_s;
+}
+
+void TestModule::numbersKeepSixteenBits()
+{
+    QFETCH(QByteArray, lines);
+    Bench bench(lines);
+    bench.command("About");
+    QTRY_COMPARE(bench.admin.frames().size(), 2);
+    const QStringList about = QString::fromUtf8(bench.admin.frames().last().message).split(u'\n');
+    QStringList values;
+    for (const QString &line : about.sliced(7, 4))
+        values.append(line.section(u": "_s, 1));
+    QTEST(values.join(u' '), "shown");
+}
+
+void TestModule::aboutTextIsExact()
+{
+    Bench bench("LocalPort=1\nPort=2\nHost=::1\nTimeout=3\n");
+    bench.command("About", "ignored", 42);
+    QTRY_COMPARE(bench.admin.frames().size(), 2);
+    const BusFrame reply = bench.admin.frames().last();
+    QCOMPARE(reply.kind, uchar(BusFrame::Action));
+    QCOMPARE(reply.name, QByteArray("About"));
+    QCOMPARE(reply.id, 42);
+    QCOMPARE(QString::fromUtf8(reply.message),
+        u"----\nИнформация о сборке.\nВерсия модуля: 5.4.18:eb0bac411f09\nВерсия Harnix: 1.0.0\n\n"
+        "----\nИнформация о работе модуля.\nЛокальный UDP-порт: 1\nУдаленный UDP-порт: 2\n"
+        "Удаленный хост: ::1\nТаймаут передачи: 3\n"_s);
+    QVERIFY(bench.admin.received.endsWith(QByteArray::fromHex("00000000 01 ffff ffff 0000 0000 0000"
+                                                              "0000002a")));
+}
+
+void TestModule::quitEndsTheLoopAndOtherCommandsDoNot()
+{
+    Bench bench("");
+    QMetaObject::invokeMethod(
+        &bench.module,
+        [&] {
+            for (const char *name : {"quitsignal", "QuitSignal ", "", "input_data_on"})
+                bench.command(name);
+        },
+        Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        &bench.module,
+        [&] {
+            QMetaObject::invokeMethod(
+                &bench.module, [&] { bench.command("QuitSignal", "any"); }, Qt::QueuedConnection);
+        },
+        Qt::QueuedConnection);
+    QCOMPARE(QCoreApplication::exec(), 0);
+    QCOMPARE(bench.admin.frames().size(), 1);
+}
+
+// --- records in ---
+
+void TestModule::recordBecomesSpoolFile_data()
+{
+    QTest::addColumn<QByteArray>("kind");
+    QTest::addColumn<QByteArray>("payload");
+    QTest::addColumn<bool>("kept");
+    QTest::newRow("tempdb") << QByteArray("tempdb") << QByteArray("\0\1AB", 4) << true;
+    QTest::newRow("error") << QByteArray("error") << QByteArray("x") << true;
+    QTest::newRow("tempdb_t without payload") << QByteArray("tempdb_t") << QByteArray() << true;
+    QTest::newRow("another kind") << QByteArray("tempdb_") << QByteArray("x") << false;
+    QTest::newRow("other letters") << QByteArray("Error") << QByteArray("x") << false;
+}
+
+void TestModule::recordBecomesSpoolFile()
+{
+    QFETCH(QByteArray, kind);
+    QFETCH(QByteArray, payload);
+    QFETCH(bool, kept);
+    Bench bench("Protocol=UDP\n");
+    bench.record(kind.constData(), u"unwatched"_s, "x");
+    bench.command("Input_Data_On");
+    bench.record(kind.constData(), u"файл"_s, payload);
+    bench.command("Input_Data_Off");
+    if (!kept) {
+        QVERIFY(bench.spooled().isEmpty());
+        return;
+    }
+    QCOMPARE(bench.spooled(), QStringList({u"unwatched"_s, u"файл"_s}));
+    QCOMPARE(bench.place.readFile(u"spool/файл"_s), kind + payload);
+    QTRY_COMPARE(bench.reports(), QStringList{u"New data: файл"_s});
+}
+
+void TestModule::failuresAreLogged()
+{
+    Bench bench("Protocol=UDP\n");
+    bench.place.forgetLog();
+    bench.record("error", u""_s, "x");
+    bench.record("error", u"../x"_s, "x");
+    QCOMPARE(bench.place.logged(), QStringList(2, u"Can not create temporary file"_s));
+    QVERIFY(bench.spooled().isEmpty() && !QFile::exists(bench.place.path(u"x"_s)));
+
+    QVERIFY(QDir().rmdir(bench.spool));
+    bench.record("error", u"f"_s, "x");
+    QCOMPARE(bench.place.logged().last(), u"Can not open lock-file"_s);
+}
+
+void TestModule::unsendableProtocolDropsButReports()
+{
+    Bench bench("Protocol=tcp\n");
+    bench.module.Start();
+    bench.command("Input_Data_On");
+    bench.record("error", u"f"_s, "x");
+    QTRY_COMPARE(bench.reports(), QStringList{u"New data: f"_s});
+    QVERIFY(bench.spooled().isEmpty());
+}
+
+// --- the TCP link ---
+
+void TestModule::spoolIsSentInOrderAndRecordsFollow()
+{
+    TcpPeer peer;
+    Bench bench(tcp(peer));
+    for (const QString &name : {u"B"_s, u"c"_s, u"a"_s})
+        bench.record("error", name, name.toUtf8());
+    QCOMPARE(bench.spooled().size(), 3);
+    bench.module.Start();
+    QTRY_COMPARE(peer.bodies, QByteArrayList({"errora", "errorB", "errorc"}));
+    QVERIFY(bench.spooled().isEmpty());
+    bench.record("tempdb", u"later"_s, QByteArray(1'000'000, 'x'));
+    QTRY_COMPARE(peer.bodies.size(), 4);
+    QCOMPARE(peer.bodies.last(), "tempdb" + QByteArray(1'000'000, 'x'));
+}
+
+void TestModule::outageKeepsRecordsAndTheLinkComesBack()
+{
+    auto peer = std::make_unique<TcpPeer>();
+    const quint16 port = peer->serverPort();
+    Bench bench(tcp(*peer));
+    bench.command("Input_Data_On");
+    bench.module.Start();
+    QTRY_VERIFY(peer->socket);
+    for (int outage = 1; outage <= 2; ++outage) {
+        peer.reset();
+        QTRY_COMPARE(bench.reports().filter(u"Socket error: 1"_s).size(), outage);
+        bench.record("error", u"waits"_s, "1");
+        bench.record("error", u"Waits"_s, "2");
+        QCOMPARE(bench.spooled().size(), 2);
+        peer = std::make_unique<TcpPeer>(port);
+        QTRY_COMPARE(peer->bodies, QByteArrayList({"error2", "error1"}));
+        QVERIFY(bench.spooled().isEmpty());
+    }
+}
+
+void TestModule::linkEventsAreReportedWhileTheWatchIsOn()
+{
+    auto peer = std::make_unique<TcpPeer>();
+    const quint16 port = peer->serverPort();
+    Bench bench(tcp(*peer));
+    peer.reset();
+    bench.module.Start();
+    bench.command("Input_Data_On");
+    QTRY_VERIFY(!bench.reports().isEmpty());
+    QCOMPARE(bench.reports().first(), u"Socket error: 0"_s);
+    peer = std::make_unique<TcpPeer>(port);
+    QTRY_COMPARE(bench.reports().last(), u"Connection established."_s);
+    bench.module.Debug("text of another \xD1\x84");
+    QTRY_COMPARE(bench.reports().last(), u"text of another ф"_s);
+    bench.command("Input_Data_Off");
+    const qsizetype reported = bench.reports().size();
+    bench.module.Debug("unheard");
+    peer->socket->abort();
+    peer->socket = nullptr;
+    QTRY_VERIFY(peer->socket);
+    bench.command("Input_Data_On");
+    bench.module.Debug("heard");
+    QTRY_COMPARE(bench.reports().sliced(reported), QStringList{u"heard"_s});
+}
+
+void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
+{
+    Bench bench("Host=localhost\nReconnectionTimeout=0\nLiveMessageTimeout=0\n");
+    bench.command("Input_Data_On");
+    QElapsedTimer time;
+    time.start();
+    bench.module.Start();
+    QTRY_COMPARE(bench.reports(), QStringList(2, u"Socket error: 2"_s));
+    QVERIFY(time.elapsed() > 900);
+}
+
+void TestModule::keepAliveIsSent()
+{
+    TcpPeer peer;
+    Bench bench(tcp(peer) + "LiveMessageTimeout=1\n");
+    bench.module.Start();
+    QTRY_COMPARE(peer.bodies, QByteArrayList{"live"});
+}
+
+void TestModule::secondStartDisturbsNothing()
+{
+    TcpPeer peer;
+    Bench bench(tcp(peer) + "LiveMessageTimeout=1\n");
+    bench.command("Input_Data_On");
+    bench.module.Start();
+    bench.module.Reconnect();
+    QTRY_COMPARE(bench.reports(), QStringList{u"Connection established."_s});
+    bench.module.Reconnect();
+    peer.bodies.clear();
+    QTRY_VERIFY(!peer.bodies.isEmpty());
+    QCOMPARE(peer.bodies, QByteArrayList{"live"}); // timers are replaced, not added
+    QCOMPARE(bench.reports().size(), 1);
+}
+
+QTEST_GUILESS_MAIN(TestModule)
+#include "tst_module.moc"

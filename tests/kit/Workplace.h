@@ -6,23 +6,11 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-// A temporary directory for one test: bus names lead into it, and the log is a file in it.
-class Workplace
+// A temporary folder and the files in it.
+class Folder
 {
 public:
-    Workplace()
-    {
-        qputenv("TMPDIR", QFile::encodeName(folder.path()));
-        pLog = &log;
-        log.Enabled(true);
-    }
-    ~Workplace()
-    {
-        pLog = nullptr;
-        qunsetenv("TMPDIR");
-    }
-
-    [[nodiscard]] QString path(const QString &name) const { return folder.filePath(name); }
+    [[nodiscard]] QString path(const QString &name = {}) const { return folder.filePath(name); }
 
     QString makeFolder(const QString &name) const
     {
@@ -44,11 +32,11 @@ public:
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
 
-    // The log's entries without their time stamps.
-    [[nodiscard]] QStringList logged() const
+    // The entries of a log without their time stamps.
+    [[nodiscard]] QStringList logged(const QString &name) const
     {
         QStringList texts;
-        const QStringList lines = QString::fromUtf8(readFile(logName)).split(u'\n');
+        const QStringList lines = QString::fromUtf8(readFile(name)).split(u'\n');
         for (const QString &line : lines) {
             if (!line.isEmpty())
                 texts.append(line.sliced(line.indexOf(u' ') + 1));
@@ -56,10 +44,30 @@ public:
         return texts;
     }
 
+private:
+    QTemporaryDir folder;
+};
+
+// The folder of a test that plays a module itself: bus names lead into it, and the log is in it.
+class Workplace : public Folder
+{
+public:
+    Workplace()
+    {
+        qputenv("TMPDIR", QFile::encodeName(path()));
+        pLog = new TLog(path(logName));
+        pLog->Enabled(true);
+    }
+    ~Workplace()
+    {
+        delete pLog;
+        pLog = nullptr;
+        qunsetenv("TMPDIR");
+    }
+
+    [[nodiscard]] QStringList logged() const { return Folder::logged(logName); }
     void forgetLog() const { QFile::remove(path(logName)); }
 
 private:
     const QString logName = QStringLiteral("test.log");
-    QTemporaryDir folder;
-    TLog log{folder.filePath(logName)};
 };

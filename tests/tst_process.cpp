@@ -1,0 +1,248 @@
+#include "BusEnds.h"
+#include "Record.h"
+#include "TcpPeer.h"
+#include "Workplace.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTest>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int patience = 30'000; // milliseconds; start-up takes up to three passes of five seconds
+
+// A module process with a folder of its own, which is also its bus.
+class ModuleProcess : public QProcess
+{
+public:
+    ModuleProcess()
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(u"TMPDIR"_s, place.path());
+        environment.insert(u"XDG_CONFIG_HOME"_s, place.path());
+        environment.remove(u"XDG_RUNTIME_DIR"_s);
+        setProcessEnvironment(environment);
+        setWorkingDirectory(place.path());
+        setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    }
+    ~ModuleProcess() override
+    {
+        kill();
+        waitForFinished();
+    }
+
+    QString writeSettings(const QString &name, const QByteArray &base, const QByteArray &main)
+    {
+        place.makeFolder(u"spool"_s);
+        return place.writeFile(name,
+            "[Base]\nLog=1\nServerName=me\n" + base + "[Main]\nTempDir=spool\nHost=127.0.0.1\n"
+                + "ReconnectionTimeout=1\n" + main);
+    }
+
+    void startWith(const QStringList &arguments)
+    {
+        start(QCoreApplication::applicationDirPath() + u"/morvane"_s, arguments);
+        if (!waitForStarted())
+            qFatal("morvane does not start");
+    }
+
+    [[nodiscard]] bool isListening() const { return QFile::exists(place.path(u"me"_s)); }
+
+    [[nodiscard]] QStringList spooled() const
+    {
+        return QDir(place.path(u"spool"_s)).entryList(QDir::Files);
+    }
+
+    // Megabytes that the process holds in memory.
+    [[nodiscard]] qint64 residentMegabytes() const
+    {
+        QFile status(u"/proc/%1/statm"_s.arg(processId()));
+        if (!status.open(QIODevice::ReadOnly))
+            return 0;
+        return status.readAll().split(' ').at(1).toLongLong() * 4096 / 1'000'000;
+    }
+
+    const Folder place;
+};
+
+QByteArray recordFrame(const QString &name, const QByteArray &payload)
+{
+    return BusFrame::makeData(1, DataRecord{"error", name, payload}.write());
+}
+
+QByteArray portLine(const TcpPeer &peer)
+{
+    return "Port=" + QByteArray::number(peer.serverPort()) + '\n';
+}
+
+} // namespace
+
+// The processes start together, so that their passes run side by side.
+class TestProcess : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase();
+    void recordsSurviveAKill();
+    void lossOfTheAdministrationServerGivesStatusFive();
+    void settingsAreLoadedInTheOrderOfTheArguments();
+    void defaultSettingsFileIsUsedWithoutAnyArgument();
+    void startUpFollowsItsOrder();
+    void rubbishHarmsNobody();
+    void peerThatTalksCostsNoMemory();
+    void quitSignalGivesStatusZero();
+
+private:
+    std::unique_ptr<BusServer> server(const ModuleProcess &process, const QString &name)
+    {
+        return std::make_unique<BusServer>(process.place.path(name));
+    }
+
+    TcpPeer peer;
+    ModuleProcess whole; // administration server, one outgoing connection, peer
+    std::unique_ptr<BusServer> admin, other;
+    QElapsedTimer started;
+
+    ModuleProcess killed; // no administration server; the peer comes after the kill
+
+    ModuleProcess orphan; // loses its administration server
+    std::unique_ptr<BusServer> orphanAdmin;
+
+    ModuleProcess twice; // two settings files
+    ModuleProcess bare; // no settings file on the command line
+};
+
+void TestProcess::initTestCase()
+{
+    started.start();
+    admin = server(whole, u"admin"_s);
+    other = server(whole, u"other"_s);
+    whole.startWith({u"-settings"_s,
+        whole.writeSettings(
+            u"m.ini"_s, "AdminServerName=admin\nConnections=other\n", portLine(peer))});
+
+    killed.startWith(
+        {u"-settings"_s, killed.writeSettings(u"m.ini"_s, "AdminServerName=\n", "Port=1\n")});
+
+    orphanAdmin = server(orphan, u"admin"_s);
+    orphan.startWith(
+        {u"-settings"_s, orphan.writeSettings(u"m.ini"_s, "AdminServerName=admin\n", "")});
+
+    twice.startWith({u"-settings"_s, twice.writeSettings(u"a.ini"_s, "LogName=a\n", ""),
+        u"--settings"_s, u"-settings"_s, twice.writeSettings(u"b.ini"_s, "LogName=b\n", "")});
+
+    bare.writeSettings(u"morvane.ini"_s, "AdminServerName=\n", "");
+    bare.startWith({u"-Settings"_s, u"other.ini"_s, u"-settings"_s});
+}
+
+void TestProcess::recordsSurviveAKill()
+{
+    QTRY_VERIFY_WITH_TIMEOUT(killed.isListening(), patience);
+    BusClient client(killed.place.path(u"me"_s));
+    QByteArrayList expected;
+    for (int i = 0; i < 200; ++i) {
+        const QString name = u"r%1"_s.arg((i * 7) % 200, 3, 10, QChar(u'0'));
+        client.write(recordFrame(name, name.toLatin1()));
+        expected.append("error" + name.toLatin1());
+    }
+    QTRY_COMPARE(killed.spooled().size(), 200);
+    killed.kill();
+    QVERIFY(killed.waitForFinished());
+
+    TcpPeer back;
+    killed.startWith(
+        {u"-settings"_s, killed.writeSettings(u"m.ini"_s, "AdminServerName=\n", portLine(back))});
+    std::sort(expected.begin(), expected.end());
+    QTRY_COMPARE(back.bodies.size(), expected.size());
+    QCOMPARE(back.bodies, expected);
+    QTRY_VERIFY(killed.spooled().isEmpty());
+}
+
+void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
+{
+    QTRY_COMPARE_WITH_TIMEOUT(orphanAdmin->sockets.size(), 1, patience);
+    orphanAdmin.reset();
+    QTRY_COMPARE(orphan.state(), QProcess::NotRunning);
+    QCOMPARE(orphan.exitCode(), 5);
+}
+
+void TestProcess::settingsAreLoadedInTheOrderOfTheArguments()
+{
+    QTRY_VERIFY(twice.place.readFile(u"b.log"_s).contains("Start Ok!\n"));
+    const QByteArray first = twice.place.readFile(u"a.log"_s);
+    QVERIFY(first.contains("Error load settings AdminServerName: NoName \n"));
+    QVERIFY(!first.contains("Start Ok!"));
+}
+
+void TestProcess::defaultSettingsFileIsUsedWithoutAnyArgument()
+{
+    QTRY_COMPARE(bare.place.readFile(u"morvane.log"_s).count("Start Ok!\n"), 1);
+    QCOMPARE(bare.place.readFile(u"morvane.log"_s).count("Warrning: No Connections \n"), 1);
+}
+
+void TestProcess::startUpFollowsItsOrder()
+{
+    QTRY_COMPARE_WITH_TIMEOUT(other->heard(), QStringList{u"200 me   0"_s}, patience);
+    QVERIFY(started.elapsed() > 4'500);
+    QTRY_VERIFY_WITH_TIMEOUT(whole.isListening(), patience);
+    QVERIFY(started.elapsed() > 14'000);
+    QCOMPARE(admin->heard(), QStringList{u"200 me   0"_s});
+    QCOMPARE(whole.place.logged(u"morvane.log"_s),
+        QStringList({u"Start Ok!"_s, u"New Out Connnection"_s, u"New Out Connnection"_s,
+            u"Start server: me Ok!!!! "_s}));
+}
+
+void TestProcess::rubbishHarmsNobody()
+{
+    QTRY_VERIFY_WITH_TIMEOUT(whole.isListening(), patience);
+    const QByteArrayList rubbish = {QByteArray(5'000, '\xff'), QByteArray(5'000, '\0'),
+        QByteArray::fromHex("02faf080 00"), QByteArray::fromHex("77359400 01"),
+        QByteArray::fromHex("00000009 01 7fffffff 41414141"),
+        QByteArray::fromHex("0000000a cb 000000ff 4142434445"), recordFrame(u"../x"_s, "x"),
+        recordFrame(u"x"_s, "x").left(20)};
+    std::vector<std::unique_ptr<BusClient>> clients;
+    for (int i = 0; i < 300; ++i) {
+        clients.push_back(std::make_unique<BusClient>(whole.place.path(u"me"_s)));
+        clients.back()->send(rubbish.at(i % rubbish.size()));
+        if (i % 3 == 0)
+            clients.back()->abort();
+    }
+    BusClient sender(whole.place.path(u"me"_s));
+    sender.send(recordFrame(u"good"_s, "1"));
+    QTRY_COMPARE(peer.bodies, QByteArrayList{"error1"});
+    clients.clear();
+    sender.send(recordFrame(u"good"_s, "2"));
+    QTRY_COMPARE(peer.bodies.size(), 2);
+    QVERIFY(whole.spooled().isEmpty() && !QFile::exists(whole.place.path(u"x"_s)));
+}
+
+void TestProcess::peerThatTalksCostsNoMemory()
+{
+    QTRY_VERIFY(peer.socket);
+    const qint64 before = whole.residentMegabytes();
+    peer.socket->write(QByteArray(60'000'000, 'x'));
+    QTRY_COMPARE_WITH_TIMEOUT(peer.socket->bytesToWrite(), 0, patience);
+    QTRY_VERIFY(whole.residentMegabytes() < before + 20);
+}
+
+void TestProcess::quitSignalGivesStatusZero()
+{
+    QTRY_VERIFY_WITH_TIMEOUT(whole.isListening(), patience);
+    admin->send(
+        BusFrame::makeCommand("Input_Data_On", "", 1) + BusFrame::makeCommand("About", "", 9));
+    QTRY_COMPARE(admin->frames().last().id, 9);
+    peer.socket->abort();
+    QTRY_VERIFY(admin->heard().contains(u"202 InData Connection established.  -1"_s));
+    admin->send(BusFrame::makeCommand("QuitSignal", "", 1));
+    QTRY_COMPARE(whole.state(), QProcess::NotRunning);
+    QCOMPARE(whole.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(whole.exitCode(), 0);
+}
+
+QTEST_GUILESS_MAIN(TestProcess)
+#include "tst_process.moc"
