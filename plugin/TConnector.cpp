@@ -16,7 +16,7 @@ namespace {
 
 constexpr auto passInterval = 5'000ms; // one repair pass of the bus
 constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
-constexpr auto connectPoll = 10ms; // between two looks at a server whose queue is full
+constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames

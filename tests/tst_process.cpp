@@ -26,6 +26,8 @@ public:
         environment.insert(u"TMPDIR"_s, place.path());
         environment.insert(u"XDG_CONFIG_HOME"_s, place.path());
         environment.remove(u"XDG_RUNTIME_DIR"_s);
+        // A sanitizer that keeps freed memory aside would look like a module that does.
+        environment.insert(u"ASAN_OPTIONS"_s, u"quarantine_size_mb=1"_s);
         setProcessEnvironment(environment);
         setWorkingDirectory(place.path());
         setProcessChannelMode(QProcess::ForwardedErrorChannel);

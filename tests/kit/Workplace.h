@@ -55,12 +55,13 @@ public:
     Workplace()
     {
         qputenv("TMPDIR", QFile::encodeName(path()));
-        pLog = new TLog(path(logName));
-        pLog->Enabled(true);
+        pLog = &log;
+        log.Enabled(true);
     }
     ~Workplace()
     {
-        delete pLog;
+        if (pLog != &log)
+            delete pLog; // of a module that has loaded its settings
         pLog = nullptr;
         qunsetenv("TMPDIR");
     }
@@ -70,4 +71,5 @@ public:
 
 private:
     const QString logName = QStringLiteral("test.log");
+    TLog log{path(logName)};
 };
