@@ -1,5 +1,7 @@
 #include "SpoolDirectory.h"
 
+#include "WholeFile.h"
+
 #include <QFile>
 
 #include <algorithm>
@@ -24,29 +26,9 @@ constexpr auto staleAge = 30s; // a lock that old belongs to nobody
 constexpr auto longWait = 1s; // a wait that an operator should hear of
 constexpr auto lockPoll = 100us; // between two looks of a waiting writer
 constexpr mode_t newFileMode = 0666; // less the umask
+const QString refusedFolder = u"refused"_s;
+constexpr mode_t newFolderMode = 0777; // less the umask
 constexpr qint64 maxFileBytes = std::numeric_limits<quint32>::max(); // what a link record can carry
-
-// A file descriptor that is closed at the end of its scope.
-class Descriptor
-{
-public:
-    explicit Descriptor(int descriptor)
-        : number(descriptor)
-    {
-    }
-    ~Descriptor()
-    {
-        if (number >= 0)
-            ::close(number);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    [[nodiscard]] bool isOpen() const { return number >= 0; }
-    [[nodiscard]] int get() const { return number; }
-
-private:
-    int number;
-};
 
 qint64 nanoseconds(const timespec &time)
 {
@@ -60,27 +42,6 @@ std::chrono::nanoseconds ageOf(qint64 modified)
     return std::chrono::nanoseconds(nanoseconds(now) - modified);
 }
 
-bool writeAll(int descriptor, const QByteArray &content)
-{
-    qsizetype written = 0;
-    while (written < content.size()) {
-        const ssize_t count =
-            ::write(descriptor, content.constData() + written, size_t(content.size() - written));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        written += count;
-    }
-    return true;
-}
-
-bool isPlainName(const QString &name)
-{
-    return !name.isEmpty() && !name.startsWith(u'.') && !name.contains(u'/')
-        && !name.contains(QChar(u'\0'));
-}
-
 bool isRegularFile(int directory, const dirent &entry)
 {
     if (entry.d_type == DT_REG)
@@ -91,20 +52,21 @@ bool isRegularFile(int directory, const dirent &entry)
     return ::fstatat(directory, entry.d_name, &target, 0) == 0 && S_ISREG(target.st_mode);
 }
 
-// Calls visit(name) for every file that is to be sent, in no order. A name that is not valid UTF-8
-// cannot be written as a QString and so cannot be opened: it is left out.
-template <typename Visit> void forEachFile(const QString &path, Visit visit)
+// Calls visit(name, isFile) for every visible name, in no order; isFile() says whether it is one to
+// be sent, and may cost a system call. A name that is not valid UTF-8 cannot be written as a
+// QString and so cannot be opened: it is left out.
+template <typename Visit> void forEachName(const QString &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(
         ::opendir(QFile::encodeName(path).constData()), ::closedir);
     if (!directory)
         return;
     while (const dirent *entry = ::readdir(directory.get())) {
-        if (entry->d_name[0] == '.' || !isRegularFile(::dirfd(directory.get()), *entry))
+        if (entry->d_name[0] == '.')
             continue;
         const QString name = QFile::decodeName(entry->d_name);
         if (QFile::encodeName(name) == entry->d_name)
-            visit(name);
+            visit(name, [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
     }
 }
 
@@ -229,28 +191,19 @@ SpoolDirectory::WriteResult SpoolDirectory::write(
     return WriteResult::Written;
 }
 
-// A crash before the rename leaves the hidden file only, which is never sent. Its name holds the
-// process id: a writer that was taken for dead may still be writing its own.
 bool SpoolDirectory::writeWhole(const QString &name, const QByteArray &content) const
 {
-    const QByteArray hidden =
-        QFile::encodeName(pathOf(u".incoming-%1"_s.arg(QCoreApplication::applicationPid())));
-    const QByteArray final = QFile::encodeName(pathOf(name));
-    const bool written = [&] {
-        const Descriptor file(
-            ::open(hidden.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, newFileMode));
-        return file.isOpen() && writeAll(file.get(), content);
-    }();
-    if (written && ::rename(hidden.constData(), final.constData()) == 0)
-        return true;
-    ::unlink(hidden.constData());
-    return false;
+    WholeFile file(pathOf(name));
+    return file.write(content) && file.commit();
 }
 
 QStringList SpoolDirectory::list() const
 {
     std::vector<SortedName> files;
-    forEachFile(path, [&](const QString &name) { files.emplace_back(name); });
+    forEachName(path, [&](const QString &name, auto isFile) {
+        if (isFile())
+            files.emplace_back(name);
+    });
     std::sort(files.begin(), files.end());
     QStringList names;
     names.reserve(qsizetype(files.size()));
@@ -259,14 +212,30 @@ QStringList SpoolDirectory::list() const
     return names;
 }
 
+QString SpoolDirectory::first(const std::function<bool(const QString &)> &isSkipped) const
+{
+    std::optional<SortedName> best;
+    forEachName(path, [&](const QString &name, auto isFile) {
+        SortedName candidate(name);
+        if ((!best || candidate < *best) && !isSkipped(name) && isFile())
+            best = std::move(candidate);
+    });
+    return best ? best->name : QString();
+}
+
+std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) const
+{
+    struct stat info;
+    if (::stat(QFile::encodeName(pathOf(name)).constData(), &info) != 0)
+        return std::nullopt;
+    return Mark{info.st_ino, nanoseconds(info.st_mtim), info.st_size};
+}
+
 std::optional<QByteArray> SpoolDirectory::read(const QString &name) const
 {
-    // Without O_NONBLOCK a FIFO that has taken a file's place would block for ever.
-    const Descriptor file(
-        ::open(QFile::encodeName(pathOf(name)).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const Descriptor file(openRegularFile(pathOf(name)));
     struct stat info;
-    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)
-        || info.st_size > maxFileBytes)
+    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || info.st_size > maxFileBytes)
         return std::nullopt;
 
     QByteArray content(info.st_size, Qt::Uninitialized);
@@ -287,4 +256,18 @@ std::optional<QByteArray> SpoolDirectory::read(const QString &name) const
 bool SpoolDirectory::remove(const QString &name) const
 {
     return ::unlink(QFile::encodeName(pathOf(name)).constData()) == 0 || errno == ENOENT;
+}
+
+SpoolDirectory::SetAside SpoolDirectory::setAside(const QString &name) const
+{
+    const QByteArray from = QFile::encodeName(pathOf(name));
+    struct stat info;
+    if (::lstat(from.constData(), &info) != 0)
+        return SetAside::Gone;
+    ::mkdir(QFile::encodeName(pathOf(refusedFolder)).constData(), newFolderMode);
+    const QString wanted = pathOf(refusedFolder) + u'/' + name;
+    QByteArray to = QFile::encodeName(wanted);
+    for (int number = 1; ::lstat(to.constData(), &info) == 0; ++number)
+        to = QFile::encodeName(wanted + u".%1"_s.arg(number));
+    return std::rename(from.constData(), to.constData()) == 0 ? SetAside::Moved : SetAside::Failed;
 }

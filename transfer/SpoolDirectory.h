@@ -72,6 +72,16 @@ class SpoolDirectory
 {
 public:
     enum class WriteResult { Written, NoLock, NoFile };
+    enum class SetAside { Moved, Gone, Failed };
+
+    // Tells a file from one that has replaced it under the same name.
+    struct Mark
+    {
+        quint64 inode;
+        qint64 modified; // nanoseconds since the epoch
+        qint64 size; // bytes
+        bool operator==(const Mark &) const = default;
+    };
 
     explicit SpoolDirectory(QString path);
 
@@ -83,11 +93,22 @@ public:
     // The files that wait, in the order of sending: by name, ignoring letter case.
     [[nodiscard]] QStringList list() const;
 
+    // The file that list() has in front, but for skipped ones; an empty name if there is none. One
+    // pass over the directory, without sorting and without a call per file.
+    [[nodiscard]] QString first(const std::function<bool(const QString &)> &isSkipped) const;
+
+    // Nothing if the file is gone.
+    [[nodiscard]] std::optional<Mark> mark(const QString &name) const;
+
     // Nothing if the file is gone, unreadable, not a regular file or larger than 4 GiB.
     [[nodiscard]] std::optional<QByteArray> read(const QString &name) const;
 
     // False if the file is still there afterwards.
     [[nodiscard]] bool remove(const QString &name) const;
+
+    // Moves a file that can never be sent to the folder "refused" of the directory, which is made
+    // when needed and never listed. A number is appended to a name that is taken there.
+    [[nodiscard]] SetAside setAside(const QString &name) const;
 
     [[nodiscard]] QString pathOf(const QString &name) const { return path + u'/' + name; }
 

@@ -1,0 +1,68 @@
+#pragma once
+
+#include <QByteArrayView>
+#include <QString>
+
+#include <unistd.h>
+#include <utility>
+
+// A file descriptor that is closed at the end of its scope.
+class Descriptor
+{
+public:
+    explicit Descriptor(int descriptor)
+        : number(descriptor)
+    {
+    }
+    ~Descriptor()
+    {
+        if (number >= 0)
+            ::close(number);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    [[nodiscard]] bool isOpen() const { return number >= 0; }
+    [[nodiscard]] int get() const { return number; }
+    // Leaves the closing to the caller.
+    [[nodiscard]] int release() { return std::exchange(number, -1); }
+
+private:
+    int number;
+};
+
+// A name that means a file of the directory that it is put in, and a visible one: not empty, no "/"
+// or zero character, no dot in front.
+[[nodiscard]] bool isPlainName(const QString &name);
+
+// Opens a regular file for reading; -1, with the reason in errno, for anything else.
+[[nodiscard]] int openRegularFile(const QString &path);
+
+// A file that appears under its name whole or not at all.
+//
+// It is written under a hidden name in the same directory and renamed. A crash before that leaves
+// the hidden file only. That one's name holds the process id, because another process may be
+// writing there at the same time; a process writes one file of a directory at a time.
+//
+// Owner:   whoever writes it, for one file.
+// Thread:  any one thread.
+// Errors:  never throws. Without a commit() that succeeded, nothing has changed under the name.
+class WholeFile
+{
+public:
+    explicit WholeFile(const QString &path);
+    ~WholeFile();
+    WholeFile(const WholeFile &) = delete;
+    WholeFile &operator=(const WholeFile &) = delete;
+
+    // False if the file could not be created or written to, now or in an earlier call.
+    bool write(QByteArrayView bytes);
+    // Gives the file its name, in the place of one that has it. False after any failure.
+    [[nodiscard]] bool commit();
+
+private:
+    const QByteArray path; // file system encoding, as hidden
+    const QByteArray hidden;
+    Descriptor file;
+    bool failed;
+    bool committed = false;
+};
