@@ -1,0 +1,131 @@
+#include "ZlibStream.h"
+
+#include <QIODevice>
+#include <QThread>
+
+#include <array>
+#include <new>
+#include <zlib.h>
+
+namespace {
+
+constexpr int compressionLevel = 7;
+constexpr qsizetype pieceSize = 65'536; // bytes of one read, and of one call of the sink
+
+using Piece = std::array<char, pieceSize>;
+
+uchar *bytesOf(const char *data)
+{
+    // zlib's interface takes its input as non-const, but only reads it.
+    return reinterpret_cast<uchar *>(const_cast<char *>(data));
+}
+
+void setInput(z_stream &stream, QByteArrayView piece)
+{
+    stream.next_in = bytesOf(piece.data());
+    stream.avail_in = uInt(piece.size());
+}
+
+void setOutput(z_stream &stream, Piece &piece)
+{
+    stream.next_out = bytesOf(piece.data());
+    stream.avail_out = uInt(piece.size());
+}
+
+QByteArrayView outputOf(const z_stream &stream, const Piece &piece)
+{
+    return QByteArrayView(piece.data(), pieceSize - qsizetype(stream.avail_out));
+}
+
+class Deflater
+{
+public:
+    explicit Deflater(const ZlibStream::Sink &takeOutput)
+        : sink(takeOutput)
+    {
+        if (deflateInit(&stream, compressionLevel) != Z_OK)
+            throw std::bad_alloc();
+    }
+    ~Deflater() { deflateEnd(&stream); }
+    Deflater(const Deflater &) = delete;
+    Deflater &operator=(const Deflater &) = delete;
+
+    // False if the sink said stop. Finish ends the stream.
+    [[nodiscard]] bool write(QByteArrayView piece, int flush)
+    {
+        setInput(stream, piece);
+        do {
+            setOutput(stream, output);
+            ::deflate(&stream, flush);
+            const QByteArrayView made = outputOf(stream, output);
+            if (!made.isEmpty() && !sink(made))
+                return false;
+        } while (stream.avail_out == 0);
+        return true;
+    }
+
+private:
+    const ZlibStream::Sink &sink;
+    z_stream stream = {};
+    Piece output;
+};
+
+} // namespace
+
+ZlibStream::Result ZlibStream::deflate(QIODevice &source, const Sink &sink)
+{
+    const auto deflater = std::make_unique<Deflater>(sink);
+    const auto input = std::make_unique<Piece>();
+    bool isEmpty = true;
+    for (;;) {
+        if (QThread::currentThread()->isInterruptionRequested())
+            return Result::Interrupted;
+        const qint64 count = source.read(input->data(), pieceSize);
+        if (count < 0)
+            return Result::SourceFailed;
+        if (count == 0)
+            break;
+        isEmpty = false;
+        if (!deflater->write(QByteArrayView(input->data(), count), Z_NO_FLUSH))
+            return Result::SinkStopped;
+    }
+    if (isEmpty)
+        return Result::Done;
+    return deflater->write({}, Z_FINISH) ? Result::Done : Result::SinkStopped;
+}
+
+struct ZlibStream::Inflater::State
+{
+    z_stream stream = {};
+    Piece output;
+    bool isOpen = true;
+};
+
+ZlibStream::Inflater::Inflater(Sink takeOutput)
+    : sink(std::move(takeOutput))
+    , state(std::make_unique<State>())
+{
+    if (inflateInit(&state->stream) != Z_OK)
+        throw std::bad_alloc();
+}
+
+ZlibStream::Inflater::~Inflater()
+{
+    inflateEnd(&state->stream);
+}
+
+bool ZlibStream::Inflater::write(QByteArrayView piece)
+{
+    z_stream &stream = state->stream;
+    setInput(stream, piece);
+    while (state->isOpen) {
+        setOutput(stream, state->output);
+        const int code = inflate(&stream, Z_NO_FLUSH);
+        const QByteArrayView made = outputOf(stream, state->output);
+        const bool isTaken = made.isEmpty() || sink(made);
+        if (code == Z_BUF_ERROR) // the piece is used up
+            break;
+        state->isOpen = isTaken && code == Z_OK;
+    }
+    return state->isOpen;
+}
