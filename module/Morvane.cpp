@@ -2,7 +2,6 @@
 
 #include "Record.h"
 #include "Settings.h"
-#include "SpoolDirectory.h"
 #include "TConnector.h"
 #include "TLog.h"
 #include "Version.h"
@@ -11,10 +10,10 @@
 #include <QHostAddress>
 #include <QNetworkProxy>
 #include <QSettings>
+#include <QTimer>
 #include <QTimerEvent>
 
 #include <chrono>
-#include <thread>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -22,7 +21,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
-constexpr auto lockStep = 1s; // between two looks of the TCP sender at the lock
+constexpr auto tidyInterval = 31s; // by then a lock that a killed writer has left counts as stale
+constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
 
 struct SettingKey
@@ -49,12 +49,15 @@ void sayToLog(const QString &text)
 } // namespace
 
 Morvane::Morvane()
+    : sender(tspSocket, sayToLog)
 {
     connect(connector, &TConnector::NewCommand, this, &Morvane::AdminCommand);
     connect(connector, &TConnector::NewData, this, &Morvane::NewData);
     connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
     connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
     connect(&tspSocket, &QIODevice::readyRead, this, &Morvane::discardReceived);
+    connect(&sender, &SpoolSender::fileKept, this,
+        [this](const QString &path) { report(tr("Can not delete file %1").arg(path).toUtf8()); });
     // The system's proxy settings must not carry the link anywhere else.
     tspSocket.setProxy(QNetworkProxy::NoProxy);
 }
@@ -86,6 +89,10 @@ void Morvane::LoadSettings(QString path)
     reconnectionTimeout = number(reconnectionKey);
     liveMessageTimeout = number(liveMessageKey);
     settings.endGroup();
+
+    sender.setSpool(tempDir);
+    sender.setDeadAfter(std::max(
+        leastDeadTime, 2 * std::chrono::milliseconds(std::chrono::seconds(liveMessageTimeout))));
 }
 
 void Morvane::checkSettingsStruct(QSettings &settings)
@@ -101,10 +108,20 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 
 void Morvane::Start()
 {
+    tidySpool();
     if (protocol == "TCP")
         connectToPeer();
     restartTimer(reconnectTimerId, reconnectionTimeout);
     restartTimer(liveTimerId, liveMessageTimeout);
+}
+
+// What a kill has left in the spool directory: records that were on their way to the peer go back
+// into the spool, files that were being written are removed.
+void Morvane::tidySpool()
+{
+    sender.recover();
+    if (!SpoolDirectory(tempDir).removeLeftovers(sayToLog))
+        QTimer::singleShot(tidyInterval, this, &Morvane::tidySpool);
 }
 
 void Morvane::Reconnect()
@@ -128,7 +145,7 @@ void Morvane::timerEvent(QTimerEvent *event)
         tspSocket.abort();
         connectToPeer();
     } else if (event->timerId() == liveTimerId && connected) {
-        tspSocket.write(LinkRecord::make(LinkRecord::keepAlive));
+        sender.sendKeepAlive();
     }
 }
 
@@ -225,6 +242,7 @@ void Morvane::connectToPeer()
 
 void Morvane::tspSocketConnected()
 {
+    sender.linkUp();
     report(tr("Connection established.").toUtf8());
     SendOldData();
 }
@@ -241,52 +259,9 @@ void Morvane::discardReceived()
     tspSocket.skip(tspSocket.bytesAvailable());
 }
 
-// While connecting, records go into the socket's buffer; without an attempt under way it takes
-// none.
-bool Morvane::linkTakesRecords() const
-{
-    return tspSocket.isOpen() && tspSocket.state() != QAbstractSocket::UnconnectedState;
-}
-
-bool Morvane::waitForSpool()
-{
-    SpoolLock lock(tempDir, sayToLog);
-    while (linkTakesRecords()) {
-        switch (lock.look()) {
-        case SpoolLock::State::Free:
-            return true;
-        case SpoolLock::State::Stuck:
-            return false;
-        case SpoolLock::State::Held:
-            std::this_thread::sleep_for(lockStep);
-        }
-    }
-    return false;
-}
-
 void Morvane::SendOldData()
 {
-    if (!waitForSpool())
-        return;
-    const QStringList names = SpoolDirectory(tempDir).list();
-    for (const QString &name : names) {
-        if (!linkTakesRecords())
-            return;
-        sendSpoolFile(name);
-    }
-}
-
-void Morvane::sendSpoolFile(const QString &name)
-{
-    const SpoolDirectory spool(tempDir);
-    const std::optional<QByteArray> content = spool.read(name);
-    if (!content)
-        return;
-    const QByteArray record = LinkRecord::make(*content);
-    if (tspSocket.write(record) != record.size())
-        return; // the file stays for the next time
-    if (!spool.remove(name))
-        report(tr("Can not delete file %1").arg(spool.pathOf(name)).toUtf8());
+    sender.send();
 }
 
 // Parts of the slot set that other modules of the family fill.

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "SpoolSender.h"
 #include "TServerPlugin.h"
 
 #include <QTcpSocket>
 
-class SpoolLock;
 class TMyLocalSocket;
 
 // The transfer module: keeps every record that arrives over the bus as a file in the spool
@@ -44,20 +44,17 @@ protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
-    // Sends every file of the spool over the link, in order; each is removed once the socket has
-    // taken it.
+    // Sends every file of the spool over the link, in order.
     void SendOldData();
     // Writes one spool file. The path is tempDir + "/" + a plain name.
     void MakeTmpFile(QString path, QByteArray data);
 
+    void tidySpool();
     void connectToPeer();
     void discardReceived();
     void restartTimer(int &timerId, quint16 seconds);
     void report(const QByteArray &message);
     [[nodiscard]] QString aboutText() const;
-    [[nodiscard]] bool waitForSpool();
-    [[nodiscard]] bool linkTakesRecords() const;
-    void sendSpoolFile(const QString &name);
 
     quint16 localPort = 0; // UDP
     quint16 port = 0; // of the peer
@@ -71,4 +68,5 @@ private:
     bool inputDataOn = false; // the administration server's input-data watch
     int reconnectTimerId = 0;
     int liveTimerId = 0;
+    SpoolSender sender; // over tspSocket
 };

@@ -2,6 +2,7 @@
 
 #include "WholeFile.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <algorithm>
@@ -157,11 +158,16 @@ SpoolLock::State SpoolLock::removeStale(const Mark &stale)
     return State::Free;
 }
 
+bool SpoolLock::tryAcquire()
+{
+    descriptor = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode);
+    return descriptor >= 0;
+}
+
 bool SpoolLock::acquire()
 {
     for (;;) {
-        descriptor = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode);
-        if (descriptor >= 0)
+        if (tryAcquire())
             return true;
         if (errno != EEXIST)
             return false;
@@ -176,14 +182,14 @@ bool SpoolLock::acquire()
 // --- SpoolDirectory ---
 
 SpoolDirectory::SpoolDirectory(QString directoryPath)
-    : path(std::move(directoryPath))
+    : directory(std::move(directoryPath))
 {
 }
 
 SpoolDirectory::WriteResult SpoolDirectory::write(
     const QString &name, const QByteArray &content, const Say &say) const
 {
-    SpoolLock lock(path, say);
+    SpoolLock lock(directory, say);
     if (!lock.acquire())
         return WriteResult::NoLock;
     if (!isPlainName(name) || !writeWhole(name, content))
@@ -200,7 +206,7 @@ bool SpoolDirectory::writeWhole(const QString &name, const QByteArray &content) 
 QStringList SpoolDirectory::list() const
 {
     std::vector<SortedName> files;
-    forEachName(path, [&](const QString &name, auto isFile) {
+    forEachName(directory, [&](const QString &name, auto isFile) {
         if (isFile())
             files.emplace_back(name);
     });
@@ -215,7 +221,7 @@ QStringList SpoolDirectory::list() const
 QString SpoolDirectory::first(const std::function<bool(const QString &)> &isSkipped) const
 {
     std::optional<SortedName> best;
-    forEachName(path, [&](const QString &name, auto isFile) {
+    forEachName(directory, [&](const QString &name, auto isFile) {
         SortedName candidate(name);
         if ((!best || candidate < *best) && !isSkipped(name) && isFile())
             best = std::move(candidate);
@@ -270,4 +276,18 @@ SpoolDirectory::SetAside SpoolDirectory::setAside(const QString &name) const
     for (int number = 1; ::lstat(to.constData(), &info) == 0; ++number)
         to = QFile::encodeName(wanted + u".%1"_s.arg(number));
     return std::rename(from.constData(), to.constData()) == 0 ? SetAside::Moved : SetAside::Failed;
+}
+
+bool SpoolDirectory::removeLeftovers(const Say &say) const
+{
+    const QStringList leftovers = QDir(directory).entryList(
+        {QLatin1StringView(incomingPrefix) + u'*'}, QDir::Files | QDir::Hidden);
+    if (leftovers.isEmpty())
+        return true;
+    // Under the lock no file of a living writer is among them.
+    SpoolLock lock(directory, say);
+    if (lock.look() != SpoolLock::State::Free || !lock.tryAcquire())
+        return false;
+    return std::all_of(
+        leftovers.begin(), leftovers.end(), [this](const QString &name) { return remove(name); });
 }

@@ -39,6 +39,8 @@ public:
     // One look, without waiting.
     [[nodiscard]] State look(Clock::time_point now = Clock::now());
 
+    // Takes the lock if it is free; the reason why not is in errno.
+    [[nodiscard]] bool tryAcquire();
     // Waits until the lock is free and takes it; false if it cannot be taken.
     [[nodiscard]] bool acquire();
 
@@ -110,10 +112,15 @@ public:
     // when needed and never listed. A number is appended to a name that is taken there.
     [[nodiscard]] SetAside setAside(const QString &name) const;
 
-    [[nodiscard]] QString pathOf(const QString &name) const { return path + u'/' + name; }
+    // Removes what writers have left behind that were killed. False, and nothing done, while a
+    // writer may be at work.
+    [[nodiscard]] bool removeLeftovers(const Say &say) const;
+
+    [[nodiscard]] const QString &path() const { return directory; }
+    [[nodiscard]] QString pathOf(const QString &name) const { return directory + u'/' + name; }
 
 private:
     [[nodiscard]] bool writeWhole(const QString &name, const QByteArray &content) const;
 
-    QString path;
+    QString directory;
 };

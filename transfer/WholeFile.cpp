@@ -8,8 +8,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-using namespace Qt::StringLiterals;
-
 namespace {
 
 constexpr mode_t newFileMode = 0666; // less the umask
@@ -17,7 +15,8 @@ constexpr mode_t newFileMode = 0666; // less the umask
 QByteArray hiddenBeside(const QString &path)
 {
     const QString directory = path.left(path.lastIndexOf(u'/') + 1);
-    return QFile::encodeName(directory + u".incoming-%1"_s.arg(QCoreApplication::applicationPid()));
+    return QFile::encodeName(directory) + incomingPrefix
+        + QByteArray::number(QCoreApplication::applicationPid());
 }
 
 } // namespace
@@ -57,7 +56,7 @@ WholeFile::WholeFile(const QString &filePath)
 
 WholeFile::~WholeFile()
 {
-    if (file.isOpen() && !committed)
+    if (file.isOpen())
         ::unlink(hidden.constData());
 }
 
@@ -75,6 +74,11 @@ bool WholeFile::write(QByteArrayView bytes)
 
 bool WholeFile::commit()
 {
-    committed = !failed && std::rename(hidden.constData(), path.constData()) == 0;
-    return committed;
+    if (failed)
+        return false;
+    // Some file systems tell only here that the bytes did not fit.
+    failed = ::close(file.release()) != 0 || std::rename(hidden.constData(), path.constData()) != 0;
+    if (failed)
+        ::unlink(hidden.constData());
+    return !failed;
 }

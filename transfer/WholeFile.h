@@ -30,6 +30,9 @@ private:
     int number;
 };
 
+// The hidden names of files that are being written begin with this.
+inline constexpr char incomingPrefix[] = ".incoming-";
+
 // A name that means a file of the directory that it is put in, and a visible one: not empty, no "/"
 // or zero character, no dot in front.
 [[nodiscard]] bool isPlainName(const QString &name);
@@ -64,5 +67,4 @@ private:
     const QByteArray hidden;
     Descriptor file;
     bool failed;
-    bool committed = false;
 };

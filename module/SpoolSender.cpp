@@ -1,0 +1,147 @@
+#include "SpoolSender.h"
+
+#include "Record.h"
+
+#include <QTcpSocket>
+
+#include <algorithm>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto lockStep = 1s; // between two looks at the lock
+constexpr auto lookInterval = 250ms; // between two looks at what is acknowledged
+constexpr qint64 maxBuffered = 8'388'608; // bytes that wait in the socket, or one larger record
+
+} // namespace
+
+SpoolSender::SpoolSender(QTcpSocket &tcpLink, Say log)
+    : link(tcpLink)
+    , say(std::move(log))
+    , spool(QString())
+{
+    connect(&link, &QAbstractSocket::stateChanged, this, &SpoolSender::linkStateChanged);
+    connect(&link, &QIODevice::bytesWritten, this, &SpoolSender::bytesWritten);
+}
+
+void SpoolSender::setSpool(const QString &directory)
+{
+    spool = SpoolDirectory(directory);
+    unacknowledged.setSpool(directory);
+}
+
+void SpoolSender::linkUp()
+{
+    unacknowledged.linkUp(link.socketDescriptor(), deadAfter);
+}
+
+// Every end of a link or of an attempt passes here, whatever brought it about.
+void SpoolSender::linkStateChanged()
+{
+    if (link.state() != QAbstractSocket::UnconnectedState)
+        return;
+    listed.clear();
+    listAgain = false;
+    unacknowledged.linkDown();
+    watchAcknowledgements();
+}
+
+void SpoolSender::bytesWritten()
+{
+    // Half empty is early enough: the kernel's own buffer keeps the link busy meanwhile.
+    if (!listed.isEmpty() && link.bytesToWrite() <= maxBuffered / 2)
+        sendListed();
+}
+
+void SpoolSender::timerEvent(QTimerEvent *)
+{
+    unacknowledged.look();
+    watchAcknowledgements();
+}
+
+void SpoolSender::watchAcknowledgements()
+{
+    if (unacknowledged.isEmpty() && lookTimerId != 0) {
+        killTimer(lookTimerId);
+        lookTimerId = 0;
+    } else if (!unacknowledged.isEmpty() && lookTimerId == 0) {
+        lookTimerId = startTimer(lookInterval);
+    }
+}
+
+// While connecting the socket's buffer takes records too. Without an attempt it takes none.
+bool SpoolSender::takesRecords() const
+{
+    return link.isOpen() && link.state() != QAbstractSocket::UnconnectedState;
+}
+
+bool SpoolSender::waitForLock()
+{
+    SpoolLock lock(spool.path(), say);
+    while (takesRecords()) {
+        switch (lock.look()) {
+        case SpoolLock::State::Free:
+            return true;
+        case SpoolLock::State::Stuck:
+            return false;
+        case SpoolLock::State::Held:
+            std::this_thread::sleep_for(lockStep);
+        }
+    }
+    return false;
+}
+
+void SpoolSender::send()
+{
+    if (!listed.isEmpty()) {
+        listAgain = true;
+        return;
+    }
+    if (!waitForLock())
+        return;
+    listed = spool.list();
+    std::reverse(listed.begin(), listed.end());
+    sendListed();
+}
+
+void SpoolSender::sendListed()
+{
+    while (!listed.isEmpty()) {
+        if (!takesRecords() || !sendFile(listed.last()))
+            return watchAcknowledgements(); // goes on when the buffer drains, or with a new link
+        listed.removeLast();
+    }
+    watchAcknowledgements();
+    if (std::exchange(listAgain, false))
+        send();
+}
+
+bool SpoolSender::hasRoomFor(qint64 bytes) const
+{
+    return link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered;
+}
+
+// False if the socket must drain first. A file that cannot be read or is not taken is passed over.
+bool SpoolSender::sendFile(const QString &name)
+{
+    const std::optional<QByteArray> content = spool.read(name);
+    if (!content)
+        return true;
+    const QByteArray record = LinkRecord::make(*content);
+    if (!hasRoomFor(record.size()))
+        return false;
+    // By pointer and size the socket copies small records together, and sends many in one call.
+    if (link.write(record.constData(), record.size()) != record.size())
+        return true;
+    if (!unacknowledged.addRecord(name, record.size()))
+        Q_EMIT fileKept(spool.pathOf(name));
+    return true;
+}
+
+void SpoolSender::sendKeepAlive()
+{
+    const QByteArray record = LinkRecord::make(LinkRecord::keepAlive);
+    unacknowledged.addBytes(std::max<qint64>(link.write(record), 0));
+}

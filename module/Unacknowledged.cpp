@@ -1,0 +1,84 @@
+#include "Unacknowledged.h"
+
+#include <fcntl.h>
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
+qint64 kernelCount(int socket)
+{
+    tcp_info info = {};
+    socklen_t size = sizeof(info);
+    if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+        return 0;
+    return qint64(info.tcpi_bytes_acked);
+}
+
+} // namespace
+
+Unacknowledged::~Unacknowledged()
+{
+    closeLink();
+}
+
+void Unacknowledged::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
+{
+    closeLink();
+    link = ::fcntl(int(socket), F_DUPFD_CLOEXEC, 0);
+    countAtStart = kernelCount(link);
+    const unsigned int timeout = unsigned(deadAfter.count());
+    ::setsockopt(link, IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout));
+}
+
+bool Unacknowledged::addRecord(const QString &name, qint64 bytes)
+{
+    addBytes(bytes);
+    if (!files.take(name))
+        return false;
+    records.push_back({name, taken});
+    ++keptAs[name];
+    return true;
+}
+
+qint64 Unacknowledged::acknowledgedBytes() const
+{
+    return link < 0 ? 0 : kernelCount(link) - countAtStart;
+}
+
+void Unacknowledged::look()
+{
+    const qint64 acknowledged = records.empty() ? 0 : acknowledgedBytes();
+    while (!records.empty() && records.front().end <= acknowledged) {
+        const auto count = keptAs.find(records.front().name);
+        if (--*count == 0) {
+            files.discard(records.front().name);
+            keptAs.erase(count);
+        }
+        records.pop_front();
+    }
+    if (records.empty())
+        files.close();
+}
+
+void Unacknowledged::linkDown()
+{
+    look();
+    closeLink();
+    for (auto kept = keptAs.cbegin(); kept != keptAs.cend(); ++kept)
+        files.giveBack(kept.key());
+    keptAs.clear();
+    records.clear();
+    files.close();
+    taken = 0;
+}
+
+void Unacknowledged::closeLink()
+{
+    if (link >= 0)
+        ::close(link);
+    link = -1;
+}
