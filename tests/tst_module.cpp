@@ -1,9 +1,5 @@
-#include "BusEnds.h"
-#include "Morvane.h"
-#include "Record.h"
-#include "TConnector.h"
+#include "ModuleBench.h"
 #include "TcpPeer.h"
-#include "Workplace.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -11,64 +7,6 @@
 #include <QTimerEvent>
 
 using namespace Qt::StringLiterals;
-
-namespace {
-
-// A module with an administration server, its settings file and its spool.
-class Bench
-{
-public:
-    explicit Bench(const QByteArray &mainLines)
-    {
-        module.LoadSettings(place.writeFile(u"m.ini"_s,
-            "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
-                + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'
-                + mainLines));
-        QTimerEvent event(1);
-        QCoreApplication::sendEvent(module.findChild<TConnector *>(), &event);
-    }
-
-    void command(const char *name, const QByteArray &data = {}, int id = 1)
-    {
-        QByteArray text(name), argument = data;
-        module.AdminCommand(text, argument, id, nullptr);
-    }
-
-    void record(const char *kind, const QString &name, const QByteArray &payload)
-    {
-        QByteArray data = DataRecord{kind, name, payload}.write();
-        module.NewData(1, data, nullptr);
-    }
-
-    // The messages of all "InData" actions.
-    [[nodiscard]] QStringList reports() const
-    {
-        QStringList texts;
-        for (const BusFrame &frame : admin.frames()) {
-            if (frame.name == "InData" && frame.data.isEmpty() && frame.id == -1)
-                texts.append(QString::fromUtf8(frame.message));
-        }
-        return texts;
-    }
-
-    [[nodiscard]] QStringList spooled() const
-    {
-        return QDir(spool).entryList(QDir::Files | QDir::Hidden, QDir::Name);
-    }
-
-    const Workplace place;
-    BusServer admin{u"admin"_s};
-    const QString spool = place.makeFolder(u"spool"_s);
-    Morvane module;
-};
-
-QByteArray tcp(const TcpPeer &peer)
-{
-    return "Protocol=TCP\nReconnectionTimeout=1\nPort=" + QByteArray::number(peer.serverPort())
-        + '\n';
-}
-
-} // namespace
 
 class TestModule : public QObject
 {
@@ -109,7 +47,7 @@ void TestModule::numbersKeepSixteenBits_data()
 void TestModule::numbersKeepSixteenBits()
 {
     QFETCH(QByteArray, lines);
-    Bench bench(lines);
+    ModuleBench bench(lines);
     bench.command("About");
     QTRY_COMPARE(bench.admin.frames().size(), 2);
     const QStringList about = QString::fromUtf8(bench.admin.frames().last().message).split(u'\n');
@@ -121,7 +59,7 @@ void TestModule::numbersKeepSixteenBits()
 
 void TestModule::aboutTextIsExact()
 {
-    Bench bench("LocalPort=1\nPort=2\nHost=::1\nTimeout=3\n");
+    ModuleBench bench("LocalPort=1\nPort=2\nHost=::1\nTimeout=3\n");
     bench.command("About", "ignored", 42);
     QTRY_COMPARE(bench.admin.frames().size(), 2);
     const BusFrame reply = bench.admin.frames().last();
@@ -138,7 +76,7 @@ void TestModule::aboutTextIsExact()
 
 void TestModule::quitEndsTheLoopAndOtherCommandsDoNot()
 {
-    Bench bench("");
+    ModuleBench bench("");
     QMetaObject::invokeMethod(
         &bench.module,
         [&] {
@@ -176,7 +114,7 @@ void TestModule::recordBecomesSpoolFile()
     QFETCH(QByteArray, kind);
     QFETCH(QByteArray, payload);
     QFETCH(bool, kept);
-    Bench bench("Protocol=UDP\n");
+    ModuleBench bench("Protocol=UDP\n");
     bench.record(kind.constData(), u"unwatched"_s, "x");
     bench.command("Input_Data_On");
     bench.record(kind.constData(), u"файл"_s, payload);
@@ -192,7 +130,7 @@ void TestModule::recordBecomesSpoolFile()
 
 void TestModule::failuresAreLogged()
 {
-    Bench bench("Protocol=UDP\n");
+    ModuleBench bench("Protocol=UDP\n");
     bench.place.forgetLog();
     bench.record("error", u""_s, "x");
     bench.record("error", u"../x"_s, "x");
@@ -206,7 +144,7 @@ void TestModule::failuresAreLogged()
 
 void TestModule::unsendableProtocolDropsButReports()
 {
-    Bench bench("Protocol=tcp\n");
+    ModuleBench bench("Protocol=tcp\n");
     bench.module.Start();
     bench.command("Input_Data_On");
     bench.record("error", u"f"_s, "x");
@@ -219,7 +157,7 @@ void TestModule::unsendableProtocolDropsButReports()
 void TestModule::spoolIsSentInOrderAndRecordsFollow()
 {
     TcpPeer peer;
-    Bench bench(tcp(peer));
+    ModuleBench bench(tcpSettings(peer));
     for (const QString &name : {u"B"_s, u"c"_s, u"a"_s})
         bench.record("error", name, name.toUtf8());
     QCOMPARE(bench.spooled().size(), 3);
@@ -235,7 +173,7 @@ void TestModule::outageKeepsRecordsAndTheLinkComesBack()
 {
     auto peer = std::make_unique<TcpPeer>();
     const quint16 port = peer->serverPort();
-    Bench bench(tcp(*peer));
+    ModuleBench bench(tcpSettings(*peer));
     bench.command("Input_Data_On");
     bench.module.Start();
     QTRY_VERIFY(peer->socket);
@@ -255,7 +193,7 @@ void TestModule::linkEventsAreReportedWhileTheWatchIsOn()
 {
     auto peer = std::make_unique<TcpPeer>();
     const quint16 port = peer->serverPort();
-    Bench bench(tcp(*peer));
+    ModuleBench bench(tcpSettings(*peer));
     peer.reset();
     bench.module.Start();
     bench.command("Input_Data_On");
@@ -278,7 +216,7 @@ void TestModule::linkEventsAreReportedWhileTheWatchIsOn()
 
 void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
 {
-    Bench bench("Host=localhost\nReconnectionTimeout=0\nLiveMessageTimeout=0\n");
+    ModuleBench bench("Host=localhost\nReconnectionTimeout=0\nLiveMessageTimeout=0\n");
     bench.command("Input_Data_On");
     QElapsedTimer time;
     time.start();
@@ -290,7 +228,7 @@ void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
 void TestModule::keepAliveIsSent()
 {
     TcpPeer peer;
-    Bench bench(tcp(peer) + "LiveMessageTimeout=1\n");
+    ModuleBench bench(tcpSettings(peer) + "LiveMessageTimeout=1\n");
     bench.module.Start();
     QTRY_COMPARE(peer.bodies, QByteArrayList{"live"});
 }
@@ -298,7 +236,7 @@ void TestModule::keepAliveIsSent()
 void TestModule::secondStartDisturbsNothing()
 {
     TcpPeer peer;
-    Bench bench(tcp(peer) + "LiveMessageTimeout=1\n");
+    ModuleBench bench(tcpSettings(peer) + "LiveMessageTimeout=1\n");
     bench.command("Input_Data_On");
     bench.module.Start();
     bench.module.Reconnect();

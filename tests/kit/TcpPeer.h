@@ -5,6 +5,8 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 
+#include <sys/socket.h>
+
 // The peer of the TCP link: keeps the bodies of the records of all its connections.
 class TcpPeer : public QTcpServer
 {
@@ -14,20 +16,42 @@ public:
         connect(this, &QTcpServer::newConnection, this, [this] {
             socket = nextPendingConnection();
             reader = LinkRecord::Reader();
+            socket->setReadBufferSize(reading ? 0 : 1);
             connect(socket, &QIODevice::readyRead, this, [this] { read(); });
         });
         if (!listen(QHostAddress::LocalHost, port))
             qFatal("cannot listen");
     }
+
+    // Ends the connection with a reset.
+    void reset()
+    {
+        const linger atOnce = {1, 0};
+        ::setsockopt(
+            int(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &atOnce, sizeof(atOnce));
+        socket->abort();
+        socket = nullptr;
+    }
+
     QByteArrayList bodies;
     QTcpSocket *socket = nullptr;
+    bool reading = true; // false before a connection: its bytes stay in the kernel
 
 private:
     void read()
     {
+        if (!reading)
+            return;
         reader.append(socket->readAll());
         while (const auto body = reader.next())
             bodies.append(*body);
     }
     LinkRecord::Reader reader;
 };
+
+// What group "Main" needs to find the peer.
+inline QByteArray tcpSettings(const TcpPeer &peer)
+{
+    return "Protocol=TCP\nReconnectionTimeout=1\nPort=" + QByteArray::number(peer.serverPort())
+        + '\n';
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "BusEnds.h"
+#include "Morvane.h"
+#include "Record.h"
+#include "TConnector.h"
+#include "Workplace.h"
+
+#include <QCoreApplication>
+#include <QTimerEvent>
+
+using namespace Qt::StringLiterals;
+
+// A module with an administration server, its settings file and its spool.
+class ModuleBench
+{
+public:
+    explicit ModuleBench(const QByteArray &mainLines)
+    {
+        module.LoadSettings(place.writeFile(u"m.ini"_s,
+            "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
+                + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'
+                + mainLines));
+        QTimerEvent event(1);
+        QCoreApplication::sendEvent(module.findChild<TConnector *>(), &event);
+    }
+
+    void command(const char *name, const QByteArray &data = {}, int id = 1)
+    {
+        QByteArray text(name), argument = data;
+        module.AdminCommand(text, argument, id, nullptr);
+    }
+
+    void record(const char *kind, const QString &name, const QByteArray &payload)
+    {
+        QByteArray data = DataRecord{kind, name, payload}.write();
+        module.NewData(1, data, nullptr);
+    }
+
+    // The messages of all "InData" actions.
+    [[nodiscard]] QStringList reports() const
+    {
+        QStringList texts;
+        for (const BusFrame &frame : admin.frames()) {
+            if (frame.name == "InData" && frame.data.isEmpty() && frame.id == -1)
+                texts.append(QString::fromUtf8(frame.message));
+        }
+        return texts;
+    }
+
+    [[nodiscard]] QStringList spooled() const
+    {
+        return QDir(spool).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+    }
+
+    const Workplace place;
+    BusServer admin{u"admin"_s};
+    const QString spool = place.makeFolder(u"spool"_s);
+    Morvane module;
+};

@@ -1,0 +1,221 @@
+#include "ModuleBench.h"
+#include "SentFolder.h"
+#include "TcpPeer.h"
+#include "WholeFile.h"
+
+#include <QDirIterator>
+#include <QTest>
+
+#include <netinet/in.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Numbered records, and what a peer must have got of them.
+class Oracle
+{
+public:
+    explicit Oracle(qsizetype payloadBytes)
+        : padding(payloadBytes, '.')
+    {
+    }
+
+    // Hands the module the next records, in order.
+    void put(ModuleBench &bench, int count)
+    {
+        for (int i = 0; i < count; ++i, ++accepted)
+            bench.record("error", numbered(accepted), numbered(accepted).toLatin1() + padding);
+    }
+
+    [[nodiscard]] bool hasLast(const QByteArrayList &bodies) const
+    {
+        return bodies.contains(body(accepted - 1));
+    }
+
+    // Every record has arrived, whole; those of one link in order, and the next link begins with a
+    // record that has not been passed over. Returns what is wrong, or an empty text.
+    [[nodiscard]] QString judge(const QByteArrayList &bodies, int mostDuplicates) const
+    {
+        int next = 0, duplicates = 0;
+        for (const QByteArray &arrived : bodies) {
+            const int number = arrived.sliced(5, 6).toInt();
+            if (arrived != body(number))
+                return u"record %1 is damaged"_s.arg(number);
+            if (number > next)
+                return u"record %1 follows %2"_s.arg(number).arg(next - 1);
+            duplicates += number < next ? 1 : 0;
+            next = std::max(next, number + 1);
+        }
+        if (next != accepted)
+            return u"record %1 of %2 has not arrived"_s.arg(next).arg(accepted);
+        return duplicates <= mostDuplicates ? QString() : u"%1 duplicates"_s.arg(duplicates);
+    }
+
+private:
+    static QString numbered(int number) { return u"%1"_s.arg(number, 6, 10, QChar(u'0')); }
+    [[nodiscard]] QByteArray body(int number) const
+    {
+        return "error" + numbered(number).toLatin1() + padding;
+    }
+
+    QByteArray padding;
+    int accepted = 0;
+};
+
+// A port that answers no attempt until it is opened: its queue of connections is full.
+class UnreachablePeer
+{
+public:
+    explicit UnreachablePeer(TcpPeer &peer)
+        : port(peer.serverPort())
+    {
+        peer.close();
+        const int reuse = 1;
+        ::setsockopt(queue.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof(reuse));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const auto *place = reinterpret_cast<const sockaddr *>(&address);
+        if (::bind(queue.get(), place, sizeof(address)) != 0 || ::listen(queue.get(), 0) != 0)
+            qFatal("cannot listen");
+        ::connect(client.get(), place, sizeof(address)); // fills the queue
+    }
+
+private:
+    const quint16 port;
+    const Descriptor queue{::socket(AF_INET, SOCK_STREAM, 0)};
+    const Descriptor client{::socket(AF_INET, SOCK_STREAM, 0)};
+};
+
+// Lost data is lost for good, so whatever lies hidden counts too.
+qsizetype filesBelow(const QString &folder)
+{
+    qsizetype count = 0;
+    for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+         it.hasNext(); it.next())
+        ++count;
+    return count;
+}
+
+} // namespace
+
+class TestDelivery : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void backlogWaitsOnDiskAndAResetLosesNothing();
+    void cleanCloseCausesNoDuplicate();
+    void unreachablePeerLosesNothing();
+    void newerRecordOfTheSameNameStands();
+    void filesOfTheDeadComeBackAndThoseOfTheLivingStay();
+};
+
+void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
+{
+    TcpPeer peer;
+    peer.reading = false;
+    ModuleBench bench(tcpSettings(peer));
+    Oracle oracle(100'000);
+    oracle.put(bench, 500);
+    bench.module.Start();
+    // 8 MiB wait in the socket, and the kernel takes what it likes.
+    QTRY_VERIFY(bench.spooled().size() < 420);
+    oracle.put(bench, 1);
+    QVERIFY2(bench.spooled().size() > 250, qPrintable(QString::number(bench.spooled().size())));
+    QCOMPARE(filesBelow(bench.spool), 501);
+
+    peer.reading = true;
+    peer.reset();
+    QTRY_VERIFY_WITH_TIMEOUT(oracle.hasLast(peer.bodies), 20'000);
+    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+    QTRY_COMPARE(filesBelow(bench.spool), 0);
+}
+
+void TestDelivery::cleanCloseCausesNoDuplicate()
+{
+    TcpPeer peer;
+    ModuleBench bench(tcpSettings(peer));
+    Oracle oracle(1'000);
+    bench.module.Start();
+    QTRY_VERIFY(peer.socket);
+    for (int outage = 0; outage < 3; ++outage) {
+        oracle.put(bench, 200);
+        QTRY_VERIFY(oracle.hasLast(peer.bodies));
+        peer.socket->close();
+        peer.socket = nullptr;
+        QTRY_VERIFY(peer.socket);
+    }
+    oracle.put(bench, 1);
+    QTRY_VERIFY(oracle.hasLast(peer.bodies));
+    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+    QTRY_COMPARE(
+        QDir(bench.spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        QStringList());
+}
+
+void TestDelivery::unreachablePeerLosesNothing()
+{
+    TcpPeer peer;
+    const quint16 port = peer.serverPort();
+    ModuleBench bench(tcpSettings(peer));
+    Oracle oracle(1'000);
+    {
+        const UnreachablePeer unreachable(peer);
+        bench.module.Start();
+        QTest::qWait(50); // the attempt is under way, and stays so
+        oracle.put(bench, 50);
+        QVERIFY(bench.spooled().isEmpty());
+        QCOMPARE(filesBelow(bench.spool), 50);
+    }
+    QVERIFY(peer.listen(QHostAddress::LocalHost, port));
+    QTRY_VERIFY(oracle.hasLast(peer.bodies));
+    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+}
+
+void TestDelivery::newerRecordOfTheSameNameStands()
+{
+    TcpPeer peer;
+    peer.reading = false;
+    ModuleBench bench(tcpSettings(peer));
+    bench.module.Start();
+    QTRY_VERIFY(peer.socket);
+    // The first is on its way and the last still in the spool when the link breaks.
+    bench.record("error", u"f"_s, QByteArray(40'000'000, '1'));
+    bench.record("error", u"f"_s, QByteArray(40'000'000, '2'));
+    QCOMPARE(filesBelow(bench.spool), 2);
+    peer.reading = true;
+    peer.reset();
+    QTRY_COMPARE_WITH_TIMEOUT(peer.bodies.size(), 1, 20'000);
+    QCOMPARE(peer.bodies.first().back(), '2');
+    QTRY_COMPARE(filesBelow(bench.spool), 0);
+}
+
+void TestDelivery::filesOfTheDeadComeBackAndThoseOfTheLivingStay()
+{
+    const Workplace place;
+    const QString spool = place.makeFolder(u"spool"_s);
+    for (const QString &name : {u"a"_s, u"b"_s, u"c"_s})
+        place.writeFile(u"spool/"_s + name, "old");
+    SentFolder living;
+    living.setSpool(spool);
+    QVERIFY(living.take(u"a"_s));
+    {
+        SentFolder dead; // leaves its files as a killed process does
+        dead.setSpool(spool);
+        QVERIFY(dead.take(u"b"_s) && dead.take(u"c"_s));
+    }
+    place.writeFile(u"spool/c"_s, "new");
+
+    living.recover();
+    QCOMPARE(QDir(spool).entryList(QDir::Files), QStringList({u"b"_s, u"c"_s}));
+    QCOMPARE(place.readFile(u"spool/c"_s), QByteArray("new"));
+    living.giveBack(u"a"_s);
+    living.close();
+    QCOMPARE(filesBelow(spool), 3);
+    QVERIFY(QDir(spool).entryList(QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty());
+}
+
+QTEST_GUILESS_MAIN(TestDelivery)
+#include "tst_delivery.moc"
