@@ -83,8 +83,13 @@ TFileTransfer::~TFileTransfer() = default;
 
 void TFileTransfer::Stop()
 {
-    sending = false;
+    StopSending();
     receiving = false;
+}
+
+void TFileTransfer::StopSending()
+{
+    sending = false;
 }
 
 void TFileTransfer::SendPath(QString path)

@@ -45,6 +45,8 @@ public:
     void OpenFile(QString path);
     // Ends sending and receiving where they are, without a signal.
     void Stop();
+    // Ends sending only, in the same way.
+    void StopSending();
     // Sends a text, at most 248 bytes of it, with a tag of 5 bytes. The peer's engine ignores it.
     void SendInfo(char *tag, QString text);
     // What is put in front of the names of received files; a directory needs its "/" at the end.

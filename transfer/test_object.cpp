@@ -1,0 +1,284 @@
+#include "test_object.h"
+
+#include "TLog.h"
+#include "TTransferData.h"
+
+#include <QDebug>
+#include <QHostAddress>
+#include <QLoggingCategory>
+#include <QNetworkProxy>
+#include <QUdpSocket>
+
+#include <chrono>
+#include <thread>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto scanInterval = 1s;
+constexpr auto deliveryPause = 500ms; // before a delivered file is removed
+constexpr auto bindInterval = 3s; // between two attempts at a port that is taken
+constexpr int receiveBufferBytes = 4 << 20; // the peer goes on sending during the delivery pause
+constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
+constexpr unsigned short shortestTimeout = 1; // milliseconds; 0 would keep a core busy for ever
+
+// Building the text of a line costs more than sending the packet.
+bool isDebugOn()
+{
+    return QLoggingCategory::defaultCategory()->isDebugEnabled();
+}
+
+// The line that qDebug() << text << datagram.toHex() << "\r\n" gives, several times faster.
+void debugDatagram(const char *text, const QByteArray &datagram)
+{
+    if (isDebugOn())
+        qDebug("%s \"%s\" \r\n", text, datagram.toHex().constData());
+}
+
+// Null and unspecified addresses mean this very host to the kernel: the engine would receive and
+// acknowledge its own packets.
+bool isPeerAddress(const QHostAddress &address)
+{
+    return !address.isNull() && address != QHostAddress(QHostAddress::AnyIPv4)
+        && address != QHostAddress(QHostAddress::AnyIPv6);
+}
+
+} // namespace
+
+bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
+{
+    if (requestId != id) {
+        id = requestId;
+        isAnnounced = false;
+    }
+    if (!isAnnounced || ++unanswered <= maxUnanswered || now - lastAnswer <= patience)
+        return false;
+    isAnnounced = false;
+    return true;
+}
+
+void AnswerWatch::answered(char answerId, Clock::time_point now)
+{
+    if (answerId != id)
+        return;
+    isAnnounced = true;
+    unanswered = 0;
+    lastAnswer = now;
+}
+
+ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short peerPort,
+    QString peerHost, unsigned short timeout, QString directory)
+    : QThread(parent)
+    , remotePort(peerPort)
+    , remoteHost(peerHost)
+    , spoolDir(directory)
+    , fileTransfer(new TFileTransfer(std::max(timeout, shortestTimeout), 0, nullptr))
+    , udpSocket(new QUdpSocket(this))
+    , localPort(ownPort)
+{
+    // The system's proxy settings must not carry the packets anywhere else.
+    udpSocket->setProxy(QNetworkProxy::NoProxy);
+    connect(udpSocket, &QIODevice::readyRead, this, &ScanThread::UdpDatagrams);
+    connect(&bindTimer, &QTimer::timeout, this, &ScanThread::bindSocket);
+    bindSocket();
+    connect(fileTransfer, &TFileTransfer::FileSended, this, &ScanThread::on_FileSended);
+    connect(fileTransfer, &TFileTransfer::FileRefused, this, &ScanThread::on_FileRefused);
+    connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
+}
+
+ScanThread::~ScanThread()
+{
+    stop();
+    delete fileTransfer;
+}
+
+void ScanThread::stop()
+{
+    {
+        const std::lock_guard lock(mutex);
+        stopRequested = true;
+    }
+    requestInterruption(); // ends a compression
+    stopCondition.notify_all();
+    wait();
+}
+
+// --- the scanning thread ---
+
+void ScanThread::run()
+{
+    SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
+    for (auto pause = 0ms; goOnAfter(pause); pause = scanInterval) {
+        if (!busy.load(std::memory_order_acquire) && isSpoolFree(lock))
+            handOverFirstFile();
+    }
+}
+
+// False as soon as somebody asks for the end.
+bool ScanThread::goOnAfter(std::chrono::milliseconds pause)
+{
+    std::unique_lock guard(mutex);
+    return !stopCondition.wait_for(guard, pause, [this] { return stopRequested; });
+}
+
+bool ScanThread::isSpoolFree(SpoolLock &lock)
+{
+    const SpoolLock::State state = lock.look();
+    const bool isStuck = state == SpoolLock::State::Stuck;
+    if (isStuck && !saidStuckLock)
+        sayAnywhere(tr("Can't remove the lock file of %1, nothing is sent").arg(spoolDir));
+    saidStuckLock = isStuck;
+    return state == SpoolLock::State::Free;
+}
+
+void ScanThread::handOverFirstFile()
+{
+    const SpoolDirectory spool(spoolDir);
+    unmovable.removeIf([&](auto file) { return spool.mark(file.key()) != file.value(); });
+    const QString name =
+        spool.first([&](const QString &candidate) { return unmovable.contains(candidate); });
+    const std::optional<Mark> mark = spool.mark(name);
+    if (name.isEmpty() || !mark)
+        return;
+    currentName = name;
+    currentPath = spool.pathOf(name);
+    currentMark = *mark;
+    busy.store(true, std::memory_order_release);
+    fileTransfer->OpenFile(currentPath);
+}
+
+// --- what the engine reports ---
+
+void ScanThread::on_FileSended()
+{
+    std::this_thread::sleep_for(deliveryPause);
+    const SpoolDirectory spool(spoolDir);
+    const std::optional<Mark> mark = spool.mark(currentName);
+    // A newer file that has taken the name meanwhile is not the delivered one.
+    const bool isReplaced = mark && mark != currentMark;
+    const bool isRemoved = isReplaced || spool.remove(currentName);
+    const QString path = currentPath;
+    busy.store(false, std::memory_order_release);
+
+    if (isDebugOn())
+        qDebug() << u"Transmitted file  "_s + path;
+    Q_EMIT LogMessage((tr("Transmitted file") + u' ' + path).toUtf8());
+    if (isRemoved)
+        return;
+    if (isDebugOn())
+        qDebug() << u"Can't delete file "_s + path;
+    Q_EMIT LogMessage((tr("Can't delete file") + u' ' + path).toUtf8());
+}
+
+void ScanThread::on_FileRefused(QString, QString reason)
+{
+    // One that was replaced meanwhile may be a good one by now.
+    if (SpoolDirectory(spoolDir).mark(currentName) == currentMark)
+        setAside(reason);
+    busy.store(false, std::memory_order_release);
+}
+
+void ScanThread::setAside(const QString &reason)
+{
+    const SpoolDirectory::SetAside result = SpoolDirectory(spoolDir).setAside(currentName);
+    if (result == SpoolDirectory::SetAside::Gone)
+        return;
+    const bool isMoved = result == SpoolDirectory::SetAside::Moved;
+    if (!isMoved)
+        unmovable.insert(currentName, currentMark);
+    const QString text =
+        isMoved ? tr("Refused file %1: %2") : tr("Refused file %1, and can't move it: %2");
+    say(text.arg(currentPath, reason));
+}
+
+// The next scan takes the file again, with the next transfer id.
+void ScanThread::sendAfresh()
+{
+    fileTransfer->StopSending();
+    const QString path = currentPath;
+    busy.store(false, std::memory_order_release);
+    say(tr("The peer acknowledges no more of file %1, it is sent afresh").arg(path));
+}
+
+// --- the socket ---
+
+void ScanThread::bindSocket()
+{
+    udpSocket->abort();
+    if (udpSocket->bind(localPort)) {
+        bindTimer.stop();
+        udpSocket->setSocketOption(
+            QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBufferBytes);
+        if (saidNoPort)
+            sayAnywhere(tr("Using UDP port %1 now").arg(localPort));
+        return;
+    }
+    if (!saidNoPort)
+        sayAnywhere(tr("Can't use UDP port %1: %2").arg(localPort).arg(udpSocket->errorString()));
+    saidNoPort = true;
+    bindTimer.start(bindInterval);
+}
+
+void ScanThread::SendData(QByteArray &packet)
+{
+    const QHostAddress address(remoteHost);
+    const bool isAddress = isPeerAddress(address);
+    if (!isAddress && !saidNoAddress)
+        say(tr("Nothing is sent: \"%1\" is not the numeric address of a peer").arg(remoteHost));
+    saidNoAddress = !isAddress;
+    // Without its port the socket would take any other, to which no answer comes.
+    if (isAddress && udpSocket->state() == QAbstractSocket::BoundState)
+        udpSocket->writeDatagram(packet, address, remotePort);
+    debugDatagram("Send package   ", packet);
+
+    const auto sent = Packet::read(packet);
+    if (sent && sent->kind == Packet::StatusRequest && watch.isInVain(sent->id))
+        sendAfresh();
+}
+
+void ScanThread::UdpDatagrams()
+{
+    for (int i = 0; i < datagramsPerTurn && udpSocket->hasPendingDatagrams(); ++i) {
+        QByteArray datagram(std::max<qint64>(udpSocket->pendingDatagramSize(), 0), '\0');
+        datagram.truncate(
+            std::max<qint64>(udpSocket->readDatagram(datagram.data(), datagram.size()), 0));
+        const auto packet = Packet::read(datagram);
+        if (packet && packet->kind == Packet::Acknowledgement && packet->entryCount() > 0)
+            watch.answered(packet->id);
+        fileTransfer->ReceiveData(datagram.data(), int(datagram.size()));
+        debugDatagram("Received package   ", datagram);
+    }
+}
+
+// --- what an operator should hear ---
+
+// From any thread; heard a moment later.
+void ScanThread::sayAnywhere(const QString &line)
+{
+    const std::lock_guard lock(mutex);
+    pendingLines.append(line);
+    // By name for the same reason as in the engine: nothing is shared outside the mutex.
+    QMetaObject::invokeMethod(this, "sayPending", Qt::QueuedConnection);
+}
+
+void ScanThread::sayPending()
+{
+    QStringList lines;
+    {
+        const std::lock_guard lock(mutex);
+        lines.swap(pendingLines);
+    }
+    for (const QString &line : std::as_const(lines))
+        say(line);
+}
+
+void ScanThread::say(const QString &line)
+{
+    if (isDebugOn())
+        qDebug() << line;
+    if (pLog)
+        pLog->Message(line);
+    Q_EMIT LogMessage(line.toUtf8());
+}
