@@ -5,8 +5,10 @@
 #include "TConnector.h"
 #include "TLog.h"
 #include "Version.h"
+#include "test_object.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QHostAddress>
 #include <QNetworkProxy>
 #include <QSettings>
@@ -109,7 +111,9 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 void Morvane::Start()
 {
     tidySpool();
-    if (protocol == "TCP")
+    if (protocol == "UDP")
+        StartScanning();
+    else if (protocol == "TCP")
         connectToPeer();
     restartTimer(reconnectTimerId, reconnectionTimeout);
     restartTimer(liveTimerId, liveMessageTimeout);
@@ -264,7 +268,31 @@ void Morvane::SendOldData()
     sender.send();
 }
 
-// Parts of the slot set that other modules of the family fill.
+// --- UDP mode ---
+
+void Morvane::StartScanning()
+{
+    if (!scanning) {
+        scanThread = new ScanThread(this, localPort, port, host, timeout, tempDir);
+        connect(scanThread, &ScanThread::LogMessage, this, &Morvane::Debug);
+        qDebug("Start Scanning");
+        scanThread->start();
+        scanning = true;
+        return;
+    }
+    qDebug("Stop Scanning");
+    scanThread->stop();
+    scanning = false;
+    disconnect(scanThread, &ScanThread::LogMessage, this, &Morvane::Debug);
+    delete std::exchange(scanThread, nullptr);
+}
+
+void Morvane::OnFileReceived(QString name)
+{
+    qDebug() << "File received" << name;
+}
+
+// Slots that other modules of the family fill.
 void Morvane::UdpDatagrams()
 {
 }

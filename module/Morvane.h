@@ -5,6 +5,7 @@
 
 #include <QTcpSocket>
 
+class ScanThread;
 class TMyLocalSocket;
 
 // The transfer module: keeps every record that arrives over the bus as a file in the spool
@@ -32,6 +33,7 @@ public Q_SLOTS:
     void AdminCommand(
         QByteArray &command_name, QByteArray &data, int IDConnection, TMyLocalSocket *socket);
     void UdpDatagrams();
+    void OnFileReceived(QString name);
     void SendData(QByteArray &data);
     // Reports a log line of the scan thread, UTF-8.
     void Debug(QByteArray data);
@@ -46,6 +48,8 @@ protected:
 private:
     // Sends every file of the spool over the link, in order.
     void SendOldData();
+    // Starts the scan thread of UDP mode, or stops it if it runs.
+    void StartScanning();
     // Writes one spool file. The path is tempDir + "/" + a plain name.
     void MakeTmpFile(QString path, QByteArray data);
 
@@ -61,6 +65,8 @@ private:
     QString host; // numeric address of the peer
     quint16 timeout = 0; // milliseconds, tick of the UDP transport
     QString tempDir; // the spool directory
+    bool scanning = false;
+    ScanThread *scanThread = nullptr; // there while scanning
     QByteArray protocol; // "TCP" or "UDP"; anything else starts no transport
     QTcpSocket tspSocket;
     quint16 reconnectionTimeout = 0; // seconds
