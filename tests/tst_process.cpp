@@ -1,6 +1,7 @@
 #include "BusEnds.h"
 #include "Record.h"
 #include "TcpPeer.h"
+#include "UdpRelay.h"
 #include "Workplace.h"
 
 #include <QCoreApplication>
@@ -28,8 +29,9 @@ public:
         environment.remove(u"XDG_RUNTIME_DIR"_s);
         // A sanitizer that keeps freed memory aside would look like a module that does.
         environment.insert(u"ASAN_OPTIONS"_s, u"quarantine_size_mb=1"_s);
-        setProcessEnvironment(environment);
         setWorkingDirectory(place.path());
+        environment.insert(u"QT_LOGGING_RULES"_s, u"default.debug=false"_s);
+        setProcessEnvironment(environment);
         setProcessChannelMode(QProcess::ForwardedErrorChannel);
     }
     ~ModuleProcess() override
@@ -94,12 +96,26 @@ private Q_SLOTS:
     void lossOfTheAdministrationServerGivesStatusFive();
     void settingsAreLoadedInTheOrderOfTheArguments();
     void defaultSettingsFileIsUsedWithoutAnyArgument();
+    void filesCrossABadLinkBothWays();
     void startUpFollowsItsOrder();
     void rubbishHarmsNobody();
     void peerThatTalksCostsNoMemory();
     void quitSignalGivesStatusZero();
 
 private:
+    static void startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRelay &fromIt)
+    {
+        QUdpSocket probe;
+        probe.bind();
+        toIt.target = probe.localPort();
+        probe.close();
+        const QByteArray main =
+            "Protocol=UDP\nTimeout=3\nLocalPort=" + QByteArray::number(toIt.target)
+            + "\nPort=" + QByteArray::number(fromIt.port()) + '\n';
+        process.startWith(
+            {u"-settings"_s, process.writeSettings(u"m.ini"_s, "AdminServerName=\n", main)});
+    }
+
     std::unique_ptr<BusServer> server(const ModuleProcess &process, const QString &name)
     {
         return std::make_unique<BusServer>(process.place.path(name));
@@ -117,6 +133,9 @@ private:
 
     ModuleProcess twice; // two settings files
     ModuleProcess bare; // no settings file on the command line
+
+    ModuleProcess east, west; // in UDP mode, with a bad link between them
+    UdpRelay toEast{1, 20}, toWest{2, 20};
 };
 
 void TestProcess::initTestCase()
@@ -137,6 +156,9 @@ void TestProcess::initTestCase()
 
     twice.startWith({u"-settings"_s, twice.writeSettings(u"a.ini"_s, "LogName=a\n", ""),
         u"--settings"_s, u"-settings"_s, twice.writeSettings(u"b.ini"_s, "LogName=b\n", "")});
+
+    startUdp(east, toEast, toWest);
+    startUdp(west, toWest, toEast);
 
     bare.writeSettings(u"morvane.ini"_s, "AdminServerName=\n", "");
     bare.startWith({u"-Settings"_s, u"other.ini"_s, u"-settings"_s});
@@ -185,6 +207,28 @@ void TestProcess::defaultSettingsFileIsUsedWithoutAnyArgument()
 {
     QTRY_COMPARE(bare.place.readFile(u"morvane.log"_s).count("Start Ok!\n"), 1);
     QCOMPARE(bare.place.readFile(u"morvane.log"_s).count("Warrning: No Connections \n"), 1);
+}
+
+void TestProcess::filesCrossABadLinkBothWays()
+{
+    std::mt19937 random(3);
+    QHash<QString, QByteArray> contents;
+    for (const QString &name : {u"a file"_s, u"Zero to nine"_s, u"Б"_s, u"one"_s, u"two"_s}) {
+        QByteArray content = "tempdb";
+        for (int i = 0; i < 10'000; ++i)
+            content += char(random());
+        contents.insert(name, content);
+        for (const ModuleProcess *process : {&east, &west})
+            process->place.writeFile(u"spool/"_s + name, content);
+    }
+    contents.remove(u"Б"_s); // cannot be sent, and is set aside
+    for (const ModuleProcess *process : {&east, &west}) {
+        QTRY_COMPARE_WITH_TIMEOUT(process->spooled(), QStringList(), patience);
+        QCOMPARE(QDir(process->place.path(u"spool/refused"_s)).entryList(QDir::Files),
+            QStringList{u"Б"_s});
+        for (auto file = contents.cbegin(); file != contents.cend(); ++file)
+            QTRY_COMPARE(process->place.readFile(file.key()), file.value());
+    }
 }
 
 void TestProcess::startUpFollowsItsOrder()
