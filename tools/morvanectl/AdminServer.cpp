@@ -1,0 +1,135 @@
+#include "AdminServer.h"
+
+#include "BusFrame.h"
+#include "BusName.h"
+#include "Output.h"
+#include "TConnector.h"
+
+#include <QFile>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 maxUnreadBytes = 1'048'576; // commands that wait for one module to read them
+
+// Only the socket file that a server has left behind may go. Whatever else bears the name stays.
+QString clearName(const QString &name)
+{
+    QLocalSocket probe;
+    probe.connectToServer(name);
+    if (probe.state() != QLocalSocket::UnconnectedState)
+        return u"a live server has this name"_s;
+    if (probe.error() == QLocalSocket::ServerNotFoundError)
+        return {};
+    const QString path = busSocketPath(name);
+    struct stat info;
+    if (probe.error() != QLocalSocket::ConnectionRefusedError
+        || ::lstat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISSOCK(info.st_mode))
+        return u"%1 is in the way: %2"_s.arg(path, probe.errorString());
+    QLocalServer::removeServer(name);
+    return {};
+}
+
+QString describe(
+    const QByteArray &action, const QByteArray &message, const QByteArray &data, int id)
+{
+    QString text = u"%1 id %2"_s.arg(printable(action), QString::number(id));
+    if (!data.isEmpty())
+        text += u", %1 of data"_s.arg(counted(data.size(), u"byte"_s));
+    QString shown = printable(message);
+    if (shown.endsWith(u'\n'))
+        shown.chop(1);
+    if (shown.contains(u'\n'))
+        return text + u":\n    "_s + shown.replace(u"\n"_s, u"\n    "_s);
+    return shown.isEmpty() ? text : text + u": "_s + shown;
+}
+
+} // namespace
+
+AdminServer::AdminServer()
+    : connector(new TConnector(this))
+    , server(new TMyLocalServer(this))
+{
+    connect(server, &TMyLocalServer::newConnection, this, &AdminServer::accept);
+    connect(connector, &TConnector::NewAction, this, &AdminServer::noteAction);
+}
+
+// The sockets report their end while they are destroyed, when nobody is left to hear of it.
+AdminServer::~AdminServer()
+{
+    for (TMyLocalSocket *socket : connector->incoming())
+        socket->disconnect(this);
+}
+
+QString AdminServer::listen(const QString &name)
+{
+    const QString problem = clearName(name);
+    if (!problem.isEmpty())
+        return problem;
+    if (server->listen(name))
+        return {};
+    return u"%1 (%2)"_s.arg(server->errorString(), busSocketPath(name));
+}
+
+QString AdminServer::nameOf(TMyLocalSocket *module) const
+{
+    return names.contains(module) ? printable(names.value(module)) : u"(no name yet)"_s;
+}
+
+void AdminServer::accept(TMyLocalSocket *socket)
+{
+    connector->newInConnection(socket);
+    // The connector was connected first: it has read the frames when this runs.
+    connect(socket, &TMyLocalSocket::NewData, this, &AdminServer::noteName);
+    connect(socket, &QLocalSocket::disconnected, this, [this, socket] { noteLoss(socket); });
+}
+
+void AdminServer::noteName(TMyLocalSocket *socket)
+{
+    const bool wasKnown = names.contains(socket);
+    if (socket->state() != QLocalSocket::ConnectedState || socket->name == names.value(socket))
+        return;
+    const QString before = nameOf(socket);
+    names.insert(socket, socket->name);
+    const QString line = timeStamp() + u"  %1  "_s.arg(nameOf(socket));
+    say(line + (wasKnown ? u"was %1 before"_s.arg(before) : u"connected"_s));
+    if (!wasKnown)
+        Q_EMIT moduleCame();
+}
+
+void AdminServer::noteAction(const QByteArray &action, const QByteArray &message,
+    const QByteArray &data, int id, TMyLocalSocket *socket)
+{
+    noteName(socket); // its name frame may have come in the same piece
+    say(timeStamp() + u"  %1  %2"_s.arg(nameOf(socket), describe(action, message, data, id)));
+    Q_EMIT actionCame(action, id, socket);
+}
+
+void AdminServer::noteLoss(TMyLocalSocket *socket)
+{
+    if (!names.contains(socket))
+        return;
+    say(timeStamp() + u"  %1  disconnected"_s.arg(nameOf(socket)));
+    names.remove(socket);
+    Q_EMIT moduleLeft(socket);
+}
+
+void AdminServer::sendToAll(const QByteArray &command, qint32 id)
+{
+    const QByteArray frame = BusFrame::makeCommand(command, QByteArray(""), id);
+    const QList<TMyLocalSocket *> receivers = modules();
+    for (TMyLocalSocket *module : receivers) {
+        if (!names.contains(module))
+            continue; // it was lost while another was written to
+        if (module->bytesToWrite() > maxUnreadBytes) {
+            complain(u"%1 does not read: it misses \"%2\""_s.arg(
+                nameOf(module), QString::fromUtf8(command)));
+            continue;
+        }
+        module->write(frame);
+        module->flush();
+    }
+}

@@ -1,0 +1,73 @@
+#include "CommandLine.h"
+
+#include "Output.h"
+
+using namespace Qt::StringLiterals;
+
+CommandLine::CommandLine(
+    const QString &subcommandName, const QString &synopsisText, const QString &description)
+    : subcommand(subcommandName)
+    , synopsis(synopsisText)
+{
+    parser.setApplicationDescription(description);
+    addFlag(u"help"_s, u"Show this help and leave."_s);
+}
+
+void CommandLine::addFlag(const QString &name, const QString &description)
+{
+    parser.addOption(QCommandLineOption(name, description));
+}
+
+void CommandLine::addValue(const QString &name, const QString &valueName,
+    const QString &description, const QString &defaultValue)
+{
+    parser.addOption(QCommandLineOption(name, description, valueName, defaultValue));
+}
+
+std::optional<int> CommandLine::parse(
+    const QStringList &arguments, qsizetype fewest, qsizetype most)
+{
+    const bool understood = parser.parse(arguments);
+    if (parser.isSet(u"help"_s)) {
+        say(helpText());
+        return 0;
+    }
+    if (!understood)
+        return wrongUsage(parser.errorText());
+    if (positionals().size() < fewest)
+        return wrongUsage(u"Too few arguments: %1 is expected."_s.arg(synopsis));
+    if (positionals().size() > most)
+        return wrongUsage(u"Too many arguments: %1 is expected."_s.arg(synopsis));
+    return std::nullopt;
+}
+
+std::optional<int> CommandLine::number(const QString &name, int least, int most) const
+{
+    return number(u"--"_s + name, value(name), least, most);
+}
+
+std::optional<int> CommandLine::number(
+    const QString &what, const QString &text, int least, int most) const
+{
+    bool isNumber = false;
+    const int result = text.toInt(&isNumber);
+    if (isNumber && result >= least && result <= most)
+        return result;
+    wrongUsage(u"%1 takes a number from %2 to %3, not \"%4\"."_s.arg(
+        what, QString::number(least), QString::number(most), text));
+    return std::nullopt;
+}
+
+int CommandLine::wrongUsage(const QString &what) const
+{
+    complain(u"%1: %2 See \"morvanectl %1 --help\"."_s.arg(subcommand, what));
+    return usageStatus;
+}
+
+// The parser's own first line knows nothing of subcommands.
+QString CommandLine::helpText() const
+{
+    const QString text = parser.helpText();
+    return u"Usage: morvanectl %1 [options] %2"_s.arg(subcommand, synopsis)
+        + text.sliced(text.indexOf(u'\n')).trimmed().prepend(u"\n\n"_s);
+}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+// Exit statuses of the tool. Success is 0.
+inline constexpr int failureStatus = 1;
+inline constexpr int usageStatus = 2;
+
+// One line to standard output or standard error, there when this returns.
+void say(const QString &line);
+void complain(const QString &line);
+
+// The local time, as it stands in front of everything that happens.
+[[nodiscard]] QString timeStamp();
+
+// UTF-8 from somewhere else, fit for a terminal: control characters but line feed and tab are
+// shown as escapes, and a very long text is cut off with a remark.
+[[nodiscard]] QString printable(const QByteArray &text);
+
+// "1 record", "2 records"
+[[nodiscard]] QString counted(qint64 number, const QString &noun);

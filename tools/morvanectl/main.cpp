@@ -1,0 +1,55 @@
+#include "Commands.h"
+#include "Output.h"
+#include "TLog.h"
+
+#include <QCoreApplication>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+struct Subcommand
+{
+    QString name;
+    QString summary;
+    int (*run)(const QStringList &arguments);
+};
+
+const Subcommand subcommands[] = {
+    {u"admin"_s, u"be the administration server: show actions, send commands"_s, runAdmin},
+    {u"send"_s, u"put files on a module's bus name as records"_s, runSend},
+    {u"receive"_s, u"be the TCP peer: take records from a module's link"_s, runReceive},
+};
+
+QString overview()
+{
+    QString text = u"Usage: morvanectl SUBCOMMAND [options] ...\n"
+                   "The other ends of a transfer module, to try it and to operate it.\n\n"_s;
+    for (const Subcommand &subcommand : subcommands)
+        text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
+    return text
+        + u"\n\"morvanectl SUBCOMMAND --help\" tells more about each.\n"
+          "Exit status: 0 done, 1 failed, 2 wrong usage."_s;
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication application(argc, argv);
+    pLog = new TLog(u"morvanectl"_s); // never enabled, but the bus classes write to it
+    const QStringList arguments = QCoreApplication::arguments();
+    const QString chosen = arguments.value(1);
+    if (chosen == u"--help"_s || chosen == u"-h"_s || chosen == u"help"_s) {
+        say(overview());
+        return 0;
+    }
+    for (const Subcommand &subcommand : subcommands) {
+        if (subcommand.name == chosen)
+            return subcommand.run(arguments.sliced(1));
+    }
+    complain((chosen.isEmpty() ? u"A subcommand is missing."_s
+                               : u"Unknown subcommand \"%1\"."_s.arg(chosen))
+        + u" See \"morvanectl --help\"."_s);
+    return usageStatus;
+}
