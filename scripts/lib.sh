@@ -1,0 +1,79 @@
+# Shell functions that the scripts share. Sourced, never run; the caller has set -euo pipefail.
+# What they have to say goes to standard error: standard output belongs to what the script runs.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# What the build needs; qt6-base-dev brings neither a compiler nor zlib's headers.
+buildPackages=(g++ cmake ninja-build qt6-base-dev zlib1g-dev)
+# What the tests need besides: the database opener's test opens a real database.
+testPackages=(libqt6sql6-sqlite)
+
+note() {
+    echo "$*" >&2
+}
+
+die() {
+    note "$*"
+    exit 1
+}
+
+asRoot() {
+    if ((EUID == 0)); then
+        env DEBIAN_FRONTEND=noninteractive "$@"
+    else
+        sudo env DEBIAN_FRONTEND=noninteractive "$@"
+    fi
+}
+
+isInstalled() {
+    [[ $(dpkg-query -W -f='${Status}' "$1" 2>/dev/null) == "install ok installed" ]]
+}
+
+# quietly LOG COMMAND...: output goes to the file LOG, and to the terminal only if it fails.
+quietly() {
+    local log=$1
+    shift
+    mkdir -p "$(dirname "$log")"
+    if ! "$@" >"$log" 2>&1; then
+        tail -n 60 "$log" >&2
+        die "Failed: $* (all of its output is in $log)"
+    fi
+}
+
+# installMissing PACKAGE...: installs those Debian packages that are not there yet.
+installMissing() {
+    local package missing=()
+    if ! command -v dpkg-query >/dev/null; then
+        note "This is no Debian system: make sure that it has what these packages hold: $*"
+        return
+    fi
+    for package in "$@"; do
+        isInstalled "$package" || missing+=("$package")
+    done
+    ((${#missing[@]})) || return 0
+    if ((EUID != 0)) && ! command -v sudo >/dev/null; then
+        die "Missing packages: ${missing[*]}. Install them as root, or install sudo."
+    fi
+    note "Installing missing packages: ${missing[*]}"
+    quietly "$root/build/apt.log" asRoot apt-get update
+    quietly "$root/build/apt.log" asRoot apt-get -o DPkg::Lock::Timeout=120 install -y \
+        --no-install-recommends "${missing[@]}"
+}
+
+configureAndBuild() {
+    cd "$root" && cmake --preset "$1" && cmake --build --preset "$1"
+}
+
+# build PRESET: configures and builds; the binaries are in build/PRESET/bin.
+build() {
+    local start=$SECONDS
+    note "Building the $1 preset; the first time takes a minute or more ..."
+    (quietly "$root/build/$1.log" configureAndBuild "$1")
+    note "Built in $((SECONDS - start)) s."
+}
+
+# runTests PRESET: configures, builds and runs every test.
+runTests() {
+    build "$1"
+    (cd "$root" && ctest --preset "$1")
+}

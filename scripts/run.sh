@@ -1,0 +1,15 @@
+#!/bin/bash
+# Builds the program in release mode. Without arguments it then runs the demonstration; with
+# arguments it runs the module with them, in the caller's working directory:
+#
+#     scripts/run.sh
+#     scripts/run.sh -settings my.ini
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+installMissing "${buildPackages[@]}"
+build release
+case ${1-} in
+"") exec "$root/scripts/demo.sh" ;;
+*) exec "$root/build/release/bin/morvane" "$@" ;;
+esac
