@@ -69,7 +69,7 @@ std::optional<QByteArray> readContent(const QString &path)
     }
     const QByteArray content = file.read(longestBody + 1);
     if (file.error() == QFileDevice::NoError)
-        return content;
+        return content.isNull() ? QByteArray("") : content; // empty, but not absent
     complain(u"send: cannot read %1: %2"_s.arg(path, file.errorString()));
     return std::nullopt;
 }
@@ -149,6 +149,8 @@ void Sender::start()
 {
     retry.start(retryInterval);
     tryToConnect();
+    if (!options.quiet && options.waitSeconds > 0 && socket.state() != QLocalSocket::ConnectedState)
+        say(u"Waiting for %1 to listen"_s.arg(options.module));
     limit.start(std::chrono::seconds(options.waitSeconds));
 }
 
