@@ -18,7 +18,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int patience = 20'000; // milliseconds; a loaded machine starts processes slowly
+constexpr int patience = 10'000; // milliseconds; a loaded machine starts processes slowly
 constexpr qsizetype longestBody = 50'000'000; // bytes of a frame that a module takes
 
 // The tool as a process. What it has said is gathered.
