@@ -25,10 +25,12 @@ step() {
 fail() {
     echo
     echo "FAILED: $*"
-    if [[ -e $work/run/transfer.log ]]; then
-        echo "The module's log ends with:"
-        tail -n 20 "$work/run/transfer.log" "$work/run/stderr" | sed 's/^/    /'
-    fi
+    local file
+    for file in "$work/run/transfer.log" "$work/run/stderr" "$work/admin.err" "$work/receive.err"; do
+        [[ -s $file ]] || continue
+        echo "${file##*/} ends with:"
+        tail -n 20 "$file" | sed 's/^/    /'
+    done
     exit 1
 } >&2
 
