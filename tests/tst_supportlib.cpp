@@ -3,7 +3,6 @@
 #include "Workplace.h"
 
 #include <QProcess>
-#include <QRegularExpression>
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlError>
@@ -17,15 +16,10 @@ class TestSupportLib : public QObject
 private Q_SLOTS:
     void entryStaysOnOneLine_data();
     void entryStaysOnOneLine();
-    void entryBeginsWithTimeAndZone();
-    void logNameGivesPath_data();
     void logNameGivesPath();
-    void disabledLogWritesNothing();
     void logSurvivesRotation();
-    void logComesBackWhenItsFolderAppears();
     void unknownKeysAreNamedAndTheFileIsLeftAlone();
     void templatesOfEndedProcessesAreRemoved();
-    void settingsFileBesideTheExecutableWins();
     void databaseOpensOrSaysWhy();
 };
 
@@ -49,51 +43,32 @@ void TestSupportLib::entryStaysOnOneLine()
     const Workplace place;
     pLog->Message(text);
     QTEST(place.logged().value(0), "entry");
-    QCOMPARE(place.logged().size(), 1);
-}
-
-void TestSupportLib::entryBeginsWithTimeAndZone()
-{
-    qputenv("TZ", "Asia/Kolkata");
-    const Workplace place;
-    pLog->Message(u"text"_s);
-    qunsetenv("TZ");
-    const QString entry = QString::fromUtf8(place.readFile(u"test.log"_s));
-    const QString stamp = entry.section(u' ', 0, 0);
+    const QString stamp = QString::fromUtf8(place.readFile(u"test.log"_s)).section(u' ', 0, 0);
     const QDateTime time = QDateTime::fromString(stamp, Qt::ISODateWithMs);
-    QVERIFY2(stamp.contains(QRegularExpression(u"\\.\\d{3}\\+05:30$"_s)), qPrintable(stamp));
-    QVERIFY(qAbs(time.msecsTo(QDateTime::currentDateTime())) < 60'000);
-}
-
-void TestSupportLib::logNameGivesPath_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("path");
-    const QString here = QDir::currentPath() + u'/';
-    QTest::newRow("plain name") << u"morvane"_s << here + u"morvane.log"_s;
-    QTest::newRow("plain name with a dot") << u"a.b"_s << here + u"a.b.log"_s;
-    QTest::newRow("relative path") << u"sub/x"_s << here + u"sub/x.log"_s;
-    QTest::newRow("path without suffix") << u"/var/log/m"_s << u"/var/log/m.log"_s;
-    QTest::newRow("path with suffix") << u"/var/log/m.txt"_s << u"/var/log/m.txt"_s;
+    QVERIFY2(stamp.size() > 23 && qAbs(time.secsTo(QDateTime::currentDateTime())) < 60,
+        qPrintable(stamp));
+    QCOMPARE(place.logged().size(), 1);
 }
 
 void TestSupportLib::logNameGivesPath()
 {
-    QFETCH(QString, name);
-    QTEST(TLog(name).filePath(), "path");
-}
-
-void TestSupportLib::disabledLogWritesNothing()
-{
-    const Workplace place;
-    pLog->Enabled(false);
-    pLog->Message(u"unheard"_s);
-    QVERIFY(!QFile::exists(place.path(u"test.log"_s)));
+    const QString here = QDir::currentPath() + u'/';
+    QCOMPARE(TLog(u"a.b"_s).filePath(), here + u"a.b.log"_s);
+    QCOMPARE(TLog(u"sub/x"_s).filePath(), here + u"sub/x.log"_s);
+    QCOMPARE(TLog(u"/var/log/m.txt"_s).filePath(), u"/var/log/m.txt"_s);
 }
 
 void TestSupportLib::logSurvivesRotation()
 {
     const Workplace place;
+    TLog late(place.path(u"later/a.log"_s));
+    late.Message(u"disabled"_s);
+    late.Enabled(true);
+    late.Message(u"lost"_s);
+    place.makeFolder(u"later"_s);
+    late.Message(u"kept"_s);
+    QCOMPARE(place.Folder::logged(u"later/a.log"_s), QStringList{u"kept"_s});
+
     pLog->Message(u"first"_s);
     QVERIFY(QFile::rename(place.path(u"test.log"_s), place.path(u"test.log.1"_s)));
     pLog->Message(u"second"_s);
@@ -101,17 +76,6 @@ void TestSupportLib::logSurvivesRotation()
     QVERIFY(QFile::remove(place.path(u"test.log"_s)));
     pLog->Message(u"third"_s);
     QCOMPARE(place.logged(), QStringList{u"third"_s});
-}
-
-void TestSupportLib::logComesBackWhenItsFolderAppears()
-{
-    const Workplace place;
-    TLog log(place.path(u"later/a.log"_s));
-    log.Enabled(true);
-    log.Message(u"lost"_s);
-    place.makeFolder(u"later"_s);
-    log.Message(u"kept"_s);
-    QVERIFY(place.readFile(u"later/a.log"_s).endsWith(" kept\n"));
 }
 
 void TestSupportLib::unknownKeysAreNamedAndTheFileIsLeftAlone()
@@ -156,19 +120,6 @@ void TestSupportLib::templatesOfEndedProcessesAreRemoved()
     QCOMPARE(QFileInfo(own).absolutePath(), QDir::tempPath());
     QVERIFY(!QFile::exists(place.path(templateOf(endedPid))));
     QVERIFY(QFile::exists(place.path(templateOf(1))));
-}
-
-void TestSupportLib::settingsFileBesideTheExecutableWins()
-{
-    const QString beside = QCoreApplication::applicationDirPath() + u"/tst_supportlib.ini"_s;
-    QFile::remove(beside);
-    qputenv("XDG_CONFIG_HOME", "/config/home");
-    QCOMPARE(getIniNameDefault(false), u"/config/home/tst_supportlib.ini"_s);
-    QFile file(beside);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    const QString found = getIniNameDefault(false);
-    file.remove();
-    QCOMPARE(found, beside);
 }
 
 void TestSupportLib::databaseOpensOrSaysWhy()
