@@ -246,6 +246,10 @@ void Morvane::connectToPeer()
 
 void Morvane::tspSocketConnected()
 {
+    // On one host an attempt at a port that nobody listens on can end in a connection to itself.
+    if (tspSocket.localPort() == tspSocket.peerPort()
+        && tspSocket.localAddress() == tspSocket.peerAddress())
+        return tspSocket.abort();
     sender.linkUp();
     report(tr("Connection established.").toUtf8());
     SendOldData();
