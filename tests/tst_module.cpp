@@ -4,6 +4,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTest>
+#include <QThread>
 #include <QTimerEvent>
 
 using namespace Qt::StringLiterals;
@@ -23,6 +24,7 @@ private Q_SLOTS:
     void linkEventsAreReportedWhileTheWatchIsOn();
     void hostThatIsNoAddressIsTriedOnceASecond();
     void secondStartDisturbsNothing();
+    void startSwitchesTheScanThreadOnAndOff();
 };
 
 // --- settings and commands ---
@@ -164,6 +166,18 @@ void TestModule::secondStartDisturbsNothing()
     QTRY_VERIFY(!peer.bodies.isEmpty());
     QCOMPARE(peer.bodies, QByteArrayList{"live"}); // timers are replaced, not added
     QCOMPARE(bench.reports().size(), 1);
+}
+
+void TestModule::startSwitchesTheScanThreadOnAndOff()
+{
+    ModuleBench bench("Protocol=UDP\nLocalPort=0\n");
+    for (const char *line : {"Start Scanning", "Stop Scanning", "Start Scanning"}) {
+        QTest::ignoreMessage(QtDebugMsg, line);
+        bench.module.Reconnect();
+        const QList<QThread *> threads = bench.module.findChildren<QThread *>();
+        QCOMPARE(threads.size(), line[2] == 'a' ? 1 : 0);
+        QVERIFY(threads.isEmpty() || threads.first()->isRunning());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestModule)
