@@ -3,6 +3,7 @@
 
 #include <QElapsedTimer>
 #include <QLoggingCategory>
+#include <QNetworkProxyFactory>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -76,6 +77,7 @@ class tst_scanthread : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
+        QNetworkProxyFactory::setUseSystemConfiguration(false); // it would start a thread
         qInstallMessageHandler(countPackages);
         QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
     }

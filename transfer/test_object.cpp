@@ -103,11 +103,20 @@ void ScanThread::stop()
     requestInterruption(); // ends a compression
     stopCondition.notify_all();
     wait();
+    const std::lock_guard lock(mutex); // see run()
 }
 
 // --- the scanning thread ---
 
 void ScanThread::run()
+{
+    scan();
+    // The last use of this object's members here, as far as the thread sanitizer can see: what
+    // wait() does about it is hidden from it.
+    const std::lock_guard lock(mutex);
+}
+
+void ScanThread::scan()
 {
     SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
     for (auto pause = 0ms; goOnAfter(pause); pause = scanInterval) {
@@ -139,8 +148,8 @@ void ScanThread::handOverFirstFile()
     unmovable.removeIf([&](auto file) { return spool.mark(file.key()) != file.value(); });
     const QString name =
         spool.first([&](const QString &candidate) { return unmovable.contains(candidate); });
-    const std::optional<Mark> mark = spool.mark(name);
-    if (name.isEmpty() || !mark)
+    const std::optional<Mark> mark = name.isEmpty() ? std::nullopt : spool.mark(name);
+    if (!mark)
         return;
     currentName = name;
     currentPath = spool.pathOf(name);

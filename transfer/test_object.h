@@ -88,6 +88,7 @@ private Q_SLOTS:
 private:
     using Mark = SpoolDirectory::Mark;
 
+    void scan();
     [[nodiscard]] bool goOnAfter(std::chrono::milliseconds pause);
     [[nodiscard]] bool isSpoolFree(SpoolLock &lock);
     void handOverFirstFile();
