@@ -450,8 +450,8 @@ void tst_engine::filesMayBeOpenedFromAnotherThread()
     channel.right.engine.SendPath(path(u"right-"_s));
     const QString file = makeFile(u"f"_s, noise(100'000, 5));
     QThread *signalled = nullptr;
-    connect(&engine, &TFileTransfer::FileRefused, &engine,
-        [&] { signalled = QThread::currentThread(); });
+    const auto remember = [&] { signalled = QThread::currentThread(); };
+    connect(&engine, &TFileTransfer::FileRefused, &engine, remember, Qt::DirectConnection);
     for (int round = 1; round <= 5; ++round) {
         std::thread worker([&] {
             engine.OpenFile(path(u"missing"_s));
