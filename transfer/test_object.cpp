@@ -53,7 +53,8 @@ bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
         id = requestId;
         isAnnounced = false;
     }
-    if (!isAnnounced || ++unanswered <= maxUnanswered || now - lastAnswer <= patience)
+    const Clock::duration limit = std::max<Clock::duration>(patience, lastAnswer - firstAnswer);
+    if (!isAnnounced || ++unanswered <= maxUnanswered || now - lastAnswer <= limit)
         return false;
     isAnnounced = false;
     return true;
@@ -63,6 +64,8 @@ void AnswerWatch::answered(char answerId, Clock::time_point now)
 {
     if (answerId != id)
         return;
+    if (!isAnnounced)
+        firstAnswer = now;
     isAnnounced = true;
     unanswered = 0;
     lastAnswer = now;

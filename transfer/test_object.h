@@ -21,7 +21,9 @@ class AnswerWatch
 public:
     using Clock = std::chrono::steady_clock;
 
-    // Time and datagrams that must pass without an answer. Every request goes out twice; over a
+    // Time and datagrams that must pass without an answer; the time is also at least as long as the
+    // file took until the last one, so that an outage costs a long transfer no more than it has
+    // lasted. Every request goes out twice; over a
     // link that loses half of the datagrams each way, 60 in a row stay unanswered about once in
     // 10^24.
     std::chrono::milliseconds patience = std::chrono::minutes(5);
@@ -36,6 +38,7 @@ private:
     char id = -1; // of the last request
     bool isAnnounced = false; // something of this file was acknowledged
     int unanswered = 0;
+    Clock::time_point firstAnswer;
     Clock::time_point lastAnswer;
 };
 
@@ -64,7 +67,8 @@ public:
     void stop();
 
     // How long a peer that has acknowledged part of a file may be silent before the file is sent
-    // afresh, which costs that part. Five minutes unless set, before start().
+    // afresh, which costs that part. Five minutes unless set, before start(); longer for a file
+    // that has already taken longer.
     void setPatience(std::chrono::milliseconds patience) { watch.patience = patience; }
 
 Q_SIGNALS:
