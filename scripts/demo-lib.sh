@@ -214,9 +214,10 @@ startAdmin() {
     waitFor 10 "the administration server" adminShows Listening
 }
 
-# startModule WHAT FOLDER SETTINGS: in that working directory; WHAT is what to call it.
+# startModule WHAT FOLDER SETTINGS ERRORS: in that working directory, with standard error to the file
+# ERRORS; WHAT is what to call it.
 startModule() {
-    (cd "$work/$2" && exec "$bin/morvane" -settings "$3" >stdout 2>stderr 3>&-) &
+    (cd "$work/$2" && exec "$bin/morvane" -settings "$3" >/dev/null 2>"$work/$4" 3>&-) &
     modulePid=$!
     pids=("$modulePid" "${pids[@]}") # it goes first
     modules[$modulePid]=$1

@@ -48,7 +48,7 @@ SETTINGS
 }
 
 bringUpModule() {
-    startModule "the module" run demo.ini
+    startModule "the module" run demo.ini run/stderr
     step "Module started, its peer (TCP port $port) is absent. Its bus comes up in passes of 5 s:"
     step "  waiting for it to connect to the administration server (about 5 s) ..."
     waitFor 30 "the module at the administration server" adminShows "transfer  connected"
