@@ -1,0 +1,378 @@
+// The transfer over UDP: ticks against the least that the rules allow, processor time a tick, and
+// the pace of the real module.
+
+#include "Kit.h"
+
+#include "TTransferData.h"
+
+#include <QCoreApplication>
+#include <QTimerEvent>
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cmath>
+#include <deque>
+#include <poll.h>
+#include <random>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int payloadBytes = 250; // of a data packet
+constexpr int announcing = 3; // ticks: the information record twice, one status request
+constexpr int groupSize = 4; // data packets between two status requests
+constexpr int listSize = 25; // packet numbers that a status request names at most
+constexpr int never =
+    86'400'000; // milliseconds; an engine with that interval never ticks by itself
+
+// A file of noise, which makes so many data packets: deflate stores it in blocks.
+void writeNoise(const std::string &path, int packets)
+{
+    constexpr int blockBytes = 16'383; // of deflate at its least; each costs 5 bytes
+    const int bytes = packets * payloadBytes - 6 - 5 * (packets * payloadBytes / blockBytes + 2);
+    std::vector<char> noise(size_t(std::max(bytes, 1)));
+    std::mt19937 random(1);
+    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+    std::FILE *file = std::fopen(path.c_str(), "w");
+    if (!file || std::fwrite(noise.data(), 1, noise.size(), file) != noise.size())
+        fail("cannot write " + path);
+    std::fclose(file);
+}
+
+// --- two engines back to back ---
+
+// An engine sends a file to another one, tick by tick, over a link that loses packets at random.
+class Link
+{
+public:
+    Link(const RamFolder &folder, double lossShare, unsigned seed)
+        : loss(lossShare)
+        , random(seed)
+    {
+        to.SendPath(QString::fromStdString(folder.makeFolder("received") + '/'));
+        QObject::connect(&from, &TFileTransfer::SendData, &from,
+            [this](QByteArray &packet) { pass(packet, to); });
+        QObject::connect(
+            &to, &TFileTransfer::SendData, &to, [this](QByteArray &packet) { pass(packet, from); });
+        QObject::connect(&from, &TFileTransfer::FileSended, &from, [this] { isDone = true; });
+    }
+
+    void open(const std::string &path)
+    {
+        isDone = false;
+        from.OpenFile(QString::fromStdString(path));
+    }
+    void tick()
+    {
+        QTimerEvent event(0);
+        from.timerEvent(&event);
+    }
+    int ticksToTheEnd()
+    {
+        int ticks = 0;
+        for (; !isDone; ++ticks)
+            tick();
+        return ticks;
+    }
+
+    int packets = 0; // of the file, as announced
+
+private:
+    void pass(QByteArray &packet, TFileTransfer &receiver)
+    {
+        const auto read = Packet::read(packet);
+        if (read && read->kind == Packet::Data && read->number == 0)
+            packets = InformationRecord::read(read->record)->count;
+        if (loss > 0 && share(random) < loss)
+            return;
+        QByteArray copy(packet.constData(), packet.size());
+        receiver.ReceiveData(copy.data(), int(copy.size()));
+    }
+
+    const double loss;
+    std::mt19937 random;
+    std::uniform_real_distribution<double> share{0, 1};
+    TFileTransfer from{never, 0, nullptr}, to{never, 0, nullptr};
+    bool isDone = false;
+};
+
+int leastTicks(int packets)
+{
+    return announcing + (packets + groupSize - 1) / groupSize * (groupSize + 1);
+}
+
+void measureCleanPath(const Options &options, const RamFolder &folder)
+{
+    for (const int wanted : {1, 100, options.amount(65'400, 1'000)}) {
+        writeNoise(folder.path("clean"), wanted);
+        Link link(folder, 0, 1);
+        link.open(folder.path("clean"));
+        const int ticks = link.ticksToTheEnd();
+        Figure figure("UDP clean path, a file of " + std::to_string(link.packets) + " packets",
+            "ticks", "1.00 to 1.02");
+        figure.add(ticks, leastTicks(link.packets));
+        figure.print();
+    }
+}
+
+// Microseconds of processor time a tick, both engines together. Opening the file and its last
+// group, with which the receiver writes it, are left out.
+double tickCost(const RamFolder &folder, const std::string &file, int leastTotal)
+{
+    Link link(folder, 0, 1);
+    double time = 0;
+    int ticks = 0;
+    while (ticks < leastTotal) {
+        link.open(folder.path(file));
+        for (int i = 0; i < announcing; ++i)
+            link.tick();
+        const int timed = leastTicks(link.packets) - announcing - (groupSize + 1);
+        const double start = threadSeconds();
+        for (int i = 0; i < timed; ++i)
+            link.tick();
+        time += threadSeconds() - start;
+        ticks += timed;
+        link.ticksToTheEnd();
+    }
+    return time / ticks * 1e6;
+}
+
+void measureTickCost(const Options &options, const RamFolder &folder)
+{
+    writeNoise(folder.path("few"), 100);
+    writeNoise(folder.path("many"), options.amount(65'400, 1'000));
+    const int total = options.amount(80'000, 1'000);
+    Figure figure("UDP processor time a tick, 65,400 packets to 100", "us", "<= 1.5");
+    for (int run = 0; run < options.runs(); ++run) {
+        const double few = tickCost(folder, "few", total);
+        figure.add(tickCost(folder, "many", total), few);
+    }
+    figure.print();
+}
+
+// --- loss ---
+
+// The rules by themselves, on flags and counts: no bytes, no engine, the plainest choice of the
+// next packet. Gives the ticks until the sender knows that all has arrived.
+class Rules
+{
+public:
+    Rules(int packets, double lossShare, unsigned seed)
+        : held(size_t(packets) + 1)
+        , acknowledged(size_t(packets) + 1)
+        , sent(size_t(packets) + 1)
+        , missing(packets + 1)
+        , loss(lossShare)
+        , random(seed)
+    {
+    }
+    int ticksToTheEnd()
+    {
+        int ticks = 0, sinceRequest = 0;
+        while (missing > 0) {
+            ++ticks;
+            if (++sinceRequest > (acknowledged[0] ? groupSize : announcing - 1)) {
+                sinceRequest = 0;
+                request();
+            } else {
+                sendOne(chosen());
+            }
+        }
+        return ticks;
+    }
+
+private:
+    bool arrives() { return share(random) >= loss; }
+    // The lowest of those that were sent least; the information record alone comes first.
+    size_t chosen()
+    {
+        while (acknowledged[lowest])
+            ++lowest;
+        if (!acknowledged[0])
+            return 0;
+        for (size_t i = std::max(lowest, next); i < held.size(); ++i) {
+            if (!acknowledged[i] && sent[i] < sent[lowest])
+                return i;
+        }
+        return lowest;
+    }
+    void sendOne(size_t number)
+    {
+        next = number + 1; // those in front of it have been sent as often
+        ++sent[number];
+        recent.push_back(number);
+        if (recent.size() > listSize)
+            recent.pop_front();
+        if (!arrives())
+            return;
+        if (number == 0) // whoever receives it starts afresh
+            std::fill(held.begin(), held.end(), false);
+        held[number] = true;
+    }
+    // Both copies of the request and both answers to each may be lost.
+    void request()
+    {
+        for (int copy = 0; copy < 2; ++copy) {
+            if (!arrives())
+                continue;
+            for (int answer = 0; answer < 2; ++answer) {
+                if (arrives())
+                    acknowledgeRecent();
+            }
+        }
+    }
+    void acknowledgeRecent()
+    {
+        for (const size_t number : recent) {
+            if (held[number] && !acknowledged[number]) {
+                acknowledged[number] = true;
+                --missing;
+            }
+        }
+        std::erase_if(recent, [&](size_t number) { return acknowledged[number]; });
+    }
+
+    std::vector<char> held, acknowledged;
+    std::vector<int> sent;
+    std::deque<size_t> recent;
+    int missing;
+    size_t lowest = 0, next = 0;
+    const double loss;
+    std::mt19937 random;
+    std::uniform_real_distribution<double> share{0, 1};
+};
+
+void measureLoss(const Options &options, const RamFolder &folder)
+{
+    writeNoise(folder.path("lossy"), options.amount(2'000, 200));
+    for (const int percentage : {10, 33, 50}) {
+        const double loss = percentage / 100.0;
+        const std::string share = std::to_string(percentage) + " % lost each way";
+        Figure rules("UDP, " + share + ": ticks against the rules", "ticks", "1.00");
+        Figure bound("  against one who knows what has arrived", "ticks");
+        for (unsigned run = 0; run < unsigned(options.amount(20, 2)); ++run) {
+            Link link(folder, loss, run);
+            link.open(folder.path("lossy"));
+            const int ticks = link.ticksToTheEnd();
+            const int expected = Rules(link.packets, loss, run + 1'000).ticksToTheEnd();
+            rules.add(ticks, expected);
+            bound.add(ticks, link.packets / (1 - loss) * (groupSize + 1) / groupSize);
+        }
+        rules.print();
+        bound.print();
+    }
+}
+
+// --- the pace of the module ---
+
+Socket boundUdp(int &port)
+{
+    Socket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    auto *plain = reinterpret_cast<sockaddr *>(&address);
+    check(::bind(socket.get(), plain, size), "bind");
+    ::getsockname(socket.get(), plain, &size);
+    port = ntohs(address.sin_port);
+    return socket;
+}
+
+Socket millisecondTimer()
+{
+    Socket timer(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK));
+    const itimerspec every = {{0, 1'000'000}, {0, 1'000'000}};
+    check(::timerfd_settime(timer.get(), 0, &every, nullptr), "timer");
+    return timer;
+}
+
+// The peer of a module in UDP mode: an engine on a bare socket, and a timer of the kernel.
+class PeerOfModule
+{
+public:
+    explicit PeerOfModule(const RamFolder &folder)
+    {
+        engine.SendPath(QString::fromStdString(folder.makeFolder("received") + '/'));
+        QObject::connect(
+            &engine, &TFileTransfer::SendData, &engine, [this](const QByteArray &packet) {
+                ::sendto(socket.get(), packet.constData(), size_t(packet.size()), 0,
+                    reinterpret_cast<const sockaddr *>(&sender), sizeof(sender));
+            });
+    }
+
+    // Ticks of the module and wake-ups of the timer in so many seconds.
+    std::pair<double, double> count(double time)
+    {
+        double datagrams = 0, wakeUps = 0; // of a tick: one data packet or two requests
+        const Socket timer = millisecondTimer();
+        pollfd waits[] = {{socket.get(), POLLIN, 0}, {timer.get(), POLLIN, 0}};
+        for (const double end = seconds() + time; seconds() < end;) {
+            ::poll(waits, 2, 1'000);
+            uint64_t expired;
+            if (::read(timer.get(), &expired, sizeof(expired)) > 0)
+                ++wakeUps; // what was missed meanwhile does not count
+            datagrams += receive();
+        }
+        return {datagrams, wakeUps};
+    }
+
+    int port = 0;
+
+private:
+    double receive()
+    {
+        double ticks = 0;
+        char bytes[512];
+        socklen_t size = sizeof(sender);
+        ssize_t count;
+        while ((count = ::recvfrom(socket.get(), bytes, sizeof(bytes), MSG_DONTWAIT,
+                    reinterpret_cast<sockaddr *>(&sender), &size))
+            > 0) {
+            const auto packet = Packet::read(QByteArrayView(bytes, count));
+            if (packet)
+                ticks += packet->kind == Packet::StatusRequest ? 0.5 : 1;
+            engine.ReceiveData(bytes, int(count));
+        }
+        return ticks;
+    }
+
+    Socket socket = boundUdp(port);
+    sockaddr_in sender = {};
+    TFileTransfer engine{never, 0, nullptr};
+};
+
+void measurePace(const Options &options)
+{
+    const RamFolder folder;
+    folder.makeFolder("spool");
+    writeNoise(folder.path("spool/file"), 60'000);
+    PeerOfModule peer(folder);
+    int localPort = 0;
+    boundUdp(localPort); // closed again: free for the module
+    const Module module(folder,
+        "Protocol=UDP\nTimeout=1\nPort=" + std::to_string(peer.port)
+            + "\nLocalPort=" + std::to_string(localPort) + '\n');
+    waitUntil([&] { return peer.count(0.1).first > 10; }, "packets of the module");
+    Figure pace("UDP, a Timeout of 1 ms: ticks a second", "1/s", ">= 0.95");
+    for (int run = 0; run < options.runs(); ++run) {
+        const auto [ticks, timer] = peer.count(options.amount(3, 1));
+        pace.add(ticks / options.amount(3, 1), timer / options.amount(3, 1));
+    }
+    pace.print();
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const Options options(argc, argv);
+    QCoreApplication application(argc, argv);
+    const RamFolder folder;
+    measureCleanPath(options, folder);
+    measureTickCost(options, folder);
+    measureLoss(options, folder);
+    measurePace(options);
+}
