@@ -214,7 +214,8 @@ void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *)
     const DataRecord record = DataRecord::read(data);
     if (!record.isAccepted())
         return;
-    report((tr("New data") + u": "_s + record.fileName).toUtf8());
+    if (inputDataOn)
+        report((tr("New data") + u": "_s + record.fileName).toUtf8());
     if (protocol != "TCP" && protocol != "UDP")
         return;
     MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());

@@ -13,6 +13,7 @@ namespace {
 
 constexpr auto lockStep = 1s; // between two looks at the lock
 constexpr auto lookInterval = 250ms; // between two looks at what is acknowledged
+constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
 constexpr qint64 maxBuffered = 8'388'608; // bytes that wait in the socket, or one larger record
 
 } // namespace
@@ -126,18 +127,25 @@ bool SpoolSender::hasRoomFor(qint64 bytes) const
 // False if the socket must drain first. A file that cannot be read or is not taken is passed over.
 bool SpoolSender::sendFile(const QString &name)
 {
-    const std::optional<QByteArray> content = spool.read(name);
-    if (!content)
+    std::optional<QByteArray> record = spool.read(name, LinkRecord::lengthSize);
+    if (!record)
         return true;
-    const QByteArray record = LinkRecord::make(*content);
-    if (!hasRoomFor(record.size()))
+    LinkRecord::complete(*record);
+    if (!hasRoomFor(record->size()))
         return false;
-    // By pointer and size the socket copies small records together, and sends many in one call.
-    if (link.write(record.constData(), record.size()) != record.size())
+    if (write(*record) != record->size())
         return true;
-    if (!unacknowledged.addRecord(name, record.size()))
+    if (!unacknowledged.addRecord(name, record->size()))
         Q_EMIT fileKept(spool.pathOf(name));
     return true;
+}
+
+// By pointer and size the socket copies small records together, and sends many in one call. A
+// large one it takes over without a copy.
+qint64 SpoolSender::write(const QByteArray &record)
+{
+    return record.size() < minShared ? link.write(record.constData(), record.size())
+                                     : link.write(record);
 }
 
 void SpoolSender::sendKeepAlive()

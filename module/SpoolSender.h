@@ -51,6 +51,7 @@ private:
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
     void sendListed();
     [[nodiscard]] bool sendFile(const QString &name);
+    [[nodiscard]] qint64 write(const QByteArray &record);
     void watchAcknowledgements();
 
     QTcpSocket &link;

@@ -2,10 +2,14 @@
 
 #include <QDataStream>
 #include <QIODevice>
+#include <QtEndian>
+
+#include <algorithm>
 
 namespace {
 
 constexpr int streamVersion = QDataStream::Qt_4_5;
+constexpr quint32 nullCount = 0xFFFFFFFF;
 constexpr qint8 actionFlag = 1;
 constexpr qint16 actionFields[] = {-1, -1, 0, 0, 0};
 
@@ -21,37 +25,73 @@ template <typename... Fields> QByteArray frame(uchar kind, const Fields &...fiel
     return bytes;
 }
 
-void skipActionFields(QDataStream &stream)
+// Takes one field after the other off the front of a body.
+class Fields
 {
-    qint8 flag = 0;
-    stream >> flag;
-    for (qint16 field : actionFields)
-        stream >> field;
+public:
+    explicit Fields(QByteArrayView body)
+        : rest(body)
+    {
+    }
+    // Too few bytes are taken too, and read as 0.
+    template <typename Number> Number number()
+    {
+        const QByteArrayView bytes = take(sizeof(Number));
+        return bytes.isEmpty() ? Number(0) : qFromBigEndian<Number>(bytes.data());
+    }
+    QByteArrayView bytes()
+    {
+        const quint32 count = number<quint32>();
+        return count == nullCount ? QByteArrayView() : take(count);
+    }
+    void skipActionFields() { take(sizeof(actionFlag) + sizeof(actionFields)); }
+
+private:
+    QByteArrayView take(qsizetype size)
+    {
+        const QByteArrayView bytes = size <= rest.size() ? rest.first(size) : QByteArrayView();
+        rest = rest.sliced(std::min(size, rest.size()));
+        return bytes;
+    }
+    QByteArrayView rest;
+};
+
+// The part of an array that a view into it shows, without a copy if nobody shares the array.
+QByteArray cutOut(QByteArray array, QByteArrayView part)
+{
+    if (part.isEmpty())
+        return {};
+    array.truncate(part.end() - QByteArrayView(array).begin());
+    return array.remove(0, array.size() - part.size());
 }
 
 } // namespace
 
-BusFrame BusFrame::read(const QByteArray &body)
+BusFrame BusFrame::read(QByteArray body)
 {
     BusFrame frame;
-    QDataStream stream(body);
-    stream.setVersion(streamVersion);
-    stream >> frame.kind;
+    Fields fields(body);
+    frame.kind = fields.number<uchar>();
     switch (frame.kind) {
     case Name:
-        stream >> frame.name;
+        frame.name = fields.bytes().toByteArray();
         break;
     case Action:
-        stream >> frame.name >> frame.message >> frame.data;
-        skipActionFields(stream);
-        stream >> frame.id;
+        frame.name = fields.bytes().toByteArray();
+        frame.message = fields.bytes().toByteArray();
+        frame.data = fields.bytes().toByteArray();
+        fields.skipActionFields();
+        frame.id = fields.number<qint32>();
         break;
     case Command:
     case BusMessage:
-        stream >> frame.name >> frame.data >> frame.id;
+        frame.name = fields.bytes().toByteArray();
+        frame.data = fields.bytes().toByteArray();
+        frame.id = fields.number<qint32>();
         break;
     default:
-        stream >> frame.data;
+        const QByteArrayView data = fields.bytes(); // looks at the body before that is moved
+        frame.data = cutOut(std::move(body), data);
     }
     return frame;
 }

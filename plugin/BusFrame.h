@@ -32,7 +32,8 @@ struct BusFrame
 
     // Reads a frame's body: everything behind the length. Lenient: a field that runs past the end
     // reads as empty or 0, and so do all later ones; surplus bytes are ignored.
-    [[nodiscard]] static BusFrame read(const QByteArray &body);
+    // The data of a data frame take over the body's memory.
+    [[nodiscard]] static BusFrame read(QByteArray body);
 
     // Whole frames, length included, ready for one write. A null byte array is written as null.
     [[nodiscard]] static QByteArray makeName(const QByteArray &name);

@@ -246,7 +246,7 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
     // A slot that hears of a frame may abort the socket: then nothing is left to take.
     QByteArray body;
     while (takeBody(socket, body))
-        dispatch(BusFrame::read(body), socket);
+        dispatch(BusFrame::read(std::exchange(body, {})), socket);
 }
 
 // False while the next frame is incomplete. A length of 0 or less gives an empty body.

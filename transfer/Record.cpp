@@ -10,7 +10,6 @@ namespace {
 
 constexpr int streamVersion = QDataStream::Qt_4_5;
 constexpr std::array acceptedKinds = {"tempdb", "error", "tempdb_t"};
-constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body on the link
 
 } // namespace
 
@@ -19,7 +18,11 @@ DataRecord DataRecord::read(const QByteArray &bytes)
     DataRecord record;
     QDataStream stream(bytes);
     stream.setVersion(streamVersion);
-    stream >> record.kind >> record.fileName >> record.payload;
+    quint32 count = 0;
+    stream >> record.kind >> record.fileName >> count;
+    const qsizetype at = qsizetype(stream.device()->pos());
+    if (count <= quint64(bytes.size() - at)) // never so for a null one
+        record.payload = QByteArray::fromRawData(bytes.constData() + at, qsizetype(count));
     return record;
 }
 
@@ -39,9 +42,14 @@ bool DataRecord::isAccepted() const
 
 QByteArray LinkRecord::make(const QByteArray &body)
 {
-    QByteArray record(lengthSize, Qt::Uninitialized);
-    qToLittleEndian(quint32(body.size()), record.data());
-    return record + body;
+    QByteArray record = QByteArray(lengthSize, Qt::Uninitialized) + body;
+    complete(record);
+    return record;
+}
+
+void LinkRecord::complete(QByteArray &record)
+{
+    qToLittleEndian(quint32(record.size() - lengthSize), record.data());
 }
 
 std::optional<QByteArray> LinkRecord::Reader::next()

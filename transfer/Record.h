@@ -19,7 +19,8 @@ struct DataRecord
     QString fileName;
     QByteArray payload;
 
-    // Lenient: fields that run past the end read as empty; surplus bytes are ignored.
+    // Lenient: fields that run past the end read as empty; surplus bytes are ignored. The payload
+    // points into the bytes, which must outlive it: they may be many.
     [[nodiscard]] static DataRecord read(const QByteArray &bytes);
     [[nodiscard]] QByteArray write() const;
 
@@ -34,7 +35,11 @@ namespace LinkRecord {
 
 inline constexpr char keepAlive[] = "live";
 
+inline constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body
+
 [[nodiscard]] QByteArray make(const QByteArray &body);
+// Fills the first lengthSize bytes of a record whose body is in place.
+void complete(QByteArray &record);
 
 // Cuts a link's byte stream, in whatever pieces it arrives, into record bodies.
 class Reader

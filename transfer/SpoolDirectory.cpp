@@ -237,15 +237,15 @@ std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) co
     return Mark{info.st_ino, nanoseconds(info.st_mtim), info.st_size};
 }
 
-std::optional<QByteArray> SpoolDirectory::read(const QString &name) const
+std::optional<QByteArray> SpoolDirectory::read(const QString &name, qsizetype room) const
 {
-    const Descriptor file(openRegularFile(pathOf(name)));
-    struct stat info;
-    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || info.st_size > maxFileBytes)
+    qint64 size = 0;
+    const Descriptor file(openRegularFile(pathOf(name), &size));
+    if (!file.isOpen() || size > maxFileBytes)
         return std::nullopt;
 
-    QByteArray content(info.st_size, Qt::Uninitialized);
-    qsizetype filled = 0;
+    QByteArray content(room + size, Qt::Uninitialized);
+    qsizetype filled = room;
     while (filled < content.size()) {
         const ssize_t count =
             ::read(file.get(), content.data() + filled, size_t(content.size() - filled));

@@ -102,8 +102,9 @@ public:
     // Nothing if the file is gone.
     [[nodiscard]] std::optional<Mark> mark(const QString &name) const;
 
-    // Nothing if the file is gone, unreadable, not a regular file or larger than 4 GiB.
-    [[nodiscard]] std::optional<QByteArray> read(const QString &name) const;
+    // Nothing if the file is gone, unreadable, not a regular file or larger than 4 GiB. In front of
+    // the content so many bytes are left for the caller to fill, which saves him a copy.
+    [[nodiscard]] std::optional<QByteArray> read(const QString &name, qsizetype room = 0) const;
 
     // False if the file is still there afterwards.
     [[nodiscard]] bool remove(const QString &name) const;

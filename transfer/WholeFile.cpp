@@ -14,9 +14,10 @@ constexpr mode_t newFileMode = 0666; // less the umask
 
 QByteArray hiddenBeside(const QString &path)
 {
-    const QString directory = path.left(path.lastIndexOf(u'/') + 1);
-    return QFile::encodeName(directory) + incomingPrefix
-        + QByteArray::number(QCoreApplication::applicationPid());
+    // The number is asked for once: it would be a system call for every file.
+    static const QByteArray name =
+        incomingPrefix + QByteArray::number(QCoreApplication::applicationPid());
+    return QFile::encodeName(path.left(path.lastIndexOf(u'/') + 1)) + name;
 }
 
 } // namespace
@@ -27,7 +28,7 @@ bool isPlainName(const QString &name)
         && !name.contains(QChar(u'\0'));
 }
 
-int openRegularFile(const QString &path)
+int openRegularFile(const QString &path, qint64 *size)
 {
     if (path.contains(QChar(u'\0'))) { // the system would take what is in front of it
         errno = ENOENT;
@@ -42,6 +43,8 @@ int openRegularFile(const QString &path)
         errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
         return -1;
     }
+    if (size)
+        *size = info.st_size;
     return file.release();
 }
 

@@ -37,8 +37,9 @@ inline constexpr char incomingPrefix[] = ".incoming-";
 // or zero character, no dot in front.
 [[nodiscard]] bool isPlainName(const QString &name);
 
-// Opens a regular file for reading; -1, with the reason in errno, for anything else.
-[[nodiscard]] int openRegularFile(const QString &path);
+// Opens a regular file for reading, and tells its size in bytes; -1, with the reason in errno, for
+// anything else.
+[[nodiscard]] int openRegularFile(const QString &path, qint64 *size = nullptr);
 
 // A file that appears under its name whole or not at all.
 //
