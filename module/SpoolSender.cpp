@@ -13,6 +13,9 @@ namespace {
 
 constexpr auto lockStep = 1s; // between two looks at the lock
 constexpr auto lookInterval = 250ms; // between two looks at what is acknowledged
+// Bytes between two looks in the midst of a stream: the files that are kept aside stay few, and the
+// memory that holds them is used again while it is still in the processor's cache.
+constexpr qint64 lookBytes = 262'144;
 constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
 constexpr qint64 maxBuffered = 8'388'608; // bytes that wait in the socket, or one larger record
 
@@ -46,11 +49,17 @@ void SpoolSender::linkStateChanged()
     listed.clear();
     listAgain = false;
     unacknowledged.linkDown();
-    watchAcknowledgements();
 }
 
 void SpoolSender::bytesWritten()
 {
+    // By itself the socket sends one piece of its buffer for each turn of the event loop, while the
+    // bus brings many records in one: the buffer would fill although the peer reads.
+    link.flush();
+    if (takenSinceLook >= lookBytes) {
+        takenSinceLook = 0;
+        unacknowledged.look();
+    }
     // Half empty is early enough: the kernel's own buffer keeps the link busy meanwhile.
     if (!listed.isEmpty() && link.bytesToWrite() <= maxBuffered / 2)
         sendListed();
@@ -59,17 +68,16 @@ void SpoolSender::bytesWritten()
 void SpoolSender::timerEvent(QTimerEvent *)
 {
     unacknowledged.look();
-    watchAcknowledgements();
+    if (!unacknowledged.isEmpty())
+        return;
+    unacknowledged.removeFolder();
+    killTimer(std::exchange(lookTimerId, 0));
 }
 
 void SpoolSender::watchAcknowledgements()
 {
-    if (unacknowledged.isEmpty() && lookTimerId != 0) {
-        killTimer(lookTimerId);
-        lookTimerId = 0;
-    } else if (!unacknowledged.isEmpty() && lookTimerId == 0) {
+    if (!unacknowledged.isEmpty() && lookTimerId == 0)
         lookTimerId = startTimer(lookInterval);
-    }
 }
 
 // While connecting the socket's buffer takes records too. Without an attempt it takes none.
@@ -135,6 +143,7 @@ bool SpoolSender::sendFile(const QString &name)
         return false;
     if (write(*record) != record->size())
         return true;
+    takenSinceLook += record->size();
     if (!unacknowledged.addRecord(name, record->size()))
         Q_EMIT fileKept(spool.pathOf(name));
     return true;

@@ -61,5 +61,6 @@ private:
     std::chrono::milliseconds deadAfter{0};
     QStringList listed; // what remains of the current listing, last name first
     bool listAgain = false; // somebody has asked while a listing was under way
+    qint64 takenSinceLook = 0; // bytes
     int lookTimerId = 0; // runs while anything is unacknowledged
 };

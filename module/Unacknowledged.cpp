@@ -60,8 +60,6 @@ void Unacknowledged::look()
         }
         records.pop_front();
     }
-    if (records.empty())
-        files.close();
 }
 
 void Unacknowledged::linkDown()

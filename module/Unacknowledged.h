@@ -36,6 +36,8 @@ public:
     [[nodiscard]] bool addRecord(const QString &name, qint64 bytes);
     // Forgets what has been acknowledged since the last look.
     void look();
+    // To be called now and then while nothing is unacknowledged.
+    void removeFolder() { files.close(); }
     // The link has ended: after a last look the files that remain go back into the spool.
     void linkDown();
 
