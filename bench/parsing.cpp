@@ -9,8 +9,10 @@
 #include <QTimerEvent>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <endian.h>
+#include <memory>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -52,32 +54,64 @@ struct Taken
     }
 };
 
-// Cuts a stream of data frames with plain reads into one buffer, and hands out where each frame's
-// data begins and ends. A frame that is longer than the buffer makes it grow.
-void readBare(int socket, int frames, Taken &taken)
+// Cuts a stream of data frames with plain reads, and hands out the data of each one in memory of
+// its own, as the module's slots get it. Of a frame that is not wholly there the rest is read to
+// its place at once.
+class BareReader
 {
-    std::vector<char> buffer(2 * readSize);
-    size_t filled = 0;
-    while (taken.frames < frames) {
-        const ssize_t count = ::read(socket, buffer.data() + filled, buffer.size() - filled);
+public:
+    explicit BareReader(int from)
+        : socket(from)
+        , buffer(readSize)
+    {
+    }
+    void read(int frames, Taken &taken)
+    {
+        while (taken.frames < frames) {
+            std::array<char, headerSize> header;
+            fill(header.data(), headerSize);
+            uint32_t size;
+            std::memcpy(&size, header.data() + headerSize - sizeof(size), sizeof(size));
+            size = be32toh(size);
+            const std::unique_ptr<char[]> data(new char[size]);
+            fill(data.get(), size);
+            taken.take(data.get(), size);
+        }
+    }
+
+private:
+    static constexpr size_t headerSize = 9; // the length, the version, the count of the data
+
+    void fill(char *to, size_t size)
+    {
+        const size_t buffered = std::min(size, end - at);
+        std::memcpy(to, buffer.data() + at, buffered);
+        at += buffered;
+        for (size_t filled = buffered; filled < size;) {
+            const bool isLarge = size > readSize;
+            filled +=
+                isLarge ? readInto(to + filled, size - filled) : refill(to + filled, size - filled);
+        }
+    }
+    size_t refill(char *to, size_t size)
+    {
+        end = readInto(buffer.data(), readSize);
+        at = std::min(size, end);
+        std::memcpy(to, buffer.data(), at);
+        return at;
+    }
+    size_t readInto(char *to, size_t size)
+    {
+        const ssize_t count = ::read(socket, to, size);
         if (count <= 0)
             fail("the stream ends early");
-        filled += size_t(count);
-        size_t at = 0, wanted = 0;
-        while (filled - at >= 4) {
-            uint32_t length;
-            std::memcpy(&length, buffer.data() + at, sizeof(length));
-            wanted = be32toh(length) + 4;
-            if (filled - at < wanted)
-                break;
-            taken.take(buffer.data() + at + 9, wanted - 9);
-            at += wanted;
-        }
-        std::memmove(buffer.data(), buffer.data() + at, filled - at);
-        filled -= at;
-        buffer.resize(std::max(buffer.size(), wanted));
+        return size_t(count);
     }
-}
+
+    const int socket;
+    std::vector<char> buffer;
+    size_t at = 0, end = 0; // of what is buffered
+};
 
 // The connector that ships, with its event loop.
 class Subject
@@ -129,7 +163,7 @@ public:
         taken = {};
         const double start = seconds();
         std::thread feeder([&] { stream.writeTo(bus.get()); });
-        readBare(accepted.get(), stream.frames(), taken);
+        reader.read(stream.frames(), taken);
         const double end = seconds();
         feeder.join();
         return end - start;
@@ -139,6 +173,7 @@ public:
 
 private:
     const Socket listener, bus, accepted;
+    BareReader reader{accepted.get()};
 };
 
 void measure(const Options &options, Subject &subject, Probe &probe, const char *title,
