@@ -4,8 +4,8 @@
 #include "TLog.h"
 
 #include <QCoreApplication>
-#include <QDataStream>
 #include <QDeadlineTimer>
+#include <QtEndian>
 
 #include <chrono>
 #include <thread>
@@ -18,6 +18,7 @@ constexpr auto passInterval = 5'000ms; // one repair pass of the bus
 constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
 constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
+constexpr int minGathered = 65'536; // a larger body is put together while it is on its way
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames
 constexpr int adminLostStatus = 5; // exit status of the process
@@ -253,18 +254,35 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
 bool TConnector::takeBody(TMyLocalSocket *socket, QByteArray &body)
 {
     if (socket->expectedSize == 0) {
-        if (socket->bytesAvailable() < qint64(sizeof(qint32)))
+        char length[sizeof(qint32)];
+        if (socket->bytesAvailable() < qint64(sizeof(length)))
             return false;
-        QDataStream(socket) >> socket->expectedSize;
+        socket->read(length, sizeof(length));
+        socket->expectedSize = qFromBigEndian<qint32>(length);
     }
-    if (socket->expectedSize > socket->bytesAvailable()) {
+    const qint64 missing = socket->expectedSize - socket->gathered.size();
+    if (missing > socket->bytesAvailable()) {
         if (socket->expectedSize > maxAnnouncedBytes)
             socket->abort();
+        else if (socket->expectedSize >= minGathered)
+            gather(socket, socket->bytesAvailable());
         return false;
     }
-    body = socket->expectedSize > 0 ? socket->read(socket->expectedSize) : QByteArray();
+    if (missing > 0)
+        gather(socket, missing);
+    body = std::exchange(socket->gathered, {});
     socket->expectedSize = 0;
     return true;
+}
+
+// Moves bytes of the awaited body out of the socket's buffer.
+void TConnector::gather(TMyLocalSocket *socket, qint64 size)
+{
+    QByteArray &body = socket->gathered;
+    const qsizetype at = body.size();
+    body.reserve(socket->expectedSize); // memory that no byte has reached costs nothing
+    body.resize(at + size);
+    body.truncate(at + std::max<qint64>(socket->read(body.data() + at, size), 0));
 }
 
 void TConnector::dispatch(BusFrame frame, TMyLocalSocket *socket)

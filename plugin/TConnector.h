@@ -22,6 +22,8 @@ public:
     QByteArray name;
     // Length of the frame body that is awaited; 0 while the next thing to read is a length.
     int expectedSize = 0;
+    // What has been taken of a large body so far.
+    QByteArray gathered;
     // The peer reads so slowly that frames for it are being dropped.
     bool stalled = false;
 
@@ -115,6 +117,7 @@ private:
     void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);
     void startListening();
     [[nodiscard]] bool takeBody(TMyLocalSocket *socket, QByteArray &body);
+    static void gather(TMyLocalSocket *socket, qint64 size);
     void dispatch(BusFrame frame, TMyLocalSocket *socket);
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
