@@ -2,6 +2,7 @@
 
 #include "Kit.h"
 
+#include "Memory.h"
 #include "TConnector.h"
 #include "TLog.h"
 
@@ -202,6 +203,7 @@ void measure(const Options &options, Subject &subject, Probe &probe, const char 
 int main(int argc, char *argv[])
 {
     const Options options(argc, argv);
+    keepFreedMemory(); // as the module does
     QCoreApplication application(argc, argv);
     const RamFolder folder;
     qputenv("TMPDIR", QByteArray::fromStdString(folder.path()));

@@ -1,3 +1,4 @@
+#include "Memory.h"
 #include "Morvane.h"
 #include "TLog.h"
 
@@ -24,6 +25,7 @@ QStringList settingsFiles(const QStringList &arguments)
 
 int main(int argc, char *argv[])
 {
+    keepFreedMemory();
     QCoreApplication application(argc, argv);
     QTranslator translator;
     std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
