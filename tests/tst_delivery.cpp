@@ -1,9 +1,9 @@
 #include "ModuleBench.h"
+#include "Oracle.h"
 #include "SentFolder.h"
 #include "TcpPeer.h"
 #include "WholeFile.h"
 
-#include <QDirIterator>
 #include <QTest>
 
 #include <netinet/in.h>
@@ -11,57 +11,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-// Numbered records, and what a peer must have got of them.
-class Oracle
-{
-public:
-    explicit Oracle(qsizetype payloadBytes)
-        : padding(payloadBytes, '.')
-    {
-    }
-
-    // Hands the module the next records, in order.
-    void put(ModuleBench &bench, int count)
-    {
-        for (int i = 0; i < count; ++i, ++accepted)
-            bench.record("error", numbered(accepted), numbered(accepted).toLatin1() + padding);
-    }
-
-    [[nodiscard]] bool hasLast(const QByteArrayList &bodies) const
-    {
-        return bodies.contains(body(accepted - 1));
-    }
-
-    // Every record has arrived, whole; those of one link in order, and the next link begins with a
-    // record that has not been passed over. Returns what is wrong, or an empty text.
-    [[nodiscard]] QString judge(const QByteArrayList &bodies, int mostDuplicates) const
-    {
-        int next = 0, duplicates = 0;
-        for (const QByteArray &arrived : bodies) {
-            const int number = arrived.sliced(5, 6).toInt();
-            if (arrived != body(number))
-                return u"record %1 is damaged"_s.arg(number);
-            if (number > next)
-                return u"record %1 follows %2"_s.arg(number).arg(next - 1);
-            duplicates += number < next ? 1 : 0;
-            next = std::max(next, number + 1);
-        }
-        if (next != accepted)
-            return u"record %1 of %2 has not arrived"_s.arg(next).arg(accepted);
-        return duplicates <= mostDuplicates ? QString() : u"%1 duplicates"_s.arg(duplicates);
-    }
-
-private:
-    static QString numbered(int number) { return u"%1"_s.arg(number, 6, 10, QChar(u'0')); }
-    [[nodiscard]] QByteArray body(int number) const
-    {
-        return "error" + numbered(number).toLatin1() + padding;
-    }
-
-    QByteArray padding;
-    int accepted = 0;
-};
 
 // A port that answers no attempt until it is opened: its queue of connections is full.
 class UnreachablePeer
@@ -88,16 +37,6 @@ private:
     const Descriptor queue{::socket(AF_INET, SOCK_STREAM, 0)};
     const Descriptor client{::socket(AF_INET, SOCK_STREAM, 0)};
 };
-
-// Lost data is lost for good, so whatever lies hidden counts too.
-qsizetype filesBelow(const QString &folder)
-{
-    qsizetype count = 0;
-    for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-         it.hasNext(); it.next())
-        ++count;
-    return count;
-}
 
 } // namespace
 
@@ -129,7 +68,7 @@ void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
     peer.reading = true;
     peer.reset();
     QTRY_VERIFY_WITH_TIMEOUT(oracle.hasLast(peer.bodies), 20'000);
-    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+    QCOMPARE(oracle.judge(peer, 0), QString());
     QTRY_COMPARE(filesBelow(bench.spool), 0);
 }
 
@@ -149,7 +88,7 @@ void TestDelivery::cleanCloseCausesNoDuplicate()
     }
     oracle.put(bench, 1);
     QTRY_VERIFY(oracle.hasLast(peer.bodies));
-    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+    QCOMPARE(oracle.judge(peer, 0), QString());
     QTRY_COMPARE(
         QDir(bench.spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
         QStringList());
@@ -171,7 +110,7 @@ void TestDelivery::unreachablePeerLosesNothing()
     }
     QVERIFY(peer.listen(QHostAddress::LocalHost, port));
     QTRY_VERIFY(oracle.hasLast(peer.bodies));
-    QCOMPARE(oracle.judge(peer.bodies, 0), QString());
+    QCOMPARE(oracle.judge(peer, 0), QString());
 }
 
 void TestDelivery::newerRecordOfTheSameNameStands()

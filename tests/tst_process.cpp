@@ -1,12 +1,10 @@
 #include "BusEnds.h"
+#include "ModuleProcess.h"
 #include "Record.h"
 #include "TcpPeer.h"
 #include "UdpRelay.h"
-#include "Workplace.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QProcess>
 #include <QTest>
 
 #include <csignal>
@@ -14,65 +12,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr int patience = 30'000; // milliseconds; start-up takes up to three passes of five seconds
-
-// A module process with a folder of its own, which is also its bus.
-class ModuleProcess : public QProcess
-{
-public:
-    ModuleProcess()
-    {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(u"TMPDIR"_s, place.path());
-        environment.insert(u"XDG_CONFIG_HOME"_s, place.path());
-        environment.remove(u"XDG_RUNTIME_DIR"_s);
-        // A sanitizer that keeps freed memory aside would look like a module that does.
-        environment.insert(u"ASAN_OPTIONS"_s, u"quarantine_size_mb=1"_s);
-        setWorkingDirectory(place.path());
-        environment.insert(u"QT_LOGGING_RULES"_s, u"default.debug=false"_s);
-        setProcessEnvironment(environment);
-        setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    }
-    ~ModuleProcess() override
-    {
-        kill();
-        waitForFinished();
-    }
-
-    QString writeSettings(const QString &name, const QByteArray &base, const QByteArray &main)
-    {
-        place.makeFolder(u"spool"_s);
-        return place.writeFile(name,
-            "[Base]\nLog=1\nServerName=me\n" + base + "[Main]\nTempDir=spool\nHost=127.0.0.1\n"
-                + "ReconnectionTimeout=1\n" + main);
-    }
-
-    void startWith(const QStringList &arguments)
-    {
-        start(QCoreApplication::applicationDirPath() + u"/morvane"_s, arguments);
-        if (!waitForStarted())
-            qFatal("morvane does not start");
-    }
-
-    [[nodiscard]] bool isListening() const { return QFile::exists(place.path(u"me"_s)); }
-
-    [[nodiscard]] QStringList spooled() const
-    {
-        return QDir(place.path(u"spool"_s)).entryList(QDir::Files);
-    }
-
-    // Megabytes that the process holds in memory.
-    [[nodiscard]] qint64 residentMegabytes() const
-    {
-        QFile status(u"/proc/%1/statm"_s.arg(processId()));
-        if (!status.open(QIODevice::ReadOnly))
-            return 0;
-        return status.readAll().split(' ').at(1).toLongLong() * 4096 / 1'000'000;
-    }
-
-    const Folder place;
-};
 
 QByteArray recordFrame(const QString &name, const QByteArray &payload)
 {

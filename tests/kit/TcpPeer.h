@@ -16,6 +16,7 @@ public:
         connect(this, &QTcpServer::newConnection, this, [this] {
             socket = nextPendingConnection();
             reader = LinkRecord::Reader();
+            linkStarts.append(bodies.size());
             socket->setReadBufferSize(reading ? 0 : 1);
             connect(socket, &QIODevice::readyRead, this, [this] { read(); });
         });
@@ -33,7 +34,24 @@ public:
         socket = nullptr;
     }
 
+    void stopReading()
+    {
+        reading = false;
+        if (socket)
+            socket->setReadBufferSize(1);
+    }
+    // Reads what its kernel has taken so far of a connection that was not read.
+    void resume()
+    {
+        reading = true;
+        if (!socket)
+            return;
+        socket->setReadBufferSize(0);
+        read();
+    }
+
     QByteArrayList bodies;
+    QList<qsizetype> linkStarts; // the place of every connection's first body
     QTcpSocket *socket = nullptr;
     bool reading = true; // false before a connection: its bytes stay in the kernel
 

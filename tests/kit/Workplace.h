@@ -3,8 +3,19 @@
 #include "TLog.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
+
+// Lost data is lost for good, so whatever lies hidden counts too.
+inline qsizetype filesBelow(const QString &folder)
+{
+    qsizetype count = 0;
+    for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+         it.hasNext(); it.next())
+        ++count;
+    return count;
+}
 
 // A temporary folder and the files in it.
 class Folder

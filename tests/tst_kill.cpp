@@ -1,0 +1,262 @@
+#include "BusEnds.h"
+#include "ModuleProcess.h"
+#include "Oracle.h"
+#include "TcpPeer.h"
+
+#include <QRandomGenerator>
+#include <QTest>
+#include <QUdpSocket>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int backlog = 1'000; // records that wait when a process starts
+constexpr int recordBytes = 2'000; // of payload
+constexpr int udpRecordBytes = 20'000; // a tenth of a second at a packet for each millisecond
+constexpr int peerBuffer = 65'536; // bytes; what a peer that dies may have taken without reading
+constexpr int windowRecords = 4 * peerBuffer / recordBytes; // the kernel may double it, and rounds
+
+// MORVANE_KILLS=100 kills that often in every row, not just a few times.
+int kills()
+{
+    return std::max(qEnvironmentVariableIntValue("MORVANE_KILLS"), 6);
+}
+
+QByteArray portLine(const char *key, quint16 port)
+{
+    return key + QByteArray::number(port) + '\n';
+}
+
+quint16 freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.bind();
+    return probe.localPort();
+}
+
+// The content of the numbered files of a folder, in order. On a search below the folder the hidden
+// ones count too.
+QByteArrayList recordsIn(const QString &folder, QDirIterator::IteratorFlags flags = {})
+{
+    QMap<QString, QByteArray> records;
+    for (QDirIterator it(folder, {u"??????"_s}, QDir::Files | QDir::Hidden, flags); it.hasNext();) {
+        QFile file(it.next());
+        if (QChar(it.fileName().front()).isDigit() && file.open(QIODevice::ReadOnly))
+            records.insert(it.fileName(), file.readAll());
+    }
+    return records.values();
+}
+
+// A process in TCP mode, its peer, and the oracle that knows what goes from one to the other.
+struct TcpLine
+{
+    explicit TcpLine(qsizetype payloadBytes = recordBytes)
+        : oracle(payloadBytes)
+    {
+        ::setsockopt(int(peer.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &peerBuffer, sizeof(int));
+        settings = process.writeSettings(
+            u"m.ini"_s, "AdminServerName=\n", portLine("Port=", peer.serverPort()));
+    }
+    void start() { process.startWith({u"-settings"_s, settings}); }
+
+    // Kills the process. The peer reads what its kernel has taken.
+    void kill()
+    {
+        process.killNow();
+        QCoreApplication::processEvents(); // it may not know of the connection yet
+        peer.resume();
+        QTRY_VERIFY(!peer.socket || peer.socket->state() == QAbstractSocket::UnconnectedState);
+    }
+
+    // Without further faults everything arrives, a fresh record at last, and nothing stays behind.
+    void settle(int mostMissing)
+    {
+        oracle.put(process, 1);
+        start();
+        QTRY_COMPARE_WITH_TIMEOUT(filesBelow(process.place.path(u"spool"_s)), 0, patience);
+        QTRY_VERIFY(oracle.hasLast(peer.bodies));
+        QCOMPARE(oracle.judge(peer, std::numeric_limits<int>::max(), mostMissing), QString());
+        kill();
+        oracle.settle();
+        peer.bodies.clear();
+        peer.linkStarts.clear();
+    }
+
+    // What the process had written when it was killed, and what the peer had got, was accepted.
+    void countAccepted()
+    {
+        const QByteArrayList kept =
+            recordsIn(process.place.path(u"spool"_s), QDirIterator::Subdirectories);
+        int last = -1;
+        for (const QByteArrayList &bodies : {kept, peer.bodies})
+            last = bodies.isEmpty() ? last : std::max(last, Oracle::numberIn(bodies.last()));
+        oracle.acceptedUpTo(last);
+    }
+
+    TcpPeer peer;
+    ModuleProcess process;
+    Oracle oracle;
+    QString settings;
+};
+
+// One of two processes in UDP mode that send to each other.
+struct UdpEnd
+{
+    void start(quint16 peerPort)
+    {
+        const QByteArray main = "Protocol=UDP\nTimeout=1\n" + portLine("LocalPort=", port)
+            + portLine("Port=", peerPort);
+        process.startWith(
+            {u"-settings"_s, process.writeSettings(u"m.ini"_s, "AdminServerName=\n", main)});
+    }
+    [[nodiscard]] QByteArrayList received() const { return recordsIn(process.place.path()); }
+
+    const quint16 port = freeUdpPort();
+    ModuleProcess process;
+    Oracle oracle{udpRecordBytes}; // of what it sends
+};
+
+// Hands records to a process over its bus.
+struct BusFeeder : BusClient
+{
+    using BusClient::BusClient;
+    void record(const char *kind, const QString &name, const QByteArray &payload)
+    {
+        write(BusFrame::makeData(1, DataRecord{kind, name, payload}.write()));
+    }
+};
+
+} // namespace
+
+// The process is killed at random moments under load, time and again. Seeded, but for the time that
+// the system takes.
+class TestKill : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void killsLoseNothingOverTcp_data();
+    void killsLoseNothingOverTcp();
+    void killsLoseNothingOfTheBus();
+    void killsLoseNothingOverUdp();
+    void anotherSenderOfTheFolderIsLeftAlone();
+
+private:
+    void pause(int most) { QTest::qWait(int(random.bounded(most))); }
+
+    QRandomGenerator random{7};
+};
+
+void TestKill::killsLoseNothingOverTcp_data()
+{
+    QTest::addColumn<bool>("stops");
+    QTest::addColumn<bool>("resets");
+    QTest::newRow("a peer that reads") << false << false;
+    QTest::newRow("a peer that stops reading") << true << false;
+    QTest::newRow("a peer that resets") << false << true;
+    QTest::newRow("a peer that dies with unread data") << true << true;
+}
+
+void TestKill::killsLoseNothingOverTcp()
+{
+    QFETCH(const bool, stops);
+    QFETCH(const bool, resets);
+    TcpLine line;
+    int resetLinks = 0;
+    for (int kill = 1; kill <= kills(); ++kill) {
+        const qsizetype waiting = filesBelow(line.process.place.path(u"spool"_s));
+        line.oracle.put(line.process, std::max(backlog - int(waiting), 1));
+        line.start();
+        if (kill % 2 == 0)
+            QTRY_VERIFY(line.peer.bodies.size() > 0);
+        pause(50);
+        if (stops)
+            line.peer.stopReading();
+        pause(50);
+        if (resets && line.peer.socket && line.peer.socket->isValid()) {
+            line.peer.reset();
+            ++resetLinks;
+        }
+        pause(kill % 5 == 0 ? 1'500 : 100);
+        line.kill();
+        if (kill % 10 == 0 || kill == kills())
+            line.settle(std::exchange(resetLinks, 0) * windowRecords);
+        if (QTest::currentTestFailed())
+            return;
+    }
+}
+
+void TestKill::killsLoseNothingOfTheBus()
+{
+    for (int round = 0; round < kills(); round += 6) {
+        std::array<TcpLine, 4> lines; // side by side: a bus takes five seconds to start
+        for (TcpLine &line : lines)
+            line.start();
+        for (TcpLine &line : lines) {
+            QTRY_VERIFY_WITH_TIMEOUT(line.process.isListening(), patience);
+            BusFeeder feeder(line.process.place.path(u"me"_s));
+            line.oracle.put(feeder, 20'000);
+            pause(300);
+            line.kill();
+            line.countAccepted();
+            line.settle(0);
+            if (QTest::currentTestFailed())
+                return;
+        }
+    }
+}
+
+void TestKill::killsLoseNothingOverUdp()
+{
+    std::array<UdpEnd, 2> ends;
+    const auto start = [&](int index) { ends[index].start(ends[1 - index].port); };
+    start(0);
+    start(1);
+    for (int kill = 0; kill < kills(); ++kill) {
+        const int victim = int(random.bounded(2));
+        for (UdpEnd &end : ends)
+            end.oracle.put(end.process, std::max(3 - int(end.process.spooled().size()), 0));
+        pause(1'000);
+        ends[victim].process.killNow();
+        for (int index : {0, 1}) {
+            const QByteArrayList received = ends[index].received();
+            QCOMPARE(received, ends[1 - index].oracle.first(received.size()));
+        }
+        start(victim);
+    }
+    for (UdpEnd &end : ends)
+        end.process.killNow(); // a peer that has lost its memory may have stalled the other
+    start(0);
+    start(1);
+    for (int index : {0, 1}) {
+        QTRY_VERIFY_WITH_TIMEOUT(ends[index].process.spooled().isEmpty(), patience);
+        QCOMPARE(ends[1 - index].received(), ends[index].oracle.all());
+    }
+}
+
+void TestKill::anotherSenderOfTheFolderIsLeftAlone()
+{
+    TcpLine first(4 * peerBuffer), second; // nothing is acknowledged until it is read
+    first.peer.stopReading();
+    first.oracle.put(first.process, 20);
+    first.start();
+    QTRY_VERIFY(first.process.spooled().isEmpty());
+    const QString spool = first.process.place.path(u"spool"_s);
+
+    const QByteArray folder = "TempDir=" + QFile::encodeName(spool) + '\n';
+    second.settings = second.process.writeSettings(
+        u"m.ini"_s, "AdminServerName=\n", folder + portLine("Port=", second.peer.serverPort()));
+    first.process.record("error", u"other"_s, "x");
+    second.start();
+    QTRY_COMPARE(second.peer.bodies, QByteArrayList{"errorx"});
+    QTRY_COMPARE(filesBelow(spool), 20);
+
+    first.kill();
+    second.kill();
+    second.start();
+    QTRY_COMPARE(filesBelow(spool), 0);
+    QTRY_COMPARE(second.peer.bodies.size(), 21);
+}
+
+QTEST_GUILESS_MAIN(TestKill)
+#include "tst_kill.moc"
