@@ -38,6 +38,7 @@ void SpoolSender::setSpool(const QString &directory)
 
 void SpoolSender::linkUp()
 {
+    unacknowledged.recover(); // what could not be given back to a full disk
     unacknowledged.linkUp(link.socketDescriptor(), deadAfter);
 }
 
@@ -135,6 +136,8 @@ bool SpoolSender::hasRoomFor(qint64 bytes) const
 // False if the socket must drain first. A file that cannot be read or is not taken is passed over.
 bool SpoolSender::sendFile(const QString &name)
 {
+    if (unacknowledged.isOnItsWay(name))
+        return true;
     std::optional<QByteArray> record = spool.read(name, LinkRecord::lengthSize);
     if (!record)
         return true;

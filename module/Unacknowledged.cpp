@@ -25,6 +25,12 @@ Unacknowledged::~Unacknowledged()
     closeLink();
 }
 
+void Unacknowledged::setSpool(const QString &directory)
+{
+    spool = SpoolDirectory(directory);
+    files.setSpool(directory);
+}
+
 void Unacknowledged::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 {
     closeLink();
@@ -37,11 +43,23 @@ void Unacknowledged::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 bool Unacknowledged::addRecord(const QString &name, qint64 bytes)
 {
     addBytes(bytes);
-    if (!files.take(name))
-        return false;
-    records.push_back({name, taken});
-    ++keptAs[name];
-    return true;
+    if (files.take(name)) {
+        records.push_back({name, taken, std::nullopt});
+        ++keptAs[name];
+        return true;
+    }
+    const auto mark = files.isFull() ? spool.mark(name) : std::nullopt;
+    if (mark) {
+        records.push_back({name, taken, mark});
+        stuck.insert(name, *mark);
+    }
+    return false;
+}
+
+bool Unacknowledged::isOnItsWay(const QString &name) const
+{
+    const auto sent = stuck.find(name);
+    return sent != stuck.end() && spool.mark(name) == *sent;
 }
 
 qint64 Unacknowledged::acknowledgedBytes() const
@@ -53,12 +71,23 @@ void Unacknowledged::look()
 {
     const qint64 acknowledged = records.empty() ? 0 : acknowledgedBytes();
     while (!records.empty() && records.front().end <= acknowledged) {
-        const auto count = keptAs.find(records.front().name);
-        if (--*count == 0) {
-            files.discard(records.front().name);
-            keptAs.erase(count);
-        }
+        forget(records.front());
         records.pop_front();
+    }
+}
+
+void Unacknowledged::forget(const Record &record)
+{
+    if (record.stuckAs) {
+        // A file that has replaced it has not arrived yet.
+        if (spool.mark(record.name) == record.stuckAs && spool.remove(record.name))
+            stuck.remove(record.name);
+        return;
+    }
+    const auto count = keptAs.find(record.name);
+    if (--*count == 0) {
+        files.discard(record.name);
+        keptAs.erase(count);
     }
 }
 
@@ -69,6 +98,7 @@ void Unacknowledged::linkDown()
     for (auto kept = keptAs.cbegin(); kept != keptAs.cend(); ++kept)
         files.giveBack(kept.key());
     keptAs.clear();
+    stuck.clear();
     records.clear();
     files.close();
     taken = 0;

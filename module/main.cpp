@@ -5,6 +5,8 @@
 #include <QCoreApplication>
 #include <QTranslator>
 
+#include <csignal>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -26,6 +28,10 @@ QStringList settingsFiles(const QStringList &arguments)
 int main(int argc, char *argv[])
 {
     keepFreedMemory();
+    // A limit on file sizes fails a write like a full disk, and a closed standard error a message:
+    // neither ends the process.
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication application(argc, argv);
     QTranslator translator;
     std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it

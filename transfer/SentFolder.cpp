@@ -89,6 +89,7 @@ bool SentFolder::take(const QString &name)
 {
     const QByteArray file = QFile::encodeName(name);
     const QByteArray listed = spool + '/' + file;
+    errno = 0;
     for (int attempt = 0; attempt < 2 && open(); ++attempt) {
         if (::renameat(AT_FDCWD, listed.constData(), descriptor, file.constData()) == 0)
             return true;
@@ -96,6 +97,7 @@ bool SentFolder::take(const QString &name)
             break;
         close(); // the folder has been removed under us
     }
+    full = errno == ENOSPC || errno == EDQUOT;
     return ::access(listed.constData(), F_OK) != 0;
 }
 

@@ -30,6 +30,8 @@ public:
     // Takes a spool file out of the listing, replacing a kept one of the same name. False if the
     // file is still listed.
     [[nodiscard]] bool take(const QString &name);
+    // Whether the last file that could not be taken found no room on the disk.
+    [[nodiscard]] bool isFull() const { return full; }
     // The peer has it: removes a kept file for good.
     void discard(const QString &name);
     // The peer may not have it: back into the spool, unless a newer file has the name.
@@ -42,5 +44,6 @@ private:
 
     QByteArray spool; // file system encoding, as path
     QByteArray path;
+    bool full = false;
     int descriptor = -1; // of the folder, locked; -1 while there is none
 };

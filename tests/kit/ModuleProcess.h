@@ -77,11 +77,21 @@ public:
     // Megabytes that the process holds in memory.
     [[nodiscard]] qint64 residentMegabytes() const
     {
-        QFile status(u"/proc/%1/statm"_s.arg(processId()));
-        if (!status.open(QIODevice::ReadOnly))
-            return 0;
-        return status.readAll().split(' ').at(1).toLongLong() * 4096 / 1'000'000;
+        return numberIn(u"statm"_s, 1) * 4096 / 1'000'000;
+    }
+    // Hundredths of a second that it has worked.
+    [[nodiscard]] qint64 processorTicks() const
+    {
+        return numberIn(u"stat"_s, 13) + numberIn(u"stat"_s, 14);
     }
 
     const Folder place;
+
+private:
+    [[nodiscard]] qint64 numberIn(const QString &status, qsizetype field) const
+    {
+        QFile file(u"/proc/%1/%2"_s.arg(processId()).arg(status));
+        return file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').value(field).toLongLong()
+                                              : 0;
+    }
 };

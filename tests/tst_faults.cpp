@@ -7,6 +7,8 @@
 #include <QTest>
 #include <QUdpSocket>
 
+#include <sys/resource.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -100,6 +102,27 @@ struct TcpLine
     QString settings;
 };
 
+// A small file system in the place of a folder, as long as the object lives.
+class SmallDisk
+{
+public:
+    SmallDisk(const QString &command, const QString &folderPath)
+        : folder(folderPath)
+        , isMounted(run(command.arg(folder)))
+    {
+    }
+    ~SmallDisk() { run(u"umount -l "_s + folder); }
+    [[nodiscard]] bool isThere() const { return isMounted; }
+
+private:
+    static bool run(const QString &command)
+    {
+        return QProcess::execute(u"sh"_s, {u"-c"_s, command + u" 2>/dev/null"_s}) == 0;
+    }
+    const QString folder;
+    const bool isMounted;
+};
+
 // One of two processes in UDP mode that send to each other.
 struct UdpEnd
 {
@@ -129,9 +152,9 @@ struct BusFeeder : BusClient
 
 } // namespace
 
-// The process is killed at random moments under load, time and again. Seeded, but for the time that
-// the system takes.
-class TestKill : public QObject
+// The real process: killed at random moments under load, time and again (seeded, but for the time
+// that the system takes), or left without room on its disk.
+class TestFaults : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
@@ -140,6 +163,8 @@ private Q_SLOTS:
     void killsLoseNothingOfTheBus();
     void killsLoseNothingOverUdp();
     void anotherSenderOfTheFolderIsLeftAlone();
+    void fullDiskHealsByItself_data();
+    void fullDiskHealsByItself();
 
 private:
     void pause(int most) { QTest::qWait(int(random.bounded(most))); }
@@ -147,7 +172,7 @@ private:
     QRandomGenerator random{7};
 };
 
-void TestKill::killsLoseNothingOverTcp_data()
+void TestFaults::killsLoseNothingOverTcp_data()
 {
     QTest::addColumn<bool>("stops");
     QTest::addColumn<bool>("resets");
@@ -157,7 +182,7 @@ void TestKill::killsLoseNothingOverTcp_data()
     QTest::newRow("a peer that dies with unread data") << true << true;
 }
 
-void TestKill::killsLoseNothingOverTcp()
+void TestFaults::killsLoseNothingOverTcp()
 {
     QFETCH(const bool, stops);
     QFETCH(const bool, resets);
@@ -186,7 +211,7 @@ void TestKill::killsLoseNothingOverTcp()
     }
 }
 
-void TestKill::killsLoseNothingOfTheBus()
+void TestFaults::killsLoseNothingOfTheBus()
 {
     for (int round = 0; round < kills(); round += 6) {
         std::array<TcpLine, 4> lines; // side by side: a bus takes five seconds to start
@@ -206,7 +231,7 @@ void TestKill::killsLoseNothingOfTheBus()
     }
 }
 
-void TestKill::killsLoseNothingOverUdp()
+void TestFaults::killsLoseNothingOverUdp()
 {
     std::array<UdpEnd, 2> ends;
     const auto start = [&](int index) { ends[index].start(ends[1 - index].port); };
@@ -234,7 +259,7 @@ void TestKill::killsLoseNothingOverUdp()
     }
 }
 
-void TestKill::anotherSenderOfTheFolderIsLeftAlone()
+void TestFaults::anotherSenderOfTheFolderIsLeftAlone()
 {
     TcpLine first(4 * peerBuffer), second; // nothing is acknowledged until it is read
     first.peer.stopReading();
@@ -258,5 +283,56 @@ void TestKill::anotherSenderOfTheFolderIsLeftAlone()
     QTRY_COMPARE(second.peer.bodies.size(), 21);
 }
 
-QTEST_GUILESS_MAIN(TestKill)
-#include "tst_kill.moc"
+void TestFaults::fullDiskHealsByItself_data()
+{
+    QTest::addColumn<QString>("mount");
+    QTest::newRow("in memory") << u"mount -t tmpfs -o size=1m none %1"_s;
+    QTest::newRow("where folders need room too")
+        << u"truncate -s 2M %1.disk && mkfs.ext4 -q -m 0 -N 2000 %1.disk && mount %1.disk %1"_s;
+}
+
+void TestFaults::fullDiskHealsByItself()
+{
+    QFETCH(const QString, mount);
+    TcpLine line;
+    ModuleProcess &process = line.process;
+    const QString spool = process.place.path(u"spool"_s);
+    const SmallDisk disk(mount, spool);
+    if (!disk.isThere())
+        QSKIP("only root may mount a small file system, and not everywhere");
+    const quint16 port = line.peer.serverPort();
+    line.peer.close();
+    process.setChildProcessModifier([] {
+        const rlimit limit = {300'000, 300'000};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    });
+    line.start();
+    QTRY_VERIFY_WITH_TIMEOUT(process.isListening(), patience);
+
+    BusFeeder feeder(process.place.path(u"me"_s));
+    feeder.record("error", u"beyond the limit"_s, QByteArray(400'000, 'x'));
+    line.oracle.put(feeder, 800);
+    const auto failures = [&] {
+        return process.place.readFile(u"morvane.log"_s).count("Can not ");
+    };
+    QTRY_COMPARE_WITH_TIMEOUT(failures() + process.spooled().size(), 801, patience);
+    QVERIFY(failures() > 50);
+    const QByteArrayList kept = recordsIn(spool);
+    QCOMPARE(kept, line.oracle.first(kept.size()));
+    QCOMPARE(filesBelow(spool), kept.size());
+
+    const qint64 before = process.processorTicks();
+    QTest::qWait(1'000);
+    QVERIFY(process.processorTicks() - before < 20); // of 100
+    QCOMPARE(failures() + kept.size(), 801);
+
+    QVERIFY(line.peer.listen(QHostAddress::LocalHost, port));
+    QTRY_COMPARE(line.peer.bodies, kept);
+    QTRY_COMPARE(filesBelow(spool), 0);
+    feeder.record("error", u"fresh"_s, "1");
+    QTRY_COMPARE(line.peer.bodies.last(), QByteArray("error1"));
+    process.killNow();
+}
+
+QTEST_GUILESS_MAIN(TestFaults)
+#include "tst_faults.moc"
