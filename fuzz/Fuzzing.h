@@ -1,0 +1,45 @@
+#pragma once
+
+#include "TLog.h"
+
+#include <QByteArray>
+#include <QCoreApplication>
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <cstdlib>
+
+// What every fuzzer runs in: an application, a log that writes nothing, and a folder of its own
+// that is also the working directory.
+struct Fuzzing
+{
+    Fuzzing()
+    {
+        qputenv("TMPDIR", folder.path().toLocal8Bit());
+        qunsetenv("XDG_RUNTIME_DIR");
+        qputenv("QT_LOGGING_RULES", "*=false");
+        QDir::setCurrent(folder.path());
+        pLog = &log;
+    }
+
+    int argc = 1;
+    char name[5] = "fuzz";
+    char *argv[2] = {name, nullptr};
+    QTemporaryDir folder;
+    QCoreApplication application{argc, argv};
+    TLog log{QStringLiteral("fuzz")};
+};
+
+// A claim that no input may break.
+inline void require(bool claim)
+{
+    if (!claim)
+        std::abort();
+}
+
+inline QByteArray bytesOf(const uint8_t *data, size_t size)
+{
+    return QByteArray(reinterpret_cast<const char *>(data), qsizetype(size));
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);

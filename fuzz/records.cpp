@@ -1,0 +1,28 @@
+// The readers of records and frames. A link's bytes arrive in two pieces, cut at the first byte.
+#include "BusFrame.h"
+#include "Fuzzing.h"
+#include "Record.h"
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const QByteArray bytes = bytesOf(data, size);
+    const DataRecord record = DataRecord::read(bytes);
+    const DataRecord again = DataRecord::read(record.write());
+    require(again.kind == record.kind && again.fileName == record.fileName
+        && again.payload == record.payload);
+
+    const BusFrame frame = BusFrame::read(bytes);
+    require(frame.name.size() + frame.message.size() + frame.data.size() <= bytes.size());
+
+    LinkRecord::Reader reader(1'000);
+    const qsizetype cut = bytes.isEmpty() ? 0 : std::min<qsizetype>(data[0], bytes.size());
+    QByteArray read;
+    for (const QByteArray &piece : {bytes.first(cut), bytes.sliced(cut)}) {
+        reader.append(piece);
+        while (const auto body = reader.next())
+            read += LinkRecord::make(*body);
+    }
+    require(bytes.startsWith(read));
+    require(reader.refusedLength() == 0 || reader.refusedLength() > 1'000);
+    return 0;
+}

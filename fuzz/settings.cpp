@@ -1,0 +1,25 @@
+// The settings loader, from a file.
+#include "Fuzzing.h"
+#include "Morvane.h"
+
+#include <QFile>
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const Fuzzing fuzzing;
+    // A person may have the log written anywhere; a fuzzer may not.
+    QByteArray bytes = bytesOf(data, size);
+    bytes.replace('/', '|').replace('\\', '|').replace('%', '|');
+    const QString path = fuzzing.folder.filePath(QStringLiteral("m.ini"));
+    {
+        QFile file(path);
+        require(file.open(QFile::WriteOnly) && file.write(bytes) == bytes.size());
+    }
+    {
+        Morvane module;
+        module.LoadSettings(path);
+    }
+    QFile::remove(pLog->filePath());
+    delete std::exchange(pLog, nullptr);
+    return 0;
+}

@@ -1,0 +1,56 @@
+// The engine of the file transfer, as receiver and as sender of a file at once. The input is a row
+// of datagrams, each behind a byte with its length; an empty one stands for a tick.
+#include "Fuzzing.h"
+#include "TTransferData.h"
+
+#include <QDir>
+#include <QTimerEvent>
+
+namespace {
+
+constexpr int never = 86'400'000; // milliseconds to the engine's own ticks
+
+void writeSource(const QString &path)
+{
+    QFile file(path);
+    require(file.open(QFile::WriteOnly));
+    for (uint i = 1, noise = 1; i < 1'000; ++i, noise = noise * 1'103'515'245 + 12'345)
+        file.putChar(char(noise >> 16));
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    static const Fuzzing fuzzing;
+    const QDir top(fuzzing.folder.path());
+    const QString source = top.filePath(QStringLiteral("source"));
+    if (top.mkpath(QStringLiteral("received")) && !QFile::exists(source))
+        writeSource(source);
+
+    TFileTransfer engine(never, 0, nullptr);
+    QStringList received;
+    QObject::connect(&engine, &TFileTransfer::FileReceived, &engine,
+        [&](const QString &name) { received.append(name); });
+    engine.SendPath(top.filePath(QStringLiteral("received/")));
+    engine.OpenFile(source);
+    for (QByteArray rest = bytesOf(data, size); !rest.isEmpty();) {
+        QByteArray datagram =
+            rest.sliced(1).first(std::min<qsizetype>(uchar(rest[0]), rest.size() - 1));
+        rest.remove(0, 1 + datagram.size());
+        QTimerEvent tick(0);
+        if (datagram.isEmpty())
+            engine.timerEvent(&tick);
+        else
+            engine.ReceiveData(datagram.data(), int(datagram.size()));
+    }
+
+    QDir folder(top.filePath(QStringLiteral("received")));
+    const auto everything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    require(top.entryList(everything).size() == 2);
+    received.removeDuplicates();
+    require(folder.entryList(everything).size() == received.size());
+    for (const QString &name : std::as_const(received))
+        require(folder.remove(name));
+    return 0;
+}
