@@ -1,12 +1,12 @@
 #!/bin/bash
-# Builds the release preset and prints the table of figures that bench/README.md explains. It takes
+# Builds the bench preset and prints the table of figures that bench/README.md explains. It takes
 # some minutes on an idle machine; --quick runs everything once, small and side by side, only to see
 # that it still works.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 installMissing "${buildPackages[@]}"
-build release
+build bench
 programs=(road backlog parsing udp idle)
 
 printf '%-50s %10s %10s %-11s %6s  %-15s %s\n' \
@@ -14,7 +14,7 @@ printf '%-50s %10s %10s %-11s %6s  %-15s %s\n' \
 if [[ ${1-} == --quick ]]; then
     running=()
     for program in "${programs[@]}"; do
-        "$root/build/release/bin/bench_$program" --quick &
+        "$root/build/bench/bin/bench_$program" --quick &
         running+=($!)
     done
     for process in "${running[@]}"; do
@@ -22,6 +22,6 @@ if [[ ${1-} == --quick ]]; then
     done
 else
     for program in "${programs[@]}"; do
-        "$root/build/release/bin/bench_$program" "$@"
+        "$root/build/bench/bin/bench_$program" "$@"
     done
 fi

@@ -4,8 +4,8 @@
 #include "Commands.h"
 #include "Output.h"
 #include "Record.h"
-#include "WholeFile.h"
 #include "TConnector.h"
+#include "WholeFile.h"
 
 #include <QCoreApplication>
 #include <QFile>
