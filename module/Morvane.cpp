@@ -124,8 +124,14 @@ void Morvane::Start()
 void Morvane::tidySpool()
 {
     sender.recover();
-    if (!SpoolDirectory(tempDir).removeLeftovers(sayToLog))
-        QTimer::singleShot(tidyInterval, this, &Morvane::tidySpool);
+    removeLeftovers(std::make_shared<SpoolLock>(tempDir, sayToLog));
+}
+
+// One lock for all attempts: it must have been seen unchanged for a while to count as stale.
+void Morvane::removeLeftovers(const std::shared_ptr<SpoolLock> &lock)
+{
+    if (!SpoolDirectory(tempDir).removeLeftovers(*lock))
+        QTimer::singleShot(tidyInterval, this, [this, lock] { removeLeftovers(lock); });
 }
 
 void Morvane::Reconnect()
@@ -168,6 +174,8 @@ void Morvane::AdminCommand(
         QByteArray none("");
         SetAction(action, message, none, IDConnection);
     } else if (command_name == "QuitSignal") {
+        // A server that goes away right behind its command must not change the exit status.
+        connector->adminConnection->disconnect(connector);
         QCoreApplication::exit(0);
     }
 }
@@ -251,7 +259,8 @@ void Morvane::tspSocketConnected()
     if (tspSocket.localPort() == tspSocket.peerPort()
         && tspSocket.localAddress() == tspSocket.peerAddress())
         return tspSocket.abort();
-    sender.linkUp();
+    if (!sender.linkUp())
+        return tspSocket.abort(); // for want of a descriptor; the next attempt may find one
     report(tr("Connection established.").toUtf8());
     SendOldData();
 }

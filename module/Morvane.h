@@ -5,6 +5,8 @@
 
 #include <QTcpSocket>
 
+#include <memory>
+
 class ScanThread;
 class TMyLocalSocket;
 
@@ -54,6 +56,7 @@ private:
     void MakeTmpFile(QString path, QByteArray data);
 
     void tidySpool();
+    void removeLeftovers(const std::shared_ptr<SpoolLock> &lock);
     void connectToPeer();
     void discardReceived();
     void restartTimer(int &timerId, quint16 seconds);

@@ -36,10 +36,10 @@ void SpoolSender::setSpool(const QString &directory)
     unacknowledged.setSpool(directory);
 }
 
-void SpoolSender::linkUp()
+bool SpoolSender::linkUp()
 {
     unacknowledged.recover(); // what could not be given back to a full disk
-    unacknowledged.linkUp(link.socketDescriptor(), deadAfter);
+    return unacknowledged.linkUp(link.socketDescriptor(), deadAfter);
 }
 
 // Every end of a link or of an attempt passes here, whatever brought it about.
@@ -138,17 +138,23 @@ bool SpoolSender::sendFile(const QString &name)
 {
     if (unacknowledged.isOnItsWay(name))
         return true;
-    std::optional<QByteArray> record = spool.read(name, LinkRecord::lengthSize);
+    const SpoolFile file = spool.open(name);
+    if (!file.isOpen())
+        return true;
+    if (!hasRoomFor(LinkRecord::lengthSize + file.mark().size))
+        return false;
+    std::optional<QByteArray> record = file.read(LinkRecord::lengthSize);
     if (!record)
         return true;
     LinkRecord::complete(*record);
-    if (!hasRoomFor(record->size()))
-        return false;
     if (write(*record) != record->size())
         return true;
     takenSinceLook += record->size();
-    if (!unacknowledged.addRecord(name, record->size()))
+    const auto taken = unacknowledged.addRecord(name, file.mark(), record->size());
+    if (taken == SentFolder::Take::StillListed)
         Q_EMIT fileKept(spool.pathOf(name));
+    else if (taken == SentFolder::Take::Replaced)
+        listAgain = true; // the newer file may have taken its place after the listing
     return true;
 }
 

@@ -30,8 +30,9 @@ public:
 
     // Gives back what an earlier process left between spool and peer. Before anything is sent.
     void recover() { unacknowledged.recover(); }
-    // To be called when the link has come up, before anything else is done with it.
-    void linkUp();
+    // To be called when the link has come up, before anything else is done with it. False if it
+    // cannot be watched, and must not be used.
+    [[nodiscard]] bool linkUp();
     // Sends the whole spool, or goes on with it. Reads no file while the socket takes none.
     void send();
     void sendKeepAlive();

@@ -31,29 +31,30 @@ void Unacknowledged::setSpool(const QString &directory)
     files.setSpool(directory);
 }
 
-void Unacknowledged::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
+bool Unacknowledged::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 {
     closeLink();
     link = ::fcntl(int(socket), F_DUPFD_CLOEXEC, 0);
+    if (link < 0)
+        return false;
     countAtStart = kernelCount(link);
     const unsigned int timeout = unsigned(deadAfter.count());
-    ::setsockopt(link, IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout));
+    return ::setsockopt(link, IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout)) == 0;
 }
 
-bool Unacknowledged::addRecord(const QString &name, qint64 bytes)
+SentFolder::Take Unacknowledged::addRecord(
+    const QString &name, const SpoolFile::Mark &mark, qint64 bytes)
 {
     addBytes(bytes);
-    if (files.take(name)) {
+    const SentFolder::Take result = files.take(name, mark.inode);
+    if (result == SentFolder::Take::Done) {
         records.push_back({name, taken, std::nullopt});
         ++keptAs[name];
-        return true;
-    }
-    const auto mark = files.isFull() ? spool.mark(name) : std::nullopt;
-    if (mark) {
+    } else if (result == SentFolder::Take::StillListed && files.isFull()) {
         records.push_back({name, taken, mark});
-        stuck.insert(name, *mark);
+        stuck.insert(name, mark);
     }
-    return false;
+    return result;
 }
 
 bool Unacknowledged::isOnItsWay(const QString &name) const

@@ -33,12 +33,12 @@ public:
     void recover() const { files.recover(); }
 
     // The link is up: its acknowledged bytes count from here. Makes the kernel end it when sent
-    // bytes stay unacknowledged for the given time.
-    void linkUp(qintptr socket, std::chrono::milliseconds deadAfter);
+    // bytes stay unacknowledged for the given time. False if the link cannot be watched.
+    [[nodiscard]] bool linkUp(qintptr socket, std::chrono::milliseconds deadAfter);
     // The socket has taken bytes that belong to no file.
     void addBytes(qint64 count) { taken += count; }
-    // The socket has taken a record. False if its file could not be taken out of the spool.
-    [[nodiscard]] bool addRecord(const QString &name, qint64 bytes);
+    // The socket has taken a record of so many bytes. Says what has become of the file.
+    SentFolder::Take addRecord(const QString &name, const SpoolFile::Mark &mark, qint64 bytes);
     // Whether a file that is still in the spool is on its way to the peer all the same.
     [[nodiscard]] bool isOnItsWay(const QString &name) const;
     // Forgets what has been acknowledged since the last look.

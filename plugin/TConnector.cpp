@@ -20,7 +20,8 @@ constexpr auto connectPoll = 50ms; // between two looks at a server whose queue 
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
 constexpr int minGathered = 65'536; // a larger body is put together while it is on its way
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
-constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames
+constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames,
+constexpr qint64 resumeBytes = maxUnreadBytes / 2; // until it has read down to this
 constexpr int adminLostStatus = 5; // exit status of the process
 
 constexpr char watchReport[] = "Watch_Arrow";
@@ -356,7 +357,7 @@ void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
     if (!socket->isOpen())
         return;
     const bool wasStalled = socket->stalled;
-    socket->stalled = socket->bytesToWrite() > maxUnreadBytes;
+    socket->stalled = socket->bytesToWrite() > (wasStalled ? resumeBytes : maxUnreadBytes);
     if (!socket->stalled)
         socket->write(frame);
     else if (!wasStalled)

@@ -85,20 +85,32 @@ bool SentFolder::open()
     return false;
 }
 
-bool SentFolder::take(const QString &name)
+SentFolder::Take SentFolder::take(const QString &name, quint64 inode)
 {
     const QByteArray file = QFile::encodeName(name);
     const QByteArray listed = spool + '/' + file;
     errno = 0;
     for (int attempt = 0; attempt < 2 && open(); ++attempt) {
         if (::renameat(AT_FDCWD, listed.constData(), descriptor, file.constData()) == 0)
-            return true;
+            return holds(file, inode) ? Take::Done : Take::Replaced;
         if (errno != ENOENT || ::access(listed.constData(), F_OK) != 0)
             break;
         close(); // the folder has been removed under us
     }
     full = errno == ENOSPC || errno == EDQUOT;
-    return ::access(listed.constData(), F_OK) != 0;
+    return ::access(listed.constData(), F_OK) != 0 ? Take::Done : Take::StillListed;
+}
+
+// Another writer may have put a newer file in the place of the one that was sent just before it was
+// taken: that one has not been sent, and goes back.
+bool SentFolder::holds(const QByteArray &file, quint64 inode) const
+{
+    struct stat info;
+    if (::fstatat(descriptor, file.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0
+        || !S_ISREG(info.st_mode) || info.st_ino == inode)
+        return true;
+    giveFileBack(descriptor, file.constData(), spool);
+    return false;
 }
 
 void SentFolder::discard(const QString &name)

@@ -27,9 +27,13 @@ public:
     // Gives the files that ended processes have left their names back.
     void recover() const;
 
-    // Takes a spool file out of the listing, replacing a kept one of the same name. False if the
-    // file is still listed.
-    [[nodiscard]] bool take(const QString &name);
+    enum class Take {
+        Done,
+        StillListed,
+        Replaced // it has made way for a newer file of its name, which is still listed
+    };
+    // Takes the spool file with that inode out of the listing, replacing a kept one of its name.
+    [[nodiscard]] Take take(const QString &name, quint64 inode);
     // Whether the last file that could not be taken found no room on the disk.
     [[nodiscard]] bool isFull() const { return full; }
     // The peer has it: removes a kept file for good.
@@ -41,6 +45,7 @@ public:
 
 private:
     [[nodiscard]] bool open();
+    [[nodiscard]] bool holds(const QByteArray &file, quint64 inode) const;
 
     QByteArray spool; // file system encoding, as path
     QByteArray path;

@@ -101,13 +101,18 @@ SpoolLock::SpoolLock(const QString &directoryPath, Say sayTo)
 
 SpoolLock::~SpoolLock()
 {
+    release();
+}
+
+void SpoolLock::release()
+{
     if (descriptor < 0)
         return;
     // A lock that was taken for stale meanwhile is gone, and the name may be another writer's.
     struct stat own;
     if (::fstat(descriptor, &own) == 0 && own.st_nlink > 0)
         ::unlink(path.constData());
-    ::close(descriptor);
+    ::close(std::exchange(descriptor, -1));
 }
 
 std::optional<SpoolLock::Mark> SpoolLock::markOf(const QByteArray &path)
@@ -145,8 +150,8 @@ SpoolLock::State SpoolLock::removeStale(const Mark &stale)
     // Two waiters may find the same stale lock. Under the directory's kernel lock each looks once
     // more, so that the second one does not remove the lock that the first has made since.
     const Descriptor guard(::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (guard.isOpen())
-        ::flock(guard.get(), LOCK_EX);
+    if (guard.isOpen() && ::flock(guard.get(), LOCK_EX | LOCK_NB) != 0)
+        return State::Held; // another one is at it
     if (markOf(path) != stale)
         return State::Held;
     if (std::remove(path.constData()) != 0)
@@ -177,6 +182,39 @@ bool SpoolLock::acquire()
         if (state == State::Held)
             std::this_thread::sleep_for(lockPoll);
     }
+}
+
+// --- SpoolFile ---
+
+SpoolFile::SpoolFile(const QString &path)
+    : file([&] {
+        struct stat info;
+        Descriptor opened(openRegularFile(path, info));
+        if (!opened.isOpen() || info.st_size > maxFileBytes)
+            return -1;
+        fileMark = {info.st_ino, nanoseconds(info.st_mtim), info.st_size};
+        return opened.release();
+    }())
+{
+}
+
+std::optional<QByteArray> SpoolFile::read(qsizetype room) const
+{
+    if (!isOpen())
+        return std::nullopt;
+    QByteArray content(room + fileMark.size, Qt::Uninitialized);
+    qsizetype filled = room;
+    while (filled < content.size()) {
+        const ssize_t count =
+            ::read(file.get(), content.data() + filled, size_t(content.size() - filled));
+        if (count < 0 && errno != EINTR)
+            return std::nullopt;
+        if (count == 0)
+            break; // cut short by somebody meanwhile
+        filled += std::max<ssize_t>(count, 0);
+    }
+    content.truncate(filled);
+    return content;
 }
 
 // --- SpoolDirectory ---
@@ -237,28 +275,6 @@ std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) co
     return Mark{info.st_ino, nanoseconds(info.st_mtim), info.st_size};
 }
 
-std::optional<QByteArray> SpoolDirectory::read(const QString &name, qsizetype room) const
-{
-    qint64 size = 0;
-    const Descriptor file(openRegularFile(pathOf(name), &size));
-    if (!file.isOpen() || size > maxFileBytes)
-        return std::nullopt;
-
-    QByteArray content(room + size, Qt::Uninitialized);
-    qsizetype filled = room;
-    while (filled < content.size()) {
-        const ssize_t count =
-            ::read(file.get(), content.data() + filled, size_t(content.size() - filled));
-        if (count < 0 && errno != EINTR)
-            return std::nullopt;
-        if (count == 0)
-            break; // cut short by somebody meanwhile
-        filled += std::max<ssize_t>(count, 0);
-    }
-    content.truncate(filled);
-    return content;
-}
-
 bool SpoolDirectory::remove(const QString &name) const
 {
     return ::unlink(QFile::encodeName(pathOf(name)).constData()) == 0 || errno == ENOENT;
@@ -278,14 +294,13 @@ SpoolDirectory::SetAside SpoolDirectory::setAside(const QString &name) const
     return std::rename(from.constData(), to.constData()) == 0 ? SetAside::Moved : SetAside::Failed;
 }
 
-bool SpoolDirectory::removeLeftovers(const Say &say) const
+bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
 {
     const QStringList leftovers = QDir(directory).entryList(
         {QLatin1StringView(incomingPrefix) + u'*'}, QDir::Files | QDir::Hidden);
     if (leftovers.isEmpty())
         return true;
     // Under the lock no file of a living writer is among them.
-    SpoolLock lock(directory, say);
     if (lock.look() != SpoolLock::State::Free || !lock.tryAcquire())
         return false;
     return std::all_of(

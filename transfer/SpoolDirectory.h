@@ -1,5 +1,7 @@
 #pragma once
 
+#include "WholeFile.h"
+
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QString>
@@ -17,7 +19,7 @@ using Say = std::function<void(const QString &)>;
 // The file is there while a writer is at work. One that is older than 30 seconds, or that the
 // waiter has seen unchanged for 30 seconds (clocks differ), belongs to nobody and is removed.
 //
-// Owner:   whoever waits, for one wait. The destructor releases an acquired lock.
+// Owner:   whoever waits, for one wait. The destructor releases an acquired lock, too.
 // Thread:  any one thread.
 // Errors:  never throws; long waits and removed locks are said, once each.
 class SpoolLock
@@ -43,6 +45,8 @@ public:
     [[nodiscard]] bool tryAcquire();
     // Waits until the lock is free and takes it; false if it cannot be taken.
     [[nodiscard]] bool acquire();
+    // Releases an acquired lock.
+    void release();
 
 private:
     struct Mark
@@ -64,6 +68,35 @@ private:
     int descriptor = -1; // of the lock file while it is ours
 };
 
+// A spool file that is open for reading, whatever becomes of its name meanwhile.
+//
+// Owner:   whoever sends it.
+// Thread:  any one thread.
+// Errors:  never throws; a file that cannot be sent is not open.
+class SpoolFile
+{
+public:
+    // Tells a file from one that has replaced it under the same name.
+    struct Mark
+    {
+        quint64 inode;
+        qint64 modified; // nanoseconds since the epoch
+        qint64 size; // bytes
+        bool operator==(const Mark &) const = default;
+    };
+
+    explicit SpoolFile(const QString &path);
+    [[nodiscard]] bool isOpen() const { return file.isOpen(); }
+    [[nodiscard]] const Mark &mark() const { return fileMark; }
+    // The content; in front of it so many bytes are left for the caller to fill, which saves him a
+    // copy. Nothing if it cannot be read.
+    [[nodiscard]] std::optional<QByteArray> read(qsizetype room = 0) const;
+
+private:
+    Mark fileMark{};
+    Descriptor file;
+};
+
 // The directory in which every record waits as one file until it is sent.
 //
 // Names that begin with a dot are never listed: the lock file and files that are being written.
@@ -76,14 +109,7 @@ public:
     enum class WriteResult { Written, NoLock, NoFile };
     enum class SetAside { Moved, Gone, Failed };
 
-    // Tells a file from one that has replaced it under the same name.
-    struct Mark
-    {
-        quint64 inode;
-        qint64 modified; // nanoseconds since the epoch
-        qint64 size; // bytes
-        bool operator==(const Mark &) const = default;
-    };
+    using Mark = SpoolFile::Mark;
 
     explicit SpoolDirectory(QString path);
 
@@ -102,9 +128,8 @@ public:
     // Nothing if the file is gone.
     [[nodiscard]] std::optional<Mark> mark(const QString &name) const;
 
-    // Nothing if the file is gone, unreadable, not a regular file or larger than 4 GiB. In front of
-    // the content so many bytes are left for the caller to fill, which saves him a copy.
-    [[nodiscard]] std::optional<QByteArray> read(const QString &name, qsizetype room = 0) const;
+    // Not open if the file is gone, unreadable, not a regular file or larger than 4 GiB.
+    [[nodiscard]] SpoolFile open(const QString &name) const { return SpoolFile(pathOf(name)); }
 
     // False if the file is still there afterwards.
     [[nodiscard]] bool remove(const QString &name) const;
@@ -114,8 +139,8 @@ public:
     [[nodiscard]] SetAside setAside(const QString &name) const;
 
     // Removes what writers have left behind that were killed. False, and nothing done, while a
-    // writer may be at work.
-    [[nodiscard]] bool removeLeftovers(const Say &say) const;
+    // writer may be at work; the lock is the caller's own, which has not been acquired.
+    [[nodiscard]] bool removeLeftovers(SpoolLock &lock) const;
 
     [[nodiscard]] const QString &path() const { return directory; }
     [[nodiscard]] QString pathOf(const QString &name) const { return directory + u'/' + name; }

@@ -169,7 +169,8 @@ TFileTransfer::Outgoing TFileTransfer::prepare(const QString &path)
 void TFileTransfer::compress(Outgoing &outgoing)
 {
     QFile file;
-    const int descriptor = openRegularFile(outgoing.path);
+    struct stat info;
+    const int descriptor = openRegularFile(outgoing.path, info);
     if (descriptor < 0
         || !file.open(descriptor, QFile::ReadOnly | QFile::Unbuffered, QFile::AutoCloseHandle)) {
         outgoing.refusal = tr("it cannot be read: %1").arg(qt_error_string());

@@ -25,10 +25,10 @@ QByteArray hiddenBeside(const QString &path)
 bool isPlainName(const QString &name)
 {
     return !name.isEmpty() && !name.startsWith(u'.') && !name.contains(u'/')
-        && !name.contains(QChar(u'\0'));
+        && !name.contains(QChar(u'\0')) && QFile::decodeName(QFile::encodeName(name)) == name;
 }
 
-int openRegularFile(const QString &path, qint64 *size)
+int openRegularFile(const QString &path, struct stat &info)
 {
     if (path.contains(QChar(u'\0'))) { // the system would take what is in front of it
         errno = ENOENT;
@@ -36,15 +36,12 @@ int openRegularFile(const QString &path, qint64 *size)
     }
     // Without O_NONBLOCK a FIFO that has taken a file's place would block for ever.
     Descriptor file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    struct stat info;
     if (!file.isOpen() || ::fstat(file.get(), &info) != 0)
         return -1;
     if (!S_ISREG(info.st_mode)) {
         errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
         return -1;
     }
-    if (size)
-        *size = info.st_size;
     return file.release();
 }
 

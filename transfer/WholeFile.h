@@ -3,6 +3,7 @@
 #include <QByteArrayView>
 #include <QString>
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -34,12 +35,13 @@ private:
 inline constexpr char incomingPrefix[] = ".incoming-";
 
 // A name that means a file of the directory that it is put in, and a visible one: not empty, no "/"
-// or zero character, no dot in front.
+// or zero character, no dot in front, and nothing that file names cannot express, because two such
+// names would mean the same file.
 [[nodiscard]] bool isPlainName(const QString &name);
 
-// Opens a regular file for reading, and tells its size in bytes; -1, with the reason in errno, for
-// anything else.
-[[nodiscard]] int openRegularFile(const QString &path, qint64 *size = nullptr);
+// Opens a regular file for reading and tells what the system knows of it; -1, with the reason in
+// errno, for anything else.
+[[nodiscard]] int openRegularFile(const QString &path, struct stat &info);
 
 // A file that appears under its name whole or not at all.
 //
