@@ -51,6 +51,7 @@ private:
     [[nodiscard]] bool waitForLock();
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
     void sendListed();
+    void goOnSoon();
     [[nodiscard]] bool sendFile(const QString &name);
     [[nodiscard]] qint64 write(const QByteArray &record);
     void watchAcknowledgements();
@@ -61,6 +62,7 @@ private:
     Unacknowledged unacknowledged;
     std::chrono::milliseconds deadAfter{0};
     QStringList listed; // what remains of the current listing, last name first
+    bool goesOn = false; // in the next turn of the event loop
     bool listAgain = false; // somebody has asked while a listing was under way
     qint64 takenSinceLook = 0; // bytes
     int lookTimerId = 0; // runs while anything is unacknowledged
