@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -264,6 +265,7 @@ Program::Program(
     process = pid_t(check(::fork(), "fork"));
     if (process != 0)
         return;
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // also when this program ends early
     ::setenv("TMPDIR", place.c_str(), 1);
     ::setenv("XDG_CONFIG_HOME", place.c_str(), 1);
     ::unsetenv("XDG_RUNTIME_DIR");
