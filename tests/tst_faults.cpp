@@ -2,10 +2,10 @@
 #include "ModuleProcess.h"
 #include "Oracle.h"
 #include "TcpPeer.h"
+#include "UdpRelay.h"
 
 #include <QRandomGenerator>
 #include <QTest>
-#include <QUdpSocket>
 
 #include <sys/resource.h>
 
@@ -19,7 +19,7 @@ constexpr int udpRecordBytes = 20'000; // a tenth of a second at a packet for ea
 constexpr int peerBuffer = 65'536; // bytes; what a peer that dies may have taken without reading
 constexpr int windowRecords = 4 * peerBuffer / recordBytes; // the kernel may double it, and rounds
 
-// MORVANE_KILLS=100 kills that often in every row, not just a few times.
+// MORVANE_KILLS=100 build/dev/bin/tst_faults kills that often in every row, not just a few times.
 int kills()
 {
     return std::max(qEnvironmentVariableIntValue("MORVANE_KILLS"), 6);
@@ -28,13 +28,6 @@ int kills()
 QByteArray portLine(const char *key, quint16 port)
 {
     return key + QByteArray::number(port) + '\n';
-}
-
-quint16 freeUdpPort()
-{
-    QUdpSocket probe;
-    probe.bind();
-    return probe.localPort();
 }
 
 // The content of the numbered files of a folder, in order. On a search below the folder the hidden
@@ -157,6 +150,9 @@ struct BusFeeder : BusClient
 class TestFaults : public QObject
 {
     Q_OBJECT
+public:
+    static void initMain() { qputenv("QTEST_FUNCTION_TIMEOUT", "3600000"); } // milliseconds
+
 private Q_SLOTS:
     void killsLoseNothingOverTcp_data();
     void killsLoseNothingOverTcp();

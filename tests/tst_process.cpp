@@ -43,10 +43,7 @@ private Q_SLOTS:
 private:
     static void startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRelay &fromIt)
     {
-        QUdpSocket probe;
-        probe.bind();
-        toIt.target = probe.localPort();
-        probe.close();
+        toIt.target = freeUdpPort();
         const QByteArray main =
             "Protocol=UDP\nTimeout=3\nLocalPort=" + QByteArray::number(toIt.target)
             + "\nPort=" + QByteArray::number(fromIt.port()) + '\n';

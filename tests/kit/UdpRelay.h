@@ -1,9 +1,20 @@
 #pragma once
 
+#include <QNetworkProxy>
 #include <QTimer>
 #include <QUdpSocket>
 
 #include <random>
+
+// A port that nobody uses. Without the system's proxy settings, here and below: Qt would ask for
+// them on a thread that the thread sanitizer does not understand.
+inline quint16 freeUdpPort()
+{
+    QUdpSocket probe;
+    probe.setProxy(QNetworkProxy::NoProxy);
+    probe.bind();
+    return probe.localPort();
+}
 
 // One direction of a bad link: what arrives at its port goes on to another one, unless it is lost;
 // some datagrams come twice, some late. Information records (data packet 0) keep their place: a
@@ -15,6 +26,7 @@ public:
         : random(seed)
         , loss(lossPercentage)
     {
+        socket.setProxy(QNetworkProxy::NoProxy);
         socket.bind(QHostAddress::LocalHost);
         connect(&socket, &QIODevice::readyRead, this, [this] {
             while (socket.hasPendingDatagrams()) {
