@@ -1,5 +1,6 @@
 #include "Memory.h"
 #include "Morvane.h"
+#include "StopSignals.h"
 #include "TLog.h"
 
 #include <QCoreApplication>
@@ -33,6 +34,7 @@ int main(int argc, char *argv[])
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication application(argc, argv);
+    endLoopOnStopSignals(&application);
     QTranslator translator;
     std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
     QCoreApplication::installTranslator(&translator);

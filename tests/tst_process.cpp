@@ -39,6 +39,7 @@ private Q_SLOTS:
     void rubbishHarmsNobody();
     void peerThatTalksCostsNoMemory();
     void quitSignalGivesStatusZero();
+    void stopSignalsGiveStatusZeroAndKeepTheSpool();
 
 private:
     static void startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRelay &fromIt)
@@ -221,6 +222,21 @@ void TestProcess::quitSignalGivesStatusZero()
     QTRY_COMPARE(whole.state(), QProcess::NotRunning);
     QCOMPARE(whole.exitStatus(), QProcess::NormalExit);
     QCOMPARE(whole.exitCode(), 0);
+}
+
+void TestProcess::stopSignalsGiveStatusZeroAndKeepTheSpool()
+{
+    const std::pair<ModuleProcess *, int> cases[] = {{&bare, SIGINT}, {&east, SIGTERM}};
+    for (const auto &[process, signal] : cases) {
+        QTRY_VERIFY_WITH_TIMEOUT(process->isListening(), patience);
+        for (const QString &name : {u"stays"_s, u"stays too"_s})
+            process->place.writeFile(u"spool/"_s + name, QByteArray(900'000, 'x'));
+        ::kill(pid_t(process->processId()), signal);
+        QTRY_COMPARE(process->state(), QProcess::NotRunning);
+        QCOMPARE(process->exitStatus(), QProcess::NormalExit);
+        QCOMPARE(process->exitCode(), 0);
+        QCOMPARE(process->spooled(), QStringList({u"stays"_s, u"stays too"_s}));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestProcess)
