@@ -1,0 +1,166 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="ru_RU">
+<context>
+    <name>Morvane</name>
+    <message>
+        <source>Can not delete file %1</source>
+        <translation>Не удалось удалить файл %1</translation>
+    </message>
+    <message>
+        <source>New data</source>
+        <translation>Новые данные</translation>
+    </message>
+    <message>
+        <source>Connection established.</source>
+        <translation>Соединение установлено.</translation>
+    </message>
+    <message>
+        <source>Socket error: %1</source>
+        <translation>Ошибка сокета: %1</translation>
+    </message>
+</context>
+<context>
+    <name>ScanThread</name>
+    <message>
+        <source>Can&apos;t remove the lock file of %1, nothing is sent</source>
+        <translation>Не удалось удалить файл блокировки в %1, отправка остановлена</translation>
+    </message>
+    <message>
+        <source>Transmitted file</source>
+        <translation>Передан файл</translation>
+    </message>
+    <message>
+        <source>Can&apos;t delete file</source>
+        <translation>Не удалось удалить файл</translation>
+    </message>
+    <message>
+        <source>Refused file %1: %2</source>
+        <translation>Файл %1 отложен: %2</translation>
+    </message>
+    <message>
+        <source>Refused file %1, and can&apos;t move it: %2</source>
+        <translation>Файл %1 не принят к отправке, и переместить его не удалось: %2</translation>
+    </message>
+    <message>
+        <source>The peer acknowledges no more of file %1, it is sent afresh</source>
+        <translation>Удалённая сторона больше не подтверждает файл %1, он отправляется заново</translation>
+    </message>
+    <message>
+        <source>Using UDP port %1 now</source>
+        <translation>UDP-порт %1 теперь используется</translation>
+    </message>
+    <message>
+        <source>Can&apos;t use UDP port %1: %2</source>
+        <translation>Не удалось использовать UDP-порт %1: %2</translation>
+    </message>
+    <message>
+        <source>Nothing is sent: &quot;%1&quot; is not the numeric address of a peer</source>
+        <translation>Отправка невозможна: «%1» не является числовым адресом удалённой стороны</translation>
+    </message>
+</context>
+<context>
+    <name>SpoolLock</name>
+    <message>
+        <source>Waiting for the lock file %1</source>
+        <translation>Ожидание файла блокировки %1</translation>
+    </message>
+    <message>
+        <source>Removed the lock file %1: nobody has held it for %2 seconds</source>
+        <translation>Файл блокировки %1 удалён: его никто не удерживал %2 с</translation>
+    </message>
+</context>
+<context>
+    <name>TConnector</name>
+    <message>
+        <source>Start server: %1 Ok!!!! 
+</source>
+        <translation>Запуск сервера: %1 выполнен!!!! 
+</translation>
+    </message>
+    <message>
+        <source>Start Error: %1
+</source>
+        <translation>Ошибка запуска: %1
+</translation>
+    </message>
+    <message>
+        <source>New Out Connnection
+</source>
+        <translation>Новое исходящее соединение
+</translation>
+    </message>
+    <message>
+        <source>Connnection Out Error: %1 %2
+</source>
+        <translation>Ошибка исходящего соединения: %1 %2
+</translation>
+    </message>
+    <message>
+        <source>Connnection Disconnect: %0
+</source>
+        <translation>Исходящее соединение разорвано: %0
+</translation>
+    </message>
+    <message>
+        <source>Admin connection is closed. Stopping application.</source>
+        <translation>Соединение с сервером администрирования закрыто. Приложение останавливается.</translation>
+    </message>
+    <message>
+        <source>New In Connection %0
+</source>
+        <translation>Новое входящее соединение %0
+</translation>
+    </message>
+    <message>
+        <source>Connection in disconnection: %0
+</source>
+        <translation>Входящее соединение разорвано: %0
+</translation>
+    </message>
+    <message>
+        <source>Connection In Error: %0
+</source>
+        <translation>Ошибка входящего соединения: %0
+</translation>
+    </message>
+    <message>
+        <source>Connection %1 does not read: frames for it are dropped</source>
+        <translation>Соединение %1 не читает данные: кадры для него отбрасываются</translation>
+    </message>
+</context>
+<context>
+    <name>TFileTransfer</name>
+    <message>
+        <source>the name cannot be sent, it is longer than %1 characters or not in Latin-1</source>
+        <translation>имя нельзя передать: оно длиннее %1 символов или не входит в Latin-1</translation>
+    </message>
+    <message>
+        <source>it cannot be read: %1</source>
+        <translation>его не удаётся прочитать: %1</translation>
+    </message>
+    <message>
+        <source>it has more than %1 bytes when compressed</source>
+        <translation>в сжатом виде в нём больше %1 байт</translation>
+    </message>
+</context>
+<context>
+    <name>TServerPlugin</name>
+    <message>
+        <source>Error load settings AdminServerName: NoName </source>
+        <translation>Ошибка загрузки настройки AdminServerName: NoName </translation>
+    </message>
+    <message>
+        <source>Error load settings ServerName: NoName </source>
+        <translation>Ошибка загрузки настройки ServerName: NoName </translation>
+    </message>
+    <message>
+        <source>Warrning: No Connections </source>
+        <translation>Предупреждение: нет соединений </translation>
+    </message>
+    <message>
+        <source>Cannot open database %1: %2</source>
+        <translation>Не удалось открыть базу данных %1: %2</translation>
+    </message>
+</context>
+</TS>
