@@ -1,5 +1,6 @@
 #include "Morvane.h"
 
+#include "MainSettings.h"
 #include "Record.h"
 #include "Settings.h"
 #include "TConnector.h"
@@ -26,22 +27,6 @@ constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
 constexpr auto tidyInterval = 31s; // by then a lock that a killed writer has left counts as stale
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
-
-struct SettingKey
-{
-    QString name;
-    QString defaultText;
-};
-
-const SettingKey tempDirKey = {u"TempDir"_s, u"tmp"_s};
-const SettingKey hostKey = {u"Host"_s, u"127.0.0.1"_s};
-const SettingKey portKey = {u"Port"_s, u"7071"_s};
-const SettingKey localPortKey = {u"LocalPort"_s, u"9000"_s};
-const SettingKey timeoutKey = {u"Timeout"_s, u"1000"_s};
-const SettingKey protocolKey = {u"Protocol"_s, u"TCP"_s};
-const SettingKey reconnectionKey = {u"ReconnectionTimeout"_s, u"20"_s};
-const SettingKey liveMessageKey = {u"LiveMessageTimeout"_s, u"60"_s};
-const QString mainGroup = u"Main"_s;
 
 void sayToLog(const QString &text)
 {
@@ -76,20 +61,17 @@ void Morvane::LoadSettings(QString path)
 
     QSettings settings(path, QSettings::IniFormat);
     checkSettingsStruct(settings);
-    settings.beginGroup(mainGroup);
-    const auto text = [&](const SettingKey &key) {
-        return settingText(settings, key.name, key.defaultText);
-    };
-    // Text that is no number gives 0; a number out of range keeps its low 16 bits.
-    const auto number = [&](const SettingKey &key) { return quint16(text(key).toInt()); };
-    tempDir = text(tempDirKey);
-    host = text(hostKey);
-    port = number(portKey);
-    localPort = number(localPortKey);
-    timeout = number(timeoutKey);
-    protocol = text(protocolKey).toLatin1();
-    reconnectionTimeout = number(reconnectionKey);
-    liveMessageTimeout = number(liveMessageKey);
+    settings.beginGroup(MainSettings::group);
+    const auto text = [&](const SettingKey &key) { return settingText(settings, key); };
+    const auto number = [&](const SettingKey &key) { return MainSettings::number(text(key)); };
+    tempDir = text(MainSettings::tempDir);
+    host = text(MainSettings::host);
+    port = number(MainSettings::port);
+    localPort = number(MainSettings::localPort);
+    timeout = number(MainSettings::timeout);
+    protocol = text(MainSettings::protocol).toLatin1();
+    reconnectionTimeout = number(MainSettings::reconnectionTimeout);
+    liveMessageTimeout = number(MainSettings::liveMessageTimeout);
     settings.endGroup();
 
     sender.setSpool(tempDir);
@@ -100,9 +82,8 @@ void Morvane::LoadSettings(QString path)
 void Morvane::checkSettingsStruct(QSettings &settings)
 {
     QSettings *known = prepareTemplateSettings();
-    known->beginGroup(mainGroup);
-    for (const SettingKey &key : {tempDirKey, hostKey, portKey, localPortKey, timeoutKey,
-             protocolKey, reconnectionKey, liveMessageKey})
+    known->beginGroup(MainSettings::group);
+    for (const SettingKey &key : MainSettings::keys)
         known->setValue(key.name, key.defaultText);
     known->endGroup();
     rebuildSettingsByTemplate(settings, *known);

@@ -1,5 +1,6 @@
 #include "TServerPlugin.h"
 
+#include "BaseSettings.h"
 #include "BusFrame.h"
 #include "DataBase.h"
 #include "Settings.h"
@@ -9,14 +10,9 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 #include <QSqlError>
 
 using namespace Qt::StringLiterals;
-
-namespace {
-const QString noName = u"NoName"_s; // what an absent name reads as
-}
 
 TServerPlugin::TServerPlugin(QObject *parent)
     : QObject(parent)
@@ -42,7 +38,7 @@ bool TServerPlugin::LoadSettings(QString path)
     if (path.isEmpty())
         path = getIniNameDefault(false);
     QSettings settings(path, QSettings::IniFormat);
-    settings.beginGroup(u"Base"_s);
+    settings.beginGroup(BaseSettings::group);
     loadLog(settings);
     loadBase(settings);
     settings.endGroup();
@@ -57,44 +53,38 @@ bool TServerPlugin::LoadSettings(QString path)
 
 void TServerPlugin::loadLog(const QSettings &settings)
 {
-    QString name = settingText(settings, u"LogName"_s, {});
+    QString name = settingText(settings, BaseSettings::logName);
     if (name.isEmpty())
         name =
             TLog::getDirPathDefault(QFileInfo(QCoreApplication::applicationFilePath()).baseName());
     pLog = new TLog(name); // the log of an earlier load stays: somebody may still hold it
-    pLog->level = settingText(settings, u"Log"_s, u"0"_s).toInt();
+    pLog->level = settingText(settings, BaseSettings::log).toInt();
     pLog->Enabled(pLog->level != 0);
 }
 
 void TServerPlugin::loadBase(const QSettings &settings)
 {
-    QString admin = settingText(settings, u"AdminServerName"_s, noName);
-    if (admin == noName) {
+    QString admin = settingText(settings, BaseSettings::adminServerName);
+    if (admin == BaseSettings::noName) {
         pLog->Message(tr("Error load settings AdminServerName: NoName "));
         admin = u"No_AdminServer_name"_s;
     }
     connector->adminConnection->name = admin.toUtf8();
 
-    const QString server = settingText(settings, u"ServerName"_s, noName);
-    if (server == noName)
+    const QString server = settingText(settings, BaseSettings::serverName);
+    if (server == BaseSettings::noName)
         pLog->Message(tr("Error load settings ServerName: NoName "));
     else
         connector->SetServerName(server);
 
-    const QString connections = settingText(settings, u"Connections"_s, noName);
-    if (connections == noName || connections.isEmpty()) {
+    const QString connections = settingText(settings, BaseSettings::connections);
+    if (connections == BaseSettings::noName || connections.isEmpty()) {
         pLog->Message(tr("Warrning: No Connections "));
         return;
     }
     const QStringList names = connections.split(u' ', Qt::KeepEmptyParts);
     for (const QString &name : names)
         connector->addOutServerName(name);
-}
-
-QString TServerPlugin::settingText(
-    const QSettings &settings, const QString &key, const QString &defaultText)
-{
-    return settings.value(key, defaultText).toStringList().join(u',');
 }
 
 QSettings *TServerPlugin::prepareTemplateSettings()

@@ -41,10 +41,6 @@ public:
     void SendBusMessage(const QByteArray &iface, const QByteArray &data, int idConnect);
 
 protected:
-    // A value as the person wrote it. QSettings takes an unquoted comma for a list of values.
-    [[nodiscard]] static QString settingText(
-        const QSettings &settings, const QString &key, const QString &defaultText);
-
     TConnector *connector;
 
 private:

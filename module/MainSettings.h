@@ -1,0 +1,30 @@
+#pragma once
+
+#include "BaseSettings.h"
+
+// The group of the settings file that belongs to this module.
+namespace MainSettings {
+
+inline const QString group = QStringLiteral("Main");
+
+inline const SettingKey tempDir = {QStringLiteral("TempDir"), QStringLiteral("tmp")};
+inline const SettingKey host = {QStringLiteral("Host"), QStringLiteral("127.0.0.1")};
+inline const SettingKey port = {QStringLiteral("Port"), QStringLiteral("7071")};
+inline const SettingKey localPort = {QStringLiteral("LocalPort"), QStringLiteral("9000")};
+inline const SettingKey timeout = {QStringLiteral("Timeout"), QStringLiteral("1000")};
+inline const SettingKey protocol = {QStringLiteral("Protocol"), QStringLiteral("TCP")};
+inline const SettingKey reconnectionTimeout = {
+    QStringLiteral("ReconnectionTimeout"), QStringLiteral("20")};
+inline const SettingKey liveMessageTimeout = {
+    QStringLiteral("LiveMessageTimeout"), QStringLiteral("60")};
+
+inline const SettingKey keys[] = {
+    tempDir, host, port, localPort, timeout, protocol, reconnectionTimeout, liveMessageTimeout};
+
+// Text that is no number gives 0; a number out of range keeps its low 16 bits.
+[[nodiscard]] inline quint16 number(const QString &text)
+{
+    return quint16(text.toInt());
+}
+
+} // namespace MainSettings
