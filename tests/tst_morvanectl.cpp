@@ -1,10 +1,10 @@
 #include "BusEnds.h"
 #include "Record.h"
+#include "Tool.h"
 #include "Workplace.h"
 
 #include <QCoreApplication>
 #include <QHostAddress>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTest>
@@ -14,42 +14,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr int patience = 10'000; // milliseconds; a loaded machine starts processes slowly
-
-// The tool as a process. What it has said is gathered.
-class Tool : public QProcess
-{
-public:
-    explicit Tool(const QStringList &arguments)
-    {
-        start(QCoreApplication::applicationDirPath() + u"/morvanectl"_s, arguments);
-        if (!waitForStarted())
-            qFatal("morvanectl does not start");
-    }
-    ~Tool() override
-    {
-        kill();
-        waitForFinished();
-    }
-    [[nodiscard]] bool says(const char *text)
-    {
-        said += readAllStandardOutput();
-        return said.contains(text);
-    }
-    [[nodiscard]] bool complains(const char *text)
-    {
-        complaints += readAllStandardError();
-        return complaints.contains(text);
-    }
-    void raise(int signal) const { ::kill(pid_t(processId()), signal); }
-    // -1 while it runs, or if it did not end by itself.
-    [[nodiscard]] int status() const
-    {
-        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
-    }
-    QByteArray said, complaints;
-};
 
 // A module's connection to the administration server: takes commands and answers.
 class AdminLink : public QLocalSocket

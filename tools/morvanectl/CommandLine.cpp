@@ -71,3 +71,9 @@ QString CommandLine::helpText() const
     return u"Usage: morvanectl %1 [options] %2"_s.arg(subcommand, synopsis)
         + text.sliced(text.indexOf(u'\n')).trimmed().prepend(u"\n\n"_s);
 }
+
+void addDirectoryOption(CommandLine &line)
+{
+    line.addValue(u"directory"_s, u"DIR"_s,
+        u"The working directory of the module (default: the current one)."_s);
+}

@@ -44,4 +44,7 @@ private:
     QCommandLineParser parser;
 };
 
+// --directory, for what a settings file says relative to the module's working directory.
+void addDirectoryOption(CommandLine &line);
+
 inline constexpr int longestSeconds = 1'000'000; // of an option; fits a timer's milliseconds

@@ -5,5 +5,6 @@
 // The subcommands. Each takes its own name and what stands behind it on the command line, and
 // returns the exit status of the process.
 int runAdmin(const QStringList &arguments);
+int runCheck(const QStringList &arguments);
 int runReceive(const QStringList &arguments);
 int runSend(const QStringList &arguments);

@@ -19,6 +19,7 @@ const Subcommand subcommands[] = {
     {u"admin"_s, u"be the administration server: show actions, send commands"_s, runAdmin},
     {u"send"_s, u"put files on a module's bus name as records"_s, runSend},
     {u"receive"_s, u"be the TCP peer: take records from a module's link"_s, runReceive},
+    {u"check"_s, u"say what will not work in a module's settings file"_s, runCheck},
 };
 
 QString overview()
@@ -29,7 +30,7 @@ QString overview()
         text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
     return text
         + u"\n\"morvanectl SUBCOMMAND --help\" tells more about each.\n"
-          "Exit status: 0 done, 1 failed, 2 wrong usage."_s;
+          "Exit status: 0 done, 1 failed, 2 wrong usage; that of check tells what it found."_s;
 }
 
 } // namespace

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QProcess>
+
+#include <csignal>
+
+inline constexpr int patience = 10'000; // milliseconds; a loaded machine starts processes slowly
+
+// The tool as a process. What it has said is gathered.
+class Tool : public QProcess
+{
+public:
+    explicit Tool(const QStringList &arguments)
+    {
+        start(QCoreApplication::applicationDirPath() + QStringLiteral("/morvanectl"), arguments);
+        if (!waitForStarted())
+            qFatal("morvanectl does not start");
+    }
+    ~Tool() override
+    {
+        kill();
+        waitForFinished();
+    }
+    [[nodiscard]] bool says(const char *text)
+    {
+        said += readAllStandardOutput();
+        return said.contains(text);
+    }
+    [[nodiscard]] bool complains(const char *text)
+    {
+        complaints += readAllStandardError();
+        return complaints.contains(text);
+    }
+    void raise(int signal) const { ::kill(pid_t(processId()), signal); }
+    // -1 while it runs, or if it did not end by itself.
+    [[nodiscard]] int status() const
+    {
+        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
+    }
+    QByteArray said, complaints;
+};

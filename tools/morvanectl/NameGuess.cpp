@@ -1,0 +1,44 @@
+#include "NameGuess.h"
+
+#include <algorithm>
+#include <numeric>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype mostSlips = 2; // letters missing, wrong or too many
+constexpr qsizetype longestName = 64; // no known one is as long
+
+// Letters to insert, remove or replace to make one text of the other.
+qsizetype slipsBetween(const QString &a, const QString &b)
+{
+    std::vector<qsizetype> row(size_t(b.size()) + 1);
+    std::iota(row.begin(), row.end(), 0);
+    for (qsizetype i = 0; i < a.size(); ++i) {
+        qsizetype diagonal = std::exchange(row[0], i + 1);
+        for (size_t j = 0; j < size_t(b.size()); ++j) {
+            const qsizetype replaced = diagonal + (a.at(i) == b.at(qsizetype(j)) ? 0 : 1);
+            diagonal = row[j + 1];
+            row[j + 1] = std::min({replaced, row[j] + 1, diagonal + 1});
+        }
+    }
+    return row.back();
+}
+
+} // namespace
+
+QString guessHint(const QString &name, const QStringList &known)
+{
+    qsizetype fewest = mostSlips + 1;
+    QString best;
+    for (const QString &candidate : name.size() > longestName ? QStringList() : known) {
+        const qsizetype slips = slipsBetween(name.toLower(), candidate.toLower());
+        if (slips >= fewest)
+            continue;
+        fewest = slips;
+        best = candidate;
+    }
+    return best.isEmpty() ? QString() : u", is \"%1\" meant?"_s.arg(best);
+}

@@ -1,0 +1,164 @@
+#include "SettingsCheck.h"
+
+#include "NameGuess.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr bool error = true;
+constexpr bool warning = false;
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+template <typename Keys> QStringList namesOf(const Keys &keys)
+{
+    QStringList names;
+    for (const SettingKey &key : keys)
+        names.append(key.name);
+    return names;
+}
+
+QStringList keysOf(const QString &group)
+{
+    if (group == BaseSettings::group)
+        return namesOf(BaseSettings::keys);
+    return group == MainSettings::group ? namesOf(MainSettings::keys) : QStringList();
+}
+
+QString otherGroup(const QString &group)
+{
+    return group == BaseSettings::group ? MainSettings::group : BaseSettings::group;
+}
+
+} // namespace
+
+SettingsCheck::SettingsCheck(const QString &path, const QString &workingDirectory)
+    : file(path)
+    , isDirectoryKnown(!workingDirectory.isEmpty())
+    , directory(isDirectoryKnown ? workingDirectory : QDir::currentPath())
+    , settings(path)
+    , text(contentOf(path))
+{
+    if (const QString problem = settings.problem(); !problem.isEmpty()) {
+        found.append(
+            {1, error, u"the file cannot be read, every setting has its default: "_s + problem});
+        return;
+    }
+    for (const SettingsText::Remark &remark : text.remarks())
+        found.append({remark.line, warning, remark.text});
+    checkNames();
+    checkLog();
+    checkBus();
+    checkMain();
+}
+
+QList<SettingsCheck::Finding> SettingsCheck::findings() const
+{
+    QList<Finding> sorted = found;
+    std::stable_sort(sorted.begin(), sorted.end(),
+        [](const Finding &a, const Finding &b) { return a.line < b.line; });
+    return sorted;
+}
+
+void SettingsCheck::addBase(bool isError, const Key &key, const QString &finding)
+{
+    found.append({text.lineOf(BaseSettings::group, key.name), isError, finding});
+}
+
+void SettingsCheck::addMain(bool isError, const Key &key, const QString &finding)
+{
+    found.append({text.lineOf(MainSettings::group, key.name), isError, finding});
+}
+
+// --- names that the module does not know ---
+
+void SettingsCheck::checkNames()
+{
+    const QStringList paths = settings.allKeys();
+    QStringList unknownGroups;
+    for (const QString &path : paths) {
+        const QString group = path.left(std::max<qsizetype>(path.indexOf(u'/'), 0));
+        if (group.isEmpty() || !keysOf(group).isEmpty())
+            checkKeyNames(path);
+        else if (!unknownGroups.contains(group))
+            unknownGroups.append(group);
+    }
+    for (const QString &group : std::as_const(unknownGroups))
+        found.append({text.lineOf(group), warning,
+            u"the module knows no group [%1]: nothing in it has an effect%2"_s.arg(
+                group, guessHint(group, {BaseSettings::group, MainSettings::group}))});
+}
+
+void SettingsCheck::checkKeyNames(const QString &path)
+{
+    const qsizetype slash = path.indexOf(u'/');
+    const QString group = path.left(std::max<qsizetype>(slash, 0));
+    const QString key = path.sliced(slash + 1);
+    const int line = text.lineOf(group, key);
+    if (settings.isList(path))
+        found.append({line, warning,
+            u"\"%1\" holds a comma and no quotes: blanks beside the "
+            "comma are lost"_s.arg(key)});
+    if (keysOf(group).contains(key))
+        return;
+    const QString home = group.isEmpty() && keysOf(MainSettings::group).contains(key)
+        ? MainSettings::group
+        : otherGroup(group);
+    const QString hint = keysOf(home).contains(key) ? u", it belongs in [%1]"_s.arg(home)
+                                                    : guessHint(key, keysOf(group));
+    found.append({line, warning,
+        u"\"%1\" has no effect %2%3"_s.arg(
+            key, group.isEmpty() ? u"outside of a group"_s : u"in [%1]"_s.arg(group), hint)});
+}
+
+// --- the group Base: the log and the bus ---
+
+void SettingsCheck::checkLog()
+{
+    const QString level = settings.base(BaseSettings::log);
+    bool isNumber = false;
+    if (level.toInt(&isNumber) == 0 && isNumber)
+        return addBase(warning, BaseSettings::log,
+            u"the log is off: the module says nowhere what goes wrong"_s);
+    if (!isNumber)
+        return addBase(error, BaseSettings::log,
+            u"\"Log\" = \"%1\" is no number: the log is off"_s.arg(level));
+    const QString name = settings.base(BaseSettings::logName);
+    const QString folder = QFileInfo(QDir(directory).absoluteFilePath(name)).path();
+    if (name.contains(u'/') && !QFileInfo(folder).isWritable())
+        addBase(error, BaseSettings::logName,
+            u"the log cannot be written, %1 is no folder that can be written to"_s.arg(folder));
+}
+
+// --- what two modules cannot share ---
+
+QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &other) const
+{
+    QList<Finding> clashes;
+    const auto add = [&](bool isError, const QString &group, const Key &key, const QString &what) {
+        clashes.append({text.lineOf(group, key.name), isError, what.arg(other.file)});
+    };
+    const QString name = settings.base(BaseSettings::serverName);
+    if (name != BaseSettings::noName && name == other.settings.base(BaseSettings::serverName))
+        add(error, BaseSettings::group, BaseSettings::serverName,
+            u"%1 has the same \"ServerName\": each module takes it away from the other"_s);
+    const Key &port = MainSettings::localPort;
+    if (settings.isUdp() && other.settings.isUdp()
+        && settings.number(port) == other.settings.number(port))
+        add(error, MainSettings::group, port,
+            u"%1 has the same \"LocalPort\": only one of both modules gets it"_s);
+    if (spoolPath() == other.spoolPath())
+        add(warning, MainSettings::group, MainSettings::tempDir,
+            u"%1 has the same \"TempDir\": each module sends what both take"_s);
+    return clashes;
+}

@@ -1,0 +1,96 @@
+// The part of SettingsCheck that knows what the bus makes of its names.
+#include "BusName.h"
+#include "SettingsCheck.h"
+
+#include <QDir>
+#include <QFile>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr bool error = true;
+constexpr bool warning = false;
+
+// The module makes room for its socket by removing whatever bears the name.
+bool isInTheWay(const QString &path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 && !S_ISSOCK(info.st_mode);
+}
+
+} // namespace
+
+void SettingsCheck::checkBus()
+{
+    const QString admin = settings.base(BaseSettings::adminServerName);
+    const QString server = settings.base(BaseSettings::serverName);
+    if (admin == BaseSettings::noName)
+        addBase(error, BaseSettings::adminServerName,
+            u"\"AdminServerName\" is missing: the module listens only after it has reached its "
+            "administration server"_s);
+    else if (admin.isEmpty())
+        addBase(warning, BaseSettings::adminServerName,
+            u"\"AdminServerName\" is empty: the module takes no commands and reports nothing"_s);
+    else
+        checkBusName(BaseSettings::adminServerName, admin);
+    checkServerName(server);
+    if (!server.isEmpty() && server != BaseSettings::noName && server == admin)
+        addBase(error, BaseSettings::serverName,
+            u"\"ServerName\" is also the administration server's: one takes it away from the "
+            "other"_s);
+    checkConnections(admin, server);
+}
+
+void SettingsCheck::checkServerName(const QString &name)
+{
+    if (name == BaseSettings::noName)
+        return addBase(error, BaseSettings::serverName,
+            u"\"ServerName\" is missing: the module neither listens on the bus nor connects to "
+            "anybody"_s);
+    checkBusName(BaseSettings::serverName, name);
+    if (!name.isEmpty() && isInTheWay(busSocketPath(name)))
+        addBase(error, BaseSettings::serverName,
+            u"%1 is no socket, and the module would remove it"_s.arg(busSocketPath(name)));
+}
+
+void SettingsCheck::checkConnections(const QString &admin, const QString &server)
+{
+    const QString list = settings.base(BaseSettings::connections);
+    if (list == BaseSettings::noName || list.isEmpty())
+        return;
+    QStringList seen;
+    const QStringList names = list.split(u' ');
+    for (const QString &name : names) {
+        if (name.isEmpty() && !seen.contains(name))
+            addBase(error, BaseSettings::connections,
+                u"a doubled or outer blank in \"Connections\" is an empty name: nobody has it, and "
+                "the module never gets as far as to listen"_s);
+        else if (seen.contains(name) && !name.isEmpty())
+            addBase(warning, BaseSettings::connections,
+                u"\"%1\" stands more than once in \"Connections\""_s.arg(name));
+        else if (!name.isEmpty())
+            checkBusName(BaseSettings::connections, name);
+        seen.append(name);
+    }
+    if (!server.isEmpty() && seen.contains(server))
+        addBase(error, BaseSettings::connections,
+            u"\"Connections\" holds the module's own \"ServerName\": it waits for itself and never "
+            "listens"_s);
+    if (!admin.isEmpty() && seen.contains(admin))
+        addBase(warning, BaseSettings::connections,
+            u"\"Connections\" holds the \"AdminServerName\", which is connected to anyway"_s);
+}
+
+void SettingsCheck::checkBusName(const Key &key, const QString &name)
+{
+    QString problem = busNameProblem(name);
+    const QString folder = QFileInfo(busSocketPath(name)).path();
+    if (problem.isEmpty() && !QFileInfo(folder).isDir())
+        problem = u"the folder %1 for its socket does not exist"_s.arg(folder);
+    if (!problem.isEmpty())
+        addBase(
+            error, key, u"\"%1\" in \"%2\" can be no bus name: %3"_s.arg(name, key.name, problem));
+}

@@ -1,0 +1,139 @@
+// The part of SettingsCheck that knows the spool and the two transports.
+#include "NameGuess.h"
+#include "Packet.h"
+#include "SettingsCheck.h"
+#include "UdpPace.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QHostAddress>
+#include <QNetworkInterface>
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr bool error = true;
+constexpr bool warning = false;
+constexpr qint64 oneMegabyte = 1'000'000;
+constexpr std::chrono::milliseconds tooLong = 24h; // for the largest file that can be sent
+
+bool isAnyAddress(const QHostAddress &address)
+{
+    return address == QHostAddress(QHostAddress::AnyIPv4)
+        || address == QHostAddress(QHostAddress::AnyIPv6);
+}
+
+bool isThisMachine(const QHostAddress &address)
+{
+    return address.isLoopback() || QNetworkInterface::allAddresses().contains(address);
+}
+
+} // namespace
+
+void SettingsCheck::checkMain()
+{
+    checkNumber(MainSettings::port);
+    checkNumber(MainSettings::localPort);
+    checkNumber(MainSettings::timeout);
+    checkNumber(MainSettings::reconnectionTimeout);
+    checkNumber(MainSettings::liveMessageTimeout);
+    checkSpool();
+    const QString host = settings.main(MainSettings::host);
+    if (QHostAddress(host).isNull())
+        addMain(error, MainSettings::host,
+            u"\"Host\" = \"%1\" is no numeric address, and names are not looked up"_s.arg(host));
+    if (settings.number(MainSettings::port) == 0)
+        addMain(error, MainSettings::port, u"no peer can be reached on port 0"_s);
+    if (settings.isUdp())
+        return checkUdp();
+    if (settings.isTcp())
+        return checkTcp();
+    const QString protocol = settings.main(MainSettings::protocol);
+    addMain(error, MainSettings::protocol,
+        u"\"Protocol\" = \"%1\" is neither \"TCP\" nor \"UDP\": nothing is sent, and every record "
+        "is dropped%2"_s.arg(protocol, guessHint(protocol, {u"TCP"_s, u"UDP"_s})));
+}
+
+void SettingsCheck::checkNumber(const Key &key)
+{
+    const QString value = settings.main(key);
+    bool isNumber = false;
+    const int number = value.toInt(&isNumber);
+    if (!isNumber || number != settings.number(key))
+        addMain(error, key,
+            u"\"%1\" = \"%2\" is no number from 0 to 65535: it becomes %3"_s.arg(
+                key.name, value, QString::number(settings.number(key))));
+}
+
+void SettingsCheck::checkSpool()
+{
+    const Key &key = MainSettings::tempDir;
+    const QString name = settings.main(key);
+    if (name.isEmpty())
+        return addMain(error, key, u"\"TempDir\" is empty: that is the root folder"_s);
+    const bool isRelative = QDir::isRelativePath(name);
+    const QString path = spoolPath();
+    if (isRelative && !isDirectoryKnown)
+        addMain(warning, key,
+            u"\"TempDir\" = \"%1\" is relative to the working directory of the "
+            "module, taken to be %2 here (see --directory)"_s.arg(name, directory));
+    const QFileInfo folder(path);
+    if (!folder.exists())
+        addMain(error, key,
+            u"the spool folder %1 does not exist, and the module does not make it: "
+            "every record is dropped"_s.arg(path));
+    else if (!folder.isDir())
+        addMain(error, key, u"%1 is no folder: every record is dropped"_s.arg(path));
+    else if (!folder.isWritable() || !folder.isReadable() || !folder.isExecutable())
+        addMain(error, key,
+            u"the spool folder %1 cannot be read and written to by this user"_s.arg(path));
+    if (settings.isUdp() && (isRelative || isDirectoryKnown)
+        && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
+        addMain(error, key,
+            u"the spool folder is the working directory: received files would be "
+            "sent back"_s);
+}
+
+void SettingsCheck::checkTcp()
+{
+    for (const Key &key : {MainSettings::reconnectionTimeout, MainSettings::liveMessageTimeout}) {
+        if (settings.number(key) == 0)
+            addMain(warning, key, u"\"%1\" of 0 counts as 1 second"_s.arg(key.name));
+    }
+}
+
+void SettingsCheck::checkUdp()
+{
+    const QHostAddress host(settings.main(MainSettings::host));
+    const quint16 localPort = settings.number(MainSettings::localPort);
+    if (isAnyAddress(host))
+        addMain(error, MainSettings::host,
+            u"\"Host\" = \"%1\" is no peer's address: nothing is sent"_s.arg(host.toString()));
+    if (localPort == 0)
+        addMain(error, MainSettings::localPort,
+            u"\"LocalPort\" of 0 is another port at every start, on which no peer expects us"_s);
+    else if (localPort == settings.number(MainSettings::port) && isThisMachine(host))
+        addMain(error, MainSettings::localPort,
+            u"\"LocalPort\" and \"Port\" are both %1 on this machine: the module sends to itself "
+            "and takes its own files for delivered"_s.arg(localPort));
+    checkPace();
+}
+
+void SettingsCheck::checkPace()
+{
+    const quint16 timeout = settings.number(MainSettings::timeout);
+    if (timeout == 0)
+        addMain(warning, MainSettings::timeout, u"\"Timeout\" of 0 counts as 1 millisecond"_s);
+    const auto longest = UdpPace::duration(Packet::maxNumber, timeout);
+    if (longest < tooLong)
+        return;
+    addMain(warning, MainSettings::timeout,
+        u"\"Timeout\" = %1 makes a transfer very slow: 1 MB, compressed, takes %2 and the largest "
+        "file %3"_s.arg(QString::number(timeout),
+            UdpPace::text(UdpPace::duration(UdpPace::packets(oneMegabyte), timeout)),
+            UdpPace::text(longest)));
+}

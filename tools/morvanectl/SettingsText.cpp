@@ -1,0 +1,106 @@
+#include "SettingsText.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr char byteOrderMark[] = "\xEF\xBB\xBF";
+
+QString shown(const QByteArray &text)
+{
+    return QString::fromUtf8(text);
+}
+
+// QSettings keeps characters that a name cannot hold as percent escapes, and takes a backslash for
+// the mark between a group and a key.
+QString nameIn(const QByteArray &text)
+{
+    return shown(QByteArray::fromPercentEncoding(text.trimmed())).replace(u'\\', u'/');
+}
+
+} // namespace
+
+SettingsText::SettingsText(const QByteArray &text)
+    : rest(text)
+{
+    if (rest.startsWith(byteOrderMark))
+        rest.remove(0, qsizetype(sizeof byteOrderMark) - 1);
+    rest.replace("\r\n", "\n");
+    while (!rest.isEmpty())
+        read(takeLine());
+}
+
+SettingsText::Line SettingsText::takeLine()
+{
+    Line line{nextNumber, {}, false};
+    bool quoted = false;
+    bool comment = false;
+    qsizetype at = 0;
+    for (; at < rest.size(); ++at) {
+        const char c = rest.at(at);
+        if (c == '\n' && (comment || !quoted))
+            break;
+        if (comment || (comment = c == ';' && !quoted))
+            continue;
+        if (c == '"')
+            quoted = !quoted;
+        if (c == '\\' && at + 1 < rest.size())
+            line.text += rest.at(at++);
+        line.text += rest.at(at);
+        line.goesOn |= rest.at(at) == '\n';
+    }
+    nextNumber += int(rest.first(at).count('\n')) + 1;
+    rest.remove(0, at + 1);
+    line.text = line.text.trimmed();
+    return line;
+}
+
+void SettingsText::read(const Line &line)
+{
+    if (line.text.isEmpty())
+        return;
+    const qsizetype equals = line.text.indexOf('=');
+    if (line.text.startsWith('['))
+        readGroup(line);
+    else if (equals >= 0)
+        readKey(line, equals);
+    else if (line.text.startsWith('#'))
+        allRemarks.append({line.number, u"\"#\" begins no comment, \";\" does"_s});
+    else
+        allRemarks.append(
+            {line.number, u"\"%1\" has no \"=\" and sets nothing"_s.arg(shown(line.text))});
+}
+
+void SettingsText::readGroup(const Line &line)
+{
+    qsizetype end = line.text.indexOf(']');
+    if (end < 0) {
+        allRemarks.append({line.number, u"the name of the group has no \"]\""_s});
+        end = line.text.size();
+    }
+    currentGroup = nameIn(line.text.sliced(1, end - 1));
+    if (currentGroup.compare("general"_L1, Qt::CaseInsensitive) == 0)
+        currentGroup.clear(); // QSettings: the keys before any group and these are the same
+    if (!places.contains(currentGroup + u'/'))
+        places.insert(currentGroup + u'/', line.number);
+}
+
+void SettingsText::readKey(const Line &line, qsizetype equals)
+{
+    const QString key = nameIn(line.text.first(equals));
+    const QString path = currentGroup + u'/' + key;
+    if (const int earlier = places.value(path))
+        allRemarks.append({earlier,
+            u"\"%1\" has no effect, line %2 sets it again"_s.arg(
+                key, QString::number(line.number))});
+    if (line.goesOn)
+        allRemarks.append({line.number,
+            u"the value of \"%1\" goes on over the end of its line, because of an open quote or a backslash"_s
+                .arg(key)});
+    places.insert(path, line.number);
+}
+
+int SettingsText::lineOf(const QString &group, const QString &key) const
+{
+    return places.value(group + u'/' + key, places.value(group + u'/', 1));
+}

@@ -1,0 +1,47 @@
+#include "UdpPace.h"
+
+#include "Output.h"
+#include "Packet.h"
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 announcingTicks = 3;
+constexpr qint64 roundTicks = 5;
+constexpr qint64 roundPackets = 4;
+constexpr quint16 shortestTick = 1; // milliseconds; a module takes 0 for it
+
+qint64 dividedUp(qint64 number, qint64 divisor)
+{
+    return (number + divisor - 1) / divisor;
+}
+
+} // namespace
+
+qint64 UdpPace::packets(qint64 compressedBytes)
+{
+    return dividedUp(compressedBytes, Packet::maxPayload);
+}
+
+std::chrono::milliseconds UdpPace::duration(qint64 packets, quint16 timeout)
+{
+    const qint64 ticks = announcingTicks + dividedUp(packets, roundPackets) * roundTicks;
+    return std::chrono::milliseconds(ticks * std::max(timeout, shortestTick));
+}
+
+QString UdpPace::text(std::chrono::milliseconds duration)
+{
+    const qint64 seconds = duration.count() / 1'000;
+    if (seconds == 0)
+        return u"%1 ms"_s.arg(duration.count());
+    if (seconds < 60)
+        return u"%1 s"_s.arg(seconds);
+    if (seconds < 3'600)
+        return u"%1 min %2 s"_s.arg(seconds / 60).arg(seconds % 60);
+    if (seconds < 86'400)
+        return u"%1 h %2 min"_s.arg(seconds / 3'600).arg(seconds / 60 % 60);
+    return u"%1 %2 h"_s.arg(counted(seconds / 86'400, u"day"_s)).arg(seconds / 3'600 % 24);
+}

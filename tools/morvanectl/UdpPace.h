@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QString>
+
+#include <chrono>
+
+// How fast a file travels over an undisturbed UDP link: one packet in every tick but each fifth,
+// which asks for acknowledgement, after three ticks that announce the file.
+namespace UdpPace {
+
+// Data packets of a file with so many bytes when compressed.
+[[nodiscard]] qint64 packets(qint64 compressedBytes);
+
+[[nodiscard]] std::chrono::milliseconds duration(qint64 packets, quint16 timeout);
+
+// "950 ms", "12 s", "3 min 5 s", "1 h 23 min", "2 days 3 h"
+[[nodiscard]] QString text(std::chrono::milliseconds duration);
+
+} // namespace UdpPace
