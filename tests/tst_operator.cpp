@@ -1,7 +1,16 @@
 #include "Tool.h"
+#include "WholeFile.h"
 #include "Workplace.h"
 
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
 #include <QTest>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -23,6 +32,40 @@ Timeout=1000
 Protocol=UDP
 )";
 
+// A module's folder with settings and an empty spool.
+class ModulePlace : public Workplace
+{
+public:
+    ModulePlace()
+    {
+        QByteArray text(goodSettings);
+        writeFile(u"settings.ini"_s, text.replace("SPOOL", makeFolder(u"spool"_s).toUtf8()));
+    }
+    [[nodiscard]] QString settings() const { return path(u"settings.ini"_s); }
+    [[nodiscard]] QJsonObject spoolNow() const
+    {
+        Tool tool({u"spool"_s, u"--json"_s, settings()});
+        tool.waitForFinished(patience);
+        return QJsonDocument::fromJson(tool.readAllStandardOutput()).object();
+    }
+    void makeOld(const QString &name, int seconds) const
+    {
+        const timespec time{::time(nullptr) - seconds, 0};
+        const timespec times[] = {time, time};
+        if (::utimensat(AT_FDCWD, QFile::encodeName(path(name)).constData(), times, 0) != 0)
+            qFatal("cannot make %s old", qPrintable(name));
+    }
+};
+
+QByteArray noise(qsizetype size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator generator(1);
+    for (char &byte : bytes)
+        byte = char(generator.generate());
+    return bytes;
+}
+
 } // namespace
 
 class TestOperator : public QObject
@@ -32,6 +75,9 @@ private Q_SLOTS:
     void checkFindsEveryMistake_data();
     void checkFindsEveryMistake();
     void checkSaysWhatTwoModulesCannotShare();
+    void spoolShowsWhatWaits();
+    void spoolTellsRecordsOfTheLivingFromThoseOfTheDead();
+    void spoolWatchesUntilItIsStopped();
 };
 
 void TestOperator::checkFindsEveryMistake_data()
@@ -127,6 +173,86 @@ void TestOperator::checkSaysWhatTwoModulesCannotShare()
     Tool tolerant({u"check"_s, u"--errors-only"_s, first, third});
     QTRY_COMPARE_WITH_TIMEOUT(tolerant.status(), 0, patience);
     QVERIFY2(tolerant.says("/3.ini:9: warning: "), tolerant.said);
+}
+
+void TestOperator::spoolShowsWhatWaits()
+{
+    const ModulePlace place;
+    for (int i = 10; i < 22; ++i)
+        place.writeFile(u"spool/x%1"_s.arg(i), "");
+    place.writeFile(u"spool/B"_s, QByteArray(100'000, 'b')); // one packet when compressed
+    place.writeFile(u"spool/a"_s, noise(980)); // compressed a little longer: four packets
+    place.makeOld(u"spool/x15"_s, 100);
+    const QString unsendable(98, u'n');
+    place.writeFile(u"spool/"_s + unsendable, "x");
+    place.makeFolder(u"spool/refused"_s);
+    place.writeFile(u"spool/refused/\u0431"_s, "x");
+    place.writeFile(u"spool/refused/\u0431.1"_s, "yy");
+    place.writeFile(u"spool/refused/"_s + unsendable, "x");
+    place.writeFile(u"spool/refused/large"_s, noise(16'383'751));
+    place.writeFile(u"spool/refused/why"_s, "x");
+    place.writeFile(u"spool/.lock"_s, "");
+    place.makeOld(u"spool/.lock"_s, 20);
+
+    const QJsonObject shown = place.spoolNow();
+    QCOMPARE(shown[u"files"].toInt(), 15);
+    QCOMPARE(shown[u"bytes"].toInt(), 100'981);
+    QCOMPARE(shown[u"oldest"][u"name"].toString(), u"x15"_s);
+    QVERIFY(shown[u"oldest"][u"age"].toDouble() >= 100);
+    QVERIFY(shown[u"lockAge"].toDouble() >= 20 && shown[u"lockAge"].toDouble() < 60);
+    QStringList first;
+    for (const QJsonValue &file : shown[u"first"].toArray())
+        first.append(file[u"name"].toString());
+    QCOMPARE(first,
+        QStringList({u"a"_s, u"B"_s, unsendable, u"x10"_s, u"x11"_s, u"x12"_s, u"x13"_s, u"x14"_s,
+            u"x15"_s, u"x16"_s}));
+    QStringList reasons;
+    for (const QJsonValue &file : shown[u"refused"].toArray())
+        reasons.append(file[u"reason"].toString(u"-"_s));
+    QCOMPARE(reasons,
+        QStringList({u"it has more than 16383750 bytes when compressed"_s,
+            u"its name is longer than 97 characters"_s, u"-"_s, u"its name is not in Latin-1"_s,
+            u"its name is not in Latin-1"_s}));
+    // Twelve empty files of three ticks each, two of eight; a second for every file.
+    QCOMPARE(shown[u"udp"][u"packets"].toInt(), 5);
+    QCOMPARE(shown[u"udp"][u"seconds"].toDouble(), 12 * 3 + 2 * 8 + 14.0);
+    QCOMPARE(shown[u"udp"][u"upperBound"].toBool(true), false);
+}
+
+void TestOperator::spoolTellsRecordsOfTheLivingFromThoseOfTheDead()
+{
+    const ModulePlace place;
+    for (const QString &folder : {u"dead"_s, u"alive"_s, u"young"_s}) {
+        place.makeFolder(u"spool/.sent-"_s + folder);
+        place.writeFile(u"spool/.sent-"_s + folder + u"/f"_s, "12345");
+    }
+    place.makeOld(u"spool/.sent-dead"_s, 60);
+    place.makeOld(u"spool/.sent-alive"_s, 60);
+    const Descriptor owner(::open(
+        QFile::encodeName(place.path(u"spool/.sent-alive"_s)).constData(), O_RDONLY | O_CLOEXEC));
+    QCOMPARE(::flock(owner.get(), LOCK_EX), 0);
+
+    QStringList shown;
+    for (const QJsonValue &sent : place.spoolNow()[u"unacknowledged"].toArray())
+        shown.append(
+            u"%1 %2 %3"_s.arg(sent[u"folder"].toString(), QString::number(sent[u"bytes"].toInt()),
+                sent[u"ownerLives"].toBool() ? u"lives"_s : u"has ended"_s));
+    QCOMPARE(shown,
+        QStringList(
+            {u".sent-alive 5 lives"_s, u".sent-dead 5 has ended"_s, u".sent-young 5 lives"_s}));
+}
+
+void TestOperator::spoolWatchesUntilItIsStopped()
+{
+    const ModulePlace place;
+    Tool tool({u"spool"_s, u"--watch"_s, place.settings()});
+    QTRY_VERIFY_WITH_TIMEOUT(tool.says("waiting  0 files, 0 bytes\n"), patience);
+    place.writeFile(u"spool/f\x1b"_s, "12345");
+    QTRY_VERIFY_WITH_TIMEOUT(tool.says("waiting  1 file, 5 bytes\n"), patience);
+    QVERIFY2(tool.says("first    f\\x1b  5 bytes  "), tool.said);
+    QVERIFY2(!tool.says("\x1b"), "a plain pipe gets plain text");
+    tool.raise(SIGTERM);
+    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
 }
 
 QTEST_GUILESS_MAIN(TestOperator)

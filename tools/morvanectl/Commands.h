@@ -8,3 +8,4 @@ int runAdmin(const QStringList &arguments);
 int runCheck(const QStringList &arguments);
 int runReceive(const QStringList &arguments);
 int runSend(const QStringList &arguments);
+int runSpool(const QStringList &arguments);

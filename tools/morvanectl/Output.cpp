@@ -3,6 +3,7 @@
 #include <QDateTime>
 
 #include <cstdio>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
@@ -27,6 +28,11 @@ void say(const QString &line)
 void complain(const QString &line)
 {
     writeLine(stderr, u"morvanectl: "_s + line);
+}
+
+bool isTerminal()
+{
+    return ::isatty(STDOUT_FILENO) == 1;
 }
 
 QString timeStamp()

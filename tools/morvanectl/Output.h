@@ -11,6 +11,9 @@ inline constexpr int usageStatus = 2;
 void say(const QString &line);
 void complain(const QString &line);
 
+// Whether a person is looking at standard output.
+[[nodiscard]] bool isTerminal();
+
 // The local time, as it stands in front of everything that happens.
 [[nodiscard]] QString timeStamp();
 

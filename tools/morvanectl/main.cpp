@@ -20,6 +20,7 @@ const Subcommand subcommands[] = {
     {u"send"_s, u"put files on a module's bus name as records"_s, runSend},
     {u"receive"_s, u"be the TCP peer: take records from a module's link"_s, runReceive},
     {u"check"_s, u"say what will not work in a module's settings file"_s, runCheck},
+    {u"spool"_s, u"show what waits in a module's spool"_s, runSpool},
 };
 
 QString overview()

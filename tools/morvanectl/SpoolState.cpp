@@ -1,0 +1,130 @@
+#include "SpoolState.h"
+
+#include "Output.h"
+#include "UdpPace.h"
+
+#include <QJsonArray>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString shownName(const QString &name)
+{
+    return printable(name.toUtf8()).replace(u'\n', u"\\n"_s);
+}
+
+QString shownAge(SpoolState::Age age)
+{
+    return UdpPace::text(std::max(age, SpoolState::Age(0)));
+}
+
+QString shownSize(qint64 files, qint64 bytes)
+{
+    return u"%1, %2"_s.arg(counted(files, u"file"_s), counted(bytes, u"byte"_s));
+}
+
+double secondsOf(std::chrono::milliseconds time)
+{
+    return double(time.count()) / 1'000;
+}
+
+QJsonObject jsonOf(const SpoolState::File &file)
+{
+    return {{u"name"_s, file.name}, {u"bytes"_s, file.bytes}, {u"age"_s, secondsOf(file.age)}};
+}
+
+template <typename Items, typename ToJson> QJsonArray jsonOf(const Items &items, ToJson toJson)
+{
+    QJsonArray array;
+    for (const auto &item : items)
+        array.append(toJson(item));
+    return array;
+}
+
+// A title only in front of the first of several lines.
+class Table
+{
+public:
+    void add(const QString &title, const QString &text)
+    {
+        lines.append(u"%1 %2"_s.arg(title == lastTitle ? QString() : title, -8).arg(text));
+        lastTitle = title;
+    }
+    QStringList lines;
+
+private:
+    QString lastTitle;
+};
+
+void addWaiting(Table &table, const SpoolState &state)
+{
+    table.add(u"waiting"_s, shownSize(state.files, state.bytes));
+    if (state.oldest)
+        table.add(u"oldest"_s,
+            u"%1, %2 old"_s.arg(shownName(state.oldest->name), shownAge(state.oldest->age)));
+    for (const SpoolState::File &file : state.first)
+        table.add(u"first"_s,
+            u"%1  %2  %3 old"_s.arg(
+                shownName(file.name), counted(file.bytes, u"byte"_s), shownAge(file.age)));
+}
+
+void addTransfer(Table &table, const SpoolState::Transfer &transfer)
+{
+    const QString limit = transfer.isUpperBound ? u"at most "_s : u""_s;
+    table.add(u"UDP"_s,
+        u"%1%2, %1%3 over an undisturbed link"_s.arg(
+            limit, counted(transfer.packets, u"packet"_s), UdpPace::text(transfer.duration)));
+}
+
+} // namespace
+
+QString SpoolState::toText() const
+{
+    Table table;
+    table.add(u"spool"_s, shownName(path));
+    addWaiting(table, *this);
+    for (const Unacknowledged &sent : unacknowledged)
+        table.add(u"sent"_s,
+            u"%1 in %2, not acknowledged; %3"_s.arg(shownSize(sent.files, sent.bytes),
+                shownName(sent.folder),
+                sent.hasOwner ? u"the module that sent them runs"_s
+                              : u"their module has ended, the next start gives them back"_s));
+    for (const Refused &aside : refused)
+        table.add(u"refused"_s,
+            u"%1  %2  %3"_s.arg(shownName(aside.file.name), counted(aside.file.bytes, u"byte"_s),
+                aside.reason.isEmpty() ? u"for a reason that cannot be told any more"_s
+                                       : aside.reason));
+    if (lock)
+        table.add(u"lock"_s, u"held, %1 old"_s.arg(shownAge(*lock)));
+    if (transfer)
+        addTransfer(table, *transfer);
+    return table.lines.join(u'\n');
+}
+
+QJsonObject SpoolState::toJson() const
+{
+    const auto refusedToJson = [](const Refused &aside) {
+        QJsonObject object = jsonOf(aside.file);
+        object.insert(u"reason"_s, aside.reason.isEmpty() ? QJsonValue() : aside.reason);
+        return object;
+    };
+    const auto sentToJson = [](const Unacknowledged &sent) {
+        return QJsonObject{{u"folder"_s, sent.folder}, {u"files"_s, sent.files},
+            {u"bytes"_s, sent.bytes}, {u"ownerLives"_s, sent.hasOwner}};
+    };
+    QJsonObject object{{u"spool"_s, path}, {u"files"_s, files}, {u"bytes"_s, bytes},
+        {u"oldest"_s, oldest ? QJsonValue(jsonOf(*oldest)) : QJsonValue()},
+        {u"first"_s, jsonOf(first, [](const File &file) { return jsonOf(file); })},
+        {u"refused"_s, jsonOf(refused, refusedToJson)},
+        {u"unacknowledged"_s, jsonOf(unacknowledged, sentToJson)},
+        {u"lockAge"_s, lock ? QJsonValue(secondsOf(*lock)) : QJsonValue()}};
+    if (transfer)
+        object.insert(u"udp"_s,
+            QJsonObject{{u"packets"_s, transfer->packets},
+                {u"seconds"_s, secondsOf(transfer->duration)},
+                {u"upperBound"_s, transfer->isUpperBound}});
+    return object;
+}

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+
+#include <chrono>
+#include <optional>
+
+// What lies in a spool directory at one moment.
+struct SpoolState
+{
+    using Age = std::chrono::milliseconds; // negative if the clocks differ
+
+    struct File
+    {
+        QString name;
+        qint64 bytes;
+        Age age;
+    };
+    struct Refused
+    {
+        File file;
+        QString reason; // empty if it cannot be told any more
+    };
+    // Records that a link has taken and the peer has not acknowledged.
+    struct Unacknowledged
+    {
+        QString folder;
+        qint64 files;
+        qint64 bytes;
+        bool hasOwner; // that lives
+    };
+    struct Transfer
+    {
+        qint64 packets = 0;
+        std::chrono::milliseconds duration{0}; // over an undisturbed link
+        bool isUpperBound = false; // not all files could be compressed in acceptable time
+    };
+
+    QString path;
+    qint64 files = 0;
+    qint64 bytes = 0;
+    std::optional<File> oldest;
+    QList<File> first; // in the order of sending
+    QList<Refused> refused;
+    QList<Unacknowledged> unacknowledged;
+    std::optional<Age> lock;
+    std::optional<Transfer> transfer; // in UDP mode
+
+    [[nodiscard]] QJsonObject toJson() const;
+    // Several lines; the last one without its end.
+    [[nodiscard]] QString toText() const;
+};

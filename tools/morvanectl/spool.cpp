@@ -1,0 +1,89 @@
+#include "CommandLine.h"
+#include "Commands.h"
+#include "ModuleSettings.h"
+#include "Output.h"
+#include "SpoolObserver.h"
+#include "StopSignals.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QJsonDocument>
+#include <QTimer>
+
+#include <chrono>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto watchInterval = 1s;
+constexpr char clearScreen[] = "\x1b[H\x1b[2J";
+
+constexpr char description[] =
+    R"(Shows what waits in the spool of the module with these SETTINGS: how much, the oldest
+file, the first ten in the order of sending, files set aside as refused and why, records
+sent that the peer has not acknowledged yet, and the lock of a writer.
+
+In UDP mode it also compresses the files, as the module does, to tell the packets and the
+time that they take at the "Timeout" of the settings. Beyond 100 MB in one look the rest
+counts uncompressed, and the figures are upper bounds.
+
+Nothing in the spool is changed. It ends with status 0, or 1 if the spool cannot be read.)";
+
+// False, and said, if there is no such folder.
+bool show(SpoolObserver &observer, bool asJson)
+{
+    if (const QString problem = observer.problem(); !problem.isEmpty()) {
+        complain(u"spool: %1: %2"_s.arg(observer.path(), problem));
+        return false;
+    }
+    const SpoolState state = observer.look();
+    if (asJson)
+        say(QString::fromUtf8(QJsonDocument(state.toJson()).toJson(QJsonDocument::Compact)));
+    else
+        say(state.toText());
+    return true;
+}
+
+int watch(SpoolObserver &observer, bool asJson)
+{
+    QTimer timer;
+    const auto showAgain = [&] {
+        if (!asJson)
+            say(isTerminal() ? QString::fromLatin1(clearScreen) + timeStamp() : timeStamp());
+        if (!show(observer, asJson))
+            QCoreApplication::exit(failureStatus);
+    };
+    timer.callOnTimeout(showAgain);
+    endLoopOnStopSignals(&timer);
+    timer.start(watchInterval);
+    QTimer::singleShot(0, &timer, showAgain);
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int runSpool(const QStringList &arguments)
+{
+    CommandLine line(u"spool"_s, u"SETTINGS"_s, QString::fromLatin1(description));
+    addDirectoryOption(line);
+    line.addFlag(u"watch"_s, u"Show it every second, until stopped."_s);
+    line.addFlag(u"json"_s, u"Print one object, with --watch one a line."_s);
+    if (const std::optional<int> status = line.parse(arguments, 1, 1))
+        return *status;
+
+    const QString file = line.positionals().constFirst();
+    const ModuleSettings settings(file);
+    if (const QString problem = settings.problem(); !problem.isEmpty()) {
+        complain(u"spool: %1: %2"_s.arg(file, problem));
+        return failureStatus;
+    }
+    const QString directory = line.value(u"directory"_s);
+    const QString path = settings.spoolPath(directory.isEmpty() ? QDir::currentPath() : directory);
+    SpoolObserver observer(path,
+        settings.isUdp() ? std::optional(settings.number(MainSettings::timeout)) : std::nullopt);
+    if (line.isSet(u"watch"_s))
+        return watch(observer, line.isSet(u"json"_s));
+    return show(observer, line.isSet(u"json"_s)) ? 0 : failureStatus;
+}
