@@ -5,6 +5,8 @@
 
 #include <QCoreApplication>
 #include <QHostAddress>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTest>
@@ -60,6 +62,8 @@ private Q_SLOTS:
     void receiveDropsAnOversizedRecord();
     void adminShowsModulesAndSendsTypedCommands();
     void adminWaitsForWhatItsCommandsDo();
+    void adminTakesItsOwnWordsForAllOrForOneModule();
+    void adminPrintsOneObjectALine();
     void adminTakesNoNameAway();
 };
 
@@ -76,6 +80,7 @@ void TestMorvanectl::wrongUsageGivesStatusTwo_data()
     row("nothing to send", u"send mod"_s, "MODULE FILE");
     row("a kind that modules drop", u"send mod /etc/passwd --kind Error"_s, "\"Error\"");
     row("a record name with a folder", u"send mod /etc/passwd --name a/b"_s, "\"a/b\"");
+    row("a switch without its position", u"admin x watch maybe"_s, "\"watch maybe\"");
     row("a host name as address", u"receive 0 --address localhost"_s, "\"localhost\"");
 }
 
@@ -216,6 +221,53 @@ void TestMorvanectl::adminWaitsForWhatItsCommandsDo()
     module.disconnectFromServer();
     QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
     QVERIFY(!tool.complains("\n"));
+}
+
+void TestMorvanectl::adminTakesItsOwnWordsForAllOrForOneModule()
+{
+    const Workplace place;
+    Tool tool({u"admin"_s, u"admin"_s, u"watch"_s, u"on"_s, u"arrows off node2"_s, u"--stay"_s});
+    QTRY_VERIFY_WITH_TIMEOUT(tool.says("Listening"), patience);
+    AdminLink first("node1");
+    QTRY_COMPARE_WITH_TIMEOUT(first.received, command("Input_Data_On", 1), patience);
+    AdminLink second("node2");
+    QTRY_COMPARE_WITH_TIMEOUT(second.received, command("Watch_Arrow_Off", 2), patience);
+
+    first.received.clear();
+    second.received.clear();
+    tool.write("watch\nquit node3\nabout\nwatching all\nquit  node1\n");
+    const QByteArray toAll = command("About", 3) + command("watching all", 4);
+    QTRY_COMPARE_WITH_TIMEOUT(first.received, toAll + command("QuitSignal", 5), patience);
+    QTRY_COMPARE_WITH_TIMEOUT(second.received, toAll, patience);
+    QTRY_VERIFY(tool.complains("no module \"node3\" is connected"));
+    QVERIFY(tool.complains("\"watch\" is no command"));
+}
+
+void TestMorvanectl::adminPrintsOneObjectALine()
+{
+    const Workplace place;
+    Tool tool({u"admin"_s, u"admin"_s, u"quit"_s, u"--json"_s});
+    QTRY_VERIFY_WITH_TIMEOUT(tool.says("listening"), patience);
+    AdminLink module("node1");
+    QTRY_COMPARE_WITH_TIMEOUT(module.received, command("QuitSignal", 1), patience);
+    module.write(BusFrame::makeAction("InData", "one\n\x1b two", QByteArray("\0\xff", 2), -1));
+    QVERIFY(module.waitForBytesWritten());
+    module.disconnectFromServer();
+    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
+    QVERIFY(!tool.says("\x1b"));
+    QStringList events;
+    for (const QByteArray &line : tool.said.trimmed().split('\n')) {
+        const QJsonObject event = QJsonDocument::fromJson(line).object();
+        events.append(event[u"event"].toString() + event[u"module"].toString());
+        if (event[u"event"] == u"action"_s) {
+            QCOMPARE(event[u"message"].toString(), u"one\n\x1b two"_s);
+            QCOMPARE(event[u"base64"].toString(), u"AP8="_s);
+            QCOMPARE(event[u"id"].toInt(), -1);
+        }
+    }
+    QCOMPARE(events,
+        QStringList(
+            {u"listening"_s, u"connectednode1"_s, u"actionnode1"_s, u"disconnectednode1"_s}));
 }
 
 void TestMorvanectl::adminTakesNoNameAway()

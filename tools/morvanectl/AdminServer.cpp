@@ -33,24 +33,11 @@ QString clearName(const QString &name)
     return {};
 }
 
-QString describe(
-    const QByteArray &action, const QByteArray &message, const QByteArray &data, int id)
-{
-    QString text = u"%1 id %2"_s.arg(printable(action), QString::number(id));
-    if (!data.isEmpty())
-        text += u", %1 of data"_s.arg(counted(data.size(), u"byte"_s));
-    QString shown = printable(message);
-    if (shown.endsWith(u'\n'))
-        shown.chop(1);
-    if (shown.contains(u'\n'))
-        return text + u":\n    "_s + shown.replace(u"\n"_s, u"\n    "_s);
-    return shown.isEmpty() ? text : text + u": "_s + shown;
-}
-
 } // namespace
 
-AdminServer::AdminServer()
-    : connector(new TConnector(this))
+AdminServer::AdminServer(bool asJson)
+    : events(asJson)
+    , connector(new TConnector(this))
     , server(new TMyLocalServer(this))
 {
     connect(server, &TMyLocalServer::newConnection, this, &AdminServer::accept);
@@ -69,8 +56,10 @@ QString AdminServer::listen(const QString &name)
     const QString problem = clearName(name);
     if (!problem.isEmpty())
         return problem;
-    if (server->listen(name))
+    if (server->listen(name)) {
+        events.listening(name);
         return {};
+    }
     return u"%1 (%2)"_s.arg(server->errorString(), busSocketPath(name));
 }
 
@@ -92,19 +81,19 @@ void AdminServer::noteName(TMyLocalSocket *socket)
     const bool wasKnown = names.contains(socket);
     if (socket->state() != QLocalSocket::ConnectedState || socket->name == names.value(socket))
         return;
-    const QString before = nameOf(socket);
+    const QByteArray before = names.value(socket);
     names.insert(socket, socket->name);
-    const QString line = timeStamp() + u"  %1  "_s.arg(nameOf(socket));
-    say(line + (wasKnown ? u"was %1 before"_s.arg(before) : u"connected"_s));
-    if (!wasKnown)
-        Q_EMIT moduleCame();
+    if (wasKnown)
+        return events.renamed(socket->name, before);
+    events.connected(socket->name);
+    Q_EMIT moduleCame();
 }
 
 void AdminServer::noteAction(const QByteArray &action, const QByteArray &message,
     const QByteArray &data, int id, TMyLocalSocket *socket)
 {
     noteName(socket); // its name frame may have come in the same piece
-    say(timeStamp() + u"  %1  %2"_s.arg(nameOf(socket), describe(action, message, data, id)));
+    events.action(names.value(socket, "(no name yet)"), action, message, data, id);
     Q_EMIT actionCame(action, id, socket);
 }
 
@@ -112,15 +101,14 @@ void AdminServer::noteLoss(TMyLocalSocket *socket)
 {
     if (!names.contains(socket))
         return;
-    say(timeStamp() + u"  %1  disconnected"_s.arg(nameOf(socket)));
-    names.remove(socket);
+    events.disconnected(names.take(socket));
     Q_EMIT moduleLeft(socket);
 }
 
-void AdminServer::sendToAll(const QByteArray &command, qint32 id)
+void AdminServer::send(const QByteArray &command, qint32 id, const QByteArray &name)
 {
     const QByteArray frame = BusFrame::makeCommand(command, QByteArray(""), id);
-    const QList<TMyLocalSocket *> receivers = modules();
+    const QList<TMyLocalSocket *> receivers = modules(name);
     for (TMyLocalSocket *module : receivers) {
         if (!names.contains(module))
             continue; // it was lost while another was written to

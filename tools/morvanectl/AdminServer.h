@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AdminEvents.h"
+
 #include <QHash>
 #include <QObject>
 
@@ -19,17 +21,22 @@ class AdminServer : public QObject
 {
     Q_OBJECT
 public:
-    AdminServer();
+    // Shows what happens as text or as JSON.
+    explicit AdminServer(bool asJson);
     ~AdminServer() override;
 
     // Listens at once. Otherwise the reason why not: a name that is in use is not taken away.
     [[nodiscard]] QString listen(const QString &name);
 
-    [[nodiscard]] QList<TMyLocalSocket *> modules() const { return names.keys(); }
+    // Those of a name, or all.
+    [[nodiscard]] QList<TMyLocalSocket *> modules(const QByteArray &name = {}) const
+    {
+        return name.isEmpty() ? names.keys() : names.keys(name);
+    }
     [[nodiscard]] QString nameOf(TMyLocalSocket *module) const;
 
-    // To every module at once; lost, and said, for one that has stopped reading.
-    void sendToAll(const QByteArray &command, qint32 id);
+    // To the modules of a name, or all, at once; lost, and said, for one that has stopped reading.
+    void send(const QByteArray &command, qint32 id, const QByteArray &name);
 
 Q_SIGNALS:
     void moduleCame();
@@ -43,6 +50,7 @@ private:
         int id, TMyLocalSocket *socket);
     void noteLoss(TMyLocalSocket *socket);
 
+    const AdminEvents events;
     TConnector *connector; // cuts the frames; its own passes and its own server stay unused
     TMyLocalServer *server;
     QHash<TMyLocalSocket *, QByteArray> names; // of the modules, as last announced

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "AdminCommand.h"
+
+#include <QList>
+#include <QObject>
+#include <QSet>
+#include <QTimer>
+
+class AdminServer;
+class TMyLocalSocket;
+
+// Carries out the commands that were given as arguments, one after the other.
+//
+// Owner:   the subcommand, for the time of its event loop.
+// Errors:  a step that takes too long is said and makes failed() come.
+class CommandRun : public QObject
+{
+    Q_OBJECT
+public:
+    // Seconds for a module to connect, and for each effect.
+    CommandRun(AdminServer &server, const QList<AdminCommand> &commands, int waitSeconds);
+
+    void start();
+
+Q_SIGNALS:
+    void done();
+    void failed();
+
+private:
+    void proceed();
+    void sendNext();
+    void noteAction(const QByteArray &action, int answeredId, TMyLocalSocket *module);
+    void noteLoss(TMyLocalSocket *module);
+    void giveUp();
+
+    AdminServer &server;
+    QList<AdminCommand> commands; // still to be sent
+    AdminCommand current; // the one whose effect is awaited
+    qint32 id = 0; // of the current command
+    QSet<TMyLocalSocket *> awaited; // modules that the current command still waits for
+    bool finished = false;
+    QTimer limit; // of one step
+};

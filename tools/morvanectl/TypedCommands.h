@@ -1,0 +1,33 @@
+#pragma once
+
+#include <QByteArrayList>
+#include <QObject>
+#include <QSocketNotifier>
+
+class AdminServer;
+
+// The commands on standard input. They wait while no module is there, and beyond a limit they wait
+// outside of this process.
+//
+// Owner:   the subcommand, for the time of its event loop.
+class TypedCommands : public QObject
+{
+    Q_OBJECT
+public:
+    // The id of the first command; each has the next one.
+    TypedCommands(AdminServer &server, qint32 firstId);
+
+private:
+    void read();
+    void takeLine(const QByteArray &line);
+    void sendWaiting();
+    void send(const QByteArray &line);
+
+    AdminServer &server;
+    QSocketNotifier input;
+    bool ended = false;
+    QByteArray unfinished; // line
+    bool discarding = false; // the rest of a line that is too long
+    QByteArrayList waiting;
+    qint32 id; // of the next command
+};
