@@ -60,6 +60,8 @@ private Q_SLOTS:
     void sendSaysWhatKeepsItFromSending();
     void receiveWritesEveryRecordToAFileOfItsOwn();
     void receiveDropsAnOversizedRecord();
+    void receiveReportsASilentLink();
+    void receiveClosesOrStopsReadingOnRequest();
     void adminShowsModulesAndSendsTypedCommands();
     void adminWaitsForWhatItsCommandsDo();
     void adminTakesItsOwnWordsForAllOrForOneModule();
@@ -180,6 +182,52 @@ void TestMorvanectl::receiveDropsAnOversizedRecord()
     tool.raise(SIGINT);
     QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
     QVERIFY2(tool.says("1 record of 9 bytes, 0 keep-alives, 2 connections"), tool.said);
+}
+
+void TestMorvanectl::receiveReportsASilentLink()
+{
+    Tool tool({u"receive"_s, u"0"_s, u"--silence"_s, u"1"_s});
+    const quint16 port = portOf(tool);
+    QTcpSocket link;
+    link.connectToHost(QHostAddress::LocalHost, port);
+    QTRY_VERIFY_WITH_TIMEOUT(tool.complains("has been silent for 1 second\n"), patience);
+    QVERIFY(!tool.says("Heard of again"));
+    QCOMPARE(tool.complaints.count('\n'), 1);
+    tool.complaints.clear();
+    link.write(LinkRecord::make("live"));
+    QTRY_VERIFY_WITH_TIMEOUT(tool.says("Heard of again"), patience);
+    QTRY_VERIFY_WITH_TIMEOUT(tool.complains("has been silent"), patience);
+}
+
+void TestMorvanectl::receiveClosesOrStopsReadingOnRequest()
+{
+    const QByteArray records = LinkRecord::make("tempdb1") + LinkRecord::make("live")
+        + LinkRecord::make("tempdb2") + LinkRecord::make("tempdb3");
+    Tool closing({u"receive"_s, u"0"_s, u"--close-after"_s, u"2"_s});
+    const quint16 closingPort = portOf(closing);
+    for (int outage = 0; outage < 2; ++outage) {
+        QTcpSocket link;
+        link.connectToHost(QHostAddress::LocalHost, closingPort);
+        link.write(records);
+        QVERIFY(link.waitForConnected());
+        QTRY_COMPARE_WITH_TIMEOUT(link.state(), QAbstractSocket::UnconnectedState, patience);
+    }
+    closing.raise(SIGTERM);
+    QTRY_COMPARE_WITH_TIMEOUT(closing.status(), 0, patience);
+    QVERIFY2(closing.says("4 records of 28 bytes, 2 keep-alives, 2 connections"), closing.said);
+
+    Tool stopping({u"receive"_s, u"0"_s, u"--stop-after"_s, u"1"_s});
+    const quint16 stoppingPort = portOf(stopping);
+    QTcpSocket link, other;
+    link.connectToHost(QHostAddress::LocalHost, stoppingPort);
+    // More than the buffers of both kernels hold.
+    link.write(records + LinkRecord::make(QByteArray(60'000'000, 'x')));
+    QTRY_VERIFY_WITH_TIMEOUT(stopping.says("Reading no more after 1 record"), patience);
+    other.connectToHost(QHostAddress::LocalHost, stoppingPort);
+    other.write(LinkRecord::make("tempdb"));
+    QTRY_VERIFY_WITH_TIMEOUT(stopping.says("000002  6 bytes"), patience);
+    QCOMPARE(link.state(), QAbstractSocket::ConnectedState);
+    QVERIFY(link.bytesToWrite() > 0);
 }
 
 void TestMorvanectl::adminShowsModulesAndSendsTypedCommands()
