@@ -4,6 +4,7 @@
 #include "Workplace.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -57,6 +58,7 @@ private Q_SLOTS:
     void wrongUsageGivesStatusTwo_data();
     void wrongUsageGivesStatusTwo();
     void sendWaitsForTheModuleAndKeepsTheOrder();
+    void sendNamesRecordsByATemplate();
     void sendSaysWhatKeepsItFromSending();
     void receiveWritesEveryRecordToAFileOfItsOwn();
     void receiveDropsAnOversizedRecord();
@@ -111,6 +113,25 @@ void TestMorvanectl::sendWaitsForTheModuleAndKeepsTheOrder()
         + dataFrame("tempdb", u"b"_s, QByteArray(6'000'000, 'b')) + dataFrame("tempdb", u"a"_s, "");
     QTRY_VERIFY(module.received == expected);
     QVERIFY(tool.says("2 records sent to mod"));
+}
+
+void TestMorvanectl::sendNamesRecordsByATemplate()
+{
+    const Workplace place;
+    const BusServer module(u"mod"_s);
+    const QDateTime start = QDateTime::currentDateTimeUtc().addSecs(-1);
+    Tool tool({u"send"_s, u"mod"_s, place.writeFile(u"{number}"_s, "1"),
+        place.writeFile(u"b"_s, "2"), u"--name"_s, u"{time}-{number}-{name}"_s});
+    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
+    const QRegularExpression form(u"Sent (\\d+T\\d+Z)-000001-\\{number\\} .*\n"
+                                  "Sent \\1-000002-b "_s);
+    QVERIFY(tool.says("2 records sent"));
+    const QRegularExpressionMatch match = form.match(QString::fromUtf8(tool.said));
+    QVERIFY2(match.hasMatch(), tool.said);
+    QDateTime time = QDateTime::fromString(match.captured(1), u"yyyyMMdd'T'HHmmss'Z'"_s);
+    time.setTimeSpec(Qt::UTC);
+    QVERIFY(time >= start && time <= QDateTime::currentDateTimeUtc());
+    QVERIFY(!tool.said.contains('\r'));
 }
 
 void TestMorvanectl::sendSaysWhatKeepsItFromSending()

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "Progress.h"
+#include "TConnector.h"
+
+#include <QList>
+#include <QQueue>
+#include <QTimer>
+
+struct SendOptions
+{
+    // A file and the name of its record.
+    struct Item
+    {
+        QString file;
+        QString name;
+    };
+    QString module;
+    QList<Item> items;
+    QByteArray kind;
+    uchar dataVersion = 1;
+    int waitSeconds = 0; // for the module to listen
+    QByteArray ownName; // on the bus
+    bool quiet = false;
+};
+
+inline constexpr qint64 longestBody =
+    50'000'000; // bytes; a longer frame makes the module cut us off
+inline const QString standardInput = QStringLiteral("-"); // instead of a file
+
+// Sends the files of one run over one connection.
+//
+// Owner:   the subcommand, for the time of its event loop.
+// Thread:  main thread.
+// Errors:  are said and end the event loop with the tool's failure status; success ends it with 0.
+class Sender : public QObject
+{
+public:
+    explicit Sender(const SendOptions &sendOptions);
+    void start();
+
+private:
+    struct OnItsWay
+    {
+        QString line; // to say when it has left
+        qint64 end; // its last byte, counted from the first one of the connection
+    };
+
+    void tryToConnect();
+    void begin();
+    void fill();
+    void noteWritten(qint64 bytes);
+    void fail(const QString &what);
+    void finish();
+
+    const SendOptions &options;
+    QList<SendOptions::Item> items; // not read yet
+    Progress progress;
+    TMyLocalSocket socket;
+    QTimer retry;
+    QTimer limit; // for the module to listen
+    QQueue<OnItsWay> onItsWay;
+    qint64 queuedBytes = 0; // of the connection
+    qint64 leftBytes = 0;
+    int leftRecords = 0;
+    bool finished = false;
+};
