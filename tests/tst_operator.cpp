@@ -173,6 +173,9 @@ void TestOperator::checkSaysWhatTwoModulesCannotShare()
     Tool tolerant({u"check"_s, u"--errors-only"_s, first, third});
     QTRY_COMPARE_WITH_TIMEOUT(tolerant.status(), 0, patience);
     QVERIFY2(tolerant.says("/3.ini:9: warning: "), tolerant.said);
+    Tool atHome({u"check"_s, u"--directory"_s, place.path(u"spool"_s), first});
+    QTRY_COMPARE_WITH_TIMEOUT(atHome.status(), 2, patience);
+    QVERIFY2(atHome.says(":9: error: the spool folder is the working directory"), atHome.said);
 }
 
 void TestOperator::spoolShowsWhatWaits()

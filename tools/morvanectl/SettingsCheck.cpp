@@ -80,6 +80,11 @@ void SettingsCheck::addMain(bool isError, const Key &key, const QString &finding
     found.append({text.lineOf(MainSettings::group, key.name), isError, finding});
 }
 
+bool SettingsCheck::knowsSpool() const
+{
+    return isDirectoryKnown || QDir::isAbsolutePath(settings.main(MainSettings::tempDir));
+}
+
 // --- names that the module does not know ---
 
 void SettingsCheck::checkNames()
@@ -157,7 +162,7 @@ QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &ot
         && settings.number(port) == other.settings.number(port))
         add(error, MainSettings::group, port,
             u"%1 has the same \"LocalPort\": only one of both modules gets it"_s);
-    if (spoolPath() == other.spoolPath())
+    if (knowsSpool() && other.knowsSpool() && spoolPath() == other.spoolPath())
         add(warning, MainSettings::group, MainSettings::tempDir,
             u"%1 has the same \"TempDir\": each module sends what both take"_s);
     return clashes;

@@ -43,6 +43,7 @@ private:
 
     void addBase(bool isError, const Key &key, const QString &text);
     void addMain(bool isError, const Key &key, const QString &text);
+    [[nodiscard]] bool knowsSpool() const; // or guesses where it is, from the current directory
     [[nodiscard]] QString spoolPath() const { return settings.spoolPath(directory); }
 
     const QString file;

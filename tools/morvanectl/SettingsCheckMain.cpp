@@ -75,9 +75,8 @@ void SettingsCheck::checkSpool()
     const QString name = settings.main(key);
     if (name.isEmpty())
         return addMain(error, key, u"\"TempDir\" is empty: that is the root folder"_s);
-    const bool isRelative = QDir::isRelativePath(name);
     const QString path = spoolPath();
-    if (isRelative && !isDirectoryKnown)
+    if (!knowsSpool())
         addMain(warning, key,
             u"\"TempDir\" = \"%1\" is relative to the working directory of the "
             "module, taken to be %2 here (see --directory)"_s.arg(name, directory));
@@ -91,11 +90,10 @@ void SettingsCheck::checkSpool()
     else if (!folder.isWritable() || !folder.isReadable() || !folder.isExecutable())
         addMain(error, key,
             u"the spool folder %1 cannot be read and written to by this user"_s.arg(path));
-    if (settings.isUdp() && (isRelative || isDirectoryKnown)
+    else if (settings.isUdp() && (isDirectoryKnown || QDir::isRelativePath(name))
         && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
         addMain(error, key,
-            u"the spool folder is the working directory: received files would be "
-            "sent back"_s);
+            u"the spool folder is the working directory: received files would be sent back"_s);
 }
 
 void SettingsCheck::checkTcp()
