@@ -134,7 +134,8 @@ std::optional<qint64> SpoolObserver::compressedSize(
     if (known != compressed.cend() && known->mark == mark)
         return known->bytes;
     QFile file;
-    const int descriptor = mark.size > budget ? -1 : openRegularFile(path);
+    struct stat info;
+    const int descriptor = mark.size > budget ? -1 : openRegularFile(path, info);
     if (descriptor < 0
         || !file.open(descriptor, QFile::ReadOnly | QFile::Unbuffered, QFile::AutoCloseHandle))
         return std::nullopt;
