@@ -3,6 +3,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QSettings>
 #include <QTest>
 #include <QThread>
 #include <QTimerEvent>
@@ -16,6 +17,7 @@ private Q_SLOTS:
     void numbersKeepSixteenBits_data();
     void numbersKeepSixteenBits();
     void aboutTextIsExact();
+    void exampleSettingsHoldEveryKeyAndNoOther();
 
     void recordsBecomeSpoolFiles();
     void failuresAreLogged();
@@ -69,6 +71,15 @@ void TestModule::aboutTextIsExact()
         "Удаленный хост: ::1\nТаймаут передачи: 3\n"_s);
     QVERIFY(bench.admin.received.endsWith(QByteArray::fromHex("00000000 01 ffff ffff 0000 0000 0000"
                                                               "0000002a")));
+}
+
+void TestModule::exampleSettingsHoldEveryKeyAndNoOther()
+{
+    ModuleBench bench("");
+    QSettings example(QStringLiteral(EXAMPLE_SETTINGS), QSettings::IniFormat);
+    QStringList explained = example.allKeys();
+    QVERIFY(explained.removeIf([](const QString &key) { return key.startsWith("Base/"_L1); }) > 0);
+    QCOMPARE(explained, bench.module.prepareTemplateSettings()->allKeys());
 }
 
 // --- records in ---
