@@ -32,8 +32,8 @@ modules that meet on one local bus.")
 set(CPACK_DEBIAN_MODULE_PACKAGE_NAME morvane)
 set(CPACK_DEBIAN_MODULE_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MODULE_PACKAGE_DEPENDS "libharnix-nogui1 (= ${PROJECT_VERSION}), \
-systemd | systemd-standalone-sysusers | systemd-sysusers")
-set(CPACK_DEBIAN_MODULE_PACKAGE_RECOMMENDS "morvanectl, logrotate")
+morvanectl (= ${PROJECT_VERSION}), systemd | systemd-standalone-sysusers | systemd-sysusers")
+set(CPACK_DEBIAN_MODULE_PACKAGE_RECOMMENDS "logrotate")
 set(CPACK_DEBIAN_MODULE_PACKAGE_CONTROL_EXTRA
     ${debian}/conffiles ${debian}/postinst ${debian}/prerm ${debian}/postrm)
 set(CPACK_DEBIAN_MODULE_DESCRIPTION "keep data records in a spool and carry them to one peer

@@ -314,7 +314,10 @@ void TestFaults::fullDiskHealsByItself()
     QTRY_COMPARE_WITH_TIMEOUT(failures() + process.spooled().size(), 801, patience);
     QVERIFY(failures() > 50);
     const QByteArrayList kept = recordsIn(spool);
-    QCOMPARE(kept, line.oracle.first(kept.size()));
+    // Which of them found room is the disk's affair, but those are whole.
+    const QByteArrayList all = line.oracle.all();
+    for (const QByteArray &record : kept)
+        QVERIFY(all.contains(record));
     QCOMPARE(filesBelow(spool), kept.size());
 
     const qint64 before = process.processorTicks();

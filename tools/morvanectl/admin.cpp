@@ -31,7 +31,8 @@ argument that is one, in quotes. The modules' own names, in brackets above, and 
 other text are sent to all as they stand; modules ignore what they do not know.
 
 COMMANDs as arguments are sent in order, once the first module, or the one meant, has
-connected. "about" waits for the answers, "quit" until the modules have gone. Then the server leaves, unless --stay or --for keep it.
+connected. "about" waits for the answers, "quit" until the modules have gone. Then the
+server leaves, unless --stay or --for keep it.
 
   NOTE: a module ends with status 5 when its administration server goes.
 
