@@ -7,7 +7,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const QByteArray bytes = bytesOf(data, size);
     const DataRecord record = DataRecord::read(bytes);
-    const DataRecord again = DataRecord::read(record.write());
+    const QByteArray written = record.write();
+    const DataRecord again = DataRecord::read(written);
     require(again.kind == record.kind && again.fileName == record.fileName
         && again.payload == record.payload);
 
