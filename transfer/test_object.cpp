@@ -122,7 +122,9 @@ void ScanThread::run()
 void ScanThread::scan()
 {
     SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
-    for (auto pause = 0ms; goOnAfter(pause); pause = scanInterval) {
+    // Transfer numbers begin anew with every engine. What a killed process has sent may still be
+    // answered; an engine that is not sending ignores that.
+    while (goOnAfter(scanInterval)) {
         if (!busy.load(std::memory_order_acquire) && isSpoolFree(lock))
             handOverFirstFile();
     }
