@@ -8,6 +8,7 @@
 #include <QtEndian>
 
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -19,6 +20,7 @@ constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socke
 constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
 constexpr int minGathered = 65'536; // a larger body is put together while it is on its way
+constexpr qint64 inboxBytes = 16'384; // of one read, when less is wanted; kept by each connection
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames,
 constexpr qint64 resumeBytes = maxUnreadBytes / 2; // until it has read down to this
@@ -59,6 +61,19 @@ TMyLocalSocket::TMyLocalSocket(QObject *parent)
 void TMyLocalSocket::processReadyRead()
 {
     Q_EMIT NewData(this);
+}
+
+qint64 TMyLocalSocket::take(char *to, qint64 size)
+{
+    if (taken == inbox.size() && size < inboxBytes) {
+        inbox.resize(inboxBytes);
+        inbox.truncate(std::max<qint64>(read(inbox.data(), inboxBytes), 0));
+        taken = 0;
+    }
+    const qint64 here = std::min<qint64>(size, inbox.size() - taken);
+    std::memcpy(to, inbox.constData() + taken, size_t(here));
+    taken += here;
+    return here == size ? size : here + std::max<qint64>(read(to + here, size - here), 0);
 }
 
 TMyLocalServer::TMyLocalServer(QObject *parent)
@@ -245,9 +260,9 @@ void TConnector::connectionInError(QLocalSocket::LocalSocketError)
 
 void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
-    // A slot that hears of a frame may abort the socket: then nothing is left to take.
+    // A slot that hears of a frame may abort the socket: then the rest is lost with it.
     QByteArray body;
-    while (takeBody(socket, body))
+    while (socket->isOpen() && takeBody(socket, body))
         dispatch(BusFrame::read(std::exchange(body, {})), socket);
 }
 
@@ -256,17 +271,17 @@ bool TConnector::takeBody(TMyLocalSocket *socket, QByteArray &body)
 {
     if (socket->expectedSize == 0) {
         char length[sizeof(qint32)];
-        if (socket->bytesAvailable() < qint64(sizeof(length)))
+        if (socket->waitingBytes() < qint64(sizeof(length)))
             return false;
-        socket->read(length, sizeof(length));
+        socket->take(length, sizeof(length));
         socket->expectedSize = qFromBigEndian<qint32>(length);
     }
     const qint64 missing = socket->expectedSize - socket->gathered.size();
-    if (missing > socket->bytesAvailable()) {
+    if (missing > socket->waitingBytes()) {
         if (socket->expectedSize > maxAnnouncedBytes)
             socket->abort();
         else if (socket->expectedSize >= minGathered)
-            gather(socket, socket->bytesAvailable());
+            gather(socket, socket->waitingBytes());
         return false;
     }
     if (missing > 0)
@@ -276,14 +291,14 @@ bool TConnector::takeBody(TMyLocalSocket *socket, QByteArray &body)
     return true;
 }
 
-// Moves bytes of the awaited body out of the socket's buffer.
+// Moves bytes of the awaited body out of the socket.
 void TConnector::gather(TMyLocalSocket *socket, qint64 size)
 {
     QByteArray &body = socket->gathered;
     const qsizetype at = body.size();
     body.reserve(socket->expectedSize); // memory that no byte has reached costs nothing
     body.resize(at + size);
-    body.truncate(at + std::max<qint64>(socket->read(body.data() + at, size), 0));
+    body.truncate(at + socket->take(body.data() + at, size));
 }
 
 void TConnector::dispatch(BusFrame frame, TMyLocalSocket *socket)

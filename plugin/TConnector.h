@@ -27,12 +27,23 @@ public:
     // The peer reads so slowly that frames for it are being dropped.
     bool stalled = false;
 
+    // Bytes that have arrived and have not been taken.
+    [[nodiscard]] qint64 waitingBytes() const { return inbox.size() - taken + bytesAvailable(); }
+    // Takes bytes in the order of their arrival; how many there were to take.
+    qint64 take(char *to, qint64 size);
+
 Q_SIGNALS:
     // Bytes have arrived; none has been read yet.
     void NewData(TMyLocalSocket *socket);
 
 private Q_SLOTS:
     void processReadyRead();
+
+private:
+    // Read from the socket many small frames at a time: each call of read() costs more than all
+    // else that is done with one of them.
+    QByteArray inbox;
+    qsizetype taken = 0; // bytes of the inbox
 };
 
 // Listens under a bus name and hands out every accepted connection, open, by signal.
