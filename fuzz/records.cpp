@@ -12,8 +12,12 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     require(again.kind == record.kind && again.fileName == record.fileName
         && again.payload == record.payload);
 
-    const BusFrame frame = BusFrame::read(bytes);
+    BusFrame frame, same;
+    frame.read(bytes);
+    same.takeOver(bytes);
     require(frame.name.size() + frame.message.size() + frame.data.size() <= bytes.size());
+    require(frame.kind == same.kind && frame.name == same.name && frame.message == same.message
+        && frame.data == same.data && frame.id == same.id);
 
     LinkRecord::Reader reader(1'000);
     const qsizetype cut = bytes.isEmpty() ? 0 : std::min<qsizetype>(data[0], bytes.size());

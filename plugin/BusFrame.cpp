@@ -12,6 +12,13 @@ constexpr int streamVersion = QDataStream::Qt_4_5;
 constexpr quint32 nullCount = 0xFFFFFFFF;
 constexpr qint8 actionFlag = 1;
 constexpr qint16 actionFields[] = {-1, -1, 0, 0, 0};
+constexpr qsizetype dataAt = sizeof(uchar) + sizeof(quint32); // offset of the data in a data frame
+
+bool hasName(uchar kind)
+{
+    return kind == BusFrame::Name || kind == BusFrame::Action || kind == BusFrame::Command
+        || kind == BusFrame::BusMessage;
+}
 
 template <typename... Fields> QByteArray frame(uchar kind, const Fields &...fields)
 {
@@ -56,44 +63,48 @@ private:
     QByteArrayView rest;
 };
 
-// The part of an array that a view into it shows, without a copy if nobody shares the array.
-QByteArray cutOut(QByteArray array, QByteArrayView part)
-{
-    if (part.isEmpty())
-        return {};
-    array.truncate(part.end() - QByteArrayView(array).begin());
-    return array.remove(0, array.size() - part.size());
-}
-
 } // namespace
 
-BusFrame BusFrame::read(QByteArray body)
+void BusFrame::read(QByteArrayView body)
 {
-    BusFrame frame;
+    name.clear();
+    message.clear();
+    data.resize(0);
+    id = 0;
     Fields fields(body);
-    frame.kind = fields.number<uchar>();
-    switch (frame.kind) {
+    kind = fields.number<uchar>();
+    switch (kind) {
     case Name:
-        frame.name = fields.bytes().toByteArray();
+        name.append(fields.bytes());
         break;
     case Action:
-        frame.name = fields.bytes().toByteArray();
-        frame.message = fields.bytes().toByteArray();
-        frame.data = fields.bytes().toByteArray();
+        name.append(fields.bytes());
+        message.append(fields.bytes());
+        data.append(fields.bytes());
         fields.skipActionFields();
-        frame.id = fields.number<qint32>();
+        id = fields.number<qint32>();
         break;
     case Command:
     case BusMessage:
-        frame.name = fields.bytes().toByteArray();
-        frame.data = fields.bytes().toByteArray();
-        frame.id = fields.number<qint32>();
+        name.append(fields.bytes());
+        data.append(fields.bytes());
+        id = fields.number<qint32>();
         break;
     default:
-        const QByteArrayView data = fields.bytes(); // looks at the body before that is moved
-        frame.data = cutOut(std::move(body), data);
+        data.append(fields.bytes());
     }
-    return frame;
+}
+
+void BusFrame::takeOver(QByteArray body)
+{
+    Fields fields(body);
+    const uchar first = fields.number<uchar>();
+    const qsizetype size = fields.bytes().size();
+    if (size == 0 || hasName(first))
+        return read(body);
+    read(QByteArrayView(body).first(sizeof(kind)));
+    body.truncate(dataAt + size);
+    data = std::move(body.remove(0, dataAt));
 }
 
 QByteArray BusFrame::makeName(const QByteArray &name)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 
 // One frame of the local bus. Every connection carries a plain sequence of them in both directions,
 // all numbers big-endian:
@@ -31,9 +32,11 @@ struct BusFrame
     qint32 id = 0; // connection id of a command, an action or a bus message
 
     // Reads a frame's body: everything behind the length. Lenient: a field that runs past the end
-    // reads as empty or 0, and so do all later ones; surplus bytes are ignored.
-    // The data of a data frame take over the body's memory.
-    [[nodiscard]] static BusFrame read(QByteArray body);
+    // reads as empty or 0, and so do all later ones; surplus bytes are ignored. The memory of
+    // earlier data is used again.
+    void read(QByteArrayView body);
+    // The same; the data of a data frame take over the body's memory.
+    void takeOver(QByteArray body);
 
     // Whole frames, length included, ready for one write. A null byte array is written as null.
     [[nodiscard]] static QByteArray makeName(const QByteArray &name);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
 
@@ -19,8 +20,7 @@ constexpr auto passInterval = 5'000ms; // one repair pass of the bus
 constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
 constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
-constexpr int minGathered = 65'536; // a larger body is put together while it is on its way
-constexpr qint64 inboxBytes = 16'384; // of one read, when less is wanted; kept by each connection
+constexpr qsizetype inboxBytes = 16'384; // kept by each connection; a larger body passes it by
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames,
 constexpr qint64 resumeBytes = maxUnreadBytes / 2; // until it has read down to this
@@ -63,17 +63,39 @@ void TMyLocalSocket::processReadyRead()
     Q_EMIT NewData(this);
 }
 
-qint64 TMyLocalSocket::take(char *to, qint64 size)
+QByteArrayView TMyLocalSocket::takeSmall(qsizetype size)
 {
-    if (taken == inbox.size() && size < inboxBytes) {
-        inbox.resize(inboxBytes);
-        inbox.truncate(std::max<qint64>(read(inbox.data(), inboxBytes), 0));
-        taken = 0;
+    if (inbox.size() - taken < size)
+        fillInbox();
+    if (inbox.size() - taken < size)
+        return {};
+    return QByteArrayView(inbox).sliced(std::exchange(taken, taken + size), size);
+}
+
+void TMyLocalSocket::fillInbox()
+{
+    const qsizetype rest = inbox.size() - taken;
+    inbox.remove(0, taken);
+    taken = 0;
+    inbox.resize(inboxBytes);
+    inbox.truncate(rest + std::max<qint64>(read(inbox.data() + rest, inboxBytes - rest), 0));
+}
+
+qint64 TMyLocalSocket::takeLarge(char *to, qint64 size)
+{
+    qint64 count = std::min<qint64>(size, inbox.size() - taken);
+    std::memcpy(to, inbox.constData() + taken, size_t(count));
+    taken += count;
+    count += std::max<qint64>(read(to + count, size - count), 0);
+    // What arrives from here on is taken past Qt's buffer, which would cost one more copy. An end
+    // or an error is left for Qt to find.
+    while (count < size) {
+        const ssize_t more = ::read(int(socketDescriptor()), to + count, size_t(size - count));
+        if (more <= 0)
+            break;
+        count += more;
     }
-    const qint64 here = std::min<qint64>(size, inbox.size() - taken);
-    std::memcpy(to, inbox.constData() + taken, size_t(here));
-    taken += here;
-    return here == size ? size : here + std::max<qint64>(read(to + here, size - here), 0);
+    return count;
 }
 
 TMyLocalServer::TMyLocalServer(QObject *parent)
@@ -261,47 +283,53 @@ void TConnector::connectionInError(QLocalSocket::LocalSocketError)
 void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
     // A slot that hears of a frame may abort the socket: then the rest is lost with it.
-    QByteArray body;
-    while (socket->isOpen() && takeBody(socket, body))
-        dispatch(BusFrame::read(std::exchange(body, {})), socket);
+    BusFrame frame; // one for all, so that small frames share its memory
+    while (socket->isOpen() && takeFrame(socket, frame))
+        dispatch(frame, socket);
 }
 
-// False while the next frame is incomplete. A length of 0 or less gives an empty body.
-bool TConnector::takeBody(TMyLocalSocket *socket, QByteArray &body)
+// False while the next frame is incomplete. A length of 0 or less gives an empty one.
+bool TConnector::takeFrame(TMyLocalSocket *socket, BusFrame &frame)
 {
     if (socket->expectedSize == 0) {
-        char length[sizeof(qint32)];
-        if (socket->waitingBytes() < qint64(sizeof(length)))
+        const QByteArrayView length = socket->takeSmall(sizeof(qint32));
+        if (length.isEmpty())
             return false;
-        socket->take(length, sizeof(length));
-        socket->expectedSize = qFromBigEndian<qint32>(length);
+        socket->expectedSize = qFromBigEndian<qint32>(length.data());
     }
-    const qint64 missing = socket->expectedSize - socket->gathered.size();
-    if (missing > socket->waitingBytes()) {
-        if (socket->expectedSize > maxAnnouncedBytes)
-            socket->abort();
-        else if (socket->expectedSize >= minGathered)
-            gather(socket, socket->waitingBytes());
+    if (socket->expectedSize > inboxBytes)
+        return takeLargeFrame(socket, frame);
+    const qsizetype size = std::max(socket->expectedSize, 0);
+    const QByteArrayView body = socket->takeSmall(size);
+    if (body.size() < size)
         return false;
-    }
-    if (missing > 0)
-        gather(socket, missing);
-    body = std::exchange(socket->gathered, {});
     socket->expectedSize = 0;
+    frame.read(body);
     return true;
 }
 
-// Moves bytes of the awaited body out of the socket.
-void TConnector::gather(TMyLocalSocket *socket, qint64 size)
+// A large body is put together while it is on its way, when the one before it is gone from memory.
+bool TConnector::takeLargeFrame(TMyLocalSocket *socket, BusFrame &frame)
 {
+    frame = {};
     QByteArray &body = socket->gathered;
-    const qsizetype at = body.size();
+    const qsizetype filled = body.size();
+    const qsizetype missing = socket->expectedSize - filled;
+    if (socket->expectedSize > maxAnnouncedBytes && socket->waitingBytes() < missing) {
+        socket->abort();
+        return false;
+    }
     body.reserve(socket->expectedSize); // memory that no byte has reached costs nothing
-    body.resize(at + size);
-    body.truncate(at + socket->take(body.data() + at, size));
+    body.resize(socket->expectedSize);
+    body.truncate(filled + socket->takeLarge(body.data() + filled, missing));
+    if (body.size() < socket->expectedSize)
+        return false;
+    socket->expectedSize = 0;
+    frame.takeOver(std::exchange(body, {}));
+    return true;
 }
 
-void TConnector::dispatch(BusFrame frame, TMyLocalSocket *socket)
+void TConnector::dispatch(BusFrame &frame, TMyLocalSocket *socket)
 {
     switch (frame.kind) {
     case BusFrame::Name:

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayView>
 #include <QList>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -29,8 +30,12 @@ public:
 
     // Bytes that have arrived and have not been taken.
     [[nodiscard]] qint64 waitingBytes() const { return inbox.size() - taken + bytesAvailable(); }
-    // Takes bytes in the order of their arrival; how many there were to take.
-    qint64 take(char *to, qint64 size);
+    // Takes some bytes, 16 KiB at most, without a copy: the view is valid until the next call.
+    // Nothing is taken, and the view is empty, before so many have arrived.
+    [[nodiscard]] QByteArrayView takeSmall(qsizetype size);
+    // Takes bytes in the order of their arrival, those that arrive meanwhile included; how many
+    // there were to take.
+    qint64 takeLarge(char *to, qint64 size);
 
 Q_SIGNALS:
     // Bytes have arrived; none has been read yet.
@@ -40,6 +45,8 @@ private Q_SLOTS:
     void processReadyRead();
 
 private:
+    void fillInbox();
+
     // Read from the socket many small frames at a time: each call of read() costs more than all
     // else that is done with one of them.
     QByteArray inbox;
@@ -127,9 +134,9 @@ private:
     [[nodiscard]] bool repairOutConnections(const QByteArray &greeting);
     void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);
     void startListening();
-    [[nodiscard]] bool takeBody(TMyLocalSocket *socket, QByteArray &body);
-    static void gather(TMyLocalSocket *socket, qint64 size);
-    void dispatch(BusFrame frame, TMyLocalSocket *socket);
+    [[nodiscard]] static bool takeFrame(TMyLocalSocket *socket, BusFrame &frame);
+    [[nodiscard]] static bool takeLargeFrame(TMyLocalSocket *socket, BusFrame &frame);
+    void dispatch(BusFrame &frame, TMyLocalSocket *socket);
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
 

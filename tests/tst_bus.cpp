@@ -8,6 +8,8 @@
 #include <QTest>
 #include <QTimerEvent>
 
+#include <thread>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -28,6 +30,15 @@ QString shown(const BusFrame &f)
 {
     return u"%1|%2|%3|%4|%5"_s.arg(QString::number(f.kind), QString::fromUtf8(f.name),
         QString::fromUtf8(f.message), QString::fromUtf8(f.data), QString::number(f.id));
+}
+
+// Reads in both ways, into frames that hold something already.
+BusFrame readFrame(const QByteArray &body)
+{
+    BusFrame copied{9, "old", "old", "old", 9}, moved = copied;
+    copied.read(body);
+    moved.takeOver(body);
+    return shown(copied) == shown(moved) ? copied : BusFrame{0, "read in two ways", {}, {}, -1};
 }
 
 // A plugin whose bus is driven pass by pass, and all that it hears.
@@ -107,6 +118,7 @@ private Q_SLOTS:
     void connectionsAreNamedAndLogged();
 
     void framesArriveInAnyPieces();
+    void framesOfAnySizeArriveWhole();
     void lengthsAreBounded_data();
     void lengthsAreBounded();
     void slotMayCloseTheSocketItHearsFrom();
@@ -148,23 +160,23 @@ void TestBus::frameBytes()
     QFETCH(QByteArray, frame);
     QFETCH(QByteArray, bytes);
     QCOMPARE(frame.toHex(' '), bytes.toHex(' '));
-    QTEST(shown(BusFrame::read(bytes.sliced(4))), "readBack");
+    QTEST(shown(readFrame(bytes.sliced(4))), "readBack");
 }
 
 void TestBus::framesThatEndEarlyOrLieReadAsEmptyFields()
 {
     const QByteArray whole = BusFrame::makeAction("About", "text", "data", 77).sliced(4);
     for (qsizetype length = 0; length < whole.size(); ++length) {
-        const BusFrame frame = BusFrame::read(whole.left(length));
+        const BusFrame frame = readFrame(whole.left(length));
         QCOMPARE(frame.name, QByteArray(length >= 10 ? "About" : ""));
         QCOMPARE(frame.message, QByteArray(length >= 18 ? "text" : ""));
         QCOMPARE(frame.data, QByteArray(length >= 26 ? "data" : ""));
         QCOMPARE(frame.id, 0);
     }
-    QCOMPARE(BusFrame::read(whole + "surplus").id, 77);
-    QCOMPARE(shown(BusFrame::read({})), u"0||||0"_s);
-    QCOMPARE(shown(BusFrame::read(hex("cb 7fffffff 4142 00000000 00000005"))), u"203||||0"_s);
-    QCOMPARE(shown(BusFrame::read(hex("cb ffffffff 00000001 41 00000005"))), u"203|||A|5"_s);
+    QCOMPARE(readFrame(whole + "surplus").id, 77);
+    QCOMPARE(shown(readFrame({})), u"0||||0"_s);
+    QCOMPARE(shown(readFrame(hex("cb 7fffffff 4142 00000000 00000005"))), u"203||||0"_s);
+    QCOMPARE(shown(readFrame(hex("cb ffffffff 00000001 41 00000005"))), u"203|||A|5"_s);
 }
 
 // --- connections ---
@@ -279,6 +291,36 @@ void TestBus::framesArriveInAnyPieces()
         QCoreApplication::processEvents();
     }
     QTRY_COMPARE(bench.heard, expected);
+}
+
+void TestBus::framesOfAnySizeArriveWhole()
+{
+    Bench bench;
+    bench.start();
+    BusClient client(u"me"_s);
+    QByteArray heard, sent, stream;
+    connect(&bench.bus(), &TConnector::NewData, this,
+        [&](uchar, const QByteArray &data) { heard += data; });
+    constexpr int sizes[] = {1, 16'378, 16'379, 16'380, 3, 300'001, 40'000, 16'375, 900'000};
+    for (const int size : sizes) {
+        const QByteArray data = QByteArray(size, char('a' + sent.size() % 26)) + '.';
+        sent += data;
+        stream += BusFrame::makeData(1, data);
+    }
+    for (qsizetype at = 0; at < stream.size(); at += 7'919) {
+        client.send(stream.mid(at, 7'919));
+        QCoreApplication::processEvents();
+    }
+    // Many in one piece, which still arrive while the first ones are read.
+    std::thread sender([&] {
+        BusClient fast(u"me"_s);
+        fast.write(stream.repeated(20));
+        while (fast.waitForBytesWritten())
+            ;
+    });
+    QTRY_COMPARE(heard.size(), 21 * sent.size());
+    sender.join();
+    QVERIFY(heard == sent.repeated(21));
 }
 
 void TestBus::lengthsAreBounded_data()

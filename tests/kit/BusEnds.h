@@ -27,7 +27,7 @@ public:
             const qint32 length = qFromBigEndian<qint32>(received.constData() + at);
             if (length < 0 || at + 4 + length > received.size())
                 break;
-            result.append(BusFrame::read(received.sliced(at + 4, length)));
+            result.emplaceBack().read(QByteArrayView(received).sliced(at + 4, length));
             at += 4 + length;
         }
         return result;
