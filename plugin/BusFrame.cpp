@@ -63,36 +63,27 @@ private:
     QByteArrayView rest;
 };
 
+// Uses the field's memory again.
+void assign(QByteArray &field, QByteArrayView bytes)
+{
+    if (field.size() != bytes.size())
+        field.resize(bytes.size());
+    if (!bytes.isEmpty())
+        std::copy(bytes.begin(), bytes.end(), field.data());
+}
+
 } // namespace
 
 void BusFrame::read(QByteArrayView body)
 {
-    name.clear();
-    message.clear();
-    data.resize(0);
-    id = 0;
     Fields fields(body);
     kind = fields.number<uchar>();
-    switch (kind) {
-    case Name:
-        name.append(fields.bytes());
-        break;
-    case Action:
-        name.append(fields.bytes());
-        message.append(fields.bytes());
-        data.append(fields.bytes());
+    assign(name, hasName(kind) ? fields.bytes() : QByteArrayView());
+    assign(message, kind == Action ? fields.bytes() : QByteArrayView());
+    assign(data, kind != Name ? fields.bytes() : QByteArrayView());
+    if (kind == Action)
         fields.skipActionFields();
-        id = fields.number<qint32>();
-        break;
-    case Command:
-    case BusMessage:
-        name.append(fields.bytes());
-        data.append(fields.bytes());
-        id = fields.number<qint32>();
-        break;
-    default:
-        data.append(fields.bytes());
-    }
+    id = hasName(kind) && kind != Name ? fields.number<qint32>() : 0;
 }
 
 void BusFrame::takeOver(QByteArray body)

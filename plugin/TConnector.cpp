@@ -75,7 +75,7 @@ QByteArrayView TMyLocalSocket::takeSmall(qsizetype size)
 void TMyLocalSocket::fillInbox()
 {
     const qsizetype rest = inbox.size() - taken;
-    inbox.remove(0, taken);
+    std::memmove(inbox.data(), inbox.constData() + taken, size_t(rest));
     taken = 0;
     inbox.resize(inboxBytes);
     inbox.truncate(rest + std::max<qint64>(read(inbox.data() + rest, inboxBytes - rest), 0));
