@@ -3,9 +3,7 @@
 #include "Record.h"
 
 #include <QTcpSocket>
-#include <QTimer>
 
-#include <algorithm>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -18,10 +16,9 @@ constexpr auto lookInterval = 250ms; // between two looks at what is acknowledge
 // memory that holds them is used again while it is still in the processor's cache.
 constexpr qint64 lookBytes = 262'144;
 constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
-// Bytes of records that an attempt to connect takes in one turn of the event loop. One that is
-// refused at once has then not read and moved half a backlog in vain.
-constexpr qint64 portion = 1'048'576;
-constexpr qint64 maxBuffered = 8'388'608; // bytes that wait in the socket, or one larger record
+// Bytes that wait in the socket, or one larger record. An attempt to connect that fails has then
+// not read and moved half a backlog in vain.
+constexpr qint64 maxBuffered = 1'048'576;
 
 } // namespace
 
@@ -51,7 +48,7 @@ void SpoolSender::linkStateChanged()
 {
     if (link.state() != QAbstractSocket::UnconnectedState)
         return;
-    listed.clear();
+    listed = {};
     listAgain = false;
     unacknowledged.linkDown();
 }
@@ -116,31 +113,15 @@ void SpoolSender::send()
     if (!waitForLock())
         return;
     listed = spool.list();
-    std::reverse(listed.begin(), listed.end());
     sendListed();
-}
-
-void SpoolSender::goOnSoon()
-{
-    if (!std::exchange(goesOn, true))
-        QTimer::singleShot(0, this, [this] {
-            goesOn = false;
-            sendListed();
-        });
 }
 
 void SpoolSender::sendListed()
 {
-    const bool isConnected = link.state() == QAbstractSocket::ConnectedState;
-    const qint64 enough = link.bytesToWrite() + portion;
     while (!listed.isEmpty()) {
-        if (!isConnected && link.bytesToWrite() >= enough) {
-            goOnSoon();
-            return watchAcknowledgements();
-        }
-        if (!takesRecords() || !sendFile(listed.last()))
+        if (!takesRecords() || !sendFile(listed.first()))
             return watchAcknowledgements(); // goes on when the buffer drains, or with a new link
-        listed.removeLast();
+        listed.removeFirst();
     }
     watchAcknowledgements();
     if (std::exchange(listAgain, false))

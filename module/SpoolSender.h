@@ -4,7 +4,6 @@
 #include "Unacknowledged.h"
 
 #include <QObject>
-#include <QStringList>
 
 #include <chrono>
 
@@ -12,7 +11,7 @@ class QTcpSocket;
 
 // Carries the spool over the TCP link: one record for each file, in the order of the listing.
 //
-// At most 8 MiB wait in the socket's buffer; the rest of a listing goes on when it drains.
+// At most 1 MiB waits in the socket's buffer; the rest of a listing goes on when it drains.
 //
 // Owner:   Morvane, which owns the socket too and makes its connections.
 // Thread:  main thread. Waiting for the spool's lock blocks it, in steps of a second.
@@ -51,7 +50,6 @@ private:
     [[nodiscard]] bool waitForLock();
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
     void sendListed();
-    void goOnSoon();
     [[nodiscard]] bool sendFile(const QString &name);
     [[nodiscard]] qint64 write(const QByteArray &record);
     void watchAcknowledgements();
@@ -61,8 +59,7 @@ private:
     SpoolDirectory spool;
     Unacknowledged unacknowledged;
     std::chrono::milliseconds deadAfter{0};
-    QStringList listed; // what remains of the current listing, last name first
-    bool goesOn = false; // in the next turn of the event loop
+    SpoolListing listed; // what remains of the current listing
     bool listAgain = false; // somebody has asked while a listing was under way
     qint64 takenSinceLook = 0; // bytes
     int lookTimerId = 0; // runs while anything is unacknowledged

@@ -16,7 +16,6 @@
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
-#include <vector>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -63,30 +62,11 @@ template <typename Visit> void forEachName(const QString &path, Visit visit)
     if (!directory)
         return;
     while (const dirent *entry = ::readdir(directory.get())) {
-        if (entry->d_name[0] == '.')
-            continue;
-        const QString name = QFile::decodeName(entry->d_name);
-        if (QFile::encodeName(name) == entry->d_name)
+        const QByteArray name(entry->d_name);
+        if (!name.startsWith('.') && name.isValidUtf8())
             visit(name, [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
     }
 }
-
-// A name with the key that the order of sending compares, code unit by code unit. Names that differ
-// in letter case only are put in a fixed order too.
-struct SortedName
-{
-    QString key;
-    QString name;
-    explicit SortedName(const QString &fileName)
-        : key(fileName.toLower())
-        , name(fileName)
-    {
-    }
-    bool operator<(const SortedName &other) const
-    {
-        return key != other.key ? key < other.key : name < other.name;
-    }
-};
 
 } // namespace
 
@@ -241,30 +221,29 @@ bool SpoolDirectory::writeWhole(const QString &name, const QByteArray &content) 
     return file.write(content) && file.commit();
 }
 
-QStringList SpoolDirectory::list() const
+SpoolListing SpoolDirectory::list() const
 {
-    std::vector<SortedName> files;
-    forEachName(directory, [&](const QString &name, auto isFile) {
+    SpoolListing names;
+    forEachName(directory, [&](const QByteArray &name, auto isFile) {
         if (isFile())
-            files.emplace_back(name);
+            names.add(name);
     });
-    std::sort(files.begin(), files.end());
-    QStringList names;
-    names.reserve(qsizetype(files.size()));
-    for (SortedName &file : files)
-        names.append(std::move(file.name));
+    names.sort();
     return names;
 }
 
 QString SpoolDirectory::first(const std::function<bool(const QString &)> &isSkipped) const
 {
-    std::optional<SortedName> best;
-    forEachName(directory, [&](const QString &name, auto isFile) {
-        SortedName candidate(name);
-        if ((!best || candidate < *best) && !isSkipped(name) && isFile())
-            best = std::move(candidate);
+    QByteArray best, bestKey;
+    forEachName(directory, [&](const QByteArray &name, auto isFile) {
+        const QByteArray key = SpoolName::keyOf(name);
+        if ((best.isEmpty() || SpoolName{key, name} < SpoolName{bestKey, best})
+            && !isSkipped(QString::fromUtf8(name)) && isFile()) {
+            best = name;
+            bestKey = key;
+        }
     });
-    return best ? best->name : QString();
+    return QString::fromUtf8(best);
 }
 
 std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) const

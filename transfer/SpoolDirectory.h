@@ -1,11 +1,11 @@
 #pragma once
 
+#include "SpoolListing.h"
 #include "WholeFile.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QString>
-#include <QStringList>
 
 #include <chrono>
 #include <functional>
@@ -119,7 +119,7 @@ public:
         const QString &name, const QByteArray &content, const Say &say) const;
 
     // The files that wait, in the order of sending: by name, ignoring letter case.
-    [[nodiscard]] QStringList list() const;
+    [[nodiscard]] SpoolListing list() const;
 
     // The file that list() has in front, but for skipped ones; an empty name if there is none. One
     // pass over the directory, without sorting and without a call per file.

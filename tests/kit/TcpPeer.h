@@ -24,6 +24,13 @@ public:
             qFatal("cannot listen");
     }
 
+    // What its kernel takes and acknowledges of coming connections while nobody reads. The kernel
+    // may double it, and rounds.
+    void setKernelBuffer(int bytes)
+    {
+        ::setsockopt(int(socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes));
+    }
+
     // Ends the connection with a reset.
     void reset()
     {

@@ -96,8 +96,8 @@ SpoolState SpoolObserver::look()
 
 void SpoolObserver::lookAtWaiting(SpoolState &state)
 {
-    const QStringList names = spool.list();
-    for (const QString &name : names) {
+    for (SpoolListing names = spool.list(); !names.isEmpty(); names.removeFirst()) {
+        const QString name = names.first();
         const std::optional<SpoolDirectory::Mark> mark = spool.mark(name);
         if (!mark)
             continue;
@@ -156,8 +156,8 @@ std::optional<qint64> SpoolObserver::compressedSize(
 void SpoolObserver::lookAtRefused(SpoolState &state)
 {
     const SpoolDirectory refused(spool.pathOf(u"refused"_s));
-    const QStringList names = refused.list();
-    for (const QString &name : names) {
+    for (SpoolListing names = refused.list(); !names.isEmpty(); names.removeFirst()) {
+        const QString name = names.first();
         const std::optional<SpoolDirectory::Mark> mark = refused.mark(name);
         if (!mark)
             continue;
@@ -196,9 +196,8 @@ void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
             continue;
         SpoolState::Unacknowledged sent{name, 0, 0, hasOwner(folder.get())};
         const SpoolDirectory kept(path);
-        const QStringList files = kept.list();
-        for (const QString &file : files) {
-            const std::optional<SpoolDirectory::Mark> mark = kept.mark(file);
+        for (SpoolListing files = kept.list(); !files.isEmpty(); files.removeFirst()) {
+            const std::optional<SpoolDirectory::Mark> mark = kept.mark(files.first());
             sent.files += mark ? 1 : 0;
             sent.bytes += mark ? mark->size : 0;
         }
