@@ -1,44 +1,34 @@
 #include "NumberedFiles.h"
 
+#include "NameTemplate.h"
+
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QFile>
 
 #include <algorithm>
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-constexpr qsizetype shortestNumber = 6; // digits of a record's file name
-
-} // namespace
-
-QString paddedNumber(qint64 number)
-{
-    return u"%1"_s.arg(number, int(shortestNumber), 10, QChar(u'0'));
-}
-
-bool NumberedFiles::open(const QString &path, bool overwriting)
+bool NumberedFiles::open(const QString &path, const QString &nameTemplate, bool overwriting)
 {
     directory = QDir(path);
+    names = nameTemplate;
     overwrite = overwriting;
     if (!directory.mkpath(u"."_s))
         return false;
     if (overwrite)
         return true;
-    const QStringList names = directory.entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
-    for (const QString &name : names) {
-        bool isNumber = false;
-        const qint64 number = name.toLongLong(&isNumber);
-        if (isNumber && name.size() >= shortestNumber)
-            last = std::max(last, number);
-    }
+    const QRegularExpression isOurs = namesFrom(names);
+    const QStringList there = directory.entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
+    for (const QString &name : there)
+        last = std::max(last, isOurs.match(name).captured(1).toLongLong());
     return true;
 }
 
-QString NumberedFiles::pathOf(qint64 number) const
+QString NumberedFiles::nextPath()
 {
-    return directory.absoluteFilePath(paddedNumber(number));
+    return directory.absoluteFilePath(fillIn(names, ++last, QDateTime::currentDateTime()));
 }
 
 // A file that is cut short by a crash keeps its hidden name.
@@ -53,13 +43,14 @@ std::optional<qint64> NumberedFiles::add(const QByteArray &content)
         return std::nullopt;
     }
     file.close();
+    QString path;
     do {
-        ++last;
+        path = nextPath();
         if (overwrite)
-            QFile::remove(pathOf(last));
-        if (file.rename(pathOf(last))) // it never replaces a file
+            QFile::remove(path);
+        if (file.rename(path)) // it never replaces a file
             return last;
-    } while (QFile::exists(pathOf(last)));
+    } while (QFile::exists(path));
     file.remove();
     return std::nullopt;
 }

@@ -1,5 +1,6 @@
 #include "Receiver.h"
 
+#include "NameTemplate.h"
 #include "Output.h"
 
 #include <QCoreApplication>
@@ -45,7 +46,8 @@ Receiver::~Receiver()
 
 bool Receiver::start()
 {
-    if (!options.directory.isEmpty() && !files.open(options.directory, options.overwrite)) {
+    if (!options.directory.isEmpty()
+        && !files.open(options.directory, options.nameTemplate, options.overwrite)) {
         complain(u"receive: the folder %1 cannot be used"_s.arg(options.directory));
         return false;
     }

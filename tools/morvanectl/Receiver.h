@@ -14,6 +14,7 @@ struct ReceiveOptions
     QHostAddress address;
     quint16 port = 0;
     QString directory; // none: records are only shown
+    QString nameTemplate; // of the files, with {number}
     bool overwrite = false;
     qint64 count = 0; // of records to leave after; 0: none
     quint32 longestRecord = 0; // bytes

@@ -3,6 +3,7 @@
 #include "Output.h"
 #include "Receiver.h"
 #include "StopSignals.h"
+#include "WholeFile.h"
 
 #include <QCoreApplication>
 
@@ -17,10 +18,12 @@ constexpr char description[] =
 Port 0 takes any free port; the first line says which.
 
 With --dir each record becomes one file in DIR, which is made if it is missing: 000001,
-000002 and so on, in the order of arrival. Numbering goes on behind the highest number
+000002 and so on, in the order of arrival. Another scheme is --name, as in
+"site7-{time}-{number}.rec", in which {number} stands for that number and {time} for when
+the record came, in UTC: 20301231T235959Z. Numbering goes on behind the highest number
 that is already there, and no file is overwritten, unless --overwrite starts again at
-000001. A file gets its number when it is complete. Without --dir records are shown
-and forgotten.
+000001. A file gets its name when it is complete. Without --dir records are shown and
+forgotten.
 
 A record holds its kind directly followed by its payload, so a kind is shown as how the
 record begins: "tempdb..." may also be "tempdb_t...". Keep-alives are shown and counted,
@@ -38,6 +41,8 @@ void addOptions(CommandLine &line)
     line.addValue(u"address"_s, u"ADDRESS"_s,
         u"Numeric address to listen on (default 127.0.0.1)."_s, u"127.0.0.1"_s);
     line.addValue(u"dir"_s, u"DIR"_s, u"Write each record to a file in this folder."_s);
+    line.addValue(u"name"_s, u"TEXT"_s,
+        u"Names of the files, with {number} and {time} (default {number})."_s, u"{number}"_s);
     line.addFlag(u"overwrite"_s, u"Start at 000001 and replace files of earlier runs."_s);
     line.addValue(u"count"_s, u"N"_s, u"Leave after N records."_s);
     line.addValue(u"limit"_s, u"BYTES"_s,
@@ -48,6 +53,7 @@ void addOptions(CommandLine &line)
     line.addFlag(u"quiet"_s, u"Do not show every record and connection."_s);
 }
 
+constexpr qsizetype longestTemplate = 200; // bytes; what is filled in needs room in a file's name
 constexpr int highest = std::numeric_limits<int>::max();
 
 // 0 if the option is not there.
@@ -82,12 +88,19 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
     if (const std::optional<int> status = readNumbers(line, options))
         return status;
     options.directory = line.value(u"dir"_s);
+    options.nameTemplate = line.value(u"name"_s);
     options.overwrite = line.isSet(u"overwrite"_s);
     options.quiet = line.isSet(u"quiet"_s);
     if (!options.address.setAddress(line.value(u"address"_s)))
         return line.wrongUsage(u"\"%1\" is no numeric address."_s.arg(line.value(u"address"_s)));
     if (options.directory.isEmpty() && (line.isSet(u"dir"_s) || options.overwrite))
         return line.wrongUsage(u"--dir takes a folder, and --overwrite needs it."_s);
+    if (options.directory.isEmpty() && line.isSet(u"name"_s))
+        return line.wrongUsage(u"--name needs --dir."_s);
+    if (!options.nameTemplate.contains(u"{number}"_s) || !isPlainName(options.nameTemplate)
+        || options.nameTemplate.toUtf8().size() > longestTemplate)
+        return line.wrongUsage(u"--name must hold {number}, no \"/\" and at most %1 bytes, and not "
+                               "begin with a dot."_s.arg(longestTemplate));
     if (options.closeAfter != 0 && options.stopAfter != 0)
         return line.wrongUsage(u"--close-after and --stop-after exclude each other."_s);
     return std::nullopt;

@@ -2,6 +2,7 @@
 #include "BusName.h"
 #include "CommandLine.h"
 #include "Commands.h"
+#include "NameTemplate.h"
 #include "Output.h"
 #include "Record.h"
 #include "Sender.h"
@@ -17,8 +18,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr int numberDigits = 6; // of {number}, so that names sort as numbers do
 
 constexpr char description[] =
     R"(Puts files, or standard input with "-", on the bus name MODULE as data records, in
@@ -63,13 +62,12 @@ bool canSendAll(const SendOptions &options)
 // Every file with the name of its record. Without a template that is the base name.
 QList<SendOptions::Item> itemsOf(const QStringList &files, const QString &nameTemplate)
 {
-    const QString time = QDateTime::currentDateTimeUtc().toString(u"yyyyMMdd'T'HHmmss'Z'"_s);
+    const QDateTime now = QDateTime::currentDateTime();
     QList<SendOptions::Item> items;
     for (const QString &file : files) {
-        const QString number = u"%1"_s.arg(items.size() + 1, numberDigits, 10, QChar(u'0'));
-        QString name = nameTemplate.isEmpty() ? u"{name}"_s : nameTemplate;
+        const QString text = nameTemplate.isEmpty() ? u"{name}"_s : nameTemplate;
         // The base name comes last: what is in it stays as it is.
-        name.replace(u"{number}"_s, number).replace(u"{time}"_s, time);
+        QString name = fillIn(text, items.size() + 1, now);
         name.replace(u"{name}"_s, QFileInfo(file).fileName());
         items.append({file, name});
     }

@@ -1,0 +1,30 @@
+#include "NameTemplate.h"
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int numberDigits = 6; // at least
+const QString numberField = u"{number}"_s;
+const QString timeField = u"{time}"_s;
+
+} // namespace
+
+QString paddedNumber(qint64 number)
+{
+    return u"%1"_s.arg(number, numberDigits, 10, QChar(u'0'));
+}
+
+QString fillIn(QString text, qint64 number, const QDateTime &time)
+{
+    return text.replace(numberField, paddedNumber(number))
+        .replace(timeField, time.toUTC().toString(u"yyyyMMdd'T'HHmmss'Z'"_s));
+}
+
+QRegularExpression namesFrom(const QString &text)
+{
+    QString pattern = QRegularExpression::escape(text);
+    pattern.replace(QRegularExpression::escape(numberField), u"(\\d{%1,18})"_s.arg(numberDigits));
+    pattern.replace(QRegularExpression::escape(timeField), u"\\d{8}T\\d{6}Z"_s);
+    return QRegularExpression(QRegularExpression::anchoredPattern(pattern));
+}
