@@ -11,11 +11,17 @@ namespace {
 
 constexpr qsizetype longestText = 65'536; // bytes of one text shown; a module may send megabytes
 
+OpenLine *openLine = nullptr;
+
 void writeLine(FILE *file, const QString &line)
 {
     const QByteArray bytes = line.toUtf8() + '\n';
+    if (openLine)
+        openLine->hide();
     std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file);
     std::fflush(file);
+    if (openLine)
+        openLine->show();
 }
 
 } // namespace
@@ -28,6 +34,11 @@ void say(const QString &line)
 void complain(const QString &line)
 {
     writeLine(stderr, u"morvanectl: "_s + line);
+}
+
+void setOpenLine(OpenLine *line)
+{
+    openLine = line;
 }
 
 bool isTerminal()

@@ -11,6 +11,18 @@ inline constexpr int usageStatus = 2;
 void say(const QString &line);
 void complain(const QString &line);
 
+// A line on the terminal that is not finished yet makes way for each of them.
+class OpenLine
+{
+public:
+    virtual void hide() = 0;
+    virtual void show() = 0;
+
+protected:
+    ~OpenLine() = default;
+};
+void setOpenLine(OpenLine *line); // null: there is none
+
 // Whether a person is looking at standard output.
 [[nodiscard]] bool isTerminal();
 

@@ -22,6 +22,13 @@ TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
     , input(STDIN_FILENO, QSocketNotifier::Read)
     , id(firstId)
 {
+    if (LineEditor::isPossible()) {
+        ended = true;
+        input.setEnabled(false);
+        editor.emplace("> ");
+        connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeLine);
+        connect(&*editor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
+    }
     connect(&input, &QSocketNotifier::activated, this, &TypedCommands::read);
     connect(&server, &AdminServer::moduleCame, this, &TypedCommands::sendWaiting);
 }

@@ -1,13 +1,17 @@
 #pragma once
 
+#include "LineEditor.h"
+
 #include <QByteArrayList>
 #include <QObject>
 #include <QSocketNotifier>
 
+#include <optional>
+
 class AdminServer;
 
-// The commands on standard input. They wait while no module is there, and beyond a limit they wait
-// outside of this process.
+// The commands on standard input; on a terminal its lines can be edited. They wait while no module
+// is there, and from a script, beyond a limit, outside of this process.
 //
 // Owner:   the subcommand, for the time of its event loop.
 class TypedCommands : public QObject
@@ -24,8 +28,9 @@ private:
     void send(const QByteArray &line);
 
     AdminServer &server;
-    QSocketNotifier input;
-    bool ended = false;
+    std::optional<LineEditor> editor; // on a terminal,
+    QSocketNotifier input; // otherwise
+    bool ended = false; // the input
     QByteArray unfinished; // line
     bool discarding = false; // the rest of a line that is too long
     QByteArrayList waiting;

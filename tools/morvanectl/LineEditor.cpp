@@ -1,0 +1,83 @@
+#include "LineEditor.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <editline/readline.h>
+#include <memory>
+#include <unistd.h>
+
+namespace {
+
+LineEditor *current = nullptr; // the library's callback has no argument for it
+constexpr char toAnEmptyLine[] = "\r\x1b[K";
+
+} // namespace
+
+LineEditor::LineEditor(const QByteArray &promptText)
+    : prompt(promptText)
+    , keys(STDIN_FILENO, QSocketNotifier::Read)
+{
+    current = this;
+    connect(&keys, &QSocketNotifier::activated, this, &LineEditor::readKey);
+    open();
+    setOpenLine(this);
+}
+
+LineEditor::~LineEditor()
+{
+    setOpenLine(nullptr);
+    hide();
+    ::rl_callback_handler_remove();
+    current = nullptr;
+}
+
+bool LineEditor::isPossible()
+{
+    return ::isatty(STDIN_FILENO) == 1 && isTerminal();
+}
+
+void LineEditor::open()
+{
+    isOpen = true;
+    ::rl_callback_handler_install(prompt.constData(), &LineEditor::take);
+    std::fflush(stdout);
+}
+
+void LineEditor::readKey()
+{
+    ::rl_callback_read_char();
+    if (isOpen || !keys.isEnabled())
+        return;
+    // The library leaves the terminal as it is without an editor behind each line, until a key
+    // comes; an end of input that comes first would be lost.
+    ::rl_callback_handler_remove();
+    open();
+}
+
+void LineEditor::take(char *line)
+{
+    const std::unique_ptr<char, decltype(&std::free)> owned(line, std::free);
+    LineEditor *const editor = current;
+    if (!line) {
+        editor->keys.setEnabled(false);
+        Q_EMIT editor->ended();
+        return;
+    }
+    if (*line != '\0')
+        ::add_history(line);
+    editor->isOpen = false;
+    Q_EMIT editor->typed(QByteArray(line));
+}
+
+void LineEditor::hide()
+{
+    if (isOpen)
+        std::fputs(toAnEmptyLine, stdout);
+    std::fflush(stdout);
+}
+
+void LineEditor::show()
+{
+    if (isOpen)
+        ::rl_forced_update_display();
+}

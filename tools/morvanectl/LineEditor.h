@@ -1,0 +1,38 @@
+#pragma once
+
+#include "Output.h"
+
+#include <QObject>
+#include <QSocketNotifier>
+
+// Lines that a person types on the terminal, with editing and a history. What is said meanwhile
+// stands above the line.
+//
+// Owner:   whoever wants the lines. There can be one at a time, for the library has one state.
+// Thread:  main thread.
+// Errors:  never throws. The destructor leaves the terminal as it was.
+class LineEditor : public QObject, private OpenLine
+{
+    Q_OBJECT
+public:
+    explicit LineEditor(const QByteArray &prompt);
+    ~LineEditor() override;
+
+    // Whether a person sits at both ends.
+    [[nodiscard]] static bool isPossible();
+
+Q_SIGNALS:
+    void typed(const QByteArray &line);
+    void ended();
+
+private:
+    void open();
+    void readKey();
+    static void take(char *line);
+    void hide() override;
+    void show() override;
+
+    const QByteArray prompt;
+    QSocketNotifier keys;
+    bool isOpen = false; // the line; not while a finished one is handled
+};
