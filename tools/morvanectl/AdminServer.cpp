@@ -13,6 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+constexpr mode_t othersMask = 0007; // the user and the group may connect
 constexpr qint64 maxUnreadBytes = 1'048'576; // commands that wait for one module to read them
 
 // Only the socket file that a server has left behind may go. Whatever else bears the name stays.
@@ -56,7 +57,11 @@ QString AdminServer::listen(const QString &name)
     const QString problem = clearName(name);
     if (!problem.isEmpty())
         return problem;
-    if (server->listen(name)) {
+    // The modules of a service have a user of their own, and this one's group in common.
+    const mode_t mask = ::umask(othersMask);
+    const bool listens = server->listen(name);
+    ::umask(mask);
+    if (listens) {
         events.listening(name);
         return {};
     }
