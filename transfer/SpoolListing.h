@@ -39,7 +39,7 @@ public:
     // To be called when all names are there.
     void sort();
 
-    [[nodiscard]] bool isEmpty() const { return next == places.size(); }
+    [[nodiscard]] bool isEmpty() const { return next >= places.size(); }
     [[nodiscard]] QString first() const;
     void removeFirst() { ++next; }
 
