@@ -1,13 +1,11 @@
 #pragma once
 
 #include "TTransferData.h"
+#include "Workplace.h"
 
-#include <QFile>
 #include <QRandomGenerator>
 #include <QTimerEvent>
 
-#include <chrono>
-#include <functional>
 #include <map>
 
 using Bytes = QByteArray;
@@ -20,31 +18,11 @@ inline Bytes noise(qsizetype size, quint32 seed)
     return bytes.first(size);
 }
 
-// The stream that a sender makes of a content.
-inline Bytes compressed(const Bytes &content)
-{
-    return qCompress(content, 7).sliced(4);
-}
-
-inline bool writeFile(const QString &path, const Bytes &content)
-{
-    QFile file(path);
-    return file.open(QFile::WriteOnly) && file.write(content) == content.size();
-}
-
-// What a file holds, and a text that says so if it cannot be read.
-inline Bytes contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QFile::ReadOnly) ? file.readAll() : Bytes("(no file)");
-}
-
-// An engine whose own timer never fires, with a record of all that it reports.
+// An engine whose own timer never fires, with its files and a record of all that it reports.
 struct Side
 {
     explicit Side(int quietTicks = 0)
-        : engine(
-            int(std::chrono::milliseconds(std::chrono::hours(24)).count()), quietTicks, nullptr)
+        : engine(86'400'000, quietTicks, nullptr)
     {
         using Engine = TFileTransfer;
         const auto on = [this](auto signal, auto slot) {
@@ -54,6 +32,11 @@ struct Side
         on(&Engine::FileReceived, [this](const QString &name) { received.append(name); });
         on(&Engine::FileSended, [this] { ++sended; });
         on(&Engine::FileRefused, [this](const QString &path) { refused.append(path); });
+        engine.SendPath(folder.makeFolder(QStringLiteral("in")) + u'/');
+    }
+    void open(const QString &name, const Bytes &content)
+    {
+        engine.OpenFile(folder.writeFile(name, content));
     }
     void tick()
     {
@@ -67,56 +50,49 @@ struct Side
     // What has been emitted since the last call.
     QList<Bytes> take() { return std::exchange(packets, {}); }
 
+    const Folder folder; // received files are in "in"
     TFileTransfer engine;
     QList<Bytes> packets;
     QStringList received, refused;
     int sended = 0;
 };
 
-// Two engines back to back. Packets are lost, doubled and, if they carry data, delayed by some
-// ticks. The others stay in order: a late information record would start the gathering afresh.
+// Two engines back to back. A bad channel loses half of the packets, doubles some and delays those
+// that carry data. The others stay in order: a late information record would start the gathering
+// afresh.
 struct Channel
 {
-    double loss = 0; // share of the packets, each way
-    double doubled = 0;
-    int maxDelay = 0; // ticks
-    QRandomGenerator random{1};
-
+    bool isBad = false;
     Side left, right;
-    std::multimap<int, Bytes> toLeft, toRight; // by the tick of their arrival
-    int ticks = 0;
-    qint64 datagrams = 0; // sent by both
 
     // Until both have reported so many deliveries; false if that takes too long.
-    bool run(int leftFiles, int rightFiles, int maxTicks = 1'000'000)
+    bool run(int leftFiles, int rightFiles)
     {
-        while (left.sended < leftFiles || right.sended < rightFiles) {
-            if (++ticks > maxTicks)
+        for (int tick = 0; left.sended < leftFiles || right.sended < rightFiles; ++tick) {
+            if (tick == 1'000'000)
                 return false;
-            step(left, right, toRight);
-            step(right, left, toLeft);
+            carry(left, right, toRight, tick);
+            carry(right, left, toLeft, tick);
         }
         return true;
     }
 
 private:
-    void step(Side &from, Side &to, std::multimap<int, Bytes> &way)
+    using Way = std::multimap<int, Bytes>; // by the tick of arrival
+
+    void carry(Side &from, Side &to, Way &way, int tick)
     {
         from.tick();
-        carry(from, way);
-        while (!way.empty() && way.begin()->first <= ticks)
+        for (const Bytes &packet : from.take()) {
+            const auto read = Packet::read(packet);
+            const bool mayWait = isBad && read && read->kind == Packet::Data && read->number > 0;
+            for (int copies = isBad ? random.bounded(4) - 1 : 1; copies > 0; --copies)
+                way.emplace(tick + (mayWait ? random.bounded(7) : 0), packet);
+        }
+        while (!way.empty() && way.begin()->first <= tick)
             to.receive(way.extract(way.begin()).mapped());
     }
-    void carry(Side &from, std::multimap<int, Bytes> &way)
-    {
-        for (const Bytes &packet : from.take()) {
-            ++datagrams;
-            const auto read = Packet::read(packet);
-            const bool mayWait = maxDelay > 0 && read && read->kind == Packet::Data && read->number;
-            for (int copies = random.generateDouble() < doubled ? 2 : 1; copies > 0; --copies) {
-                if (random.generateDouble() >= loss)
-                    way.emplace(ticks + (mayWait ? random.bounded(maxDelay) : 0), packet);
-            }
-        }
-    }
+
+    QRandomGenerator random{1};
+    Way toLeft, toRight;
 };
