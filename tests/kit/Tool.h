@@ -1,19 +1,23 @@
 #pragma once
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QProcess>
 
 #include <csignal>
 
 inline constexpr int patience = 10'000; // milliseconds; a loaded machine starts processes slowly
 
-// The tool as a process. What it has said is gathered.
+// The tool as a process in the temporary folder, which a Workplace sets. What it has said is
+// gathered.
 class Tool : public QProcess
 {
 public:
-    explicit Tool(const QStringList &arguments)
+    explicit Tool(const QString &arguments)
     {
-        start(QCoreApplication::applicationDirPath() + QStringLiteral("/morvanectl"), arguments);
+        setWorkingDirectory(QDir::tempPath());
+        start(QCoreApplication::applicationDirPath() + QStringLiteral("/morvanectl"),
+            splitCommand(arguments));
         if (!waitForStarted())
             qFatal("morvanectl does not start");
     }
