@@ -77,21 +77,10 @@ public:
     // Megabytes that the process holds in memory.
     [[nodiscard]] qint64 residentMegabytes() const
     {
-        return numberIn(u"statm"_s, 1) * 4096 / 1'000'000;
-    }
-    // Hundredths of a second that it has worked.
-    [[nodiscard]] qint64 processorTicks() const
-    {
-        return numberIn(u"stat"_s, 13) + numberIn(u"stat"_s, 14);
+        QFile file(u"/proc/%1/statm"_s.arg(processId()));
+        const bool isOpen = file.open(QIODevice::ReadOnly);
+        return isOpen ? file.readAll().split(' ').value(1).toLongLong() * 4096 / 1'000'000 : 0;
     }
 
     const Folder place;
-
-private:
-    [[nodiscard]] qint64 numberIn(const QString &status, qsizetype field) const
-    {
-        QFile file(u"/proc/%1/%2"_s.arg(processId()).arg(status));
-        return file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').value(field).toLongLong()
-                                              : 0;
-    }
 };
