@@ -6,6 +6,15 @@
 #include <QLocalSocket>
 #include <QtEndian>
 
+// "kind name message data id"
+inline QString shown(const BusFrame &frame)
+{
+    return QStringLiteral("%1 %2 %3 %4 %5")
+        .arg(QString::number(frame.kind), QString::fromUtf8(frame.name),
+            QString::fromUtf8(frame.message), QString::fromUtf8(frame.data),
+            QString::number(frame.id));
+}
+
 // A server of the bus, as another module or the administration server is one. It keeps the bytes of
 // all its connections together.
 class BusServer : public QLocalServer
@@ -33,14 +42,12 @@ public:
         return result;
     }
 
-    // "kind name message data id" of every frame, one line each.
+    // What every frame shows, one line each.
     [[nodiscard]] QStringList heard() const
     {
         QStringList lines;
         for (const BusFrame &frame : frames())
-            lines.append(QString::number(frame.kind) + u' ' + QString::fromUtf8(frame.name) + u' '
-                + QString::fromUtf8(frame.message) + u' ' + QString::fromUtf8(frame.data) + u' '
-                + QString::number(frame.id));
+            lines.append(shown(frame));
         return lines;
     }
 
