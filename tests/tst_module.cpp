@@ -1,12 +1,10 @@
 #include "ModuleBench.h"
 #include "TcpPeer.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QSettings>
 #include <QTest>
 #include <QThread>
-#include <QTimerEvent>
 
 using namespace Qt::StringLiterals;
 
@@ -14,63 +12,42 @@ class TestModule : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void numbersKeepSixteenBits_data();
-    void numbersKeepSixteenBits();
-    void aboutTextIsExact();
+    void aboutTellsTheSettings_data();
+    void aboutTellsTheSettings();
     void exampleSettingsHoldEveryKeyAndNoOther();
-
     void recordsBecomeSpoolFiles();
-    void failuresAreLogged();
     void unsendableProtocolDropsButReports();
-
     void linkEventsAreReportedWhileTheWatchIsOn();
     void hostThatIsNoAddressIsTriedOnceASecond();
     void secondStartDisturbsNothing();
     void startSwitchesTheScanThreadOnAndOff();
 };
 
-// --- settings and commands ---
-
-void TestModule::numbersKeepSixteenBits_data()
+void TestModule::aboutTellsTheSettings_data()
 {
     QTest::addColumn<QByteArray>("lines");
-    QTest::addColumn<QString>("shown"); // local port, port, host, timeout
-    QTest::newRow("defaults") << QByteArray() << u"9000 7071 127.0.0.1 1000"_s;
-    QTest::newRow("low 16 bits") << QByteArray("Port=65536\nLocalPort=70000\nTimeout=-1\n")
-                                 << u"4464 0 127.0.0.1 65535"_s;
-    QTest::newRow("no numbers") << QByteArray("Port=x\nLocalPort=\nTimeout=99999999999\n")
-                                << u"0 0 127.0.0.1 0"_s;
-    QTest::newRow("host with a comma") << QByteArray("Host=a,b\n") << u"9000 7071 a,b 1000"_s;
+    QTest::addColumn<QString>("text");
+    const QString text =
+        u"----\nИнформация о сборке.\nВерсия модуля: 5.4.18:eb0bac411f09\nВерсия Harnix: 1.0.0\n\n"
+        "----\nИнформация о работе модуля.\nЛокальный UDP-порт: %1\nУдаленный UDP-порт: %2\n"
+        "Удаленный хост: %3\nТаймаут передачи: %4\n"_s;
+    QTest::newRow("defaults") << QByteArray()
+                              << text.arg(u"9000"_s, u"7071"_s, u"127.0.0.1"_s, u"1000"_s);
+    QTest::newRow("numbers keep 16 bits, and a comma is text")
+        << QByteArray("LocalPort=70000\nPort=x\nHost=a,b\nTimeout=-1\n")
+        << text.arg(u"4464"_s, u"0"_s, u"a,b"_s, u"65535"_s);
 }
 
-void TestModule::numbersKeepSixteenBits()
+void TestModule::aboutTellsTheSettings()
 {
     QFETCH(QByteArray, lines);
+    QFETCH(QString, text);
     ModuleBench bench(lines);
-    bench.command("About");
-    QTRY_COMPARE(bench.admin.frames().size(), 2);
-    const QStringList about = QString::fromUtf8(bench.admin.frames().last().message).split(u'\n');
-    QStringList values;
-    for (const QString &line : about.sliced(7, 4))
-        values.append(line.section(u": "_s, 1));
-    QTEST(values.join(u' '), "shown");
-}
-
-void TestModule::aboutTextIsExact()
-{
-    ModuleBench bench("LocalPort=1\nPort=2\nHost=::1\nTimeout=3\n");
     bench.command("About", "ignored", 42);
+    const QByteArray answer = BusFrame::makeAction("About", text.toUtf8(), "", 42);
     QTRY_COMPARE(bench.admin.frames().size(), 2);
-    const BusFrame reply = bench.admin.frames().last();
-    QCOMPARE(reply.kind, uchar(BusFrame::Action));
-    QCOMPARE(reply.name, QByteArray("About"));
-    QCOMPARE(reply.id, 42);
-    QCOMPARE(QString::fromUtf8(reply.message),
-        u"----\nИнформация о сборке.\nВерсия модуля: 5.4.18:eb0bac411f09\nВерсия Harnix: 1.0.0\n\n"
-        "----\nИнформация о работе модуля.\nЛокальный UDP-порт: 1\nУдаленный UDP-порт: 2\n"
-        "Удаленный хост: ::1\nТаймаут передачи: 3\n"_s);
-    QVERIFY(bench.admin.received.endsWith(QByteArray::fromHex("00000000 01 ffff ffff 0000 0000 0000"
-                                                              "0000002a")));
+    QCOMPARE(QString::fromUtf8(bench.admin.frames().last().message), text);
+    QVERIFY(bench.admin.received.endsWith(answer));
 }
 
 void TestModule::exampleSettingsHoldEveryKeyAndNoOther()
@@ -82,39 +59,28 @@ void TestModule::exampleSettingsHoldEveryKeyAndNoOther()
     QCOMPARE(explained, bench.module.prepareTemplateSettings()->allKeys());
 }
 
-// --- records in ---
-
 void TestModule::recordsBecomeSpoolFiles()
 {
     ModuleBench bench("Protocol=UDP\n");
-    bench.record("tempdb", u"unwatched"_s, "x");
+    bench.place.forgetLog();
     bench.command("Input_Data_On");
     for (const char *kind : {"tempdb", "error", "tempdb_t", "tempdb_", "Error", ""})
         bench.record(kind, u"имя "_s + QLatin1StringView(kind), QByteArray("\0AB", 3));
     bench.command("Input_Data_Off");
     bench.record("tempdb_t", u"empty"_s, "");
     QCOMPARE(bench.spooled(),
-        QStringList(
-            {u"empty"_s, u"unwatched"_s, u"имя error"_s, u"имя tempdb"_s, u"имя tempdb_t"_s}));
+        QStringList({u"empty"_s, u"имя error"_s, u"имя tempdb"_s, u"имя tempdb_t"_s}));
     QCOMPARE(bench.place.readFile(u"spool/имя error"_s), QByteArray("error\0AB", 8));
     QCOMPARE(bench.place.readFile(u"spool/empty"_s), QByteArray("tempdb_t"));
     QTRY_COMPARE(bench.reports(),
         QStringList(
             {u"New data: имя tempdb"_s, u"New data: имя error"_s, u"New data: имя tempdb_t"_s}));
-}
 
-void TestModule::failuresAreLogged()
-{
-    ModuleBench bench("Protocol=UDP\n");
-    bench.place.forgetLog();
-    bench.record("error", u""_s, "x");
     bench.record("error", u"../x"_s, "x");
-    QCOMPARE(bench.place.logged(), QStringList(2, u"Can not create temporary file"_s));
-    QVERIFY(bench.spooled().isEmpty() && !QFile::exists(bench.place.path(u"x"_s)));
-
-    QVERIFY(QDir().rmdir(bench.spool));
+    QVERIFY(QDir(bench.spool).removeRecursively());
     bench.record("error", u"f"_s, "x");
-    QCOMPARE(bench.place.logged().last(), u"Can not open lock-file"_s);
+    QCOMPARE(bench.place.logged(),
+        QStringList({u"Can not create temporary file"_s, u"Can not open lock-file"_s}));
 }
 
 void TestModule::unsendableProtocolDropsButReports()
@@ -122,13 +88,10 @@ void TestModule::unsendableProtocolDropsButReports()
     ModuleBench bench("Protocol=tcp\n");
     bench.module.Start();
     bench.command("Input_Data_On");
-    bench.command("input_data_off");
     bench.record("error", u"f"_s, "x");
     QTRY_COMPARE(bench.reports(), QStringList{u"New data: f"_s});
     QVERIFY(bench.spooled().isEmpty());
 }
-
-// --- the TCP link ---
 
 void TestModule::linkEventsAreReportedWhileTheWatchIsOn()
 {
@@ -143,14 +106,11 @@ void TestModule::linkEventsAreReportedWhileTheWatchIsOn()
     QTRY_COMPARE(bench.reports().last(), u"Connection established."_s);
     peer.reset();
     QTRY_COMPARE(bench.reports().filter(u"Socket error: 1"_s).size(), 1);
-    bench.module.Debug("text of another \xD1\x84");
-    QTRY_COMPARE(bench.reports().last(), u"text of another ф"_s);
     bench.command("Input_Data_Off");
-    const qsizetype reported = bench.reports().size();
     bench.module.Debug("unheard");
     bench.command("Input_Data_On");
     bench.module.Debug("heard");
-    QTRY_COMPARE(bench.reports().sliced(reported), QStringList{u"heard"_s});
+    QTRY_COMPARE(bench.reports().filter(u"heard"_s), QStringList{u"heard"_s});
 }
 
 void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
