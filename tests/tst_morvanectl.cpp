@@ -58,6 +58,7 @@ private Q_SLOTS:
     void adminWaitsForWhatItsCommandsDo();
     void adminTakesTypedCommandsAndShowsActions();
     void adminTakesNoNameAway();
+    void linesCanBeEditedOnATerminal();
 };
 
 void TestMorvanectl::wrongUsageGivesStatusTwo_data()
@@ -72,6 +73,8 @@ void TestMorvanectl::wrongUsageGivesStatusTwo_data()
     row("a kind that modules drop", u"send mod /etc/passwd --kind Error"_s, "\"Error\"");
     row("a record name with a folder", u"send mod /etc/passwd --name a/b"_s, "\"a/b\"");
     row("a switch without its position", u"admin x watch maybe"_s, "\"watch maybe\"");
+    row("names that leave the folder", u"receive 0 --dir in --name ../{number}"_s, "{number}");
+    row("names without a number", u"receive 0 --dir in --name x"_s, "{number}");
     row("a host name as address", u"receive 0 --address localhost"_s, "\"localhost\"");
 }
 
@@ -131,9 +134,10 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
 {
     const Workplace place;
     const QDir folder(place.makeFolder(u"in"_s));
-    place.writeFile(u"in/000009"_s, "old");
+    place.writeFile(u"in/s.000009"_s, "old");
+    place.writeFile(u"in/s7000011"_s, "another's");
     const QByteArray large = "error" + QByteArray(3'000'000, '\0');
-    Tool tool(u"receive 0 --dir in --count 3 --limit 3000005"_s);
+    Tool tool(u"receive 0 --dir in --name s.{number} --count 3 --limit 3000005"_s);
 
     PeerLink brief(tool);
     brief.write(LinkRecord::make("tempdb_t1") + LinkRecord::make("live")
@@ -153,7 +157,8 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
     for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden))
         files.append(name.toUtf8() + ' ' + place.readFile(u"in/"_s + name));
     QCOMPARE(files,
-        QByteArrayList({"000009 old", "000010 tempdb_t1", "000011 tempdb", "000012 " + large}));
+        QByteArrayList({"s.000009 old", "s.000010 tempdb_t1", "s.000011 tempdb",
+            "s.000012 " + large, "s7000011 another's"}));
 }
 
 void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
@@ -263,6 +268,28 @@ void TestMorvanectl::adminTakesNoNameAway()
         QTRY_VERIFY_WITH_TIMEOUT(killedAtOnce.says("Listening"), patience);
     }
     QVERIFY(QFile::exists(place.path(u"stale"_s)));
+}
+
+void TestMorvanectl::linesCanBeEditedOnATerminal()
+{
+    const Workplace place;
+    QProcess terminal;
+    terminal.start(u"script"_s,
+        {u"-qfec"_s, QCoreApplication::applicationDirPath() + u"/morvanectl admin admin"_s,
+            u"/dev/null"_s});
+    QByteArray shown;
+    QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("> "), patience);
+    AdminLink module("node1");
+    terminal.write("bout\x01"
+                   "a\n"); // to the beginning of the line
+    QByteArray heard = command("About", 1);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    terminal.write("\x1b[A\n"); // the line before this one
+    heard += command("About", 2);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    terminal.write("\x04"); // the end of the input
+    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
+    QCOMPARE(terminal.exitCode(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestMorvanectl)
