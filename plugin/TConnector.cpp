@@ -78,7 +78,13 @@ void TMyLocalSocket::fillInbox()
     std::memmove(inbox.data(), inbox.constData() + taken, size_t(rest));
     taken = 0;
     inbox.resize(inboxBytes);
-    inbox.truncate(rest + std::max<qint64>(read(inbox.data() + rest, inboxBytes - rest), 0));
+    inbox.truncate(rest + readSome(inbox.data() + rest, inboxBytes - rest));
+}
+
+// Nothing of a socket that was closed meanwhile, which does not like to be read.
+qint64 TMyLocalSocket::readSome(char *to, qint64 size)
+{
+    return bytesAvailable() > 0 ? std::max<qint64>(read(to, size), 0) : 0;
 }
 
 qint64 TMyLocalSocket::takeLarge(char *to, qint64 size)
@@ -86,7 +92,7 @@ qint64 TMyLocalSocket::takeLarge(char *to, qint64 size)
     qint64 count = std::min<qint64>(size, inbox.size() - taken);
     std::memcpy(to, inbox.constData() + taken, size_t(count));
     taken += count;
-    count += std::max<qint64>(read(to + count, size - count), 0);
+    count += readSome(to + count, size - count);
     // What arrives from here on is taken past Qt's buffer, which would cost one more copy. An end
     // or an error is left for Qt to find.
     while (count < size) {

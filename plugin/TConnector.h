@@ -46,6 +46,7 @@ private Q_SLOTS:
 
 private:
     void fillInbox();
+    qint64 readSome(char *to, qint64 size);
 
     // Read from the socket many small frames at a time: each call of read() costs more than all
     // else that is done with one of them.
