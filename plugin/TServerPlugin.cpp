@@ -57,7 +57,9 @@ void TServerPlugin::loadLog(const QSettings &settings)
     if (name.isEmpty())
         name =
             TLog::getDirPathDefault(QFileInfo(QCoreApplication::applicationFilePath()).baseName());
-    pLog = new TLog(name); // the log of an earlier load stays: somebody may still hold it
+    // The log of an earlier load stays: somebody may still hold it.
+    static auto *const logs = new QList<TLog *>;
+    pLog = logs->emplaceBack(new TLog(name));
     pLog->level = settingText(settings, BaseSettings::log).toInt();
     pLog->Enabled(pLog->level != 0);
 }
