@@ -118,15 +118,19 @@ void TestSpool::onlyFilesThatCanBeSentAreListedInOrder()
     spool.place.makeFolder(u"spool/folder"_s);
     QCOMPARE(::mkfifo(QFile::encodeName(spool.directory.pathOf(u"fifo"_s)).constData(), 0600), 0);
     QVERIFY(link(u"spool/fifo"_s, u"to_fifo"_s));
-    const QByteArray invalid = QFile::encodeName(spool.folder) + "/\xff\xfe";
-    QCOMPARE(::mknod(invalid.constData(), S_IFREG | 0600, 0), 0);
+    const QByteArrayList foreign = {"/\xff\xfe",
+        "/\xef\xbb\xbf"
+        "1"}; // a byte order mark
+    for (const QByteArray &name : foreign)
+        QCOMPARE(::mknod((spool.folder.toUtf8() + name).constData(), S_IFREG | 0600, 0), 0);
 
     QStringList listed, oneByOne;
     for (SpoolListing rest = spool.directory.list(); !rest.isEmpty(); rest.removeFirst()) {
         listed += rest.first();
         oneByOne += spool.directory.first([&](const QString &n) { return oneByOne.contains(n); });
     }
-    ::unlink(invalid.constData()); // QTemporaryDir cannot
+    for (const QByteArray &name : foreign)
+        ::unlink((spool.folder.toUtf8() + name).constData()); // QTemporaryDir cannot
     QCOMPARE(listed, order);
     QCOMPARE(oneByOne, order);
     QCOMPARE(spool.directory.open(order.last()).read(), QByteArray("x"));

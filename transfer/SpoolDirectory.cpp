@@ -53,8 +53,8 @@ bool isRegularFile(int directory, const dirent &entry)
 }
 
 // Calls visit(name, isFile) for every visible name, in no order; isFile() says whether it is one to
-// be sent, and may cost a system call. A name that is not valid UTF-8 cannot be written as a
-// QString and so cannot be opened: it is left out.
+// be sent, and may cost a system call. A name that a QString cannot hold, being no UTF-8 or
+// beginning with a byte order mark, would be read as another file's: it is left out.
 template <typename Visit> void forEachName(const QString &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(
@@ -63,7 +63,7 @@ template <typename Visit> void forEachName(const QString &path, Visit visit)
         return;
     while (const dirent *entry = ::readdir(directory.get())) {
         const QByteArray name(entry->d_name);
-        if (!name.startsWith('.') && name.isValidUtf8())
+        if (!name.startsWith('.') && QFile::encodeName(QFile::decodeName(name)) == name)
             visit(name, [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
     }
 }

@@ -4,12 +4,19 @@
 #include <cstdlib>
 #include <editline/readline.h>
 #include <memory>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
 
 LineEditor *current = nullptr; // the library's callback has no argument for it
 constexpr char toAnEmptyLine[] = "\r\x1b[K";
+
+bool isHungUp()
+{
+    pollfd terminal = {STDIN_FILENO, POLLIN, 0};
+    return ::poll(&terminal, 1, 0) > 0 && (terminal.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+}
 
 } // namespace
 
@@ -18,6 +25,7 @@ LineEditor::LineEditor(const QByteArray &promptText)
     , keys(STDIN_FILENO, QSocketNotifier::Read)
 {
     current = this;
+    ::rl_catch_signals = 0; // its handlers change what they have interrupted
     connect(&keys, &QSocketNotifier::activated, this, &LineEditor::readKey);
     open();
     setOpenLine(this);
@@ -45,6 +53,8 @@ void LineEditor::open()
 
 void LineEditor::readKey()
 {
+    if (isHungUp()) // the library would neither read nor say so
+        return take(nullptr);
     ::rl_callback_read_char();
     if (isOpen || !keys.isEnabled())
         return;

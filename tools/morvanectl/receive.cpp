@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 #include "Commands.h"
+#include "NameTemplate.h"
 #include "Output.h"
 #include "Receiver.h"
 #include "StopSignals.h"
@@ -53,7 +54,7 @@ void addOptions(CommandLine &line)
     line.addFlag(u"quiet"_s, u"Do not show every record and connection."_s);
 }
 
-constexpr qsizetype longestTemplate = 200; // bytes; what is filled in needs room in a file's name
+constexpr qsizetype longestName = 255; // bytes, of a file
 constexpr int highest = std::numeric_limits<int>::max();
 
 // 0 if the option is not there.
@@ -97,10 +98,11 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
         return line.wrongUsage(u"--dir takes a folder, and --overwrite needs it."_s);
     if (options.directory.isEmpty() && line.isSet(u"name"_s))
         return line.wrongUsage(u"--name needs --dir."_s);
-    if (!options.nameTemplate.contains(u"{number}"_s) || !isPlainName(options.nameTemplate)
-        || options.nameTemplate.toUtf8().size() > longestTemplate)
-        return line.wrongUsage(u"--name must hold {number}, no \"/\" and at most %1 bytes, and not "
-                               "begin with a dot."_s.arg(longestTemplate));
+    const QString longest = fillIn(options.nameTemplate, highest, QDateTime::currentDateTime());
+    if (options.nameTemplate.count(u"{number}"_s) != 1 || !isPlainName(longest)
+        || longest.toUtf8().size() > longestName)
+        return line.wrongUsage(u"--name must hold {number} once, no \"/\", and not begin with a "
+                               "dot; a name has %1 bytes at most."_s.arg(longestName));
     if (options.closeAfter != 0 && options.stopAfter != 0)
         return line.wrongUsage(u"--close-after and --stop-after exclude each other."_s);
     return std::nullopt;
