@@ -62,6 +62,16 @@ bool hasOwner(int folder)
     return false;
 }
 
+// In the order of sending, those that are still there when it is their turn.
+template <typename Visit> void forEachFile(const SpoolDirectory &folder, Visit visit)
+{
+    for (SpoolListing names = folder.list(); !names.isEmpty(); names.removeFirst()) {
+        const QString name = names.first();
+        if (const std::optional<SpoolDirectory::Mark> mark = folder.mark(name))
+            visit(SpoolState::File{name, mark->size, ageOf(mark->modified)}, *mark);
+    }
+}
+
 } // namespace
 
 SpoolObserver::SpoolObserver(const QString &path, std::optional<quint16> udpTimeout)
@@ -96,12 +106,7 @@ SpoolState SpoolObserver::look()
 
 void SpoolObserver::lookAtWaiting(SpoolState &state)
 {
-    for (SpoolListing names = spool.list(); !names.isEmpty(); names.removeFirst()) {
-        const QString name = names.first();
-        const std::optional<SpoolDirectory::Mark> mark = spool.mark(name);
-        if (!mark)
-            continue;
-        const SpoolState::File file{name, mark->size, ageOf(mark->modified)};
+    forEachFile(spool, [&](const SpoolState::File &file, const SpoolDirectory::Mark &mark) {
         ++state.files;
         state.bytes += file.bytes;
         if (!state.oldest || file.age > state.oldest->age)
@@ -109,8 +114,8 @@ void SpoolObserver::lookAtWaiting(SpoolState &state)
         if (state.first.size() < mostFirst)
             state.first.append(file);
         if (state.transfer)
-            addTransfer(*state.transfer, name, *mark);
-    }
+            addTransfer(*state.transfer, file.name, mark);
+    });
 }
 
 void SpoolObserver::addTransfer(
@@ -156,14 +161,9 @@ std::optional<qint64> SpoolObserver::compressedSize(
 void SpoolObserver::lookAtRefused(SpoolState &state)
 {
     const SpoolDirectory refused(spool.pathOf(u"refused"_s));
-    for (SpoolListing names = refused.list(); !names.isEmpty(); names.removeFirst()) {
-        const QString name = names.first();
-        const std::optional<SpoolDirectory::Mark> mark = refused.mark(name);
-        if (!mark)
-            continue;
-        const SpoolState::File file{name, mark->size, ageOf(mark->modified)};
-        state.refused.append({file, refusalReason(refused, file, *mark)});
-    }
+    forEachFile(refused, [&](const SpoolState::File &file, const SpoolDirectory::Mark &mark) {
+        state.refused.append({file, refusalReason(refused, file, mark)});
+    });
 }
 
 QString SpoolObserver::refusalReason(
@@ -196,11 +196,10 @@ void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
             continue;
         SpoolState::Unacknowledged sent{name, 0, 0, hasOwner(folder.get())};
         const SpoolDirectory kept(path);
-        for (SpoolListing files = kept.list(); !files.isEmpty(); files.removeFirst()) {
-            const std::optional<SpoolDirectory::Mark> mark = kept.mark(files.first());
-            sent.files += mark ? 1 : 0;
-            sent.bytes += mark ? mark->size : 0;
-        }
+        forEachFile(kept, [&](const SpoolState::File &file, const SpoolDirectory::Mark &) {
+            ++sent.files;
+            sent.bytes += file.bytes;
+        });
         state.unacknowledged.append(sent);
     }
 }

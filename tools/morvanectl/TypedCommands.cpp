@@ -23,7 +23,7 @@ TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
     , id(firstId)
 {
     if (LineEditor::isPossible()) {
-        ended = true;
+        ended = true; // nothing is read past the editor
         input.setEnabled(false);
         editor.emplace("> ");
         connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeLine);
