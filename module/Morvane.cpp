@@ -51,6 +51,11 @@ Morvane::Morvane()
 
 Morvane::~Morvane() = default;
 
+QString Morvane::version()
+{
+    return QString::fromLatin1(moduleVersion);
+}
+
 // --- settings and start ---
 
 void Morvane::LoadSettings(QString path)
@@ -173,7 +178,7 @@ QString Morvane::aboutText() const
            "Локальный UDP-порт: %3\n"
            "Удаленный UDP-порт: %4\n"
            "Удаленный хост: %5\n"
-           "Таймаут передачи: %7\n"_s.arg(QLatin1StringView(moduleVersion))
+           "Таймаут передачи: %7\n"_s.arg(version())
                .arg(localPort)
                .arg(port)
                .arg(host)

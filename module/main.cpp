@@ -1,27 +1,67 @@
+#include "Arguments.h"
 #include "Memory.h"
 #include "Morvane.h"
+#include "Settings.h"
 #include "StopSignals.h"
 #include "TLog.h"
+#include "Version.h"
 
 #include <QCoreApplication>
 #include <QTranslator>
 
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 
 using namespace Qt::StringLiterals;
 
 namespace {
 
-// The settings files that the command line names, in order. An empty path, which stands for the
-// default file, when it names none.
-QStringList settingsFiles(const QStringList &arguments)
+constexpr int failureStatus = 1;
+
+int show(const QString &text)
 {
-    QStringList files;
-    for (qsizetype i = 1; i + 1 < arguments.size(); ++i) {
-        if (arguments.at(i) == "-settings"_L1)
-            files.append(arguments.at(++i));
-    }
-    return files.isEmpty() ? QStringList{QString()} : files;
+    const QByteArray line = text.toUtf8() + '\n';
+    std::fwrite(line.constData(), 1, size_t(line.size()), stdout);
+    return std::fflush(stdout) == 0 ? 0 : failureStatus;
+}
+
+QString version()
+{
+    return u"morvane %1, support library %2"_s.arg(Morvane::version(), getHarnixVersion());
+}
+
+void logStart(const QStringList &settingsFiles)
+{
+    pLog->Message(u"This is %1, process %2, settings %3"_s.arg(version(),
+        QString::number(QCoreApplication::applicationPid()),
+        settingsFiles.last().isEmpty() ? getIniNameDefault(false) : settingsFiles.last()));
+}
+
+void logStop(int status)
+{
+    const QString signal = stopSignal() == 0
+        ? QString()
+        : u" by SIG%1"_s.arg(QLatin1StringView(::sigabbrev_np(stopSignal())));
+    pLog->Message(u"Stopped%1, exit status %2"_s.arg(signal).arg(status));
+}
+
+int run(const QStringList &settingsFiles)
+{
+    QTranslator translator;
+    std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
+    QCoreApplication::installTranslator(&translator);
+
+    // Lives until the process ends: what is under way needs no tearing down.
+    static Morvane *const module = new Morvane;
+    for (const QString &file : settingsFiles)
+        module->LoadSettings(file);
+    module->Start();
+    pLog->Message(u"Start Ok!"_s);
+    logStart(settingsFiles);
+    const int status = QCoreApplication::exec();
+    logStop(status);
+    return status;
 }
 
 } // namespace
@@ -34,16 +74,14 @@ int main(int argc, char *argv[])
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication application(argc, argv);
+    const Arguments arguments(QCoreApplication::arguments());
+    for (const QString &remark : arguments.remarks)
+        std::fprintf(stderr, "morvane: %s\n", remark.toUtf8().constData());
+    if (arguments.task == Arguments::Task::ShowHelp)
+        return show(helpText());
+    if (arguments.task == Arguments::Task::ShowVersion)
+        return show(version());
     endLoopOnStopSignals(&application);
-    QTranslator translator;
-    std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
-    QCoreApplication::installTranslator(&translator);
-
-    // Lives until the process ends: what is under way needs no tearing down.
-    static Morvane *const module = new Morvane;
-    for (const QString &file : settingsFiles(QCoreApplication::arguments()))
-        module->LoadSettings(file);
-    module->Start();
-    pLog->Message(u"Start Ok!"_s);
-    return QCoreApplication::exec();
+    onSignals({SIGHUP}, &application, [](int) { pLog->Reopen(); });
+    return run(arguments.settingsFiles);
 }

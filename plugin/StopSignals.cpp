@@ -5,19 +5,44 @@
 
 #include <csignal>
 #include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace {
+
+int endedBy = 0;
+
+} // namespace
+
+void onSignals(
+    std::initializer_list<int> signals, QObject *context, std::function<void(int signal)> handler)
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : signals)
+        sigaddset(&set, signal);
+    const int descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0)
+        return qErrnoWarning("Signals end this program at once");
+    // Blocked, they wait in the descriptor, and only the event loop hears of them.
+    ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, context);
+    QObject::connect(
+        notifier, &QSocketNotifier::activated, context, [descriptor, handle = std::move(handler)] {
+            signalfd_siginfo info;
+            while (::read(descriptor, &info, sizeof(info)) == ssize_t(sizeof(info)))
+                handle(int(info.ssi_signo));
+        });
+}
 
 void endLoopOnStopSignals(QObject *context)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    // Blocked, they wait in the descriptor, and only the event loop hears of them.
-    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const int descriptor = ::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, context);
-    QObject::connect(notifier, &QSocketNotifier::activated, context, [notifier] {
-        notifier->setEnabled(false);
+    onSignals({SIGINT, SIGTERM}, context, [](int signal) {
+        endedBy = signal;
         QCoreApplication::exit(0);
     });
+}
+
+int stopSignal()
+{
+    return endedBy;
 }

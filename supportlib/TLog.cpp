@@ -90,6 +90,12 @@ void TLog::Message(QString text)
     complained = false;
 }
 
+void TLog::Reopen()
+{
+    closeFile();
+    complained = false;
+}
+
 bool TLog::openFile()
 {
     descriptor = ::open(

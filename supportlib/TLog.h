@@ -29,6 +29,9 @@ public:
     // control character is shown as an escape, so that an entry never spreads over lines.
     void Message(QString text);
 
+    // Lets go of the file; the next entry opens the one that bears the name then.
+    void Reopen();
+
     [[nodiscard]] QString filePath() const { return path; }
 
     int level = 0; // [Base]/Log as it was read; 0 means off

@@ -1,3 +1,4 @@
+#include "Arguments.h"
 #include "BusEnds.h"
 #include "ModuleProcess.h"
 #include "Record.h"
@@ -8,6 +9,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <cstring>
 
 using namespace Qt::StringLiterals;
 
@@ -28,6 +30,8 @@ private Q_SLOTS:
     void initTestCase();
     void startUpFollowsItsOrder();
     void argumentsNameTheSettingsFiles();
+    void whatTheCommandLineMeans_data();
+    void whatTheCommandLineMeans();
     void lossOfTheAdministrationServerGivesStatusFive();
     void filesCrossABadLinkBothWays();
     void rubbishHarmsNobody();
@@ -92,7 +96,11 @@ void TestProcess::startUpFollowsItsOrder()
     QTRY_VERIFY_WITH_TIMEOUT(whole.isListening(), patience);
     QVERIFY(started.elapsed() > 14'000);
     QCOMPARE(admin->heard(), QStringList{u"200 me   0"_s});
-    QCOMPARE(whole.place.logged(u"morvane.log"_s),
+    QStringList entries = whole.place.logged(u"morvane.log"_s);
+    const QString start = entries.takeAt(1);
+    QVERIFY2(start.startsWith(u"This is morvane 5.4."_s) && start.endsWith(u"/morvane.ini"_s),
+        qPrintable(start));
+    QCOMPARE(entries,
         QStringList({u"Start Ok!"_s, u"New Out Connnection"_s, u"New Out Connnection"_s,
             u"Start server: me Ok!!!! "_s}));
 }
@@ -100,9 +108,41 @@ void TestProcess::startUpFollowsItsOrder()
 void TestProcess::argumentsNameTheSettingsFiles()
 {
     const QString warning = u"Warrning: No Connections "_s;
-    QCOMPARE(orphan.place.logged(u"b.log"_s).mid(0, 2), QStringList({warning, u"Start Ok!"_s}));
+    const QStringList entries = orphan.place.logged(u"b.log"_s);
+    QCOMPARE(entries.mid(0, 2), QStringList({warning, u"Start Ok!"_s}));
+    QVERIFY2(entries.value(2).endsWith(u"/b.ini"_s), qPrintable(entries.value(2)));
     QCOMPARE(orphan.place.logged(u"a.log"_s),
         QStringList({u"Error load settings AdminServerName: NoName "_s, warning}));
+}
+
+void TestProcess::whatTheCommandLineMeans_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QStringList>("files");
+    QTest::addColumn<QString>("remark"); // its beginning; empty: there is none
+    const QString missing = u"\"-settings\" at the end has no effect"_s;
+    const QStringList defaultFile{QString()};
+    QTest::newRow("none") << QStringList() << defaultFile << QString();
+    QTest::newRow("one file") << QStringList{u"-settings"_s, u"a"_s} << QStringList{u"a"_s}
+                              << QString();
+    QTest::newRow("two files") << QStringList{u"-settings"_s, u"a"_s, u"-settings"_s,
+        u"-settings"_s} << QStringList{u"a"_s, u"-settings"_s}
+                               << u"2 settings files"_s;
+    QTest::newRow("no file") << QStringList{u"-settings"_s} << defaultFile << missing;
+    QTest::newRow("a file and none")
+        << QStringList{u"-settings"_s, u"a"_s, u"-settings"_s} << QStringList{u"a"_s} << missing;
+    QTest::newRow("a wrong word") << QStringList{u"--settings"_s} << defaultFile
+                                  << u"Argument \"--settings\" has no effect"_s;
+}
+
+void TestProcess::whatTheCommandLineMeans()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, remark);
+    const Arguments read(QStringList{u"morvane"_s} + arguments);
+    QTEST(read.settingsFiles, "files");
+    QCOMPARE(read.remarks.size(), remark.isEmpty() ? 0 : 1);
+    QVERIFY(read.remarks.value(0).startsWith(remark));
 }
 
 void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
@@ -111,6 +151,7 @@ void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
     orphanAdmin.reset();
     QTRY_COMPARE(orphan.state(), QProcess::NotRunning);
     QCOMPARE(orphan.exitCode(), 5);
+    QCOMPARE(orphan.place.logged(u"b.log"_s).last(), u"Stopped, exit status 5"_s);
 }
 
 void TestProcess::filesCrossABadLinkBothWays()
@@ -177,11 +218,14 @@ void TestProcess::stopSignalsGiveStatusZeroAndKeepTheSpool()
         QTRY_VERIFY_WITH_TIMEOUT(process->isListening(), patience);
         for (const QString &name : {u"stays"_s, u"stays too"_s})
             process->place.writeFile(u"spool/"_s + name, QByteArray(900'000, 'x'));
+        ::kill(pid_t(process->processId()), SIGHUP); // opens the log anew, nothing else
         ::kill(pid_t(process->processId()), signal);
         QTRY_COMPARE(process->state(), QProcess::NotRunning);
         QCOMPARE(process->exitStatus(), QProcess::NormalExit);
         QCOMPARE(process->exitCode(), 0);
         QCOMPARE(process->spooled(), QStringList({u"stays"_s, u"stays too"_s}));
+        QCOMPARE(process->place.logged(u"morvane.log"_s).last(),
+            u"Stopped by SIG%1, exit status 0"_s.arg(QLatin1StringView(::sigabbrev_np(signal))));
     }
 }
 

@@ -60,7 +60,7 @@ void TestTranslation::moduleSpeaksTheLanguageOfItsWorkingDirectory()
     ModuleProcess module;
     QVERIFY(QFile::copy(QStringLiteral(TRANSLATION), module.place.path(u"Morvane.qm"_s)));
     module.startWith({u"-settings"_s, module.writeSettings(u"m.ini"_s, "AdminServerName=\n", "")});
-    QTRY_COMPARE(module.place.logged(u"morvane.log"_s),
+    QTRY_COMPARE(module.place.logged(u"morvane.log"_s).mid(0, 2),
         QStringList({u"Предупреждение: нет соединений "_s, u"Start Ok!"_s}));
 }
 
