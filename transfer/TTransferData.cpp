@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QThread>
+#include <QTimerEvent>
 
 #include <algorithm>
 #include <atomic>
@@ -74,9 +75,9 @@ TFileTransfer::TFileTransfer(int interval, int quiet, QObject *parent)
     : QObject(parent)
     , idleTicks(unsigned(quiet))
     , quietTicks(unsigned(quiet))
+    , tickInterval(std::max(interval, 1))
 {
-    // The default kind of timer may be 5 % off, and every tick is worth a packet.
-    startTimer(interval, Qt::PreciseTimer);
+    connect(&ticker, &TickTimer::ticked, this, &TFileTransfer::runTicks);
 }
 
 TFileTransfer::~TFileTransfer() = default;
@@ -90,6 +91,7 @@ void TFileTransfer::Stop()
 void TFileTransfer::StopSending()
 {
     sending = false;
+    ticker.stop();
 }
 
 void TFileTransfer::SendPath(QString path)
@@ -205,9 +207,17 @@ void TFileTransfer::begin(Outgoing outgoing)
     lastSent = 0;
     tickCount = 0;
     sending = true;
+    ticker.start(tickInterval);
 }
 
 // --- sending ---
+
+void TFileTransfer::runTicks(int count)
+{
+    QTimerEvent tick(0);
+    while (sending && count-- > 0)
+        timerEvent(&tick);
+}
 
 void TFileTransfer::timerEvent(QTimerEvent *)
 {
@@ -268,7 +278,7 @@ void TFileTransfer::receiveAcknowledgement(const Packet &packet)
         sentList.removeAll(number);
         txMap.remove(number);
         if (txMap.isEmpty()) {
-            sending = false;
+            StopSending();
             Q_EMIT FileSended(); // a slot may open the next file
             return;
         }

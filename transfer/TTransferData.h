@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Packet.h"
+#include "TickTimer.h"
 
 #include <QList>
 #include <QMap>
@@ -34,7 +35,8 @@ class TFileTransfer : public QObject
 {
     Q_OBJECT
 public:
-    // Milliseconds from tick to tick; ticks that pass after peer traffic before the next packet.
+    // Milliseconds from tick to tick while a file is being sent, 1 at least; ticks that pass after
+    // peer traffic before the next packet.
     TFileTransfer(int interval, int quietTicks, QObject *parent);
     ~TFileTransfer() override;
 
@@ -81,6 +83,7 @@ private:
     Q_INVOKABLE void takeHandedOver();
 
     [[nodiscard]] Packet::Stamp nextStamp();
+    void runTicks(int count);
     void emitTwice(QByteArray packet);
     void sendStatusRequest();
     void sendNextRecord();
@@ -109,6 +112,9 @@ private:
     quint8 sequence = 0;
     QList<unsigned short> sentList; // packet numbers sent last, oldest first
     int lastSent = 0; // packet number, see chooseRecord()
+
+    const std::chrono::milliseconds tickInterval;
+    TickTimer ticker; // runs while sending
 
     std::mutex handOverMutex; // guards handedOver, the one thing that other threads touch
     std::deque<Outgoing> handedOver;

@@ -1,0 +1,68 @@
+#include "TickTimer.h"
+
+#include <algorithm>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+timespec timeSpec(std::chrono::nanoseconds time)
+{
+    const auto whole = std::chrono::floor<std::chrono::seconds>(time);
+    return {whole.count(), (time - whole).count()};
+}
+
+} // namespace
+
+TickTimer::TickTimer(QObject *parent)
+    : QObject(parent)
+    , descriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC))
+    , notifier(QSocketNotifier::Read)
+{
+    if (descriptor < 0)
+        qFatal("Can't make a timer: %s", qPrintable(qt_error_string()));
+    notifier.setSocket(descriptor);
+    connect(&notifier, &QSocketNotifier::activated, this, &TickTimer::readTicks);
+}
+
+TickTimer::~TickTimer()
+{
+    notifier.setEnabled(false);
+    ::close(descriptor);
+}
+
+void TickTimer::start(std::chrono::milliseconds interval)
+{
+    maxDue = 1 + int(std::min<qint64>(maxLate, maxLateTime / interval));
+    arm(interval, interval);
+}
+
+void TickTimer::startOnce(std::chrono::nanoseconds delay)
+{
+    maxDue = 1;
+    arm(std::max(delay, 1ns), 0ns); // 0 would stop the kernel's timer
+}
+
+void TickTimer::stop()
+{
+    notifier.setEnabled(false);
+    arm(0ns, 0ns);
+}
+
+void TickTimer::arm(std::chrono::nanoseconds first, std::chrono::nanoseconds interval)
+{
+    const itimerspec times = {timeSpec(interval), timeSpec(first)};
+    ::timerfd_settime(descriptor, 0, &times, nullptr);
+    if (first > 0ns)
+        notifier.setEnabled(true);
+}
+
+void TickTimer::readTicks()
+{
+    quint64 due = 0;
+    if (::read(descriptor, &due, sizeof(due)) != sizeof(due))
+        return; // armed anew since it became readable
+    Q_EMIT ticked(int(std::min(due, quint64(maxDue))));
+}
