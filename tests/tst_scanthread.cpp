@@ -1,4 +1,5 @@
 #include "kit/Channel.h"
+#include "kit/DamagedDatagram.h"
 #include "kit/UdpRelay.h"
 #include "test_object.h"
 
@@ -81,6 +82,7 @@ private Q_SLOTS:
     void aFileReplacedWhileThePortIsTakenIsSentInItsTurn();
     void aPeerRestartedInMidTransferGetsTheWholeFile();
     void nothingIsSentWithoutANumericAddress();
+    void noDatagramThatTheKernelDropsDeafensIt();
     void stopWaitsForNoCompression();
 
 private:
@@ -187,6 +189,31 @@ void tst_scanthread::nothingIsSentWithoutANumericAddress()
         QVERIFY(!peer.hasPendingDatagrams() && left.holds(u"f"_s));
         QCOMPARE(left.lines.size(), 1);
         QVERIFY(left.lines.first().contains(u"\"%1\" is not the numeric address"_s.arg(host)));
+    }
+}
+
+// The kernel announces some datagrams before it has verified their checksum.
+void tst_scanthread::noDatagramThatTheKernelDropsDeafensIt()
+{
+    const Node node(leftPort, rightPort, u"left"_s);
+    QUdpSocket peer;
+    peer.setProxy(QNetworkProxy::NoProxy);
+    const auto isHeard = [&] {
+        const int before = receivedPackages;
+        peer.writeDatagram("\xA4\xD5", QHostAddress::LocalHost, leftPort);
+        return QTest::qWaitFor([&] { return receivedPackages > before; });
+    };
+    for (const char *host : {"127.0.0.1", "::1"}) {
+        for (const int size : {0, 20, 100, 60'000}) {
+            for (const quint16 checksum :
+                {quint16(0xBAD), quint16(0)}) { // none at all is wrong over IPv6
+                if (!sendDamaged(host, leftPort, size, checksum))
+                    QSKIP("no right to send damaged datagrams");
+                QCoreApplication::processEvents(); // notified of nothing else
+                QVERIFY2(isHeard(),
+                    qPrintable(u"%1, %2 bytes"_s.arg(QLatin1StringView(host)).arg(size)));
+            }
+        }
     }
 }
 

@@ -22,6 +22,7 @@ constexpr auto deliveryPause = 500ms; // before a delivered file is removed
 constexpr auto bindInterval = 3s; // between two attempts at a port that is taken
 constexpr int receiveBufferBytes = 4 << 20; // the peer goes on sending during the delivery pause
 constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
+constexpr qsizetype maxDatagram = 65'536; // bytes; no datagram is longer
 constexpr unsigned short shortestTimeout = 1; // milliseconds; 0 would keep a core busy for ever
 
 // Building the text of a line costs more than sending the packet.
@@ -31,10 +32,10 @@ bool isDebugOn()
 }
 
 // The line that qDebug() << text << datagram.toHex() << "\r\n" gives, several times faster.
-void debugDatagram(const char *text, const QByteArray &datagram)
+void debugDatagram(const char *text, QByteArrayView datagram)
 {
     if (isDebugOn())
-        qDebug("%s \"%s\" \r\n", text, datagram.toHex().constData());
+        qDebug("%s \"%s\" \r\n", text, datagram.toByteArray().toHex().constData());
 }
 
 // Null and unspecified addresses mean this very host to the kernel: the engine would receive and
@@ -80,6 +81,7 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     , fileTransfer(new TFileTransfer(std::max(timeout, shortestTimeout), 0, nullptr))
     , udpSocket(new QUdpSocket(this))
     , localPort(ownPort)
+    , buffer(maxDatagram, '\0')
 {
     // The system's proxy settings must not carry the packets anywhere else.
     udpSocket->setProxy(QNetworkProxy::NoProxy);
@@ -254,16 +256,24 @@ void ScanThread::SendData(QByteArray &packet)
 
 void ScanThread::UdpDatagrams()
 {
-    for (int i = 0; i < datagramsPerTurn && udpSocket->hasPendingDatagrams(); ++i) {
-        QByteArray datagram(std::max<qint64>(udpSocket->pendingDatagramSize(), 0), '\0');
-        datagram.truncate(
-            std::max<qint64>(udpSocket->readDatagram(datagram.data(), datagram.size()), 0));
-        const auto packet = Packet::read(datagram);
-        if (packet && packet->kind == Packet::Acknowledgement && packet->entryCount() > 0)
-            watch.answered(packet->id);
-        fileTransfer->ReceiveData(datagram.data(), int(datagram.size()));
-        debugDatagram("Received package   ", datagram);
+    // Read without asking first whether there is one: the kernel calls the socket readable for a
+    // datagram with a wrong checksum, too, and drops it only when it is looked at. Without an
+    // attempt to read, the socket's notifier would stay switched off from then on.
+    for (int i = 0; i < datagramsPerTurn; ++i) {
+        const qint64 size = udpSocket->readDatagram(buffer.data(), buffer.size());
+        if (size < 0)
+            return;
+        takeDatagram(int(size));
     }
+}
+
+void ScanThread::takeDatagram(int size)
+{
+    const auto packet = Packet::read(QByteArrayView(buffer).first(size));
+    if (packet && packet->kind == Packet::Acknowledgement && packet->entryCount() > 0)
+        watch.answered(packet->id);
+    fileTransfer->ReceiveData(buffer.data(), size);
+    debugDatagram("Received package   ", QByteArrayView(buffer).first(size));
 }
 
 // --- what an operator should hear ---

@@ -97,6 +97,7 @@ private:
     [[nodiscard]] bool isSpoolFree(SpoolLock &lock);
     void handOverFirstFile();
     void setAside(const QString &reason);
+    void takeDatagram(int size);
     void sendAfresh();
     void sayAnywhere(const QString &line);
     Q_INVOKABLE void sayPending();
@@ -118,6 +119,7 @@ private:
     std::atomic<bool> busy = false;
 
     const quint16 localPort;
+    QByteArray buffer; // of the datagram that was read last
     QTimer bindTimer;
     AnswerWatch watch;
     bool saidNoPort = false;
