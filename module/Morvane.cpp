@@ -206,12 +206,13 @@ void Morvane::Debug(QByteArray data)
 void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *)
 {
     const DataRecord record = DataRecord::read(data);
+    const qint64 size = record.kind.size() + record.payload.size();
     if (!record.isAccepted())
-        return;
+        return done.unknownKind.add(size);
     if (inputDataOn)
         report((tr("New data") + u": "_s + record.fileName).toUtf8());
     if (protocol != "TCP" && protocol != "UDP")
-        return;
+        return done.noTransport.add(size);
     MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());
     if (protocol == "TCP")
         SendOldData();
@@ -222,10 +223,12 @@ void Morvane::MakeTmpFile(QString path, QByteArray data)
     const QString name = path.sliced(tempDir.size() + 1);
     switch (SpoolDirectory(tempDir).write(name, data, sayToLog)) {
     case SpoolDirectory::WriteResult::Written:
-        return;
+        return done.accepted.add(data.size());
     case SpoolDirectory::WriteResult::NoLock:
+        done.noLock.add(data.size());
         return pLog->Message(u"Can not open lock-file"_s);
     case SpoolDirectory::WriteResult::NoFile:
+        done.noFile.add(data.size());
         return pLog->Message(u"Can not create temporary file"_s);
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Counters.h"
 #include "SpoolSender.h"
 #include "TServerPlugin.h"
 
@@ -32,6 +33,8 @@ public:
     void checkSettingsStruct(QSettings &settings);
     // Starts the chosen transport and both timers.
     void Start() override;
+
+    [[nodiscard]] const Counters &counters() const { return done; }
 
 public Q_SLOTS:
     void AdminCommand(
@@ -79,5 +82,6 @@ private:
     bool inputDataOn = false; // the administration server's input-data watch
     int reconnectTimerId = 0;
     int liveTimerId = 0;
+    Counters done;
     SpoolSender sender; // over tspSocket
 };
