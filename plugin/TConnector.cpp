@@ -1,6 +1,7 @@
 #include "TConnector.h"
 
 #include "BusFrame.h"
+#include "ServiceManager.h"
 #include "TLog.h"
 
 #include <QCoreApplication>
@@ -45,8 +46,10 @@ bool waitUntilConnected(TMyLocalSocket *socket)
 {
     const QDeadlineTimer deadline(maxWait);
     while (!socket->waitForConnected(0) && socket->state() == QLocalSocket::ConnectingState
-        && !deadline.hasExpired())
+        && !deadline.hasExpired()) {
+        ServiceManager::sayAlive();
         std::this_thread::sleep_for(connectPoll);
+    }
     return socket->state() == QLocalSocket::ConnectedState;
 }
 
@@ -157,6 +160,12 @@ void TConnector::addOutServerName(QString name)
 
 void TConnector::timerEvent(QTimerEvent *)
 {
+    pass();
+    Q_EMIT passEnded();
+}
+
+void TConnector::pass()
+{
     const QByteArray greeting = BusFrame::makeName(serverName.toUtf8());
     if (!repairOutConnections(greeting) && firstStart)
         return;
@@ -189,6 +198,7 @@ bool TConnector::repairOutConnections(const QByteArray &greeting)
 
 void TConnector::reconnect(TMyLocalSocket *socket, const QByteArray &greeting)
 {
+    ServiceManager::sayAlive();
     socket->flush();
     socket->disconnectFromServer();
     if (socket->state() != QLocalSocket::UnconnectedState)
@@ -200,6 +210,27 @@ void TConnector::reconnect(TMyLocalSocket *socket, const QByteArray &greeting)
         socket->abort();
 }
 
+QStringList TConnector::absentServers() const
+{
+    QStringList names;
+    for (const TMyLocalSocket *socket : outConnections) {
+        if (socket->state() != QLocalSocket::ConnectedState)
+            names.append(shownNameOf(socket));
+    }
+    return names;
+}
+
+QString TConnector::absentAdmin() const
+{
+    const bool isThere = adminConnection->state() == QLocalSocket::ConnectedState;
+    return isThere ? QString() : shownNameOf(adminConnection);
+}
+
+bool TConnector::isListening() const
+{
+    return server->isListening();
+}
+
 void TConnector::startListening()
 {
     QLocalServer::removeServer(serverName);
@@ -207,7 +238,7 @@ void TConnector::startListening()
         pLog->Message(tr("Start server: %1 Ok!!!! \n").arg(serverName));
         return;
     }
-    pLog->Message(tr("Start Error: %1\n").arg(server->errorString()));
+    pLog->Message(tr("Start Error: %1\n").arg(server->errorString()), TLog::Priority::Error);
     server->close();
 }
 
@@ -224,7 +255,8 @@ void TConnector::connectionOutError(QLocalSocket::LocalSocketError)
     if (!socket)
         return;
     pLog->Message(
-        tr("Connnection Out Error: %1 %2\n").arg(shownNameOf(socket), socket->errorString()));
+        tr("Connnection Out Error: %1 %2\n").arg(shownNameOf(socket), socket->errorString()),
+        TLog::Priority::Warning);
     socket->abort();
 }
 
@@ -233,7 +265,8 @@ void TConnector::DisconnectOutConnection()
     auto *socket = qobject_cast<TMyLocalSocket *>(sender());
     if (!socket)
         return;
-    pLog->Message(tr("Connnection Disconnect: %0\n").arg(shownNameOf(socket)));
+    pLog->Message(
+        tr("Connnection Disconnect: %0\n").arg(shownNameOf(socket)), TLog::Priority::Warning);
     socket->abort();
     if (!outConnections.removeOne(socket))
         return;
@@ -248,7 +281,7 @@ void TConnector::connectionAdminError(QLocalSocket::LocalSocketError)
 
 void TConnector::DisconnectAdminConnection()
 {
-    pLog->Message(tr("Admin connection is closed. Stopping application."));
+    pLog->Message(tr("Admin connection is closed. Stopping application."), TLog::Priority::Warning);
     QCoreApplication::exit(adminLostStatus);
 }
 
@@ -411,7 +444,8 @@ void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
         socket->write(frame);
     else if (!wasStalled)
         pLog->Message(
-            tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)));
+            tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)),
+            TLog::Priority::Warning);
 }
 
 void TConnector::send(TMyLocalSocket *socket, const QByteArray &frame)

@@ -6,6 +6,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QString>
+#include <QStringList>
 
 struct BusFrame;
 
@@ -105,6 +106,11 @@ public:
     [[nodiscard]] const QList<TMyLocalSocket *> &incoming() const { return inConnections; }
     [[nodiscard]] const QList<TMyLocalSocket *> &outgoing() const { return outConnections; }
 
+    // Servers to connect out to that are not connected, and the administration server if it is not.
+    [[nodiscard]] QStringList absentServers() const;
+    [[nodiscard]] QString absentAdmin() const;
+    [[nodiscard]] bool isListening() const;
+
 Q_SIGNALS:
     // The arguments are valid during the emission only. A slot must not delete the socket.
     void NewCommand(
@@ -113,6 +119,8 @@ Q_SIGNALS:
     void NewAction(QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection,
         TMyLocalSocket *socket);
     void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
+    // A repair pass has done what it could.
+    void passEnded();
 
 public Q_SLOTS:
     void connectionInError(QLocalSocket::LocalSocketError error);
@@ -131,6 +139,7 @@ protected:
     void timerEvent(QTimerEvent *event) override;
 
 private:
+    void pass();
     // True when all outgoing connections were up before the pass.
     [[nodiscard]] bool repairOutConnections(const QByteArray &greeting);
     void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);

@@ -68,14 +68,14 @@ void TServerPlugin::loadBase(const QSettings &settings)
 {
     QString admin = settingText(settings, BaseSettings::adminServerName);
     if (admin == BaseSettings::noName) {
-        pLog->Message(tr("Error load settings AdminServerName: NoName "));
+        pLog->Message(tr("Error load settings AdminServerName: NoName "), TLog::Priority::Error);
         admin = u"No_AdminServer_name"_s;
     }
     connector->adminConnection->name = admin.toUtf8();
 
     const QString server = settingText(settings, BaseSettings::serverName);
     if (server == BaseSettings::noName)
-        pLog->Message(tr("Error load settings ServerName: NoName "));
+        pLog->Message(tr("Error load settings ServerName: NoName "), TLog::Priority::Error);
     else
         connector->SetServerName(server);
 
@@ -104,7 +104,8 @@ bool TServerPlugin::openDataBaseBySettings(
     const QSqlError error = ::openDataBaseBySettings(connectionName, settings, group, databaseName);
     if (!error.isValid())
         return true;
-    pLog->Message(tr("Cannot open database %1: %2").arg(databaseName, error.text()));
+    pLog->Message(
+        tr("Cannot open database %1: %2").arg(databaseName, error.text()), TLog::Priority::Error);
     return false;
 }
 

@@ -4,7 +4,7 @@
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
 # What the build needs; qt6-base-dev brings neither a compiler nor zlib's headers.
-buildPackages=(g++ cmake ninja-build qt6-base-dev zlib1g-dev libedit-dev)
+buildPackages=(g++ cmake ninja-build qt6-base-dev zlib1g-dev libedit-dev libsystemd-dev)
 # What the tests need besides: the database opener's test opens a real database, and the translation
 # is compiled.
 testPackages=(libqt6sql6-sqlite qt6-l10n-tools)

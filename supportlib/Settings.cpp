@@ -82,7 +82,8 @@ void rebuildSettingsByTemplate(QSettings &settings, QSettings &templateSettings)
         for (const QString &key : present) {
             if (!known.contains(key) && pLog)
                 pLog->Message(u"Unknown key \"%1\" in group [%2] of %3: it has no effect"_s.arg(
-                    key, group, settings.fileName()));
+                                  key, group, settings.fileName()),
+                    TLog::Priority::Warning);
         }
     }
 }

@@ -1,5 +1,7 @@
 #include "TLog.h"
 
+#include "SystemJournal.h"
+
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -18,10 +20,17 @@ TLog *pLog = nullptr;
 
 namespace {
 
+const QString journalName = u"journal"_s;
+
+TLog::Fields commonFields;
+TLog::Observer observer;
+
 constexpr qsizetype maxTextLength = 16'384; // UTF-16 units; a peer's name may be megabytes long
 
 QString pathOf(const QString &name)
 {
+    if (name == journalName)
+        return journalName;
     if (!name.contains(u'/'))
         return QDir::current().filePath(name + u".log"_s);
     const QString path = QDir::current().filePath(name);
@@ -76,15 +85,65 @@ void TLog::Enabled(bool on)
 
 void TLog::Message(QString text)
 {
+    Message(text, Priority::Information);
+}
+
+void TLog::Message(QString text, Priority priority, const Fields &fields)
+{
+    if (observer && priority <= Priority::Warning)
+        observer(onOneLine(text));
     if (!enabled)
         return;
+    text = onOneLine(text);
+    if (isJournal())
+        writeToJournal(text, priority, fields);
+    else
+        write(text);
+}
+
+void TLog::JournalOnly(const QString &text, Priority priority)
+{
+    if (isJournal())
+        Message(text, priority);
+}
+
+bool TLog::isJournal() const
+{
+    return path == journalName; // the path of a file is absolute
+}
+
+void TLog::SetCommonFields(const Fields &fields)
+{
+    commonFields = fields;
+}
+
+void TLog::SetObserver(Observer newObserver)
+{
+    observer = std::move(newObserver);
+}
+
+void TLog::writeToJournal(const QString &text, Priority priority, const Fields &fields) const
+{
+    QByteArrayList entry{
+        "MESSAGE=" + text.toUtf8(), "PRIORITY=" + QByteArray::number(int(priority))};
+    for (const Fields &some : {commonFields, fields}) {
+        for (const auto &[name, value] : some.asKeyValueRange())
+            entry.append(name + '=' + value.toUtf8());
+    }
+    if (!SystemJournal::send(entry))
+        std::fprintf(
+            stderr, "%s %s\n", timeStamp().toUtf8().constData(), text.toUtf8().constData());
+}
+
+void TLog::write(const QString &text)
+{
     if (!isStillInPlace())
         closeFile();
     if (descriptor < 0 && !openFile())
         return complainOnce("open");
 
     // One write in append mode: entries of several processes do not mix, and a kill loses none.
-    const QByteArray line = (timeStamp() + u' ' + onOneLine(text) + u'\n').toUtf8();
+    const QByteArray line = (timeStamp() + u' ' + text + u'\n').toUtf8();
     if (::write(descriptor, line.constData(), size_t(line.size())) != line.size())
         return complainOnce("write");
     complained = false;

@@ -1,5 +1,6 @@
 #include "SpoolDirectory.h"
 
+#include "ServiceManager.h"
 #include "WholeFile.h"
 
 #include <QDir>
@@ -159,8 +160,10 @@ bool SpoolLock::acquire()
         const State state = look();
         if (state == State::Stuck)
             return false;
-        if (state == State::Held)
-            std::this_thread::sleep_for(lockPoll);
+        if (state != State::Held)
+            continue;
+        ServiceManager::sayAlive(); // the lock is taken in the end, or stale
+        std::this_thread::sleep_for(lockPoll);
     }
 }
 

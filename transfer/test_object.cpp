@@ -3,6 +3,7 @@
 #include "TLog.h"
 #include "TTransferData.h"
 
+#include <QDateTime>
 #include <QDebug>
 #include <QHostAddress>
 #include <QLoggingCategory>
@@ -91,6 +92,7 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     connect(fileTransfer, &TFileTransfer::FileSended, this, &ScanThread::on_FileSended);
     connect(fileTransfer, &TFileTransfer::FileRefused, this, &ScanThread::on_FileRefused);
     connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
+    connect(fileTransfer, &TFileTransfer::FileReceived, this, [this] { ++done.filesReceived; });
 }
 
 ScanThread::~ScanThread()
@@ -177,6 +179,7 @@ void ScanThread::on_FileSended()
     const bool isRemoved = isReplaced || spool.remove(currentName);
     const QString path = currentPath;
     busy.store(false, std::memory_order_release);
+    ++done.filesDelivered;
 
     if (isDebugOn())
         qDebug() << u"Transmitted file  "_s + path;
@@ -201,6 +204,7 @@ void ScanThread::setAside(const QString &reason)
     const SpoolDirectory::SetAside result = SpoolDirectory(spoolDir).setAside(currentName);
     if (result == SpoolDirectory::SetAside::Gone)
         return;
+    ++done.filesRefused;
     const bool isMoved = result == SpoolDirectory::SetAside::Moved;
     if (!isMoved)
         unmovable.insert(currentName, currentMark);
@@ -250,8 +254,20 @@ void ScanThread::SendData(QByteArray &packet)
     debugDatagram("Send package   ", packet);
 
     const auto sent = Packet::read(packet);
+    if (sent)
+        count(*sent, packet.size());
     if (sent && sent->kind == Packet::StatusRequest && watch.isInVain(sent->id))
         sendAfresh();
+}
+
+void ScanThread::count(const Packet &sent, qint64 bytes)
+{
+    if (sent.kind != Packet::Data)
+        return;
+    ++done.packetsSent;
+    done.bytesSent += bytes;
+    if (sentPackets.isRepeated(sent.id, sent.number))
+        ++done.packetsRepeated;
 }
 
 void ScanThread::UdpDatagrams()
@@ -272,6 +288,8 @@ void ScanThread::takeDatagram(int size)
     const auto packet = Packet::read(QByteArrayView(buffer).first(size));
     if (packet && packet->kind == Packet::Acknowledgement && packet->entryCount() > 0)
         watch.answered(packet->id);
+    if (packet)
+        done.lastAnswer = QDateTime::currentSecsSinceEpoch();
     fileTransfer->ReceiveData(buffer.data(), size);
     debugDatagram("Received package   ", QByteArrayView(buffer).first(size));
 }
@@ -303,6 +321,6 @@ void ScanThread::say(const QString &line)
     if (isDebugOn())
         qDebug() << line;
     if (pLog)
-        pLog->Message(line);
+        pLog->Message(line, TLog::Priority::Warning);
     Q_EMIT LogMessage(line.toUtf8());
 }
