@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SpoolDirectory.h"
+#include "TransferCounters.h"
 
 #include <QMap>
 #include <QThread>
@@ -13,6 +14,7 @@
 
 class QUdpSocket;
 class TFileTransfer;
+struct Packet;
 
 // Tells a peer that will never acknowledge a file any more from one that is slow or out of reach:
 // it was restarted in mid-transfer and knows neither the file's id nor what it held of it.
@@ -71,6 +73,8 @@ public:
     // that has already taken longer.
     void setPatience(std::chrono::milliseconds patience) { watch.patience = patience; }
 
+    [[nodiscard]] const TransferCounters &counters() const { return done; }
+
 Q_SIGNALS:
     // One line of the log, UTF-8.
     void LogMessage(QByteArray message);
@@ -99,6 +103,7 @@ private:
     void setAside(const QString &reason);
     void takeDatagram(int size);
     void sendAfresh();
+    void count(const Packet &sent, qint64 bytes);
     void sayAnywhere(const QString &line);
     Q_INVOKABLE void sayPending();
     void say(const QString &line);
@@ -122,6 +127,8 @@ private:
     QByteArray buffer; // of the datagram that was read last
     QTimer bindTimer;
     AnswerWatch watch;
+    TransferCounters done;
+    SentPackets sentPackets;
     bool saidNoPort = false;
     bool saidNoAddress = false;
     bool saidStuckLock = false; // the scanning thread's
