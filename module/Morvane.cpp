@@ -6,6 +6,7 @@
 #include "TConnector.h"
 #include "TLog.h"
 #include "Version.h"
+#include "WholeFile.h"
 #include "test_object.h"
 
 #include <QCoreApplication>
@@ -24,7 +25,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
-constexpr auto tidyInterval = 31s; // by then a lock that a killed writer has left counts as stale
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
 
@@ -36,15 +36,14 @@ void sayToLog(const QString &text)
 } // namespace
 
 Morvane::Morvane()
-    : sender(tspSocket, sayToLog)
 {
     connect(connector, &TConnector::NewCommand, this, &Morvane::AdminCommand);
     connect(connector, &TConnector::NewData, this, &Morvane::NewData);
     connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
     connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
     connect(&tspSocket, &QIODevice::readyRead, this, &Morvane::discardReceived);
-    connect(&sender, &SpoolSender::fileKept, this,
-        [this](const QString &path) { report(tr("Can not delete file %1").arg(path).toUtf8()); });
+    connect(connector, &TConnector::ReadDone, this, &Morvane::busRead);
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Morvane::stop);
     // The system's proxy settings must not carry the link anywhere else.
     tspSocket.setProxy(QNetworkProxy::NoProxy);
 }
@@ -79,9 +78,21 @@ void Morvane::LoadSettings(QString path)
     liveMessageTimeout = number(MainSettings::liveMessageTimeout);
     settings.endGroup();
 
-    sender.setSpool(tempDir);
-    sender.setDeadAfter(std::max(
-        leastDeadTime, 2 * std::chrono::milliseconds(std::chrono::seconds(liveMessageTimeout))));
+    keepSpool();
+}
+
+void Morvane::keepSpool()
+{
+    spoolSender.reset();
+    keeper = std::make_unique<SpoolKeeper>(tempDir, sayToLog);
+    const auto deadAfter = std::max(
+        leastDeadTime, 2 * std::chrono::milliseconds(std::chrono::seconds(liveMessageTimeout)));
+    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, sayToLog, deadAfter,
+        [this](const QString &name, const QByteArray &content) {
+            MakeTmpFile(tempDir + u'/' + name, content);
+        });
+    connect(spoolSender.get(), &SpoolSender::fileKept, this,
+        [this](const QString &path) { report(tr("Can not delete file %1").arg(path).toUtf8()); });
 }
 
 void Morvane::checkSettingsStruct(QSettings &settings)
@@ -96,7 +107,7 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 
 void Morvane::Start()
 {
-    tidySpool();
+    keeper->start();
     if (protocol == "UDP")
         StartScanning();
     else if (protocol == "TCP")
@@ -105,19 +116,13 @@ void Morvane::Start()
     restartTimer(liveTimerId, liveMessageTimeout);
 }
 
-// What a kill has left in the spool directory: records that were on their way to the peer go back
-// into the spool, files that were being written are removed.
-void Morvane::tidySpool()
+// On every way that the event loop can end.
+void Morvane::stop()
 {
-    sender.recover();
-    removeLeftovers(std::make_shared<SpoolLock>(tempDir, sayToLog));
-}
-
-// One lock for all attempts: it must have been seen unchanged for a while to count as stale.
-void Morvane::removeLeftovers(const std::shared_ptr<SpoolLock> &lock)
-{
-    if (!SpoolDirectory(tempDir).removeLeftovers(*lock))
-        QTimer::singleShot(tidyInterval, this, [this, lock] { removeLeftovers(lock); });
+    if (!keeper)
+        return;
+    spoolSender->stop();
+    keeper->stop();
 }
 
 void Morvane::Reconnect()
@@ -134,6 +139,8 @@ void Morvane::restartTimer(int &timerId, quint16 seconds)
 
 void Morvane::timerEvent(QTimerEvent *event)
 {
+    if (event->timerId() == reconnectTimerId)
+        keeper->lookForFiles();
     if (protocol != "TCP")
         return;
     const bool connected = tspSocket.state() == QAbstractSocket::ConnectedState;
@@ -141,7 +148,7 @@ void Morvane::timerEvent(QTimerEvent *event)
         tspSocket.abort();
         connectToPeer();
     } else if (event->timerId() == liveTimerId && connected) {
-        sender.sendKeepAlive();
+        spoolSender->sendKeepAlive();
     }
 }
 
@@ -203,7 +210,7 @@ void Morvane::Debug(QByteArray data)
 
 // --- records in ---
 
-void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *)
+void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *socket)
 {
     const DataRecord record = DataRecord::read(data);
     const qint64 size = record.kind.size() + record.payload.size();
@@ -213,24 +220,51 @@ void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *)
         report((tr("New data") + u": "_s + record.fileName).toUtf8());
     if (protocol != "TCP" && protocol != "UDP")
         return done.noTransport.add(size);
-    MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());
-    if (protocol == "TCP")
+    sendingModule = socket ? socket->name : QByteArray();
+    if (protocol != "TCP" || !spoolSender->sendAtOnce(record)) {
+        spoolSender->commit();
+        MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());
+        mustSend = true;
+    }
+    if (!connector->isReading())
+        busRead();
+}
+
+// Records of one read of the bus leave together.
+void Morvane::busRead()
+{
+    spoolSender->commit();
+    if (std::exchange(mustSend, false) && protocol == "TCP")
         SendOldData();
 }
 
 void Morvane::MakeTmpFile(QString path, QByteArray data)
 {
     const QString name = path.sliced(tempDir.size() + 1);
-    switch (SpoolDirectory(tempDir).write(name, data, sayToLog)) {
+    const SpoolDirectory::WriteResult result = keeper->write(name, data);
+    const QString reason = qt_error_string();
+    switch (result) {
     case SpoolDirectory::WriteResult::Written:
         return done.accepted.add(data.size());
     case SpoolDirectory::WriteResult::NoLock:
         done.noLock.add(data.size());
-        return pLog->Message(u"Can not open lock-file"_s);
+        pLog->Message(u"Can not open lock-file"_s);
+        return logDropped(name, data.size(), reason);
     case SpoolDirectory::WriteResult::NoFile:
         done.noFile.add(data.size());
-        return pLog->Message(u"Can not create temporary file"_s);
+        pLog->Message(u"Can not create temporary file"_s);
+        return logDropped(
+            name, data.size(), isPlainName(name) ? reason : tr("the name cannot be a file's"));
     }
+}
+
+void Morvane::logDropped(const QString &name, qsizetype size, const QString &reason) const
+{
+    pLog->Message(tr("Dropped the record \"%1\" of %2 bytes from %3: %4")
+                      .arg(name, QString::number(size),
+                          sendingModule.isEmpty() ? tr("a nameless module")
+                                                  : QString::fromUtf8(sendingModule),
+                          reason));
 }
 
 // --- the TCP link ---
@@ -248,7 +282,7 @@ void Morvane::tspSocketConnected()
     if (tspSocket.localPort() == tspSocket.peerPort()
         && tspSocket.localAddress() == tspSocket.peerAddress())
         return tspSocket.abort();
-    if (!sender.linkUp())
+    if (!spoolSender->linkUp())
         return tspSocket.abort(); // for want of a descriptor; the next attempt may find one
     report(tr("Connection established.").toUtf8());
     SendOldData();
@@ -268,7 +302,7 @@ void Morvane::discardReceived()
 
 void Morvane::SendOldData()
 {
-    sender.send();
+    spoolSender->send();
 }
 
 // --- UDP mode ---

@@ -60,8 +60,10 @@ private:
     // Writes one spool file. The path is tempDir + "/" + a plain name.
     void MakeTmpFile(QString path, QByteArray data);
 
-    void tidySpool();
-    void removeLeftovers(const std::shared_ptr<SpoolLock> &lock);
+    void logDropped(const QString &name, qsizetype size, const QString &reason) const;
+    void keepSpool();
+    void busRead();
+    void stop();
     void connectToPeer();
     void discardReceived();
     void restartTimer(int &timerId, quint16 seconds);
@@ -83,5 +85,8 @@ private:
     int reconnectTimerId = 0;
     int liveTimerId = 0;
     Counters done;
-    SpoolSender sender; // over tspSocket
+    std::unique_ptr<SpoolKeeper> keeper; // of tempDir
+    std::unique_ptr<SpoolSender> spoolSender; // over tspSocket
+    QByteArray sendingModule; // bus name, UTF-8, whence the last record came
+    bool mustSend = false; // records of the read under way have become files
 };

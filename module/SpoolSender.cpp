@@ -1,56 +1,90 @@
 #include "SpoolSender.h"
 
-#include "Record.h"
+#include "Counters.h"
 
+#include <QFile>
 #include <QTcpSocket>
 
+#include <ctime>
 #include <thread>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto lockStep = 1s; // between two looks at the lock
-constexpr auto lookInterval = 250ms; // between two looks at what is acknowledged
-// Bytes between two looks in the midst of a stream: the files that are kept aside stay few, and the
-// memory that holds them is used again while it is still in the processor's cache.
-constexpr qint64 lookBytes = 262'144;
+constexpr auto sliceTime = 20ms; // of a listing, between two turns of the event loop
+constexpr auto lockInterval = 100ms; // between two looks at a lock that somebody holds
+constexpr auto firstLook = 1ms; // at acknowledgements, after something was sent
+constexpr auto longestLook = 250ms; // between two looks while nothing changes
+constexpr int lookShare = 4; // a look comes when a record has waited for a quarter as long again
+constexpr auto lastWait = 50ms; // for acknowledgements when the process ends
 constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
-// Bytes that wait in the socket, or one larger record. An attempt to connect that fails has then
-// not read and moved half a backlog in vain.
+// Bytes that wait in the socket, or one larger record.
 constexpr qint64 maxBuffered = 1'048'576;
+
+qint64 timeNow()
+{
+    timespec now;
+    ::clock_gettime(CLOCK_REALTIME_COARSE, &now); // the clock of the files' times
+    return qint64(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
 
 } // namespace
 
-SpoolSender::SpoolSender(QTcpSocket &tcpLink, Say log)
+SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &counters, Say log,
+    std::chrono::milliseconds deadTime, WriteFile write)
     : link(tcpLink)
+    , keeper(spoolKeeper)
+    , done(counters)
     , say(std::move(log))
-    , spool(QString())
+    , deadAfter(deadTime)
+    , writeFile(std::move(write))
+    , onItsWay(spoolKeeper)
+    , lock(spoolKeeper.directory().path(), say)
+    , quiet(spoolKeeper.directory().path())
 {
+    work.setSingleShot(true);
+    lookTimer.setSingleShot(true);
+    lookTimer.setTimerType(Qt::PreciseTimer);
+    connect(&work, &QTimer::timeout, this, &SpoolSender::goOn);
+    connect(&lookTimer, &QTimer::timeout, this, &SpoolSender::lookNow);
     connect(&link, &QAbstractSocket::stateChanged, this, &SpoolSender::linkStateChanged);
     connect(&link, &QIODevice::bytesWritten, this, &SpoolSender::bytesWritten);
+    connect(&keeper, &SpoolKeeper::gaveBack, this, &SpoolSender::send);
 }
 
-void SpoolSender::setSpool(const QString &directory)
-{
-    spool = SpoolDirectory(directory);
-    unacknowledged.setSpool(directory);
-}
+// --- the link ---
 
 bool SpoolSender::linkUp()
 {
-    unacknowledged.recover(); // what could not be given back to a full disk
-    return unacknowledged.linkUp(link.socketDescriptor(), deadAfter);
+    if (!onItsWay.linkUp(link.socketDescriptor(), deadAfter))
+        return false;
+    if (!keeper.sent().isEmpty() && !keeper.giveBack())
+        resendJournal();
+    return true;
 }
 
-// Every end of a link or of an attempt passes here, whatever brought it about.
+// What a full disk keeps out of the spool goes to the peer from where it is.
+void SpoolSender::resendJournal()
+{
+    keeper.sent().journal().forEach([this](const Journal::Entry &entry) {
+        const QByteArray record = LinkRecord::make(entry.content.toByteArray());
+        onItsWay.addJournaled(entry.name.toByteArray(), entry.end, record.size());
+        return write(record);
+    });
+    lookSoon();
+}
+
+// Every end of a link passes here, whatever brought it about.
 void SpoolSender::linkStateChanged()
 {
     if (link.state() != QAbstractSocket::UnconnectedState)
         return;
-    listed = {};
-    listAgain = false;
-    unacknowledged.linkDown();
+    scan.reset();
+    listed = SpoolListing();
+    listAgain = isCutOff = false;
+    work.stop();
+    onItsWay.linkDown();
 }
 
 void SpoolSender::bytesWritten()
@@ -58,74 +92,9 @@ void SpoolSender::bytesWritten()
     // By itself the socket sends one piece of its buffer for each turn of the event loop, while the
     // bus brings many records in one: the buffer would fill although the peer reads.
     link.flush();
-    if (takenSinceLook >= lookBytes) {
-        takenSinceLook = 0;
-        unacknowledged.look();
-    }
     // Half empty is early enough: the kernel's own buffer keeps the link busy meanwhile.
-    if (!listed.isEmpty() && link.bytesToWrite() <= maxBuffered / 2)
-        sendListed();
-}
-
-void SpoolSender::timerEvent(QTimerEvent *)
-{
-    unacknowledged.look();
-    if (!unacknowledged.isEmpty())
-        return;
-    unacknowledged.removeFolder();
-    killTimer(std::exchange(lookTimerId, 0));
-}
-
-void SpoolSender::watchAcknowledgements()
-{
-    if (!unacknowledged.isEmpty() && lookTimerId == 0)
-        lookTimerId = startTimer(lookInterval);
-}
-
-// While connecting the socket's buffer takes records too. Without an attempt it takes none.
-bool SpoolSender::takesRecords() const
-{
-    return link.isOpen() && link.state() != QAbstractSocket::UnconnectedState;
-}
-
-bool SpoolSender::waitForLock()
-{
-    SpoolLock lock(spool.path(), say);
-    while (takesRecords()) {
-        switch (lock.look()) {
-        case SpoolLock::State::Free:
-            return true;
-        case SpoolLock::State::Stuck:
-            return false;
-        case SpoolLock::State::Held:
-            std::this_thread::sleep_for(lockStep);
-        }
-    }
-    return false;
-}
-
-void SpoolSender::send()
-{
-    if (!listed.isEmpty()) {
-        listAgain = true;
-        return;
-    }
-    if (!waitForLock())
-        return;
-    listed = spool.list();
-    sendListed();
-}
-
-void SpoolSender::sendListed()
-{
-    while (!listed.isEmpty()) {
-        if (!takesRecords() || !sendFile(listed.first()))
-            return watchAcknowledgements(); // goes on when the buffer drains, or with a new link
-        listed.removeFirst();
-    }
-    watchAcknowledgements();
-    if (std::exchange(listAgain, false))
-        send();
+    if (!listed.isEmpty() && link.bytesToWrite() <= maxBuffered / 2 && !work.isActive())
+        work.start(0ms);
 }
 
 bool SpoolSender::hasRoomFor(qint64 bytes) const
@@ -133,41 +102,229 @@ bool SpoolSender::hasRoomFor(qint64 bytes) const
     return link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered;
 }
 
-// False if the socket must drain first. A file that cannot be read or is not taken is passed over.
-bool SpoolSender::sendFile(const QString &name)
-{
-    if (unacknowledged.isOnItsWay(name))
-        return true;
-    const SpoolFile file = spool.open(name);
-    if (!file.isOpen())
-        return true;
-    if (!hasRoomFor(LinkRecord::lengthSize + file.mark().size))
-        return false;
-    std::optional<QByteArray> record = file.read(LinkRecord::lengthSize);
-    if (!record)
-        return true;
-    LinkRecord::complete(*record);
-    if (write(*record) != record->size())
-        return true;
-    takenSinceLook += record->size();
-    const auto taken = unacknowledged.addRecord(name, file.mark(), record->size());
-    if (taken == SentFolder::Take::StillListed)
-        Q_EMIT fileKept(spool.pathOf(name));
-    else if (taken == SentFolder::Take::Replaced)
-        listAgain = true; // the newer file may have taken its place after the listing
-    return true;
-}
-
 // By pointer and size the socket copies small records together, and sends many in one call. A
 // large one it takes over without a copy.
-qint64 SpoolSender::write(const QByteArray &record)
+bool SpoolSender::write(const QByteArray &record)
 {
-    return record.size() < minShared ? link.write(record.constData(), record.size())
-                                     : link.write(record);
+    const qint64 count = record.size() < minShared ? link.write(record.constData(), record.size())
+                                                   : link.write(record);
+    return count == record.size();
 }
 
 void SpoolSender::sendKeepAlive()
 {
+    commit();
     const QByteArray record = LinkRecord::make(LinkRecord::keepAlive);
-    unacknowledged.addBytes(std::max<qint64>(link.write(record), 0));
+    if (write(record))
+        onItsWay.addBytes(record.size());
+}
+
+// --- acknowledgements ---
+
+void SpoolSender::lookSoon()
+{
+    if (!onItsWay.isEmpty()
+        && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > firstLook))
+        lookTimer.start(firstLook);
+}
+
+void SpoolSender::lookNow()
+{
+    const bool hasFreed = onItsWay.look();
+    if (!onItsWay.isEmpty())
+        lookTimer.start(std::clamp<std::chrono::milliseconds>(
+            onItsWay.age() / lookShare, firstLook, longestLook));
+    if (hasFreed && !listed.isEmpty() && !work.isActive())
+        work.start(0ms); // a file may have waited for one of its name, or for room
+}
+
+void SpoolSender::stop()
+{
+    commit();
+    const auto end = OnItsWay::Clock::now() + lastWait;
+    while (onItsWay.isLinkUp() && !onItsWay.isEmpty() && OnItsWay::Clock::now() < end) {
+        std::ignore = onItsWay.look();
+        std::this_thread::sleep_for(firstLook);
+    }
+    onItsWay.linkDown();
+}
+
+// --- records that need no file ---
+
+// One look at the spool serves all records of one read of the bus.
+bool SpoolSender::isRoadOpen()
+{
+    if (road == Road::Unknown) {
+        const bool isIdle = !scan && listed.isEmpty() && !listAgain;
+        const bool isOpen =
+            link.state() == QAbstractSocket::ConnectedState && onItsWay.isLinkUp() && isIdle;
+        road = isOpen && quiet.look() ? Road::Open : Road::Closed;
+    }
+    return road == Road::Open;
+}
+
+bool SpoolSender::sendAtOnce(const DataRecord &record)
+{
+    if (!isRoadOpen())
+        return false;
+    road = Road::Closed; // a record that becomes a file must not be overtaken
+    const QByteArray name = QFile::encodeName(record.fileName);
+    const qsizetype size = record.kind.size() + record.payload.size();
+    Journal &journal = keeper.sent().journal();
+    if (!isPlainName(record.fileName) || !quiet.canHold(name) || onItsWay.holdsFile(record.fileName)
+        || !hasRoomFor(outgoing.size() + LinkRecord::lengthSize + size)
+        || !journal.hasRoomFor(name.size(), size))
+        return false;
+    const quint64 end = journal.add(name, timeNow(), record.kind, record.payload);
+    LinkRecord::append(outgoing, record.kind, record.payload);
+    staged.push_back({name, end, LinkRecord::lengthSize + size});
+    road = Road::Open;
+    return true;
+}
+
+void SpoolSender::commit()
+{
+    road = Road::Unknown;
+    if (staged.empty())
+        return;
+    if (!keeper.sent().journal().commit())
+        return spillStaged();
+    for (const Staged &record : staged) {
+        onItsWay.addJournaled(record.name, record.journalEnd, record.bytes);
+        done.accepted.add(record.bytes - LinkRecord::lengthSize);
+        done.sent.add(record.bytes - LinkRecord::lengthSize);
+    }
+    staged.clear();
+    const QByteArray records = std::exchange(outgoing, {});
+    std::ignore = link.write(records); // what it does not take comes back with the link's end
+    link.flush();
+    lookSoon();
+}
+
+// The disk has failed under the journal: all of them become files.
+void SpoolSender::spillStaged()
+{
+    LinkRecord::Reader reader;
+    reader.append(std::exchange(outgoing, {}));
+    for (const Staged &record : std::exchange(staged, {}))
+        writeFile(QFile::decodeName(record.name), reader.next().value_or(QByteArray()));
+    send();
+}
+
+// --- files ---
+
+void SpoolSender::send()
+{
+    if (link.state() != QAbstractSocket::ConnectedState || !onItsWay.isLinkUp())
+        return;
+    if (scan || !listed.isEmpty()) {
+        listAgain = true;
+        return;
+    }
+    beginListing({});
+}
+
+void SpoolSender::beginListing(const QByteArray &after)
+{
+    scan.emplace(keeper.directory().path(), after);
+    onItsWay.rememberNames();
+    goOn();
+}
+
+// A lock that cannot be removed keeps everything in the spool until the next record comes.
+bool SpoolSender::isSpoolFree()
+{
+    switch (lock.look()) {
+    case SpoolLock::State::Free:
+        return true;
+    case SpoolLock::State::Held:
+        work.start(lockInterval);
+        return false;
+    case SpoolLock::State::Stuck:
+        scan.reset();
+        listed = SpoolListing();
+        return false;
+    }
+    return false;
+}
+
+// A piece of the current listing. It waits for the socket, for acknowledgements, or for its turn.
+void SpoolSender::goOn()
+{
+    const QDeadlineTimer deadline(sliceTime);
+    if (!isSpoolFree() || (scan && !goOnScanning()))
+        return;
+    while (!listed.isEmpty()) {
+        if (deadline.hasExpired()) {
+            link.flush();
+            return work.start(0ms);
+        }
+        if (sendFile(listed.first()) == Step::MustWait)
+            return lookSoon();
+        if (listed.isEmpty())
+            break; // the link has ended meanwhile
+        lastListed = listed.firstName();
+        listed.removeFirst();
+    }
+    endOfListing();
+}
+
+bool SpoolSender::goOnScanning()
+{
+    if (!scan->goOn(QDeadlineTimer(sliceTime))) {
+        work.start(0ms);
+        return false;
+    }
+    isCutOff = scan->isCutOff();
+    listed = scan->takeNames();
+    scan.reset();
+    return true;
+}
+
+void SpoolSender::endOfListing()
+{
+    lookSoon();
+    if (std::exchange(isCutOff, false))
+        return beginListing(lastListed);
+    listed = SpoolListing();
+    if (std::exchange(listAgain, false))
+        send();
+}
+
+// A file that cannot be read or is not taken is passed over.
+SpoolSender::Step SpoolSender::sendFile(const QString &name)
+{
+    const SpoolFile file = keeper.directory().open(name);
+    if (!file.isOpen())
+        return Step::Done;
+    if (onItsWay.holds(name) || !hasRoomFor(LinkRecord::lengthSize + file.mark().size))
+        return Step::MustWait;
+    std::optional<QByteArray> record = file.read(LinkRecord::lengthSize);
+    if (!record)
+        return Step::Done;
+    LinkRecord::complete(*record);
+    const auto content = QByteArrayView(*record).sliced(LinkRecord::lengthSize);
+    const SentFolder::Take taken = keeper.sent().take(name, file.mark(), content);
+    if (taken == SentFolder::Take::Gone)
+        return Step::Done;
+    if (taken == SentFolder::Take::Replaced) {
+        listAgain = true; // what has taken its place may come behind it in the order
+        return Step::Done;
+    }
+    if (taken == SentFolder::Take::NoRoom && !onItsWay.isEmpty())
+        return Step::MustWait; // for room
+    const qint64 size = record->size();
+    if (!write(*record)) {
+        if (taken == SentFolder::Take::Taken)
+            keeper.sent().giveBack(name);
+        return Step::Done;
+    }
+    done.sent.add(content.size());
+    if (taken == SentFolder::Take::Taken)
+        onItsWay.addKept(name, size);
+    else if (taken == SentFolder::Take::NoRoom)
+        onItsWay.addListed(name, file.mark(), size);
+    else
+        Q_EMIT fileKept(keeper.directory().pathOf(name));
+    return Step::Done;
 }

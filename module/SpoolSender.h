@@ -1,66 +1,105 @@
 #pragma once
 
-#include "SpoolDirectory.h"
-#include "Unacknowledged.h"
+#include "OnItsWay.h"
+#include "QuietSpool.h"
+#include "Record.h"
+#include "SpoolScan.h"
 
 #include <QObject>
+#include <QTimer>
 
 #include <chrono>
+#include <functional>
 
 class QTcpSocket;
+struct Counters;
 
-// Carries the spool over the TCP link: one record for each file, in the order of the listing.
+// Carries records over the TCP link, one for each file of the spool, in the order of the listing.
+//
+// A record that arrives while nothing waits takes a shorter road: it is written to the journal and
+// sent, and never becomes a file unless the link ends before it is acknowledged.
 //
 // At most 1 MiB waits in the socket's buffer; the rest of a listing goes on when it drains.
 //
 // Owner:   Morvane, which owns the socket too and makes its connections.
-// Thread:  main thread. Waiting for the spool's lock blocks it, in steps of a second.
+// Thread:  main thread. A listing is made and sent in pieces of some milliseconds.
 // Errors:  never throws. A file that cannot be sent now stays in the spool for the next time.
 class SpoolSender : public QObject
 {
     Q_OBJECT
 public:
-    // Long waits for the lock are said to the log.
-    SpoolSender(QTcpSocket &link, Say log);
+    using WriteFile = std::function<void(const QString &name, const QByteArray &content)>;
 
-    void setSpool(const QString &directory);
-    // Unacknowledged bytes that old mean that the link is dead.
-    void setDeadAfter(std::chrono::milliseconds time) { deadAfter = time; }
+    // writeFile is called for a record whose shorter road has failed, in the order of arrival.
+    SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, Say log,
+        std::chrono::milliseconds deadAfter, WriteFile writeFile);
 
-    // Gives back what an earlier process left between spool and peer. Before anything is sent.
-    void recover() { unacknowledged.recover(); }
     // To be called when the link has come up, before anything else is done with it. False if it
     // cannot be watched, and must not be used.
     [[nodiscard]] bool linkUp();
-    // Sends the whole spool, or goes on with it. Reads no file while the socket takes none.
+    // Sends the whole spool, or goes on with it. Does nothing while the link is down.
     void send();
+    // Sends a record without a file if nothing waits and all is well. What was taken leaves with
+    // the next commit().
+    [[nodiscard]] bool sendAtOnce(const DataRecord &record);
+    void commit();
     void sendKeepAlive();
+    // Before the process ends: waits a moment for acknowledgements, then gives the rest back.
+    void stop();
 
 Q_SIGNALS:
     // A sent file is still in the spool, and will be sent again.
     void fileKept(const QString &path);
 
-protected:
-    void timerEvent(QTimerEvent *event) override;
-
 private:
+    enum class Step { Done, MustWait };
+
     void linkStateChanged();
     void bytesWritten();
-    [[nodiscard]] bool takesRecords() const;
-    [[nodiscard]] bool waitForLock();
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
-    void sendListed();
-    [[nodiscard]] bool sendFile(const QString &name);
-    [[nodiscard]] qint64 write(const QByteArray &record);
-    void watchAcknowledgements();
+
+    [[nodiscard]] bool isRoadOpen();
+    void spillStaged();
+
+    [[nodiscard]] bool isSpoolFree();
+    void beginListing(const QByteArray &after);
+    void goOn();
+    [[nodiscard]] bool goOnScanning();
+    void endOfListing();
+    [[nodiscard]] Step sendFile(const QString &name);
+    [[nodiscard]] bool write(const QByteArray &record);
+    void resendJournal();
+
+    void lookSoon();
+    void lookNow();
 
     QTcpSocket &link;
+    SpoolKeeper &keeper;
+    Counters &done;
     const Say say;
-    SpoolDirectory spool;
-    Unacknowledged unacknowledged;
-    std::chrono::milliseconds deadAfter{0};
+    const std::chrono::milliseconds deadAfter; // unacknowledged bytes that old mean a dead link
+    const WriteFile writeFile;
+    OnItsWay onItsWay;
+    SpoolLock lock;
+    QTimer work; // goes on with a listing
+    QTimer lookTimer; // runs while anything is unacknowledged
+
+    std::optional<SpoolScan> scan; // under way
     SpoolListing listed; // what remains of the current listing
+    QByteArray lastListed; // the last name taken from it
+    bool isCutOff = false; // more names follow the current listing
     bool listAgain = false; // somebody has asked while a listing was under way
-    qint64 takenSinceLook = 0; // bytes
-    int lookTimerId = 0; // runs while anything is unacknowledged
+
+    // Records that leave with the next commit().
+    struct Staged
+    {
+        QByteArray name; // file system encoding
+        quint64 journalEnd;
+        qint64 bytes; // on the link
+    };
+    enum class Road { Unknown, Open, Closed };
+    QuietSpool quiet;
+    Road road = Road::Unknown; // until the next commit()
+    std::vector<Staged> staged;
+    QByteArray outgoing; // link records
 };

@@ -323,8 +323,11 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
     // A slot that hears of a frame may abort the socket: then the rest is lost with it.
     BusFrame frame; // one for all, so that small frames share its memory
+    ++readDepth;
     while (socket->isOpen() && takeFrame(socket, frame))
         dispatch(frame, socket);
+    if (--readDepth == 0)
+        Q_EMIT ReadDone();
 }
 
 // False while the next frame is incomplete. A length of 0 or less gives an empty one.

@@ -100,6 +100,9 @@ public:
     void SetDataAll(uchar version, QByteArray &data);
     void SetOutDataAll(uchar version, QByteArray &data);
 
+    // Whether frames of one read are being dispatched: ReadDone() follows.
+    [[nodiscard]] bool isReading() const { return readDepth > 0; }
+
     // Sends a whole frame to the administration server at once; lost if it is not connected.
     void sendToAdmin(const QByteArray &frame);
 
@@ -118,6 +121,8 @@ Q_SIGNALS:
     void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void NewAction(QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection,
         TMyLocalSocket *socket);
+    // All frames that have arrived on a connection were dispatched.
+    void ReadDone();
     void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
     // A repair pass has done what it could.
     void passEnded();
@@ -154,6 +159,7 @@ private:
     TMyLocalServer *server;
     QString serverName;
     bool watchArrow = false;
+    int readDepth = 0; // a slot may have another connection read
     QList<TMyLocalSocket *> inConnections;
     QList<TMyLocalSocket *> outConnections;
 

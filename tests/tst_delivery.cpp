@@ -1,3 +1,5 @@
+#include "KeptRecords.h"
+#include "Leftovers.h"
 #include "ModuleBench.h"
 #include "Oracle.h"
 #include "SentFolder.h"
@@ -15,7 +17,8 @@ private Q_SLOTS:
     void cleanCloseCausesNoDuplicate();
     void unreachablePeerLosesNothing();
     void newerRecordOfTheSameNameStands();
-    void newerFilesStandWhenOldOnesComeBack();
+    void leftoversOfSeveralOwnersGoBackByAge_data();
+    void leftoversOfSeveralOwnersGoBackByAge();
 };
 
 void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
@@ -31,13 +34,13 @@ void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
     QTRY_VERIFY(bench.spooled().size() < 490);
     oracle.put(bench, 1);
     QVERIFY2(bench.spooled().size() > 350, qPrintable(QString::number(bench.spooled().size())));
-    QCOMPARE(filesBelow(bench.spool), 501);
+    QCOMPARE(keptRecords(bench.spool).size(), 501);
 
     peer.reading = true;
     peer.reset();
     QTRY_VERIFY_WITH_TIMEOUT(oracle.hasLast(peer.bodies), 20'000);
     QCOMPARE(oracle.judge(peer, 0), QString());
-    QTRY_COMPARE(filesBelow(bench.spool), 0);
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
 }
 
 void TestDelivery::cleanCloseCausesNoDuplicate()
@@ -57,9 +60,7 @@ void TestDelivery::cleanCloseCausesNoDuplicate()
     oracle.put(bench, 1);
     QTRY_VERIFY(oracle.hasLast(peer.bodies));
     QCOMPARE(oracle.judge(peer, 0), QString());
-    QTRY_COMPARE(
-        QDir(bench.spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList());
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
 }
 
 void TestDelivery::unreachablePeerLosesNothing()
@@ -79,8 +80,9 @@ void TestDelivery::unreachablePeerLosesNothing()
 
     bench.module.Start();
     oracle.put(bench, 50);
-    QVERIFY(bench.spooled().isEmpty());
-    QTRY_COMPARE(bench.spooled().size(), 50); // the attempt is given up
+    QCOMPARE(bench.spooled().size(), 50); // the attempt moves none of them
+    QTest::qWait(1'500);
+    QCOMPARE(bench.spooled().size(), 50);
     peer.resumeAccepting();
     QTRY_VERIFY(oracle.hasLast(peer.bodies));
     QCOMPARE(oracle.judge(peer, 0), QString());
@@ -96,35 +98,54 @@ void TestDelivery::newerRecordOfTheSameNameStands()
     // The first is on its way and the last still in the spool when the link breaks.
     bench.record("error", u"f"_s, QByteArray(40'000'000, '1'));
     bench.record("error", u"f"_s, QByteArray(40'000'000, '2'));
-    QCOMPARE(filesBelow(bench.spool), 2);
+    QCOMPARE(keptRecords(bench.spool).size(), 2);
     peer.reading = true;
     peer.reset();
     QTRY_COMPARE_WITH_TIMEOUT(peer.bodies.size(), 1, 20'000);
     QCOMPARE(peer.bodies.first().back(), '2');
-    QTRY_COMPARE(filesBelow(bench.spool), 0);
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
 }
 
-void TestDelivery::newerFilesStandWhenOldOnesComeBack()
+void TestDelivery::leftoversOfSeveralOwnersGoBackByAge_data()
 {
+    QTest::addColumn<bool>("firstIsNewer");
+    QTest::newRow("the newer one is found first") << true;
+    QTest::newRow("the newer one is found last") << false;
+}
+
+// Two owners that were killed hold one name each as a file and as a record of the journal.
+void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
+{
+    QFETCH(const bool, firstIsNewer);
     const Workplace place;
     const QString spool = place.makeFolder(u"spool"_s);
     const SpoolDirectory directory(spool);
-    place.writeFile(u"spool/f"_s, "old");
-    {
-        SentFolder dead; // leaves its file as a killed process does
-        dead.setSpool(spool);
-        QCOMPARE(dead.take(u"f"_s, directory.mark(u"f"_s)->inode), SentFolder::Take::Done);
-    }
-    place.writeFile(u"spool/f"_s, "new");
-    SentFolder living;
-    living.setSpool(spool);
-    // What has replaced a sent file is not taken for it.
-    QCOMPARE(living.take(u"f"_s, directory.mark(u"f"_s)->inode + 1), SentFolder::Take::Replaced);
-    living.recover();
+    const auto leave = [&](const QByteArray &content, qint64 seconds) {
+        SentFolder dead(spool);
+        QVERIFY(dead.open());
+        QFile file(place.writeFile(u"spool/f"_s, content));
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        file.setFileTime(QDateTime::fromSecsSinceEpoch(seconds), QFile::FileModificationTime);
+        file.close();
+        // What has changed since it was read is not taken for it.
+        SpoolFile::Mark mark = *directory.mark(u"f"_s);
+        ++mark.modified;
+        QCOMPARE(dead.take(u"f"_s, mark, content), SentFolder::Take::Replaced);
+        --mark.modified;
+        QCOMPARE(dead.take(u"f"_s, mark, content), SentFolder::Take::Taken);
+        dead.journal().add("j", seconds * 1'000'000'000, "error", content);
+        QVERIFY(dead.journal().commit());
+    };
+    leave(firstIsNewer ? "new" : "old", firstIsNewer ? 2'000 : 1'000);
+    leave(firstIsNewer ? "old" : "new", firstIsNewer ? 1'000 : 2'000);
+    place.writeFile(u"spool/.sent-torn"_s, "not a folder");
+    QStringList said;
+    QVERIFY(Leftovers(spool, [&](const QString &text) { said.append(text); }).giveBack());
     QCOMPARE(place.readFile(u"spool/f"_s), QByteArray("new"));
-    living.close();
+    QCOMPARE(place.readFile(u"spool/j"_s), QByteArray("errornew"));
+    QCOMPARE(said, QStringList());
     QCOMPARE(QDir(spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList{u"f"_s});
+        QStringList({u".sent-torn"_s, u"f"_s, u"j"_s}));
 }
 
 QTEST_GUILESS_MAIN(TestDelivery)

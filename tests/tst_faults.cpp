@@ -1,4 +1,5 @@
 #include "BusEnds.h"
+#include "KeptRecords.h"
 #include "ModuleProcess.h"
 #include "Oracle.h"
 #include "TcpPeer.h"
@@ -25,21 +26,27 @@ int kills()
     return std::max(qEnvironmentVariableIntValue("MORVANE_KILLS"), 6);
 }
 
+qsizetype keptCount(const QString &spool)
+{
+    return keptRecords(spool).size();
+}
+
 QByteArray portLine(const char *key, quint16 port)
 {
     return key + QByteArray::number(port) + '\n';
 }
 
-// The content of the numbered files of a folder, in order.
-QByteArrayList recordsIn(const QString &folder, QDirIterator::IteratorFlags flags = {})
+// The content of the numbered records of a folder, in order.
+QByteArrayList recordsIn(
+    const QString &folder, QDirIterator::IteratorFlags flags = QDirIterator::Subdirectories)
 {
-    QMap<QString, QByteArray> records;
-    for (QDirIterator it(folder, {u"??????"_s}, QDir::Files | QDir::Hidden, flags); it.hasNext();) {
-        QFile file(it.next());
-        if (QChar(it.fileName().front()).isDigit() && file.open(QIODevice::ReadOnly))
-            records.insert(it.fileName(), file.readAll());
+    const QMultiMap<QString, QByteArray> all = keptRecords(folder, flags);
+    QByteArrayList records;
+    for (auto record = all.begin(); record != all.end(); ++record) {
+        if (record.key().size() == 6 && record.key().front().isDigit())
+            records.append(record.value());
     }
-    return records.values();
+    return records;
 }
 
 // A process in TCP mode, its peer, and the oracle that knows what goes from one to the other.
@@ -68,7 +75,7 @@ struct TcpLine
     {
         oracle.put(process, 1);
         start();
-        QTRY_COMPARE_WITH_TIMEOUT(filesBelow(process.place.path(u"spool"_s)), 0, patience);
+        QTRY_COMPARE_WITH_TIMEOUT(keptCount(process.place.path(u"spool"_s)), 0, patience);
         QTRY_VERIFY(oracle.hasLast(peer.bodies));
         QCOMPARE(oracle.judge(peer, std::numeric_limits<int>::max(), mostMissing), QString());
         kill();
@@ -80,8 +87,7 @@ struct TcpLine
     // What the process had written when it was killed, and what the peer had got, was accepted.
     void countAccepted()
     {
-        QByteArrayList bodies =
-            peer.bodies + recordsIn(process.place.path(u"spool"_s), QDirIterator::Subdirectories);
+        QByteArrayList bodies = peer.bodies + recordsIn(process.place.path(u"spool"_s));
         std::sort(bodies.begin(), bodies.end());
         oracle.acceptedUpTo(bodies.isEmpty() ? -1 : Oracle::numberIn(bodies.last()));
     }
@@ -107,7 +113,7 @@ struct UdpEnd
         process.startWith(
             {u"-settings"_s, process.writeSettings(u"m.ini"_s, "AdminServerName=\n", main)});
     }
-    [[nodiscard]] QByteArrayList received() const { return recordsIn(process.place.path()); }
+    [[nodiscard]] QByteArrayList received() const { return recordsIn(process.place.path(), {}); }
 
     const quint16 port = freeUdpPort();
     ModuleProcess process;
@@ -165,7 +171,7 @@ void TestFaults::killsLoseNothingOverTcp()
     TcpLine line;
     int resetLinks = 0;
     for (int kill = 1; kill <= kills(); ++kill) {
-        const qsizetype waiting = filesBelow(line.process.place.path(u"spool"_s));
+        const qsizetype waiting = keptCount(line.process.place.path(u"spool"_s));
         line.oracle.put(line.process, std::max(backlog - int(waiting), 1));
         line.start();
         if (kill % 2 == 0)
@@ -250,12 +256,12 @@ void TestFaults::anotherSenderOfTheFolderIsLeftAlone()
     first.process.record("error", u"other"_s, "x");
     second.start();
     QTRY_COMPARE(second.peer.bodies, QByteArrayList{"errorx"});
-    QTRY_COMPARE(filesBelow(spool), 3);
+    QTRY_COMPARE(keptCount(spool), 3);
 
     first.kill();
     second.kill();
     second.start();
-    QTRY_COMPARE(filesBelow(spool), 0);
+    QTRY_COMPARE(keptCount(spool), 0);
     QTRY_COMPARE(second.peer.bodies.size(), 4);
 }
 
@@ -291,11 +297,11 @@ void TestFaults::fullDiskHealsByItself()
     const QByteArrayList kept = recordsIn(spool), all = line.oracle.all();
     for (const QByteArray &record : kept)
         QVERIFY(all.contains(record));
-    QCOMPARE(filesBelow(spool), kept.size());
+    QCOMPARE(keptCount(spool), kept.size());
 
     QVERIFY(line.peer.listen(QHostAddress::LocalHost, port));
     QTRY_COMPARE(line.peer.bodies, kept);
-    QTRY_COMPARE(filesBelow(spool), 0);
+    QTRY_COMPARE(keptCount(spool), 0);
     feeder.record("error", u"fresh"_s, "1");
     QTRY_COMPARE(line.peer.bodies.last(), QByteArray("error1"));
     process.killNow();

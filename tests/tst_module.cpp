@@ -80,7 +80,10 @@ void TestModule::recordsBecomeSpoolFiles()
     QVERIFY(QDir(bench.spool).removeRecursively());
     bench.record("error", u"f"_s, "x");
     QCOMPARE(bench.place.logged(),
-        QStringList({u"Can not create temporary file"_s, u"Can not open lock-file"_s}));
+        QStringList({u"Can not create temporary file"_s,
+            u"Dropped the record \"../x\" of 6 bytes from a nameless module: the name cannot be a file's"_s,
+            u"Can not open lock-file"_s,
+            u"Dropped the record \"f\" of 6 bytes from a nameless module: No such file or directory"_s}));
 }
 
 void TestModule::unsendableProtocolDropsButReports()

@@ -47,6 +47,13 @@ QByteArray LinkRecord::make(const QByteArray &body)
     return record;
 }
 
+void LinkRecord::append(QByteArray &records, QByteArrayView kind, QByteArrayView payload)
+{
+    char length[lengthSize];
+    qToLittleEndian(quint32(kind.size() + payload.size()), length);
+    records.append(length, lengthSize).append(kind).append(payload);
+}
+
 void LinkRecord::complete(QByteArray &record)
 {
     qToLittleEndian(quint32(record.size() - lengthSize), record.data());

@@ -38,6 +38,8 @@ inline constexpr char keepAlive[] = "live";
 inline constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body
 
 [[nodiscard]] QByteArray make(const QByteArray &body);
+// Appends a whole record whose body is in two pieces.
+void append(QByteArray &records, QByteArrayView kind, QByteArrayView payload);
 // Fills the first lengthSize bytes of a record whose body is in place.
 void complete(QByteArray &record);
 

@@ -1,54 +1,65 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
+#include "Descriptor.h"
+#include "Journal.h"
+#include "SpoolDirectory.h"
 
-// Keeps the files whose records a link has taken until the peer has acknowledged them: out of the
-// spool's listing, but still on disk.
+#include <QSet>
+
+// What a process has on its way to the peer: a hidden folder of the spool directory, with the
+// journal of records that have no file and with the files that a link has taken.
 //
-// They lie in a hidden folder of the spool directory that is there only while it is needed. Its
-// owner holds the kernel's lock on it, so the folder of a process that was killed can be told from
-// that of a living one.
+// A listed file is moved here, not copied and removed: its bytes are as safe on the disk as they
+// were. The owner holds the kernel's lock on the folder, so that of a process that was killed can
+// be told from that of a living one; Leftovers gives its content back.
 //
-// Owner:   whoever sends from the spool over a link that acknowledges later.
+// Owner:   SpoolKeeper.
 // Thread:  any one thread.
 // Errors:  never throws. A file that cannot be taken stays in the spool.
 class SentFolder
 {
 public:
-    SentFolder() = default;
-    ~SentFolder();
-    SentFolder(const SentFolder &) = delete;
-    SentFolder &operator=(const SentFolder &) = delete;
+    static constexpr char prefix[] = ".sent-";
 
-    // To be set before anything else, and while nothing is kept.
-    void setSpool(const QString &directory);
+    explicit SentFolder(const QString &spool);
 
-    // Gives the files that ended processes have left their names back.
-    void recover() const;
-
-    enum class Take {
-        Done,
-        StillListed,
-        Replaced // it has made way for a newer file of its name, which is still listed
-    };
-    // Takes the spool file with that inode out of the listing, replacing a kept one of its name.
-    [[nodiscard]] Take take(const QString &name, quint64 inode);
-    // Whether the last file that could not be taken found no room on the disk.
-    [[nodiscard]] bool isFull() const { return full; }
-    // The peer has it: removes a kept file for good.
-    void discard(const QString &name);
-    // The peer may not have it: back into the spool, unless a newer file has the name.
-    void giveBack(const QString &name);
-    // Nothing is kept any more: removes the folder.
+    // Makes the folder unless it is there. False, with the reason in errno, if that fails.
+    [[nodiscard]] bool open();
+    // Removes the folder if nothing is kept in it.
     void close();
 
-private:
-    [[nodiscard]] bool open();
-    [[nodiscard]] bool holds(const QByteArray &file, quint64 inode) const;
+    enum class Take {
+        Taken,
+        Gone, // somebody else has removed it
+        Replaced, // by another file, which stays listed
+        NoRoom, // on the disk; it stays listed
+        Stuck // it cannot be removed, and stays listed
+    };
+    // Takes a spool file with that mark and content out of the listing. No file of its name may be
+    // kept.
+    [[nodiscard]] Take take(
+        const QString &name, const SpoolFile::Mark &mark, QByteArrayView content);
+    // The peer has it: removes a kept file for good.
+    void discard(const QString &name);
+    // The peer may not have it: puts a kept file back. False, with the reason in errno, if it
+    // cannot go back now.
+    bool giveBack(const QString &name);
+    // The same for all kept files and all records of the journal.
+    [[nodiscard]] bool giveAllBack();
+    [[nodiscard]] bool isEmpty() const { return kept.isEmpty() && records.isEmpty(); }
+    [[nodiscard]] bool holds(const QString &name) const { return kept.contains(name); }
 
-    QByteArray spool; // file system encoding, as path
+    [[nodiscard]] Journal &journal() { return records; }
+
+private:
+    [[nodiscard]] bool make();
+    [[nodiscard]] bool isGone() const;
+    [[nodiscard]] bool isUnchanged(
+        const QByteArray &file, const SpoolFile::Mark &mark, QByteArrayView content) const;
+
+    const QByteArray spool; // file system encoding, as path
     QByteArray path;
-    bool full = false;
-    int descriptor = -1; // of the folder, locked; -1 while there is none
+    Descriptor folder; // locked
+    QSet<QString> kept;
+    Journal records;
 };

@@ -1,6 +1,7 @@
 #include "SpoolDirectory.h"
 
 #include "ServiceManager.h"
+#include "SpoolScan.h"
 #include "WholeFile.h"
 
 #include <QDir>
@@ -12,9 +13,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits>
+#include <linux/magic.h>
 #include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <thread>
 #include <unistd.h>
 
@@ -24,6 +27,9 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto staleAge = 30s; // a lock that old belongs to nobody
+constexpr auto abandonedAge = 10ms; // see isAbandoned()
+constexpr auto longestWait = 60s; // for a lock that others pass on among themselves
+constexpr mode_t ownLockMark = S_ISVTX; // means nothing else on a file: others see an empty file
 constexpr auto longWait = 1s; // a wait that an operator should hear of
 constexpr auto lockPoll = 100us; // between two looks of a waiting writer
 constexpr mode_t newFileMode = 0666; // less the umask
@@ -36,21 +42,21 @@ qint64 nanoseconds(const timespec &time)
     return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
+// Only the system that all processes run on sees all of their locks on such a file.
+bool isLocal(int file)
+{
+    constexpr decltype(statfs::f_type) local[] = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC,
+        BTRFS_SUPER_MAGIC, F2FS_SUPER_MAGIC, TMPFS_MAGIC, OVERLAYFS_SUPER_MAGIC};
+    struct statfs system;
+    return ::fstatfs(file, &system) == 0
+        && std::find(std::begin(local), std::end(local), system.f_type) != std::end(local);
+}
+
 std::chrono::nanoseconds ageOf(qint64 modified)
 {
     timespec now;
     ::clock_gettime(CLOCK_REALTIME, &now);
     return std::chrono::nanoseconds(nanoseconds(now) - modified);
-}
-
-bool isRegularFile(int directory, const dirent &entry)
-{
-    if (entry.d_type == DT_REG)
-        return true;
-    if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN)
-        return false;
-    struct stat target;
-    return ::fstatat(directory, entry.d_name, &target, 0) == 0 && S_ISREG(target.st_mode);
 }
 
 // Calls visit(name, isFile) for every visible name, in no order; isFile() says whether it is one to
@@ -64,18 +70,37 @@ template <typename Visit> void forEachName(const QString &path, Visit visit)
         return;
     while (const dirent *entry = ::readdir(directory.get())) {
         const QByteArray name(entry->d_name);
-        if (!name.startsWith('.') && QFile::encodeName(QFile::decodeName(name)) == name)
+        if (isSpoolName(name))
             visit(name, [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
     }
 }
 
 } // namespace
 
+bool isRegularFile(int directory, const dirent &entry)
+{
+    if (entry.d_type == DT_REG)
+        return true;
+    if (entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN)
+        return false;
+    struct stat target;
+    return ::fstatat(directory, entry.d_name, &target, 0) == 0 && S_ISREG(target.st_mode);
+}
+
+bool isSpoolName(QByteArrayView name)
+{
+    if (name.startsWith('.'))
+        return false;
+    const auto isAscii = [](char byte) { return uchar(byte) < 0x80; };
+    return std::all_of(name.begin(), name.end(), isAscii)
+        || QFile::encodeName(QFile::decodeName(name.toByteArray())) == name;
+}
+
 // --- SpoolLock ---
 
 SpoolLock::SpoolLock(const QString &directoryPath, Say sayTo)
     : directory(QFile::encodeName(directoryPath))
-    , path(directory + "/.lock")
+    , path(directory + '/' + fileName)
     , say(std::move(sayTo))
 {
 }
@@ -101,7 +126,8 @@ std::optional<SpoolLock::Mark> SpoolLock::markOf(const QByteArray &path)
     struct stat info;
     if (::lstat(path.constData(), &info) != 0)
         return std::nullopt;
-    return Mark{info.st_ino, nanoseconds(info.st_mtim)};
+    const bool isOwnKind = S_ISREG(info.st_mode) && (info.st_mode & ownLockMark) != 0;
+    return Mark{info.st_ino, nanoseconds(info.st_mtim), isOwnKind};
 }
 
 SpoolLock::State SpoolLock::look(Clock::time_point now)
@@ -113,12 +139,17 @@ SpoolLock::State SpoolLock::look(Clock::time_point now)
     }
     if (!seen)
         waitingSince = now;
-    if (seen != mark)
+    if (seen != mark) {
         unchangedSince = now;
+        abandonedSince.reset();
+    }
     seen = mark;
 
     if (ageOf(mark->modified) > staleAge || now - unchangedSince > staleAge)
-        return removeStale(*mark);
+        return removeStale(*mark,
+            tr("nobody has held it for %1 seconds").arg(std::chrono::seconds(staleAge).count()));
+    if (mark->isOwnKind && isAbandoned(now))
+        return removeStale(*mark, tr("its writer was killed"));
     if (!saidHeld && now - waitingSince > longWait) {
         saidHeld = true;
         say(tr("Waiting for the lock file %1").arg(QFile::decodeName(path)));
@@ -126,45 +157,69 @@ SpoolLock::State SpoolLock::look(Clock::time_point now)
     return State::Held;
 }
 
-SpoolLock::State SpoolLock::removeStale(const Mark &stale)
+// A writer makes its file first and takes the kernel's lock then: it must have been seen without
+// the lock for a moment. Across a network such locks may not be seen at all.
+bool SpoolLock::isAbandoned(Clock::time_point now)
+{
+    const Descriptor file(::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat info;
+    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || info.st_ino != seen->inode
+        || !isLocal(file.get()) || ::flock(file.get(), LOCK_SH | LOCK_NB) != 0) {
+        abandonedSince.reset();
+        return false;
+    }
+    if (!abandonedSince)
+        abandonedSince = now;
+    return now - *abandonedSince >= abandonedAge;
+}
+
+SpoolLock::State SpoolLock::removeStale(const Mark &stale, const QString &reason)
 {
     // Two waiters may find the same stale lock. Under the directory's kernel lock each looks once
-    // more, so that the second one does not remove the lock that the first has made since.
+    // more, so that the second one does not remove the lock that the first has made since. A kernel
+    // lock that cannot be had, or that somebody holds for long, does not count.
     const Descriptor guard(::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (guard.isOpen() && ::flock(guard.get(), LOCK_EX | LOCK_NB) != 0)
+    if (guard.isOpen() && ::flock(guard.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK
+        && Clock::now() - unchangedSince <= 2 * staleAge)
         return State::Held; // another one is at it
     if (markOf(path) != stale)
         return State::Held;
     if (std::remove(path.constData()) != 0)
         return State::Stuck;
     seen.reset();
-    say(tr("Removed the lock file %1: nobody has held it for %2 seconds")
-            .arg(QFile::decodeName(path))
-            .arg(std::chrono::seconds(staleAge).count()));
+    say(tr("Removed the lock file %1: %2").arg(QFile::decodeName(path), reason));
     return State::Free;
 }
 
 bool SpoolLock::tryAcquire()
 {
-    descriptor = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode);
-    return descriptor >= 0;
+    descriptor = ::open(
+        path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode | ownLockMark);
+    if (descriptor < 0)
+        return false;
+    ::flock(descriptor, LOCK_EX | LOCK_NB);
+    return true;
 }
 
 bool SpoolLock::acquire()
 {
-    for (;;) {
-        if (tryAcquire())
-            return true;
+    const Clock::time_point start = Clock::now();
+    while (!tryAcquire()) {
         if (errno != EEXIST)
             return false;
         const State state = look();
         if (state == State::Stuck)
             return false;
+        if (Clock::now() - start > longestWait) {
+            errno = EBUSY;
+            return false;
+        }
         if (state != State::Held)
             continue;
         ServiceManager::sayAlive(); // the lock is taken in the end, or stale
         std::this_thread::sleep_for(lockPoll);
     }
+    return true;
 }
 
 // --- SpoolFile ---
@@ -175,10 +230,15 @@ SpoolFile::SpoolFile(const QString &path)
         Descriptor opened(openRegularFile(path, info));
         if (!opened.isOpen() || info.st_size > maxFileBytes)
             return -1;
-        fileMark = {info.st_ino, nanoseconds(info.st_mtim), info.st_size};
+        fileMark = markOf(info);
         return opened.release();
     }())
 {
+}
+
+SpoolFile::Mark SpoolFile::markOf(const struct stat &info)
+{
+    return {info.st_ino, nanoseconds(info.st_mtim), info.st_size};
 }
 
 std::optional<QByteArray> SpoolFile::read(qsizetype room) const
@@ -211,8 +271,9 @@ SpoolDirectory::WriteResult SpoolDirectory::write(
     const QString &name, const QByteArray &content, const Say &say) const
 {
     SpoolLock lock(directory, say);
-    if (!lock.acquire())
+    if (!lock.acquire() && errno != EBUSY)
         return WriteResult::NoLock;
+    // Behind a lock that is never free the file is written all the same: it appears whole.
     if (!isPlainName(name) || !writeWhole(name, content))
         return WriteResult::NoFile;
     return WriteResult::Written;
@@ -226,13 +287,9 @@ bool SpoolDirectory::writeWhole(const QString &name, const QByteArray &content) 
 
 SpoolListing SpoolDirectory::list() const
 {
-    SpoolListing names;
-    forEachName(directory, [&](const QByteArray &name, auto isFile) {
-        if (isFile())
-            names.add(name);
-    });
-    names.sort();
-    return names;
+    SpoolScan scan(directory, {}, std::numeric_limits<size_t>::max() / 4);
+    std::ignore = scan.goOn();
+    return scan.takeNames();
 }
 
 QString SpoolDirectory::first(const std::function<bool(const QString &)> &isSkipped) const
@@ -254,7 +311,7 @@ std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) co
     struct stat info;
     if (::stat(QFile::encodeName(pathOf(name)).constData(), &info) != 0)
         return std::nullopt;
-    return Mark{info.st_ino, nanoseconds(info.st_mtim), info.st_size};
+    return SpoolFile::markOf(info);
 }
 
 bool SpoolDirectory::remove(const QString &name) const
@@ -285,6 +342,8 @@ bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
     // Under the lock no file of a living writer is among them.
     if (lock.look() != SpoolLock::State::Free || !lock.tryAcquire())
         return false;
-    return std::all_of(
+    const bool allGone = std::all_of(
         leftovers.begin(), leftovers.end(), [this](const QString &name) { return remove(name); });
+    lock.release(); // whatever could not be removed
+    return allGone;
 }

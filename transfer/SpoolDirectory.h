@@ -11,13 +11,23 @@
 #include <functional>
 #include <optional>
 
+struct dirent;
+
+// Whether an entry of an open directory is a regular file, or a link to one.
+[[nodiscard]] bool isRegularFile(int directory, const dirent &entry);
+// Whether a name in file system encoding is one that a QString can hold, and not hidden. Any other
+// would be read as another file's.
+[[nodiscard]] bool isSpoolName(QByteArrayView name);
+
 // Where a room without a log of its own puts what an operator should hear.
 using Say = std::function<void(const QString &)>;
 
 // The lock file of a spool directory, as one waiting writer or reader sees it.
 //
 // The file is there while a writer is at work. One that is older than 30 seconds, or that the
-// waiter has seen unchanged for 30 seconds (clocks differ), belongs to nobody and is removed.
+// waiter has seen unchanged for 30 seconds (clocks differ), belongs to nobody and is removed. A
+// writer of this kind marks its file and holds the kernel's lock on it as long as it lives, so the
+// file of one that was killed is removed at once.
 //
 // Owner:   whoever waits, for one wait. The destructor releases an acquired lock, too.
 // Thread:  any one thread.
@@ -33,6 +43,8 @@ public:
         Stuck // it belongs to nobody, but cannot be removed
     };
 
+    static constexpr char fileName[] = ".lock";
+
     SpoolLock(const QString &directory, Say say);
     ~SpoolLock();
     SpoolLock(const SpoolLock &) = delete;
@@ -43,7 +55,8 @@ public:
 
     // Takes the lock if it is free; the reason why not is in errno.
     [[nodiscard]] bool tryAcquire();
-    // Waits until the lock is free and takes it; false if it cannot be taken.
+    // Waits until the lock is free and takes it. False, with the reason in errno, if it cannot be
+    // taken; EBUSY if others have passed it on among themselves for a minute.
     [[nodiscard]] bool acquire();
     // Releases an acquired lock.
     void release();
@@ -53,16 +66,19 @@ private:
     {
         quint64 inode;
         qint64 modified; // nanoseconds since the epoch
+        bool isOwnKind; // its writer holds the kernel's lock on it
         bool operator==(const Mark &) const = default;
     };
     [[nodiscard]] static std::optional<Mark> markOf(const QByteArray &path);
-    [[nodiscard]] State removeStale(const Mark &stale);
+    [[nodiscard]] bool isAbandoned(Clock::time_point now);
+    [[nodiscard]] State removeStale(const Mark &stale, const QString &reason);
 
     const QByteArray directory; // file system encoding, as path
     const QByteArray path;
     const Say say;
     Clock::time_point waitingSince;
     Clock::time_point unchangedSince;
+    std::optional<Clock::time_point> abandonedSince; // its writer's kernel lock is not held
     std::optional<Mark> seen;
     bool saidHeld = false;
     int descriptor = -1; // of the lock file while it is ours
@@ -84,6 +100,7 @@ public:
         qint64 size; // bytes
         bool operator==(const Mark &) const = default;
     };
+    [[nodiscard]] static Mark markOf(const struct stat &info);
 
     explicit SpoolFile(const QString &path);
     [[nodiscard]] bool isOpen() const { return file.isOpen(); }
@@ -118,7 +135,8 @@ public:
     [[nodiscard]] WriteResult write(
         const QString &name, const QByteArray &content, const Say &say) const;
 
-    // The files that wait, in the order of sending: by name, ignoring letter case.
+    // All files that wait, in the order of sending: by name, ignoring letter case. SpoolScan lists
+    // them in pieces.
     [[nodiscard]] SpoolListing list() const;
 
     // The file that list() has in front, but for skipped ones; an empty name if there is none. One

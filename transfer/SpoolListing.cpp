@@ -33,6 +33,26 @@ SpoolName nameAt(const char *place)
     return {key, name.isEmpty() ? key : name};
 }
 
+bool isBefore(const char *a, const char *b)
+{
+    return nameAt(a) < nameAt(b);
+}
+
+// As nameAt() reads it, but for the last 0, which every string has behind it.
+std::string entryOf(QByteArrayView key, QByteArrayView name)
+{
+    std::string entry(key.begin(), key.end());
+    entry += '\0';
+    if (key != name)
+        entry.append(name.begin(), name.end());
+    return entry += '\0';
+}
+
+char lowered(char letter)
+{
+    return letter >= 'A' && letter <= 'Z' ? char(letter + 'a' - 'A') : letter;
+}
+
 } // namespace
 
 QByteArray SpoolName::keyOf(const QByteArray &name)
@@ -46,23 +66,61 @@ bool SpoolName::operator<(const SpoolName &other) const
     return order != 0 ? order < 0 : compare(name, other.name) < 0;
 }
 
-void SpoolListing::add(const QByteArray &name)
+SpoolListing::SpoolListing(const QByteArray &afterName, size_t most)
+    : mostBytes(most)
 {
-    const QByteArray key = SpoolName::keyOf(name);
-    const QByteArray entry = key + '\0' + (key != name ? name : QByteArray()) + '\0';
-    if (texts.empty() || texts.back().capacity() - texts.back().size() < size_t(entry.size()))
+    if (!afterName.isEmpty())
+        after = entryOf(SpoolName::keyOf(afterName), afterName);
+}
+
+void SpoolListing::add(const char *text)
+{
+    const QByteArrayView name(text);
+    key.assign(name.begin(), name.end());
+    if (isAscii(name))
+        std::transform(key.begin(), key.end(), key.begin(), lowered);
+    else
+        key = SpoolName::keyOf(name.toByteArray()).toStdString();
+    const SpoolName added = {QByteArrayView(key), name};
+    if ((!after.empty() && !(nameAt(after.data()) < added))
+        || (!bound.empty() && nameAt(bound.data()) < added))
+        return;
+    store(added.key, name);
+    if (bytes > 2 * mostBytes)
+        dropLargerHalf();
+}
+
+void SpoolListing::store(QByteArrayView nameKey, QByteArrayView name)
+{
+    const std::string entry = entryOf(nameKey, name);
+    if (texts.empty() || texts.back().capacity() - texts.back().size() < entry.size())
         texts.emplace_back().reserve(textBytes);
     places.push_back(texts.back().data() + texts.back().size());
-    texts.back().append(entry.constData(), size_t(entry.size()));
+    texts.back().append(entry);
+    bytes += entry.size() + sizeof(places.front());
+}
+
+// The kept half moves into memory of its own, so that the dropped one's can go.
+void SpoolListing::dropLargerHalf()
+{
+    const auto middle = places.begin() + std::ptrdiff_t(places.size() / 2);
+    std::nth_element(places.begin(), middle, places.end(), isBefore);
+    const SpoolName last = nameAt(*std::max_element(places.begin(), middle, isBefore));
+    bound = entryOf(last.key, last.name);
+    const std::vector<const char *> kept(places.begin(), middle);
+    const std::vector<std::string> old = std::exchange(texts, {});
+    places.clear();
+    bytes = 0;
+    for (const char *place : kept)
+        store(nameAt(place).key, nameAt(place).name);
 }
 
 void SpoolListing::sort()
 {
-    std::sort(places.begin(), places.end(),
-        [](const char *a, const char *b) { return nameAt(a) < nameAt(b); });
+    std::sort(places.begin(), places.end(), isBefore);
 }
 
-QString SpoolListing::first() const
+QByteArray SpoolListing::firstName() const
 {
-    return QString::fromUtf8(nameAt(places[next]).name);
+    return nameAt(places[next]).name.toByteArray();
 }

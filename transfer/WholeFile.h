@@ -1,35 +1,11 @@
 #pragma once
 
+#include "Descriptor.h"
+
 #include <QByteArrayView>
 #include <QString>
 
 #include <sys/stat.h>
-#include <unistd.h>
-#include <utility>
-
-// A file descriptor that is closed at the end of its scope.
-class Descriptor
-{
-public:
-    explicit Descriptor(int descriptor)
-        : number(descriptor)
-    {
-    }
-    ~Descriptor()
-    {
-        if (number >= 0)
-            ::close(number);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    [[nodiscard]] bool isOpen() const { return number >= 0; }
-    [[nodiscard]] int get() const { return number; }
-    // Leaves the closing to the caller.
-    [[nodiscard]] int release() { return std::exchange(number, -1); }
-
-private:
-    int number;
-};
 
 // The hidden names of files that are being written begin with this.
 inline constexpr char incomingPrefix[] = ".incoming-";

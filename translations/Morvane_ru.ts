@@ -2,6 +2,29 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="ru_RU">
 <context>
+    <name>Leftovers</name>
+    <message>
+        <source>Records in %1 belong to another user and are not sent</source>
+        <translation>Записи в %1 принадлежат другому пользователю и не отправляются</translation>
+    </message>
+    <message>
+        <source>Records in %1 belong to another host and are not sent from here</source>
+        <translation>Записи в %1 принадлежат другому узлу и отсюда не отправляются</translation>
+    </message>
+    <message>
+        <source>Records in %1 are not sent: this file system has no locks to tell whether their module runs</source>
+        <translation>Записи в %1 не отправляются: файловая система без блокировок не показывает, работает ли их модуль</translation>
+    </message>
+    <message>
+        <source>Records in %1 cannot go back into the spool yet: </source>
+        <translation>Записи из %1 пока нельзя вернуть в очередь: </translation>
+    </message>
+    <message>
+        <source>Refused file %1: the system went down before it was surely on the disk</source>
+        <translation>Файл %1 отложен: система остановилась раньше, чем он наверняка попал на диск</translation>
+    </message>
+</context>
+<context>
     <name>Morvane</name>
     <message>
         <source>Can not delete file %1</source>
@@ -18,6 +41,18 @@
     <message>
         <source>Socket error: %1</source>
         <translation>Ошибка сокета: %1</translation>
+    </message>
+    <message>
+        <source>the name cannot be a file&apos;s</source>
+        <translation>имя не годится для файла</translation>
+    </message>
+    <message>
+        <source>Dropped the record &quot;%1&quot; of %2 bytes from %3: %4</source>
+        <translation>Отброшена запись «%1», %2 байт, от %3: %4</translation>
+    </message>
+    <message>
+        <source>a nameless module</source>
+        <translation>модуля без имени</translation>
     </message>
 </context>
 <context>
@@ -60,14 +95,37 @@
     </message>
 </context>
 <context>
+    <name>SpoolKeeper</name>
+    <message>
+        <source>Can&apos;t bring the files of %1 to the disk: %2</source>
+        <translation>Не удаётся записать файлы каталога %1 на диск: %2</translation>
+    </message>
+    <message>
+        <source>The files of %1 are brought to the disk again</source>
+        <translation>Файлы каталога %1 снова записываются на диск</translation>
+    </message>
+    <message>
+        <source>Records cannot go back into %1 yet: %2</source>
+        <translation>Записи пока нельзя вернуть в %1: %2</translation>
+    </message>
+</context>
+<context>
     <name>SpoolLock</name>
     <message>
         <source>Waiting for the lock file %1</source>
         <translation>Ожидание файла блокировки %1</translation>
     </message>
     <message>
-        <source>Removed the lock file %1: nobody has held it for %2 seconds</source>
-        <translation>Файл блокировки %1 удалён: его никто не удерживал %2 с</translation>
+        <source>nobody has held it for %1 seconds</source>
+        <translation>её никто не держит уже %1 с</translation>
+    </message>
+    <message>
+        <source>its writer was killed</source>
+        <translation>её владелец был остановлен</translation>
+    </message>
+    <message>
+        <source>Removed the lock file %1: %2</source>
+        <translation>Удалён файл блокировки %1: %2</translation>
     </message>
 </context>
 <context>

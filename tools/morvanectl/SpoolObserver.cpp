@@ -1,6 +1,7 @@
 #include "SpoolObserver.h"
 
 #include "Packet.h"
+#include "SentFolder.h"
 #include "UdpPace.h"
 #include "WholeFile.h"
 #include "ZlibStream.h"
@@ -96,7 +97,10 @@ SpoolState SpoolObserver::look()
     if (timeout)
         state.transfer.emplace();
     struct stat info;
-    if (::lstat(QFile::encodeName(spool.pathOf(u".lock"_s)).constData(), &info) == 0)
+    if (::lstat(
+            QFile::encodeName(spool.pathOf(QString::fromLatin1(SpoolLock::fileName))).constData(),
+            &info)
+        == 0)
         state.lock = ageOf(info);
     lookAtWaiting(state);
     lookAtRefused(state);
@@ -186,9 +190,9 @@ QString SpoolObserver::refusalReason(
 
 void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
 {
-    const QStringList folders =
-        QDir(spool.path())
-            .entryList({u".sent-*"_s}, QDir::Dirs | QDir::Hidden | QDir::NoSymLinks, QDir::Name);
+    const QStringList folders = QDir(spool.path())
+                                    .entryList({QString::fromLatin1(SentFolder::prefix) + u'*'},
+                                        QDir::Dirs | QDir::Hidden | QDir::NoSymLinks, QDir::Name);
     for (const QString &name : folders) {
         const QString path = spool.pathOf(name);
         const Descriptor folder(::open(QFile::encodeName(path).constData(), folderFlags));
@@ -200,6 +204,13 @@ void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
             ++sent.files;
             sent.bytes += file.bytes;
         });
+        Journal journal; // its owner may be writing: what is half written does not count
+        if (journal.open(folder.get()))
+            journal.forEach([&](const Journal::Entry &entry) {
+                ++sent.files;
+                sent.bytes += entry.content.size();
+                return true;
+            });
         state.unacknowledged.append(sent);
     }
 }

@@ -1,0 +1,33 @@
+#pragma once
+
+#include "Journal.h"
+
+#include <QDir>
+#include <QDirIterator>
+
+#include <fcntl.h>
+
+// The contents of all records that a spool directory holds, by name: as files, on their way to the
+// peer, or in journals. Lost data is lost for good, so whatever lies hidden counts too.
+inline QMultiMap<QString, QByteArray> keptRecords(
+    const QString &spool, QDirIterator::IteratorFlags flags = QDirIterator::Subdirectories)
+{
+    QMultiMap<QString, QByteArray> records;
+    for (QDirIterator it(spool, QDir::Files | QDir::Hidden, flags); it.hasNext();) {
+        QFile file(it.next());
+        if (it.fileName() != QLatin1StringView(Journal::fileName)) {
+            if (file.open(QIODevice::ReadOnly))
+                records.insert(it.fileName(), file.readAll());
+            continue;
+        }
+        const Descriptor folder(::open(qPrintable(it.fileInfo().path()), O_RDONLY | O_DIRECTORY));
+        Journal journal;
+        if (!journal.open(folder.get()))
+            continue;
+        journal.forEach([&](const Journal::Entry &entry) {
+            records.insert(QString::fromUtf8(entry.name), entry.content.toByteArray());
+            return true;
+        });
+    }
+    return records;
+}

@@ -1,0 +1,214 @@
+#include "Leftovers.h"
+
+#include "GiveBack.h"
+#include "SentFolder.h"
+
+#include <QFile>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr unsigned int timesMask = STATX_TYPE | STATX_BTIME | STATX_CTIME;
+
+// Calls visit(name) for every entry of a folder whose descriptor stays the caller's.
+template <typename Visit> void forEachEntry(int folder, Visit visit)
+{
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(
+        ::fdopendir(::openat(folder, ".", folderFlags)), ::closedir);
+    while (const dirent *entry = entries ? ::readdir(entries.get()) : nullptr)
+        visit(entry->d_name);
+}
+
+// Nanoseconds since the epoch when a regular file was made, where the file system knows, or else
+// last touched; 0 for anything else.
+qint64 birthOf(int folder, const char *name)
+{
+    struct statx info;
+    if (::statx(folder, name, AT_SYMLINK_NOFOLLOW, timesMask, &info) != 0
+        || !S_ISREG(info.stx_mode))
+        return 0;
+    const statx_timestamp &time = info.stx_mask & STATX_BTIME ? info.stx_btime : info.stx_ctime;
+    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+}
+
+// Nanoseconds since the epoch.
+qint64 startOfSystem()
+{
+    timespec now, running;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    ::clock_gettime(CLOCK_BOOTTIME, &running);
+    return (now.tv_sec - running.tv_sec) * 1'000'000'000 + now.tv_nsec - running.tv_nsec;
+}
+
+bool differ(const QByteArray &a, const QByteArray &b)
+{
+    return !a.isEmpty() && !b.isEmpty() && a != b;
+}
+
+} // namespace
+
+// The hidden folder of a process that has ended, locked for us.
+struct Leftovers::Folder
+{
+    QByteArray name;
+    Descriptor descriptor;
+    Journal journal; // not open in a folder of an older version
+    int failure = 0; // why something could not go back, as errno
+
+    [[nodiscard]] bool isFromEarlierBoot() const
+    {
+        return journal.isOpen() && differ(journal.identity().boot, Journal::here().boot);
+    }
+    [[nodiscard]] bool isFromOtherHost() const
+    {
+        return isFromEarlierBoot() && differ(journal.identity().host, Journal::here().host);
+    }
+};
+
+Leftovers::Leftovers(const QString &spoolPath, Say sayTo)
+    : directory(spoolPath)
+    , spool(QFile::encodeName(spoolPath))
+    , say(std::move(sayTo))
+{
+}
+
+Leftovers::~Leftovers() = default;
+
+// --- whose folders they are ---
+
+Leftovers::Folders Leftovers::endedOwners()
+{
+    Folders folders;
+    const Descriptor own(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
+    if (!own.isOpen())
+        return folders;
+    forEachEntry(own.get(), [&](const char *name) {
+        if (std::strncmp(name, SentFolder::prefix, std::strlen(SentFolder::prefix)) != 0)
+            return;
+        if (std::unique_ptr<Folder> folder = openIfEnded(name))
+            folders.push_back(std::move(folder));
+    });
+    return folders;
+}
+
+std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name)
+{
+    const QByteArray path = spool + '/' + name;
+    auto folder = std::make_unique<Folder>();
+    folder->name = name;
+    folder->descriptor = Descriptor(::open(path.constData(), folderFlags));
+    if (!folder->descriptor.isOpen()) {
+        if (errno == EACCES || errno == EPERM)
+            sayOnce(name, tr("Records in %1 belong to another user and are not sent"));
+        return nullptr;
+    }
+    const bool isLocked = ::flock(folder->descriptor.get(), LOCK_EX | LOCK_NB) == 0;
+    if (!isLocked && errno == EWOULDBLOCK)
+        return nullptr; // its owner lives
+    std::ignore = folder->journal.open(folder->descriptor.get());
+    if (folder->isFromOtherHost()) {
+        sayOnce(name, tr("Records in %1 belong to another host and are not sent from here"));
+        return nullptr;
+    }
+    // Without kernel locks only a start of the system proves that the owner has ended.
+    if (!isLocked && !folder->isFromEarlierBoot()) {
+        sayOnce(name,
+            tr("Records in %1 are not sent: this file system has no locks to tell "
+               "whether their module runs"));
+        return nullptr;
+    }
+    return folder;
+}
+
+// --- back into the spool ---
+
+// Files first: only then are all that a power cut may have damaged in one place. A record of a
+// journal is whole or was not found.
+bool Leftovers::giveBack()
+{
+    const Folders folders = endedOwners();
+    qint64 cut = 0; // nanoseconds since the epoch: what is as young as this may be damaged
+    for (const std::unique_ptr<Folder> &folder : folders) {
+        giveFilesBack(*folder);
+        const qint64 synced = folder->journal.isOpen() ? folder->journal.syncedUntil() : 0;
+        if (folder->isFromEarlierBoot())
+            cut = std::max({cut, synced, qint64(1)});
+        else if (synced > 0)
+            lastSync = std::min(lastSync, synced);
+    }
+    if (cut > 0)
+        setDoubtfulAside(cut);
+    bool isDone = true;
+    for (const std::unique_ptr<Folder> &folder : folders)
+        isDone = giveRecordsBack(*folder) && isDone;
+    return isDone;
+}
+
+void Leftovers::giveFilesBack(Folder &folder)
+{
+    forEachEntry(folder.descriptor.get(), [&](const char *name) {
+        if (name[0] != '.' && !GiveBack::file(folder.descriptor.get(), name, spool, name))
+            folder.failure = errno;
+    });
+}
+
+bool Leftovers::giveRecordsBack(Folder &folder)
+{
+    std::ignore = folder.journal.forEach([&](const Journal::Entry &entry) {
+        if (!GiveBack::record(folder.descriptor.get(), entry, spool)) {
+            folder.failure = errno;
+            return false;
+        }
+        folder.journal.free(entry.end);
+        return true;
+    });
+    if (folder.failure != 0) {
+        sayOnce(folder.name,
+            tr("Records in %1 cannot go back into the spool yet: ")
+                + qt_error_string(folder.failure));
+        return false;
+    }
+    forEachEntry(folder.descriptor.get(),
+        [&](const char *name) { ::unlinkat(folder.descriptor.get(), name, 0); });
+    ::rmdir((spool + '/' + folder.name).constData());
+    return true;
+}
+
+// Files that were made after the start of the system are not in doubt, unless the clock tells no
+// such time.
+void Leftovers::setDoubtfulAside(qint64 cut)
+{
+    const qint64 start =
+        startOfSystem() > cut ? startOfSystem() : std::numeric_limits<qint64>::max();
+    const Descriptor own(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
+    QByteArrayList doubtful;
+    forEachEntry(own.get(), [&](const char *name) {
+        const qint64 birth = name[0] != '.' ? birthOf(own.get(), name) : 0;
+        if (birth >= cut && birth < start)
+            doubtful.append(name);
+    });
+    for (const QByteArray &name : std::as_const(doubtful)) {
+        const QString shown = QFile::decodeName(name);
+        if (directory.setAside(shown) == SpoolDirectory::SetAside::Moved)
+            say(tr("Refused file %1: the system went down before it was surely on the disk")
+                    .arg(directory.pathOf(shown)));
+    }
+}
+
+void Leftovers::sayOnce(const QByteArray &folder, const QString &text)
+{
+    if (named.contains(folder))
+        return;
+    named.insert(folder);
+    say(text.arg(directory.pathOf(QFile::decodeName(folder))));
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "Flusher.h"
+#include "Leftovers.h"
+#include "SentFolder.h"
+
+#include <QObject>
+#include <QTimer>
+
+// What a process does for the safety of a spool directory, whatever the transport: gives back what
+// killed processes have left, writes files, and brings them to the disk.
+//
+// Owner:   the module.
+// Thread:  main thread. Waiting for the spool's lock blocks it.
+// Errors:  never throws. What fails is tried again every few seconds, and reported once.
+class SpoolKeeper : public QObject
+{
+    Q_OBJECT
+public:
+    SpoolKeeper(const QString &spool, Say say);
+
+    // Before anything is sent.
+    void start();
+    // Before the process ends: leaves nothing behind that the next start would not need.
+    void stop();
+
+    [[nodiscard]] SpoolDirectory::WriteResult write(const QString &name, const QByteArray &content);
+    // Another process may have put files into the spool: they are brought to the disk as well.
+    void lookForFiles();
+
+    // Gives back all that is on its way in sent(). False if some of it cannot go back yet: it will
+    // be tried again, and gaveBack() is emitted then.
+    bool giveBack();
+    [[nodiscard]] SentFolder &sent() { return folder; }
+    [[nodiscard]] Flusher &flusher() { return disk; }
+    [[nodiscard]] const SpoolDirectory &directory() const { return spool; }
+
+Q_SIGNALS:
+    // Records that could not go back into the spool lie there now.
+    void gaveBack();
+
+private:
+    void tryAgain();
+    void removeLeftFiles();
+    [[nodiscard]] bool holdsFiles() const;
+
+    const SpoolDirectory spool;
+    const Say say;
+    SentFolder folder;
+    Leftovers leftovers;
+    Flusher disk;
+    SpoolLock lock; // for all attempts to remove left files: it must be seen unchanged for a while
+    QTimer retry, tidy;
+    bool hasLeftovers = false, hasStranded = false;
+    qint64 lastChange = 0; // of the directory, nanoseconds since the epoch
+};
