@@ -8,6 +8,7 @@
 #include <QTest>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 class TestDelivery : public QObject
 {
@@ -19,6 +20,7 @@ private Q_SLOTS:
     void newerRecordOfTheSameNameStands();
     void leftoversOfSeveralOwnersGoBackByAge_data();
     void leftoversOfSeveralOwnersGoBackByAge();
+    void powerCutPutsYoungFilesInDoubt();
 };
 
 void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
@@ -146,6 +148,38 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
     QCOMPARE(said, QStringList());
     QCOMPARE(QDir(spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
         QStringList({u".sent-torn"_s, u"f"_s, u"j"_s}));
+}
+
+void TestDelivery::powerCutPutsYoungFilesInDoubt()
+{
+    const Workplace place;
+    const QString spool = place.makeFolder(u"spool"_s);
+    const auto write = [&](const QString &name) {
+        QTest::qSleep(20); // the clock of files goes in steps
+        place.writeFile(u"spool/"_s + name, "x");
+        QTest::qSleep(20);
+    };
+    write(u"old"_s);
+    {
+        SentFolder dead(spool);
+        QVERIFY(dead.open());
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        QVERIFY(Journal::noteSynced(dead.journal().descriptor(), now / 1ns));
+        write(u"taken"_s);
+        const SpoolFile::Mark mark = *SpoolDirectory(spool).mark(u"taken"_s);
+        QCOMPARE(dead.take(u"taken"_s, mark, "x"), SentFolder::Take::Taken);
+        dead.journal().add("whole", 1, "error", "x");
+        QVERIFY(dead.journal().commit());
+    }
+    write(u"young"_s);
+    QStringList said;
+    const Say say = [&](const QString &text) { said.append(text); };
+    QCOMPARE(ageJournals(spool), 1);
+    QVERIFY(Leftovers(spool, say).giveBack());
+    QCOMPARE(QDir(spool).entryList(QDir::Files, QDir::Name), QStringList({u"old"_s, u"whole"_s}));
+    QCOMPARE(QDir(spool + u"/refused"_s).entryList(QDir::Files, QDir::Name),
+        QStringList({u"taken"_s, u"young"_s}));
+    QCOMPARE(said.filter(u"surely on the disk"_s).size(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestDelivery)

@@ -8,6 +8,8 @@
 #include <QRandomGenerator>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 
 using namespace Qt::StringLiterals;
@@ -103,6 +105,37 @@ bool shell(const QString &command)
     return QProcess::execute(u"sh"_s, {u"-c"_s, command + u" 2>/dev/null"_s}) == 0;
 }
 
+// A small disk of its own under a folder, as long as the object lives.
+class SmallDisk
+{
+public:
+    explicit SmallDisk(const QString &folder)
+        : path(folder)
+    {
+    }
+    ~SmallDisk() { shell(u"umount -l "_s + path); }
+    // Options of mkfs.ext4, the size in front.
+    [[nodiscard]] bool make(const QString &options) const
+    {
+        const QString image = path + u".disk"_s;
+        return shell(u"mkfs.ext4 -q -F %1 %2"_s.arg(image, options)) && mount();
+    }
+    [[nodiscard]] bool mount() const { return shell(u"mount -o loop %1.disk %1"_s.arg(path)); }
+
+    // What is not on the disk yet never will be, as after a power cut.
+    [[nodiscard]] bool cutPower() const
+    {
+        constexpr auto shutDown = _IOR('X', 125, quint32); // of the file system
+        quint32 withoutLog = 2;
+        const Descriptor folder(::open(qPrintable(path), O_RDONLY));
+        return ::ioctl(folder.get(), shutDown, &withoutLog) == 0;
+    }
+    [[nodiscard]] bool remount() const { return shell(u"umount "_s + path) && mount(); }
+
+private:
+    const QString path;
+};
+
 // One of two processes in UDP mode that send to each other.
 struct UdpEnd
 {
@@ -147,6 +180,8 @@ private Q_SLOTS:
     void killsLoseNothingOverUdp();
     void anotherSenderOfTheFolderIsLeftAlone();
     void fullDiskHealsByItself();
+    void powerCutTakesLessThanASecond_data();
+    void powerCutTakesLessThanASecond();
 
 private:
     void pause(int most) { QTest::qWait(int(random.bounded(most))); }
@@ -270,12 +305,9 @@ void TestFaults::fullDiskHealsByItself()
     TcpLine line;
     ModuleProcess &process = line.process;
     const QString spool = process.place.path(u"spool"_s);
-    // There even a folder needs room, as it does not in memory.
-    const QString ext4 =
-        u"truncate -s 2M %1.disk && mkfs.ext4 -q -m 0 -N 2000 %1.disk && mount %1.disk %1"_s;
-    if (!shell(ext4.arg(spool)) && !shell(u"mount -t tmpfs -o size=1m none "_s + spool))
+    const SmallDisk disk(spool);
+    if (!disk.make(u"2M -m 0 -N 2000"_s) && !shell(u"mount -t tmpfs -o size=1m none "_s + spool))
         QSKIP("only root may mount a small file system, and not everywhere");
-    const auto unmount = qScopeGuard([&] { shell(u"umount -l "_s + spool); });
     const quint16 port = line.peer.serverPort();
     line.peer.close();
     process.setChildProcessModifier([] {
@@ -305,6 +337,51 @@ void TestFaults::fullDiskHealsByItself()
     feeder.record("error", u"fresh"_s, "1");
     QTRY_COMPARE(line.peer.bodies.last(), QByteArray("error1"));
     process.killNow();
+}
+
+void TestFaults::powerCutTakesLessThanASecond_data()
+{
+    QTest::addColumn<bool>("linkUp");
+    QTest::newRow("records wait as files") << false;
+    QTest::newRow("records are on their way") << true;
+}
+
+void TestFaults::powerCutTakesLessThanASecond()
+{
+    QFETCH(const bool, linkUp);
+    TcpLine line(300);
+    const QString spool = line.process.place.path(u"spool"_s);
+    const SmallDisk disk(spool);
+    if (!disk.make(u"200M"_s))
+        QSKIP("only root may mount a file system, and not everywhere");
+    const quint16 port = line.peer.serverPort();
+    line.peer.stopReading();
+    if (!linkUp)
+        line.peer.close();
+    line.start();
+    QTRY_VERIFY_WITH_TIMEOUT(line.process.isListening(), patience);
+
+    BusFeeder feeder(line.process.place.path(u"me"_s));
+    QList<int> accepted; // at each tenth of a second
+    for (int slice = 0; slice < 25; ++slice, QTest::qWait(100)) {
+        line.oracle.put(feeder, 150);
+        feeder.flush();
+        accepted.append(line.oracle.count());
+    }
+    if (!disk.cutPower())
+        QSKIP("this kernel cannot shut down a file system");
+    line.kill();
+    QVERIFY(disk.remount());
+    std::ignore = ageJournals(spool); // a cut in the first second may leave none
+
+    if (!linkUp)
+        QVERIFY(line.peer.listen(QHostAddress::LocalHost, port));
+    line.start();
+    const int sure = accepted.at(accepted.size() - 11); // a second before
+    const auto missing = [&] { return line.oracle.missing(line.peer.bodies, sure); };
+    QTRY_COMPARE_WITH_TIMEOUT(missing(), QList<int>(), patience);
+    QVERIFY(line.oracle.areWhole(line.peer.bodies));
+    line.process.killNow();
 }
 
 QTEST_GUILESS_MAIN(TestFaults)

@@ -31,3 +31,19 @@ inline QMultiMap<QString, QByteArray> keptRecords(
     }
     return records;
 }
+
+// Has the journals of a spool seem to be from before the last start of the system; how many.
+[[nodiscard]] inline int ageJournals(const QString &spool)
+{
+    int count = 0;
+    for (QDirIterator it(spool, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+         it.hasNext();) {
+        QFile file(it.next());
+        if (it.fileName() != QLatin1StringView(Journal::fileName)
+            || !file.open(QIODevice::ReadWrite))
+            continue;
+        const qint64 at = file.read(4'096).indexOf(Journal::here().boot);
+        count += at > 0 && file.seek(at) && file.write("another") > 0 ? 1 : 0;
+    }
+    return count;
+}

@@ -40,6 +40,25 @@ public:
             bodies.append(body(number));
         return bodies;
     }
+    [[nodiscard]] int count() const { return accepted; }
+    // The numbers below a limit that a peer has not got.
+    [[nodiscard]] QList<int> missing(const QByteArrayList &bodies, int limit) const
+    {
+        QSet<int> numbers;
+        for (const QByteArray &received : bodies)
+            numbers.insert(numberIn(received));
+        QList<int> result;
+        for (int number = 0; number < limit; ++number) {
+            if (!numbers.contains(number))
+                result.append(number);
+        }
+        return result;
+    }
+    [[nodiscard]] bool areWhole(const QByteArrayList &bodies) const
+    {
+        return std::all_of(bodies.begin(), bodies.end(),
+            [this](const QByteArray &received) { return received == body(numberIn(received)); });
+    }
     [[nodiscard]] QByteArrayList all() const { return first(accepted); }
 
     [[nodiscard]] bool hasLast(const QByteArrayList &bodies) const
@@ -69,7 +88,7 @@ public:
         return duplicates <= mostDuplicates ? QString() : u"%1 duplicates"_s.arg(duplicates);
     }
 
-    static int numberIn(const QByteArray &body) { return body.sliced(5, 6).toInt(); }
+    static int numberIn(const QByteArray &body) { return body.mid(5, 6).toInt(); }
 
 private:
     static QString numbered(int number) { return u"%1"_s.arg(number, 6, 10, QChar(u'0')); }
