@@ -2,10 +2,15 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QRandomGenerator>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace {
@@ -14,10 +19,43 @@ constexpr mode_t newFileMode = 0666; // less the umask
 
 QByteArray hiddenBeside(const QString &path)
 {
-    // The number is asked for once: it would be a system call for every file.
-    static const QByteArray name =
-        incomingPrefix + QByteArray::number(QCoreApplication::applicationPid());
+    // Made once: the process id would be a system call for every file.
+    static const QByteArray name = incomingPrefix
+        + QByteArray::number(QCoreApplication::applicationPid()) + '-'
+        + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
     return QFile::encodeName(path.left(path.lastIndexOf(u'/') + 1)) + name;
+}
+
+// Whoever removes leftovers may come between the making of a file and its lock.
+int createLocked(const QByteArray &path)
+{
+    for (;;) {
+        Descriptor file(::open(
+            path.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, newFileMode));
+        struct stat info;
+        if (!file.isOpen())
+            return -1;
+        // Some file systems know no locks. There nobody finds one to be free either.
+        std::ignore = ::flock(file.get(), LOCK_EX | LOCK_NB);
+        if (::fstat(file.get(), &info) != 0 || info.st_nlink > 0)
+            return file.release();
+    }
+}
+
+// Should this fail, a power cut leaves the old file at worst.
+void flushFolder(const QByteArray &path)
+{
+    const Descriptor folder(
+        ::open(path.isEmpty() ? "." : path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    std::ignore = ::fsync(folder.get());
+}
+
+void removeUnlocked(int directory, const char *name)
+{
+    const Descriptor file(
+        ::openat(directory, name, O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (file.isOpen() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
+        ::unlinkat(directory, name, 0);
 }
 
 } // namespace
@@ -45,40 +83,64 @@ int openRegularFile(const QString &path, struct stat &info)
     return file.release();
 }
 
+void removeLeftoversOfTheDead(const QString &path)
+{
+    const std::unique_ptr<DIR, int (*)(DIR *)> directory(
+        ::opendir(QFile::encodeName(path).constData()), ::closedir);
+    if (!directory)
+        return;
+    while (const dirent *entry = ::readdir(directory.get())) {
+        if (std::strncmp(entry->d_name, incomingPrefix, std::strlen(incomingPrefix)) == 0)
+            removeUnlocked(::dirfd(directory.get()), entry->d_name);
+    }
+}
+
 WholeFile::WholeFile(const QString &filePath)
     : path(QFile::encodeName(filePath))
     , hidden(hiddenBeside(filePath))
-    , file(::open(
-          hidden.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, newFileMode))
-    , failed(!file.isOpen())
+    , file(createLocked(hidden))
+    , isHidden(file.isOpen())
 {
+    check(isHidden);
 }
 
 WholeFile::~WholeFile()
 {
-    if (file.isOpen())
+    if (isHidden)
         ::unlink(hidden.constData());
+}
+
+bool WholeFile::check(bool isDone)
+{
+    if (!isDone && failure == 0)
+        failure = errno != 0 ? errno : EIO;
+    return failure == 0;
 }
 
 bool WholeFile::write(QByteArrayView bytes)
 {
-    while (!failed && !bytes.isEmpty()) {
+    while (failure == 0 && !bytes.isEmpty()) {
         const ssize_t count = ::write(file.get(), bytes.data(), size_t(bytes.size()));
         if (count > 0)
             bytes = bytes.sliced(count);
         else
-            failed = count == 0 || errno != EINTR;
+            check(count < 0 && errno == EINTR);
     }
-    return !failed;
+    return failure == 0;
 }
 
-bool WholeFile::commit()
+bool WholeFile::commit(Flush flush)
 {
-    if (failed)
+    if (failure != 0)
         return false;
-    // Some file systems tell only here that the bytes did not fit.
-    failed = ::close(file.release()) != 0 || std::rename(hidden.constData(), path.constData()) != 0;
-    if (failed)
-        ::unlink(hidden.constData());
-    return !failed;
+    // Some file systems tell only here that the bytes did not fit. A flush tells it too, and leaves
+    // the lock on the file until it has its name.
+    const bool isStored =
+        flush == Flush::Yes ? ::fdatasync(file.get()) == 0 : ::close(file.release()) == 0;
+    if (!check(isStored && std::rename(hidden.constData(), path.constData()) == 0))
+        return false;
+    isHidden = false;
+    if (flush == Flush::Yes)
+        flushFolder(path.left(path.lastIndexOf('/') + 1));
+    return true;
 }

@@ -19,11 +19,16 @@ inline constexpr char incomingPrefix[] = ".incoming-";
 // errno, for anything else.
 [[nodiscard]] int openRegularFile(const QString &path, struct stat &info);
 
+// Removes what writers that were killed have left hidden in a directory. Files of living writers
+// stay, also those of other containers: each holds the kernel's lock on its own.
+void removeLeftoversOfTheDead(const QString &directory);
+
 // A file that appears under its name whole or not at all.
 //
 // It is written under a hidden name in the same directory and renamed. A crash before that leaves
-// the hidden file only. That one's name holds the process id, because another process may be
-// writing there at the same time; a process writes one file of a directory at a time.
+// the hidden file only. That one's name holds the process id and a random number, because another
+// process may be writing there at the same time, and in another container it may have the same id;
+// a process writes one file of a directory at a time.
 //
 // Owner:   whoever writes it, for one file.
 // Thread:  any one thread.
@@ -31,6 +36,10 @@ inline constexpr char incomingPrefix[] = ".incoming-";
 class WholeFile
 {
 public:
+    // Whether the bytes must be on the disk before they get their name: a power cut then leaves
+    // either the old file or the new one. Takes as long as the disk does.
+    enum class Flush { No, Yes };
+
     explicit WholeFile(const QString &path);
     ~WholeFile();
     WholeFile(const WholeFile &) = delete;
@@ -39,11 +48,17 @@ public:
     // False if the file could not be created or written to, now or in an earlier call.
     bool write(QByteArrayView bytes);
     // Gives the file its name, in the place of one that has it. False after any failure.
-    [[nodiscard]] bool commit();
+    [[nodiscard]] bool commit(Flush flush = Flush::No);
+    // What has failed, as errno has it; 0 if nothing has.
+    [[nodiscard]] int error() const { return failure; }
 
 private:
+    // Remembers the reason of a call that failed; the result is whether none has.
+    bool check(bool isDone);
+
     const QByteArray path; // file system encoding, as hidden
     const QByteArray hidden;
     Descriptor file;
-    bool failed;
+    bool isHidden; // there is a hidden file
+    int failure = 0;
 };
