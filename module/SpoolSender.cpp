@@ -276,6 +276,8 @@ bool SpoolSender::goOnScanning()
         return false;
     }
     isCutOff = scan->isCutOff();
+    if (scan->hasForeign())
+        keeper.directory().setForeignNamesAside(say, hasFailedForeign);
     listed = scan->takeNames();
     scan.reset();
     return true;

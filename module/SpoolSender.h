@@ -88,6 +88,7 @@ private:
     SpoolListing listed; // what remains of the current listing
     QByteArray lastListed; // the last name taken from it
     bool isCutOff = false; // more names follow the current listing
+    bool hasFailedForeign = false; // see SpoolDirectory::setForeignNamesAside()
     bool listAgain = false; // somebody has asked while a listing was under way
 
     // Records that leave with the next commit().

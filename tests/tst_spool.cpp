@@ -54,6 +54,9 @@ private Q_SLOTS:
 
     void onlyFilesThatCanBeSentAreListedInOrder();
     void onlyPlainNamesAreWritten();
+    void onlyTheDeadLeaveLeftovers();
+    void fileIsTheSameWhateverItsNumber_data();
+    void fileIsTheSameWhateverItsNumber();
 
     void staleLockIsRemoved_data();
     void staleLockIsRemoved();
@@ -125,14 +128,21 @@ void TestSpool::onlyFilesThatCanBeSentAreListedInOrder()
         QCOMPARE(::mknod((spool.folder.toUtf8() + name).constData(), S_IFREG | 0600, 0), 0);
 
     QStringList listed, oneByOne;
+    bool hasForeign = false;
     for (SpoolListing rest = spool.directory.list(); !rest.isEmpty(); rest.removeFirst()) {
         listed += rest.first();
-        oneByOne += spool.directory.first([&](const QString &n) { return oneByOne.contains(n); });
+        oneByOne += spool.directory.first(
+            [&](const QString &n) { return oneByOne.contains(n); }, hasForeign);
+        QVERIFY(hasForeign);
     }
-    for (const QByteArray &name : foreign)
-        ::unlink((spool.folder.toUtf8() + name).constData()); // QTemporaryDir cannot
     QCOMPARE(listed, order);
     QCOMPARE(oneByOne, order);
+    bool hasFailed = false;
+    spool.directory.setForeignNamesAside(spool.say, hasFailed);
+    for (const QByteArray &name : foreign) // QTemporaryDir cannot remove them
+        QCOMPARE(::unlink((spool.folder.toUtf8() + "/refused" + name).constData()), 0);
+    QCOMPARE(spool.said.filter(u"1: its name is no UTF-8 text"_s),
+        QStringList(u"Refused file %1/%EF%BB%BF1: its name is no UTF-8 text"_s.arg(spool.folder)));
     QCOMPARE(spool.directory.open(order.last()).read(), QByteArray("x"));
     for (const QString &name : {u"to_fifo"_s, u"folder"_s, u"broken"_s})
         QVERIFY(!spool.directory.open(name).isOpen());
@@ -148,6 +158,46 @@ void TestSpool::onlyPlainNamesAreWritten()
     QCOMPARE(filesBelow(spool.place.path()), 0);
     QVERIFY(spool.writes(u"good"_s, "a longer one") && spool.writes(u"good"_s, "short"));
     QCOMPARE(spool.place.readFile(u"spool/good"_s), "short");
+}
+
+void TestSpool::onlyTheDeadLeaveLeftovers()
+{
+    const Folder folder;
+    folder.writeFile(u".incoming-1-f"_s, "half of a file");
+    folder.writeFile(u"received"_s, "x");
+    WholeFile living(folder.path(u"f"_s));
+    QVERIFY(living.write("whole"));
+    QCOMPARE(filesBelow(folder.path()), 3);
+    removeLeftoversOfTheDead(folder.path());
+    QCOMPARE(filesBelow(folder.path()), 2);
+    QVERIFY(living.commit(WholeFile::Flush::Yes));
+    QCOMPARE(folder.readFile(u"f"_s), "whole");
+}
+
+void TestSpool::fileIsTheSameWhateverItsNumber_data()
+{
+    QTest::addColumn<std::chrono::seconds>("age");
+    QTest::addColumn<int>("later"); // seconds
+    QTest::addColumn<bool>("same");
+    QTest::newRow("old, another number") << 60s << 0 << true;
+    QTest::newRow("old, another number and time") << 60s << 1 << false;
+    QTest::newRow("just written: two files may have one time") << 0s << 0 << false;
+}
+
+void TestSpool::fileIsTheSameWhateverItsNumber()
+{
+    QFETCH(std::chrono::seconds, age);
+    QFETCH(int, later);
+    QFETCH(bool, same);
+    Spool spool;
+    const QString path = spool.place.writeFile(u"spool/f"_s, "x");
+    setAge(path, age);
+    const auto before = spool.directory.mark(u"f"_s);
+    const auto time = std::filesystem::last_write_time(path.toStdString());
+    const QString other = spool.place.writeFile(u"spool/other"_s, "y");
+    QCOMPARE(::rename(qPrintable(other), qPrintable(path)), 0);
+    std::filesystem::last_write_time(path.toStdString(), time + std::chrono::seconds(later));
+    QCOMPARE(before == spool.directory.mark(u"f"_s), same);
 }
 
 // --- the lock ---

@@ -6,6 +6,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QThread>
 
 #include <algorithm>
 #include <cerrno>
@@ -30,11 +31,14 @@ constexpr auto staleAge = 30s; // a lock that old belongs to nobody
 constexpr auto abandonedAge = 10ms; // see isAbandoned()
 constexpr auto longestWait = 60s; // for a lock that others pass on among themselves
 constexpr mode_t ownLockMark = S_ISVTX; // means nothing else on a file: others see an empty file
+constexpr auto settledAge = 3s; // file systems keep times to 2 seconds or finer
 constexpr auto longWait = 1s; // a wait that an operator should hear of
 constexpr auto lockPoll = 100us; // between two looks of a waiting writer
 constexpr mode_t newFileMode = 0666; // less the umask
 const QString refusedFolder = u"refused"_s;
+constexpr qsizetype maxForeign = 1'000; // files set aside at a time
 constexpr mode_t newFolderMode = 0777; // less the umask
+constexpr quint64 namesPerLook = 1'024; // then a pass over a directory may be ended
 constexpr qint64 maxFileBytes = std::numeric_limits<quint32>::max(); // what a link record can carry
 
 qint64 nanoseconds(const timespec &time)
@@ -60,19 +64,33 @@ std::chrono::nanoseconds ageOf(qint64 modified)
 }
 
 // Calls visit(name, isFile) for every visible name, in no order; isFile() says whether it is one to
-// be sent, and may cost a system call. A name that a QString cannot hold, being no UTF-8 or
-// beginning with a byte order mark, would be read as another file's: it is left out.
-template <typename Visit> void forEachName(const QString &path, Visit visit)
+// be sent, and may cost a system call. False if the directory was not read to its end, because it
+// cannot be or because the calling thread is asked to end.
+template <typename Visit> bool forEachName(const QString &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(
         ::opendir(QFile::encodeName(path).constData()), ::closedir);
     if (!directory)
-        return;
-    while (const dirent *entry = ::readdir(directory.get())) {
-        const QByteArray name(entry->d_name);
-        if (isSpoolName(name))
-            visit(name, [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
+        return false;
+    for (quint64 count = 1; const dirent *entry = ::readdir(directory.get()); ++count) {
+        if (count % namesPerLook == 0 && QThread::currentThread()->isInterruptionRequested())
+            return false;
+        if (entry->d_name[0] != '.')
+            visit(QByteArrayView(entry->d_name),
+                [&] { return isRegularFile(::dirfd(directory.get()), *entry); });
     }
+    return true;
+}
+
+// Gives a file a name that no file has yet; otherwise errno says why not.
+bool renameWithoutReplacing(const QByteArray &from, const QByteArray &to)
+{
+    if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS)
+        return false;
+    // Some file systems cannot do that, but know hard links.
+    return ::link(from.constData(), to.constData()) == 0 && ::unlink(from.constData()) == 0;
 }
 
 } // namespace
@@ -87,13 +105,9 @@ bool isRegularFile(int directory, const dirent &entry)
     return ::fstatat(directory, entry.d_name, &target, 0) == 0 && S_ISREG(target.st_mode);
 }
 
-bool isSpoolName(QByteArrayView name)
+bool isForeignName(QByteArrayView name)
 {
-    if (name.startsWith('.'))
-        return false;
-    const auto isAscii = [](char byte) { return uchar(byte) < 0x80; };
-    return std::all_of(name.begin(), name.end(), isAscii)
-        || QFile::encodeName(QFile::decodeName(name.toByteArray())) == name;
+    return !name.isValidUtf8() || name.startsWith("\xEF\xBB\xBF");
 }
 
 // --- SpoolLock ---
@@ -224,6 +238,12 @@ bool SpoolLock::acquire()
 
 // --- SpoolFile ---
 
+bool SpoolFile::Mark::operator==(const Mark &other) const
+{
+    return modified == other.modified && size == other.size
+        && (inode == other.inode || (isSettled && other.isSettled));
+}
+
 SpoolFile::SpoolFile(const QString &path)
     : file([&] {
         struct stat info;
@@ -238,7 +258,8 @@ SpoolFile::SpoolFile(const QString &path)
 
 SpoolFile::Mark SpoolFile::markOf(const struct stat &info)
 {
-    return {info.st_ino, nanoseconds(info.st_mtim), info.st_size};
+    const qint64 modified = nanoseconds(info.st_mtim);
+    return {info.st_ino, modified, info.st_size, std::chrono::abs(ageOf(modified)) > settledAge};
 }
 
 std::optional<QByteArray> SpoolFile::read(qsizetype room) const
@@ -292,18 +313,22 @@ SpoolListing SpoolDirectory::list() const
     return scan.takeNames();
 }
 
-QString SpoolDirectory::first(const std::function<bool(const QString &)> &isSkipped) const
+QString SpoolDirectory::first(
+    const std::function<bool(const QString &)> &isSkipped, bool &hasForeign) const
 {
     QByteArray best, bestKey;
-    forEachName(directory, [&](const QByteArray &name, auto isFile) {
-        const QByteArray key = SpoolName::keyOf(name);
-        if ((best.isEmpty() || SpoolName{key, name} < SpoolName{bestKey, best})
-            && !isSkipped(QString::fromUtf8(name)) && isFile()) {
-            best = name;
-            bestKey = key;
-        }
+    hasForeign = false;
+    const bool isRead = forEachName(directory, [&](QByteArrayView name, auto isFile) {
+        if (isForeignName(name))
+            hasForeign = true;
+        if (isForeignName(name) || (!best.isEmpty() && !SpoolName::isBefore(name, {bestKey, best})))
+            return;
+        if (isSkipped(QString::fromUtf8(name)) || !isFile())
+            return;
+        best = name.toByteArray();
+        bestKey = SpoolName::keyOf(best);
     });
-    return QString::fromUtf8(best);
+    return isRead ? QString::fromUtf8(best) : QString();
 }
 
 std::optional<SpoolDirectory::Mark> SpoolDirectory::mark(const QString &name) const
@@ -321,16 +346,41 @@ bool SpoolDirectory::remove(const QString &name) const
 
 SpoolDirectory::SetAside SpoolDirectory::setAside(const QString &name) const
 {
-    const QByteArray from = QFile::encodeName(pathOf(name));
-    struct stat info;
-    if (::lstat(from.constData(), &info) != 0)
-        return SetAside::Gone;
+    return setAside(QFile::encodeName(name));
+}
+
+SpoolDirectory::SetAside SpoolDirectory::setAside(const QByteArray &name) const
+{
+    const QByteArray from = QFile::encodeName(directory) + '/' + name;
     ::mkdir(QFile::encodeName(pathOf(refusedFolder)).constData(), newFolderMode);
-    const QString wanted = pathOf(refusedFolder) + u'/' + name;
-    QByteArray to = QFile::encodeName(wanted);
-    for (int number = 1; ::lstat(to.constData(), &info) == 0; ++number)
-        to = QFile::encodeName(wanted + u".%1"_s.arg(number));
-    return std::rename(from.constData(), to.constData()) == 0 ? SetAside::Moved : SetAside::Failed;
+    const QByteArray wanted = QFile::encodeName(pathOf(refusedFolder)) + '/' + name;
+    QByteArray to = wanted;
+    for (int number = 1; !renameWithoutReplacing(from, to); ++number) {
+        if (errno != EEXIST)
+            return ::access(from.constData(), F_OK) == 0 ? SetAside::Failed : SetAside::Gone;
+        to = wanted + '.' + QByteArray::number(number);
+    }
+    return SetAside::Moved;
+}
+
+void SpoolDirectory::setForeignNamesAside(const Say &say, bool &hasFailed) const
+{
+    QByteArrayList foreign;
+    forEachName(directory, [&](QByteArrayView name, auto isFile) {
+        if (isForeignName(name) && foreign.size() < maxForeign && isFile())
+            foreign.append(name.toByteArray());
+    });
+    const bool hadFailed = std::exchange(hasFailed, false);
+    for (const QByteArray &name : std::as_const(foreign)) {
+        const SetAside result = setAside(name);
+        hasFailed |= result == SetAside::Failed;
+        // Only what can be printed of the name, and the bytes of the rest.
+        const QString shown = QString::fromLatin1(name.toPercentEncoding(" !#$&'()*+,:;=?@[]"));
+        if (result == SetAside::Moved)
+            say(tr("Refused file %1: its name is no UTF-8 text").arg(pathOf(shown)));
+        else if (result == SetAside::Failed && !hadFailed)
+            say(tr("Can't move file %1, whose name is no UTF-8 text").arg(pathOf(shown)));
+    }
 }
 
 bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const

@@ -15,9 +15,9 @@ struct dirent;
 
 // Whether an entry of an open directory is a regular file, or a link to one.
 [[nodiscard]] bool isRegularFile(int directory, const dirent &entry);
-// Whether a name in file system encoding is one that a QString can hold, and not hidden. Any other
-// would be read as another file's.
-[[nodiscard]] bool isSpoolName(QByteArrayView name);
+// Whether a name in file system encoding is one that a QString cannot hold: no UTF-8, or with a
+// byte order mark in front. It would be read as another file's.
+[[nodiscard]] bool isForeignName(QByteArrayView name);
 
 // Where a room without a log of its own puts what an operator should hear.
 using Say = std::function<void(const QString &)>;
@@ -93,12 +93,17 @@ class SpoolFile
 {
 public:
     // Tells a file from one that has replaced it under the same name.
+    //
+    // Size and time tell, but for files that were changed shortly before the mark was taken: within
+    // one tick of its clock a file system gives two files the same time. Only those must have the
+    // same inode, too; some file systems change that number by themselves.
     struct Mark
     {
         quint64 inode;
         qint64 modified; // nanoseconds since the epoch
         qint64 size; // bytes
-        bool operator==(const Mark &) const = default;
+        bool isSettled; // changed long enough before the mark was taken
+        bool operator==(const Mark &other) const;
     };
     [[nodiscard]] static Mark markOf(const struct stat &info);
 
@@ -122,6 +127,7 @@ private:
 // Errors:  never throws; results say what failed.
 class SpoolDirectory
 {
+    Q_DECLARE_TR_FUNCTIONS(SpoolDirectory)
 public:
     enum class WriteResult { Written, NoLock, NoFile };
     enum class SetAside { Moved, Gone, Failed };
@@ -140,8 +146,12 @@ public:
     [[nodiscard]] SpoolListing list() const;
 
     // The file that list() has in front, but for skipped ones; an empty name if there is none. One
-    // pass over the directory, without sorting and without a call per file.
-    [[nodiscard]] QString first(const std::function<bool(const QString &)> &isSkipped) const;
+    // pass over the directory, without sorting and without a call or an allocation per file. It
+    // ends early, with an empty name, when the calling thread is asked to end
+    // (QThread::requestInterruption()). hasForeign tells whether a call of setForeignNamesAside()
+    // has something to do.
+    [[nodiscard]] QString first(
+        const std::function<bool(const QString &)> &isSkipped, bool &hasForeign) const;
 
     // Nothing if the file is gone.
     [[nodiscard]] std::optional<Mark> mark(const QString &name) const;
@@ -153,8 +163,15 @@ public:
     [[nodiscard]] bool remove(const QString &name) const;
 
     // Moves a file that can never be sent to the folder "refused" of the directory, which is made
-    // when needed and never listed. A number is appended to a name that is taken there.
+    // when needed and never listed. A number is appended to a name that is taken there: nothing is
+    // ever overwritten.
     [[nodiscard]] SetAside setAside(const QString &name) const;
+
+    // Sets those files aside whose names are no UTF-8 or begin with a byte order mark: such names
+    // cannot be told from those of other files, and neither list() nor first() gives them. Says so
+    // for each. One that cannot be moved is said when the last call had no such failure; the
+    // caller keeps hasFailed from call to call, false at first.
+    void setForeignNamesAside(const Say &say, bool &hasFailed) const;
 
     // Removes what writers have left behind that were killed. False, and nothing done, while a
     // writer may be at work; the lock is the caller's own, which has not been acquired.
@@ -165,6 +182,7 @@ public:
 
 private:
     [[nodiscard]] bool writeWhole(const QString &name, const QByteArray &content) const;
+    [[nodiscard]] SetAside setAside(const QByteArray &name) const;
 
     QString directory;
 };

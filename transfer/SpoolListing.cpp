@@ -60,6 +60,22 @@ QByteArray SpoolName::keyOf(const QByteArray &name)
     return isAscii(name) ? name.toLower() : QString::fromUtf8(name).toLower().toUtf8();
 }
 
+bool SpoolName::isBefore(QByteArrayView name, const SpoolName &other)
+{
+    if (!isAscii(name)) {
+        const QByteArray copy = name.toByteArray();
+        return SpoolName{keyOf(copy), copy} < other;
+    }
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? char(c - 'A' + 'a') : c; };
+    const auto [x, y] = std::mismatch(name.begin(), name.end(), other.key.begin(), other.key.end(),
+        [&](char a, char b) { return lower(a) == b; });
+    if (x != name.end() && y != other.key.end())
+        return rank(lower(*x)) < rank(*y);
+    if (x != name.end() || y != other.key.end())
+        return x == name.end();
+    return compare(name, other.name) < 0;
+}
+
 bool SpoolName::operator<(const SpoolName &other) const
 {
     const int order = compare(key, other.key);

@@ -19,6 +19,8 @@ struct SpoolName
 
     [[nodiscard]] static QByteArray keyOf(const QByteArray &name);
     bool operator<(const SpoolName &other) const;
+    // The same for a name whose key is not made yet; makes none for a name in ASCII.
+    [[nodiscard]] static bool isBefore(QByteArrayView name, const SpoolName &other);
 };
 
 // The names of waiting files, in the order of sending.

@@ -24,7 +24,9 @@ bool SpoolScan::goOn(QDeadlineTimer deadline)
         const dirent *entry = ::readdir(directory.get());
         if (!entry)
             break;
-        if (isSpoolName(entry->d_name) && isRegularFile(::dirfd(directory.get()), *entry))
+        if (isForeignName(entry->d_name))
+            sawForeign = true;
+        else if (entry->d_name[0] != '.' && isRegularFile(::dirfd(directory.get()), *entry))
             names.add(entry->d_name);
         if (count % namesPerLook == 0 && deadline.hasExpired())
             return false;

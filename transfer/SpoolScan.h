@@ -32,8 +32,11 @@ public:
     [[nodiscard]] SpoolListing takeNames();
     // More names follow than were kept.
     [[nodiscard]] bool isCutOff() const { return names.isCutOff(); }
+    // There are names that cannot be given, see SpoolDirectory::setForeignNamesAside().
+    [[nodiscard]] bool hasForeign() const { return sawForeign; }
 
 private:
     std::unique_ptr<DIR, int (*)(DIR *)> directory;
     SpoolListing names;
+    bool sawForeign = false;
 };

@@ -125,6 +125,7 @@ void ScanThread::run()
 
 void ScanThread::scan()
 {
+    removeLeftoversOfTheDead(u"."_s); // of received files
     SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
     // Transfer numbers begin anew with every engine. What a killed process has sent may still be
     // answered; an engine that is not sending ignores that.
@@ -155,8 +156,12 @@ void ScanThread::handOverFirstFile()
 {
     const SpoolDirectory spool(spoolDir);
     unmovable.removeIf([&](auto file) { return spool.mark(file.key()) != file.value(); });
-    const QString name =
-        spool.first([&](const QString &candidate) { return unmovable.contains(candidate); });
+    bool hasForeign = false;
+    const QString name = spool.first(
+        [&](const QString &candidate) { return unmovable.contains(candidate); }, hasForeign);
+    if (hasForeign)
+        spool.setForeignNamesAside(
+            [this](const QString &line) { sayAnywhere(line); }, hasFailedForeign);
     const std::optional<Mark> mark = name.isEmpty() ? std::nullopt : spool.mark(name);
     if (!mark)
         return;

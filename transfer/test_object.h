@@ -131,7 +131,8 @@ private:
     SentPackets sentPackets;
     bool saidNoPort = false;
     bool saidNoAddress = false;
-    bool saidStuckLock = false; // the scanning thread's
+    bool saidStuckLock = false; // the scanning thread's, as the next
+    bool hasFailedForeign = false;
 
     std::mutex mutex; // guards the rest
     std::condition_variable stopCondition;
