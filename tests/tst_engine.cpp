@@ -1,3 +1,4 @@
+#include "ReceivedFiles.h"
 #include "kit/Channel.h"
 
 #include <QCoreApplication>
@@ -57,7 +58,14 @@ class tst_engine : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void filesCrossABadChannelBothWays_data();
     void filesCrossABadChannelBothWays();
+    void mutatedDatagramsDoNoHarm();
+    void keptPacketsOfAnOldFileAreNoDelivery_data();
+    void keptPacketsOfAnOldFileAreNoDelivery();
+    void lateInformationRecordCostsNoFile_data();
+    void lateInformationRecordCostsNoFile();
+    void unwritableFileIsTriedUntilTheNextBegins();
     void ticksGiveTheseBytes();
     void waitsForQuietTicksAndEndsWhenStopped();
     void idsRunTo127AndGoOnWith0();
@@ -70,16 +78,137 @@ private Q_SLOTS:
     void memoryDoesNotFollowTheInflatedSize();
 };
 
+void tst_engine::filesCrossABadChannelBothWays_data()
+{
+    QTest::addColumn<int>("loss");
+    for (const int loss : {0, 10, 33, 50})
+        QTest::addRow("%d %% lost each way", loss) << loss;
+}
+
 void tst_engine::filesCrossABadChannelBothWays()
 {
+    QFETCH(int, loss);
     Channel channel;
-    channel.isBad = true;
+    channel.loss = loss;
     const Bytes content = noise(100'000, 1), other = noise(50'001, 2);
     channel.left.open(u"out"_s, content);
     channel.right.open(u"back"_s, other);
-    QVERIFY(channel.run(1, 1));
+    const int ticks = channel.run(1, 1);
+    QVERIFY(ticks > 0);
     QVERIFY(channel.right.folder.readFile(u"in/out"_s) == content);
     QVERIFY(channel.left.folder.readFile(u"in/back"_s) == other);
+    if (loss == 0) // three to announce; four packets and a request in five
+        QCOMPARE(ticks, 3 + 5 * ((compressed(content).size() + 999) / 1'000));
+}
+
+void tst_engine::mutatedDatagramsDoNoHarm()
+{
+    Channel channel;
+    Side &side = channel.right;
+    QList<Bytes> good = {acknowledgement(41, {0, 1, 2}), Packet::makeStatusRequest(stamp, 9, {})};
+    const Bytes stream = compressed(noise(2'000, 3));
+    good.append(information(9, "x"));
+    for (quint16 number = 1; number <= 9; ++number)
+        good.append(data(number, stream.mid(250 * (number - 1), 250)));
+    side.open(u"out"_s, noise(500, 1));
+    QRandomGenerator random(1);
+    for (int i = 0; i < 30'000; ++i) {
+        Bytes datagram = good.at(random.bounded(int(good.size())));
+        for (int flips = random.bounded(4); flips > 0; --flips)
+            datagram[random.bounded(int(datagram.size()))] = char(random.generate());
+        datagram.resize(random.bounded(3) > 0 ? datagram.size() : random.bounded(300), 'x');
+        side.receive(datagram);
+        side.tick();
+    }
+    side.take();
+    QCOMPARE(QDir(side.folder.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).size(), 2);
+    channel.left.open(u"f"_s, "still alive");
+    QVERIFY(channel.run(1, 0) > 0);
+    QCOMPARE(side.folder.readFile(u"in/f"_s), "still alive");
+}
+
+void tst_engine::keptPacketsOfAnOldFileAreNoDelivery_data()
+{
+    using Counts = QList<int>; // the peer's own, with each acknowledgement
+    QTest::addColumn<Counts>("counts");
+    QTest::addColumn<QString>("end");
+    QTest::newRow("counts all") << Counts{1, 2, 3, 4} << u"sent"_s;
+    QTest::newRow("always says 1") << Counts{1, 1, 1, 1} << u"sent"_s;
+    QTest::newRow("the last answer is an older one") << Counts{1, 2, 4, 3} << u"sent"_s;
+    QTest::newRow("still holds another file") << Counts{4, 4, 4, 4} << u"announcing"_s;
+    QTest::newRow("has begun afresh") << Counts{1, 3, 1, 2} << u"forgotten"_s;
+}
+
+void tst_engine::keptPacketsOfAnOldFileAreNoDelivery()
+{
+    QFETCH(QList<int>, counts);
+    QFETCH(QString, end);
+    Side side;
+    side.open(u"f"_s, noise(700, 1)); // of three packets
+    for (quint16 number = 0; number < 4; ++number)
+        side.receive(
+            Packet::makeAcknowledgement(stamp, 41, std::span(&number, 1), counts.at(number)));
+    side.tick();
+    const auto next = Packet::read(side.packets.value(0));
+    QCOMPARE(side.sended, int(end == u"sent"));
+    QCOMPARE(side.forgotten, int(end == u"forgotten"));
+    QCOMPARE(next && next->number == 0, end == u"announcing");
+}
+
+void tst_engine::lateInformationRecordCostsNoFile_data()
+{
+    using Numbers = QList<int>; // of the packets in the order of their coming
+    QTest::addColumn<Numbers>("numbers");
+    QTest::addColumn<Bytes>("others"); // of another file with the same name and length
+    QTest::addColumn<int>("written"); // how often
+    const Bytes stream = compressed(noise(700, 1));
+    QTest::newRow("in the midst") << Numbers{0, 1, 0, 2, 3} << stream << 1;
+    QTest::newRow("twice") << Numbers{0, 2, 0, 3, 0, 1} << stream << 1;
+    QTest::newRow("everything comes again") << Numbers{0, 1, 0, 2, 3, 1} << stream << 1;
+    QTest::newRow("behind the end") << Numbers{0, 1, 2, 3, 0, 2, 3} << stream << 1;
+    QTest::newRow("the file is sent once more") << Numbers{0, 1, 2, 3, 0, 1, 2, 3} << stream << 2;
+    QTest::newRow("another file") << Numbers{0, 1, 0, 2, 3} << compressed(noise(700, 2)) << 0;
+}
+
+void tst_engine::lateInformationRecordCostsNoFile()
+{
+    QFETCH(QList<int>, numbers);
+    QFETCH(Bytes, others);
+    QFETCH(int, written);
+    const Bytes stream = compressed(noise(700, 1));
+    Side side;
+    int begun = 0;
+    QList<quint16> held; // as the design has it
+    for (const int number : numbers) {
+        begun += number == 0;
+        const Bytes &from = begun == 1 ? stream : others;
+        side.receive(number == 0 ? information(3, "x")
+                                 : data(quint16(number), from.mid(250 * (number - 1), 250)));
+        if (number == 0)
+            held.clear();
+        held.append(quint16(number));
+        std::sort(held.begin(), held.end());
+        const quint16 asked[] = {0, 1, 2, 3};
+        side.receive(Packet::makeStatusRequest(stamp, 9, asked));
+        const Bytes answer = side.take().value(0);
+        const Packet::Stamp counter = {quint8(answer.at(2)), 0};
+        QCOMPARE(answer, Packet::makeAcknowledgement(counter, 9, held, held.size()));
+    }
+    QCOMPARE(side.received.size(), written);
+    QCOMPARE(side.folder.readFile(u"in/x"_s), written > 0 ? noise(700, 1) : Bytes());
+}
+
+void tst_engine::unwritableFileIsTriedUntilTheNextBegins()
+{
+    Side side;
+    side.folder.makeFolder(u"in/x"_s);
+    receiveFile(side, "x", compressed("first"));
+    side.engine.receivedFiles().finish(std::chrono::seconds(1)); // tries once more
+    QCOMPARE(side.trouble.size(), 2);
+    receiveFile(side, "x", compressed("second"));
+    QVERIFY(QDir(side.folder.path()).rmdir(u"in/x"_s));
+    QTRY_COMPARE_WITH_TIMEOUT(side.received.size(), 1, 10'000);
+    QCOMPARE(side.folder.readFile(u"in/x"_s), "second");
 }
 
 void tst_engine::ticksGiveTheseBytes()
@@ -218,9 +347,13 @@ void tst_engine::writesWhatStreamsHoldUnderPlainNames_data()
     const Bytes content = noise(5'000, 4), stream = compressed(content);
     QTest::newRow("longest name, in Latin-1") << Bytes(97, '\xE9') << stream << content;
     QTest::newRow("longer name") << Bytes(98, 'n') << stream << Bytes();
-    QTest::newRow("name in the folder above") << Bytes("../x") << stream << Bytes();
+    for (const Bytes &bad : {Bytes("../x"), Bytes("/x"), Bytes("sub/x"), Bytes("x/"), Bytes(".."),
+             Bytes(".x"), Bytes(), Bytes("x\0y", 3)})
+        QTest::addRow("refused name \"%s\"", bad.toPercentEncoding().constData())
+            << bad << stream << Bytes();
     QTest::newRow("surplus") << Bytes("x") << stream + "surplus" << content;
-    QTest::newRow("wrong checksum") << Bytes("x") << stream.chopped(1) + '?' << content;
+    // It would look whole.
+    QTest::newRow("wrong checksum") << Bytes("x") << stream.chopped(1) + '?' << Bytes();
     // The stream's head has 2 bytes, that of its only block 5.
     QTest::newRow("cut short") << Bytes("x") << stream.first(3'000) << content.first(2'993);
     QTest::newRow("no stream") << Bytes("x") << Bytes("no stream") << Bytes("");
@@ -248,17 +381,19 @@ void tst_engine::takesOrRefusesFilesOfAnotherThread()
 {
     Side side;
     const QStringList bad = {side.folder.writeFile(QString(98, u'n'), "x"),
-        side.folder.writeFile(u"файл"_s, "x"), side.folder.path(u"missing"_s), side.folder.path(),
+        side.folder.writeFile(u"файл"_s, "x"),
         side.folder.writeFile(u"of more than 65535 packets"_s, noise(16'383'750, 1))};
+    const QStringList unreadable = {side.folder.path(u"missing"_s), side.folder.path()};
     const QString longest = QString(96, u'n') + u'é';
     std::thread([&, good = side.folder.writeFile(longest, "x")] {
-        for (const QString &path : bad + QStringList(good))
+        for (const QString &path : bad + unreadable + QStringList(good))
             side.engine.OpenFile(path);
     }).join();
     side.tick();
     QVERIFY(side.packets.isEmpty()); // the other thread itself changes nothing
     QCoreApplication::processEvents();
     QCOMPARE(side.refused, bad);
+    QCOMPARE(side.unreadable, unreadable);
     side.tick();
     const Bytes record = InformationRecord{1, longest.toLatin1()}.write();
     QCOMPARE(side.packets, QList<Bytes>{Packet::makeData(stamp, 41, 0, record)});
@@ -280,6 +415,10 @@ void tst_engine::keepsTheOldFileUntilTheNewOneIsWhole()
     QCOMPARE(filesBelow(side.folder.path()), 1);
     QVERIFY(side.received.isEmpty());
 
+    side.engine.receivedFiles().setMaxBytes(999'999);
+    receiveFile(side, "x", large);
+    QCOMPARE(side.folder.readFile(u"in/x"_s), "old");
+    side.engine.receivedFiles().setMaxBytes(1'000'000);
     receiveFile(side, "x", large);
     QCOMPARE(side.folder.readFile(u"in/x"_s).size(), 1'000'000);
 }

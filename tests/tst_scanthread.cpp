@@ -82,6 +82,7 @@ private Q_SLOTS:
     void aFileReplacedWhileThePortIsTakenIsSentInItsTurn();
     void aPeerRestartedInMidTransferGetsTheWholeFile();
     void nothingIsSentWithoutANumericAddress();
+    void onlyThePeerIsHeard();
     void noDatagramThatTheKernelDropsDeafensIt();
     void stopWaitsForNoCompression();
 
@@ -150,10 +151,9 @@ void tst_scanthread::aFileReplacedWhileThePortIsTakenIsSentInItsTurn()
     left.put(u"f"_s, "new");
     QCOMPARE(left.saidCount(u"Can't use UDP port %1"_s.arg(leftPort)), 1);
     other.reset();
-    QTRY_COMPARE_WITH_TIMEOUT(left.saidCount(u"Transmitted file left/f"_s), 1, longWait);
-    QCOMPARE(folder->readFile(u"f"_s), "old");
-    QVERIFY(left.holds(u"f"_s));
+    QTRY_COMPARE_WITH_TIMEOUT(folder->readFile(u"f"_s), "old", longWait); // half a second
     QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QCOMPARE(left.saidCount(u"Transmitted file left/f"_s), 2);
     QCOMPARE(folder->readFile(u"f"_s), "new");
     QCOMPARE(left.saidCount(u"UDP port"_s), 2);
 }
@@ -180,16 +180,36 @@ void tst_scanthread::nothingIsSentWithoutANumericAddress()
 {
     QUdpSocket peer;
     QVERIFY(peer.bind(rightPort));
-    for (const QString &host : {u"localhost"_s, u"0.0.0.0"_s}) {
+    for (const QString &host :
+        {u"localhost"_s, u"0.0.0.0"_s, u"::ffff:0.0.0.0"_s, u"127.0.0.1"_s}) {
         sentPackages = 0;
-        Node left(leftPort, rightPort, u"left"_s, host);
+        const bool isItself = host == u"127.0.0.1";
+        Node left(leftPort, isItself ? leftPort : rightPort, u"left"_s, host);
         left.put(u"f"_s, "stays");
         left.thread.start();
         QTRY_VERIFY(sentPackages > 20);
-        QVERIFY(!peer.hasPendingDatagrams() && left.holds(u"f"_s));
+        QVERIFY(!peer.hasPendingDatagrams() && left.holds(u"f"_s) && receivedPackages == 0);
         QCOMPARE(left.lines.size(), 1);
-        QVERIFY(left.lines.first().contains(u"\"%1\" is not the numeric address"_s.arg(host)));
+        QVERIFY(left.lines.first().contains(
+            isItself ? u"is this module itself"_s : u"\"%1\" is not the numeric"_s.arg(host)));
     }
+    Node received(leftPort, rightPort, u"."_s);
+    received.put(u"f"_s, "stays");
+    received.thread.start();
+    QTRY_COMPARE(received.saidCount(u"is the working directory"_s), 1);
+    QVERIFY(received.thread.wait(longWait));
+}
+
+void tst_scanthread::onlyThePeerIsHeard()
+{
+    Node node(leftPort, rightPort, u"left"_s, u"127.0.0.2"_s);
+    node.thread.setOnlyPeer(true);
+    QUdpSocket stranger, peer;
+    QVERIFY(stranger.bind(QHostAddress(u"127.0.0.3"_s)) && peer.bind(QHostAddress(u"127.0.0.2"_s)));
+    for (QUdpSocket *socket : {&stranger, &stranger, &peer})
+        socket->writeDatagram("\xA4\xD5", QHostAddress::LocalHost, leftPort);
+    QTRY_COMPARE(receivedPackages, 1);
+    QCOMPARE(node.saidCount(u"127.0.0.3 are dropped"_s), 1);
 }
 
 // The kernel announces some datagrams before it has verified their checksum.

@@ -7,6 +7,7 @@ constexpr uchar secondMarker = 0xD5;
 constexpr char recordCount = 1;
 
 // Offsets of the table in the header file.
+constexpr qsizetype lengthAt = 5;
 constexpr qsizetype recordLengthAt = 8;
 constexpr qsizetype kindAt = 9;
 constexpr qsizetype idAt = 10;
@@ -63,6 +64,15 @@ QByteArray withEntries(QByteArray bytes, char id, std::span<const quint16> numbe
     return withChecksum(std::move(bytes));
 }
 
+// How many packets an acknowledgement says its sender holds. Both length fields give it.
+std::optional<quint8> heldIn(QByteArrayView datagram)
+{
+    const quint8 held = quint8(uchar(datagram[lengthAt]) - acknowledgementLength);
+    if (quint8(uchar(datagram[recordLengthAt]) - acknowledgementRecord) != held)
+        return std::nullopt;
+    return held;
+}
+
 } // namespace
 
 // --- reading ---
@@ -91,6 +101,8 @@ std::optional<Packet> Packet::read(QByteArrayView datagram)
     (isData ? packet.record : packet.entries) = datagram.sliced(bodyAt, size);
     if (isData)
         packet.number = number;
+    if (packet.kind == Acknowledgement)
+        packet.held = heldIn(datagram);
     return packet;
 }
 

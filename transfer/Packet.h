@@ -15,9 +15,9 @@
 //   0         2     markers        A4 D5; either one in its place makes a datagram a packet
 //   2         1     sequence       counter of the emitting side, wraps; nobody checks it
 //   3         2     station        number of the emitting engine; nobody checks it
-//   5         2     length         by kind; nobody reads it
+//   5         2     length         by kind; read in acknowledgements only
 //   7         1     record count   1
-//   8         1     record length  by kind; read in data packets only
+//   8         1     record length  by kind; read in data packets and acknowledgements
 //   9         1     kind           B1 data, B2 status request, B3 acknowledgement, B4 information
 //   10              body           by kind
 //   last two  2     checksum       low 16 bits of the sum of all bytes before it, each taken as a
@@ -53,6 +53,7 @@ struct Packet
     quint16 number = 0; // of a data packet
     QByteArrayView record; // of a data packet: the payload and the first byte of the checksum
     QByteArrayView entries; // of the other kinds, whole
+    std::optional<quint8> held; // of an acknowledgement: low 8 bits; none if its fields disagree
 
     [[nodiscard]] qsizetype entryCount() const { return entries.size() / 2; }
     [[nodiscard]] quint16 entry(qsizetype index) const

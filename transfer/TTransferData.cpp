@@ -1,9 +1,9 @@
 #include "TTransferData.h"
 
+#include "ReceivedFiles.h"
 #include "WholeFile.h"
 #include "ZlibStream.h"
 
-#include <QDebug>
 #include <QFile>
 #include <QFileInfo>
 #include <QThread>
@@ -43,10 +43,11 @@ TTransferData makeRecord(QByteArrayView bytes)
     return record;
 }
 
-// A received record without the byte of the checksum behind it.
-QByteArrayView payloadOf(const TTransferData &record)
+// Whether two received records have the same payload. The byte of the checksum behind it differs.
+bool isSamePayload(const TTransferData &one, const TTransferData &other)
 {
-    return QByteArrayView(record.data, std::max(record.length - 1, 0));
+    return one.length == other.length
+        && (one.length == 0 || std::memcmp(one.data, other.data, size_t(one.length - 1)) == 0);
 }
 
 // Adds bytes to the packets of a file, which are full but for the last one. False once there are
@@ -75,8 +76,15 @@ TFileTransfer::TFileTransfer(int interval, int quiet, QObject *parent)
     : QObject(parent)
     , idleTicks(unsigned(quiet))
     , quietTicks(unsigned(quiet))
+    , received(std::make_unique<ReceivedFiles>())
     , tickInterval(std::max(interval, 1))
 {
+    connect(received.get(), &ReceivedFiles::written, this, &TFileTransfer::FileReceived);
+    connect(received.get(), &ReceivedFiles::trouble, this, &TFileTransfer::Trouble);
+    connect(received.get(), &ReceivedFiles::notClean, this, [this] {
+        forgotten.clear();
+        isRescued = false;
+    });
     connect(&ticker, &TickTimer::ticked, this, &TFileTransfer::runTicks);
 }
 
@@ -175,7 +183,7 @@ void TFileTransfer::compress(Outgoing &outgoing)
     const int descriptor = openRegularFile(outgoing.path, info);
     if (descriptor < 0
         || !file.open(descriptor, QFile::ReadOnly | QFile::Unbuffered, QFile::AutoCloseHandle)) {
-        outgoing.refusal = tr("it cannot be read: %1").arg(qt_error_string());
+        outgoing.error = errno;
         return;
     }
     switch (ZlibStream::deflate(
@@ -186,7 +194,7 @@ void TFileTransfer::compress(Outgoing &outgoing)
         outgoing.isAbandoned = true;
         return;
     case ZlibStream::Result::SourceFailed:
-        outgoing.refusal = tr("it cannot be read: %1").arg(file.errorString());
+        outgoing.error = errno != 0 ? errno : EIO;
         return;
     case ZlibStream::Result::SinkStopped:
         outgoing.refusal = tr("it has more than %1 bytes when compressed")
@@ -200,9 +208,14 @@ void TFileTransfer::begin(Outgoing outgoing)
         Q_EMIT FileRefused(outgoing.path, outgoing.refusal);
         return;
     }
+    if (outgoing.error != 0) {
+        Q_EMIT FileUnreadable(outgoing.path, outgoing.error);
+        return;
+    }
     txMap = std::move(outgoing.packets);
     txId = txId == maxId ? char(0) : char(txId + 1);
     infoAcked = false;
+    peerHeld.begin(int(txMap.size()));
     sentList.clear();
     lastSent = 0;
     tickCount = 0;
@@ -269,20 +282,31 @@ QMap<int, TTransferData>::iterator TFileTransfer::chooseRecord()
 
 void TFileTransfer::receiveAcknowledgement(const Packet &packet)
 {
-    if (!sending || packet.id != txId)
+    if (!sending || packet.id != txId || packet.entryCount() == 0)
         return;
+    if (infoAcked)
+        peerHeld.take(packet.held, txMap.size());
+    else if (!HeldCount::isOfNewFile(packet.held))
+        return; // it speaks of an older file with the same id
     for (qsizetype i = 0; i < packet.entryCount(); ++i) {
         const quint16 number = packet.entry(i);
         if (number == 0)
             infoAcked = true;
         sentList.removeAll(number);
         txMap.remove(number);
-        if (txMap.isEmpty()) {
-            StopSending();
-            Q_EMIT FileSended(); // a slot may open the next file
-            return;
-        }
+        if (txMap.isEmpty())
+            return endSending();
     }
+}
+
+// In both cases a slot may open the next file.
+void TFileTransfer::endSending()
+{
+    StopSending();
+    if (peerHeld.lacksSome())
+        Q_EMIT FileForgotten();
+    else
+        Q_EMIT FileSended();
 }
 
 // --- receiving ---
@@ -311,14 +335,20 @@ void TFileTransfer::receiveRecord(const Packet &packet)
 {
     idleTicks = 0;
     if (packet.number == 0) {
-        if (!beginReceiving(packet))
+        // To the peer it is lost, and comes again.
+        if (received->isFull() || !beginReceiving(packet))
             return;
     } else if (!receiving || packet.id != rxId || packet.number > rxCount) {
         return;
     }
-    rxMap.insert(packet.number, makeRecord(packet.record));
+    const TTransferData record = makeRecord(packet.record);
+    if (packet.number > 0)
+        compareWithForgotten(packet.number, record);
+    rxMap.insert(packet.number, record);
     if (rxCount >= 1 && rxMap.size() == rxCount + 1)
         completeFile();
+    else if (!isRescued && !forgotten.isEmpty() && rxMap.size() + forgotten.size() == rxCount + 1)
+        rescueFile();
 }
 
 bool TFileTransfer::beginReceiving(const Packet &packet)
@@ -326,11 +356,44 @@ bool TFileTransfer::beginReceiving(const Packet &packet)
     const std::optional<InformationRecord> record = InformationRecord::read(packet.record);
     if (!record)
         return false;
+    const bool isSame = packet.id == rxId && rxMap.contains(0)
+        && isSamePayload(rxMap[0], makeRecord(packet.record));
+    if (!isSame)
+        received->nextBegins();
+    keepForgotten(isSame && receiving && !isRescued);
     rxCount = record->count;
     rxId = packet.id;
     rxMap.clear();
     receiving = true;
     return true;
+}
+
+// A late copy of packet 0 has the gathering begin anew, although the sender never repeats what was
+// acknowledged. For the sender's eyes it does; but what was held is kept, so that the file can
+// still be written.
+void TFileTransfer::keepForgotten(bool isLateCopy)
+{
+    if (!isLateCopy)
+        forgotten.clear();
+    else
+        forgotten.insert(rxMap);
+    forgotten.remove(0);
+    isRescued = false;
+}
+
+// What comes again need not be kept. What comes again differently shows another file.
+void TFileTransfer::compareWithForgotten(int number, const TTransferData &record)
+{
+    const auto before = rxMap.constFind(number);
+    const auto kept = forgotten.constFind(number);
+    const bool isOther = (before != rxMap.cend() && !isSamePayload(*before, record))
+        || (kept != forgotten.cend() && !isSamePayload(*kept, record));
+    if (isOther) {
+        forgotten.clear();
+        isRescued = false;
+    } else {
+        forgotten.remove(number);
+    }
 }
 
 void TFileTransfer::answerStatusRequest(const Packet &packet)
@@ -351,23 +414,29 @@ void TFileTransfer::answerStatusRequest(const Packet &packet)
 void TFileTransfer::completeFile()
 {
     receiving = false;
-    const TTransferData &first = rxMap.first();
-    const auto information = InformationRecord::read(QByteArrayView(first.data, first.length));
-    const QString name = QString::fromLatin1(information->name);
-    if (!isPlainName(name))
-        qWarning() << "A file is not written, its name is not a plain one:" << name;
-    else if (writeReceived(receivePath + name))
-        Q_EMIT FileReceived(name);
+    forgotten.clear();
+    // Written before with the same packets, it is not written twice.
+    if (!std::exchange(isRescued, false))
+        write(rxMap, false);
 }
 
-// A corrupt stream gives a file of what can be inflated of it.
-bool TFileTransfer::writeReceived(const QString &path) const
+// All of the file is there, if it is one. Should it be of two files, its checksum tells.
+void TFileTransfer::rescueFile()
 {
-    WholeFile file(path);
-    ZlibStream::Inflater inflater([&](QByteArrayView bytes) { return file.write(bytes); });
-    for (auto record = std::next(rxMap.cbegin()); record != rxMap.cend(); ++record) {
-        if (!inflater.write(payloadOf(*record)))
-            break;
-    }
-    return file.commit();
+    isRescued = true;
+    QMap<int, TTransferData> packets = rxMap;
+    packets.insert(forgotten);
+    write(packets, true);
+}
+
+void TFileTransfer::write(const QMap<int, TTransferData> &packets, bool onlyIfClean)
+{
+    const TTransferData &first = packets.first();
+    const auto information = InformationRecord::read(QByteArrayView(first.data, first.length));
+    const QString name = QString::fromLatin1(information->name);
+    if (isPlainName(name))
+        received->write({name, receivePath + name, packets, onlyIfClean});
+    else
+        Q_EMIT Trouble(
+            tr("A received file is not written, its name is not a plain one: %1").arg(name));
 }

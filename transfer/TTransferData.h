@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HeldCount.h"
 #include "Packet.h"
 #include "TickTimer.h"
 
@@ -8,7 +9,10 @@
 #include <QObject>
 
 #include <deque>
+#include <memory>
 #include <mutex>
+
+class ReceivedFiles;
 
 // One packet of a file in the engine's tables.
 struct TTransferData
@@ -28,9 +32,9 @@ struct TTransferData
 //          datagram that arrives to ReceiveData().
 // Thread:  the one that constructed it; all signals are emitted there, as direct calls from within
 //          a tick, a datagram or the commit of a file. OpenFile() may come from any thread.
-// Errors:  never throws. A file ends in exactly one of FileSended() and FileRefused(), unless
-// Stop()
-//          or another OpenFile() comes first. Datagrams that make no sense are dropped silently.
+// Errors:  never throws. A file ends in exactly one of FileSended(), FileForgotten(), FileRefused()
+//          and FileUnreadable(), unless Stop() or another OpenFile() comes first. Datagrams that
+//          make no sense are dropped silently.
 class TFileTransfer : public QObject
 {
     Q_OBJECT
@@ -53,6 +57,8 @@ public:
     void SendInfo(char *tag, QString text);
     // What is put in front of the names of received files; a directory needs its "/" at the end.
     void SendPath(QString path);
+    // Where received files go; to be set up before the first one comes.
+    [[nodiscard]] ReceivedFiles &receivedFiles() { return *received; }
     // Takes one datagram of size bytes. False if it bears no marker of a packet.
     bool ReceiveData(char *datagram, int size);
     // One tick.
@@ -65,8 +71,15 @@ Q_SIGNALS:
     void FileReceived(QString name);
     // The peer holds the whole file.
     void FileSended();
-    // A file cannot be sent, now or ever; nothing of it has been.
+    // A file can never be sent; nothing of it has been.
     void FileRefused(QString path, QString reason);
+    // A file cannot be read for now, with the reason as errno has it; nothing of it has been sent.
+    void FileUnreadable(QString path, int error);
+    // The peer has acknowledged every packet, but does not hold them all: it has lost some since,
+    // or they were those of an older file.
+    void FileForgotten();
+    // What an operator should hear of a received file.
+    void Trouble(QString line);
 
 private:
     // A file on its way from the thread that prepared it to the engine's.
@@ -74,7 +87,8 @@ private:
     {
         QString path;
         QMap<int, TTransferData> packets;
-        QString refusal; // why it cannot be sent; empty if it can
+        QString refusal; // why it can never be sent; empty if it can
+        int error = 0; // why it cannot be read for now
         bool isAbandoned = false; // the preparing thread is asked to end
     };
     [[nodiscard]] static Outgoing prepare(const QString &path);
@@ -89,12 +103,16 @@ private:
     void sendNextRecord();
     [[nodiscard]] QMap<int, TTransferData>::iterator chooseRecord();
     void receiveAcknowledgement(const Packet &packet);
+    void endSending();
 
     void receiveRecord(const Packet &packet);
     [[nodiscard]] bool beginReceiving(const Packet &packet);
+    void keepForgotten(bool isLateCopy);
+    void compareWithForgotten(int number, const TTransferData &record);
     void answerStatusRequest(const Packet &packet);
     void completeFile();
-    [[nodiscard]] bool writeReceived(const QString &path) const;
+    void rescueFile();
+    void write(const QMap<int, TTransferData> &packets, bool onlyIfClean);
 
     QMap<int, TTransferData> rxMap; // the incoming file, by packet number
     QMap<int, TTransferData> txMap; // what the peer has not acknowledged yet, by packet number
@@ -112,6 +130,14 @@ private:
     quint8 sequence = 0;
     QList<unsigned short> sentList; // packet numbers sent last, oldest first
     int lastSent = 0; // packet number, see chooseRecord()
+
+    HeldCount peerHeld; // of the outgoing file
+
+    // What was held of the incoming file when its packet 0 came once more, and has not come again.
+    // It is neither counted nor acknowledged.
+    QMap<int, TTransferData> forgotten;
+    bool isRescued = false; // the file has been written with what was forgotten
+    const std::unique_ptr<ReceivedFiles> received;
 
     const std::chrono::milliseconds tickInterval;
     TickTimer ticker; // runs while sending

@@ -12,6 +12,9 @@ namespace {
 constexpr int compressionLevel = 7;
 constexpr qsizetype pieceSize = 65'536; // bytes of one read, and of one call of the sink
 
+// zlib has one code for all that is wrong with a stream, and tells by this text.
+constexpr char wrongChecksum[] = "incorrect data check";
+
 using Piece = std::array<char, pieceSize>;
 
 uchar *bytesOf(const char *data)
@@ -99,6 +102,7 @@ struct ZlibStream::Inflater::State
     z_stream stream = {};
     Piece output;
     bool isOpen = true;
+    End end = End::Broken; // unless something better is known
 };
 
 ZlibStream::Inflater::Inflater(Sink takeOutput)
@@ -126,6 +130,15 @@ bool ZlibStream::Inflater::write(QByteArrayView piece)
         if (code == Z_BUF_ERROR) // the piece is used up
             break;
         state->isOpen = isTaken && code == Z_OK;
+        if (isTaken && code == Z_STREAM_END)
+            state->end = End::Clean;
+        else if (isTaken && code == Z_DATA_ERROR && qstrcmp(stream.msg, wrongChecksum) == 0)
+            state->end = End::WrongChecksum;
     }
     return state->isOpen;
+}
+
+ZlibStream::Inflater::End ZlibStream::Inflater::end() const
+{
+    return state->end;
 }

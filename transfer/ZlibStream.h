@@ -41,6 +41,14 @@ public:
     // stop. All that the pieces so far contain has reached the sink then as ever.
     bool write(QByteArrayView piece);
 
+    enum class End {
+        Clean, // the stream has ended, and its checksum is that of what came out
+        WrongChecksum, // the stream has ended, but it is another one
+        Broken // the stream is cut short or corrupt, or the sink said stop
+    };
+    // What the pieces so far amount to.
+    [[nodiscard]] End end() const;
+
 private:
     struct State;
     const Sink sink;

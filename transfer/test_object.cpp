@@ -1,17 +1,20 @@
 #include "test_object.h"
 
+#include "PeerAddress.h"
+#include "ReceivedFiles.h"
 #include "TLog.h"
 #include "TTransferData.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDebug>
-#include <QHostAddress>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QNetworkProxy>
 #include <QUdpSocket>
 
+#include <cerrno>
 #include <chrono>
-#include <thread>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -21,7 +24,12 @@ namespace {
 constexpr auto scanInterval = 1s;
 constexpr auto deliveryPause = 500ms; // before a delivered file is removed
 constexpr auto bindInterval = 3s; // between two attempts at a port that is taken
-constexpr int receiveBufferBytes = 4 << 20; // the peer goes on sending during the delivery pause
+constexpr auto unreadableInterval = 10s; // between two attempts at a file that cannot be read
+constexpr qsizetype maxSaidUnreadable = 100; // files; of more at a time nothing is said
+constexpr auto obstacleInterval = 5s; // between two looks at the addresses of this host
+constexpr auto peerLineInterval = 1s; // between two lines that a peer can cause
+constexpr auto longestFinish = 10s; // what an end waits for received files to be written
+constexpr int receiveBufferBytes = 4 << 20; // the thread has other work than the socket's
 constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
 constexpr qsizetype maxDatagram = 65'536; // bytes; no datagram is longer
 constexpr unsigned short shortestTimeout = 1; // milliseconds; 0 would keep a core busy for ever
@@ -39,39 +47,19 @@ void debugDatagram(const char *text, QByteArrayView datagram)
         qDebug("%s \"%s\" \r\n", text, datagram.toByteArray().toHex().constData());
 }
 
-// Null and unspecified addresses mean this very host to the kernel: the engine would receive and
-// acknowledge its own packets.
-bool isPeerAddress(const QHostAddress &address)
+// Of the process, not of the file; the next one would not fare better.
+bool isShortage(int error)
 {
-    return !address.isNull() && address != QHostAddress(QHostAddress::AnyIPv4)
-        && address != QHostAddress(QHostAddress::AnyIPv6);
+    return error == EMFILE || error == ENFILE || error == ENOMEM;
+}
+
+bool isWorkingDirectory(const QString &path)
+{
+    const QString canonical = QFileInfo(path).canonicalFilePath();
+    return !canonical.isEmpty() && canonical == QFileInfo(u"."_s).canonicalFilePath();
 }
 
 } // namespace
-
-bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
-{
-    if (requestId != id) {
-        id = requestId;
-        isAnnounced = false;
-    }
-    const Clock::duration limit = std::max<Clock::duration>(patience, lastAnswer - firstAnswer);
-    if (!isAnnounced || ++unanswered <= maxUnanswered || now - lastAnswer <= limit)
-        return false;
-    isAnnounced = false;
-    return true;
-}
-
-void AnswerWatch::answered(char answerId, Clock::time_point now)
-{
-    if (answerId != id)
-        return;
-    if (!isAnnounced)
-        firstAnswer = now;
-    isAnnounced = true;
-    unanswered = 0;
-    lastAnswer = now;
-}
 
 ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short peerPort,
     QString peerHost, unsigned short timeout, QString directory)
@@ -83,22 +71,53 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     , udpSocket(new QUdpSocket(this))
     , localPort(ownPort)
     , buffer(maxDatagram, '\0')
+    , peerAddress(remoteHost)
+    , isSpoolReceived(isWorkingDirectory(spoolDir))
 {
     // The system's proxy settings must not carry the packets anywhere else.
     udpSocket->setProxy(QNetworkProxy::NoProxy);
     connect(udpSocket, &QIODevice::readyRead, this, &ScanThread::UdpDatagrams);
     connect(&bindTimer, &QTimer::timeout, this, &ScanThread::bindSocket);
-    bindSocket();
+    if (isSpoolReceived)
+        sayAnywhere(tr("Nothing is sent or received: the spool directory is the working directory, "
+                       "and received files would be sent back"));
+    else
+        bindSocket();
+    deliveryTimer.setSingleShot(true);
+    connect(&deliveryTimer, &QTimer::timeout, this, &ScanThread::removeDelivered);
+    connect(qApp, &QCoreApplication::aboutToQuit, this, &ScanThread::finish);
+    connectEngine();
+}
+
+void ScanThread::connectEngine()
+{
+    fileTransfer->receivedFiles().workInBackground();
     connect(fileTransfer, &TFileTransfer::FileSended, this, &ScanThread::on_FileSended);
     connect(fileTransfer, &TFileTransfer::FileRefused, this, &ScanThread::on_FileRefused);
+    connect(fileTransfer, &TFileTransfer::FileUnreadable, this, &ScanThread::on_FileUnreadable);
+    connect(fileTransfer, &TFileTransfer::FileForgotten, this, &ScanThread::on_FileForgotten);
     connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
+    connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::sayOfPeer);
     connect(fileTransfer, &TFileTransfer::FileReceived, this, [this] { ++done.filesReceived; });
 }
 
 ScanThread::~ScanThread()
 {
     stop();
+    finish();
     delete fileTransfer;
+}
+
+void ScanThread::setMaxReceivedBytes(qint64 bytes)
+{
+    fileTransfer->receivedFiles().setMaxBytes(bytes);
+}
+
+void ScanThread::finish()
+{
+    if (deliveryTimer.isActive())
+        removeDelivered();
+    fileTransfer->receivedFiles().finish(longestFinish);
 }
 
 void ScanThread::stop()
@@ -125,21 +144,30 @@ void ScanThread::run()
 
 void ScanThread::scan()
 {
+    if (isSpoolReceived)
+        return;
     removeLeftoversOfTheDead(u"."_s); // of received files
     SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
     // Transfer numbers begin anew with every engine. What a killed process has sent may still be
     // answered; an engine that is not sending ignores that.
-    while (goOnAfter(scanInterval)) {
-        if (!busy.load(std::memory_order_acquire) && isSpoolFree(lock))
+    nextScan = Clock::now() + scanInterval;
+    while (waitForTurn()) {
+        if (isSpoolFree(lock))
             handOverFirstFile();
     }
 }
 
-// False as soon as somebody asks for the end.
-bool ScanThread::goOnAfter(std::chrono::milliseconds pause)
+// Waits for the end of a transfer, and for a second to pass since the last look at the spool. False
+// as soon as somebody asks for the end.
+bool ScanThread::waitForTurn()
 {
     std::unique_lock guard(mutex);
-    return !stopCondition.wait_for(guard, pause, [this] { return stopRequested; });
+    const auto isOver = [this] { return stopRequested; };
+    if (stopCondition.wait_until(guard, nextScan, isOver))
+        return false;
+    stopCondition.wait(guard, [this] { return stopRequested || !busy; });
+    nextScan = Clock::now() + scanInterval;
+    return !stopRequested;
 }
 
 bool ScanThread::isSpoolFree(SpoolLock &lock)
@@ -155,10 +183,10 @@ bool ScanThread::isSpoolFree(SpoolLock &lock)
 void ScanThread::handOverFirstFile()
 {
     const SpoolDirectory spool(spoolDir);
-    unmovable.removeIf([&](auto file) { return spool.mark(file.key()) != file.value(); });
+    passedOver.removeIf([&](auto file) { return spool.mark(file.key()) != file.value().mark; });
     bool hasForeign = false;
     const QString name = spool.first(
-        [&](const QString &candidate) { return unmovable.contains(candidate); }, hasForeign);
+        [this](const QString &candidate) { return isPassedOver(candidate); }, hasForeign);
     if (hasForeign)
         spool.setForeignNamesAside(
             [this](const QString &line) { sayAnywhere(line); }, hasFailedForeign);
@@ -172,19 +200,31 @@ void ScanThread::handOverFirstFile()
     fileTransfer->OpenFile(currentPath);
 }
 
+bool ScanThread::isPassedOver(const QString &name) const
+{
+    const auto file = passedOver.constFind(name);
+    return file != passedOver.cend() && Clock::now() < file->until;
+}
+
 // --- what the engine reports ---
 
 void ScanThread::on_FileSended()
 {
-    std::this_thread::sleep_for(deliveryPause);
+    deliveryTimer.start(deliveryPause);
+}
+
+void ScanThread::removeDelivered()
+{
+    deliveryTimer.stop();
     const SpoolDirectory spool(spoolDir);
     const std::optional<Mark> mark = spool.mark(currentName);
     // A newer file that has taken the name meanwhile is not the delivered one.
     const bool isReplaced = mark && mark != currentMark;
     const bool isRemoved = isReplaced || spool.remove(currentName);
     const QString path = currentPath;
-    busy.store(false, std::memory_order_release);
+    release();
     ++done.filesDelivered;
+    saidShortage = false;
 
     if (isDebugOn())
         qDebug() << u"Transmitted file  "_s + path;
@@ -201,7 +241,34 @@ void ScanThread::on_FileRefused(QString, QString reason)
     // One that was replaced meanwhile may be a good one by now.
     if (SpoolDirectory(spoolDir).mark(currentName) == currentMark)
         setAside(reason);
-    busy.store(false, std::memory_order_release);
+    release();
+}
+
+// It may be readable again soon: the disk, the rights, or what the process may have open.
+void ScanThread::on_FileUnreadable(QString, int error)
+{
+    const bool isKnown = passedOver.contains(currentName);
+    if (isShortage(error) ? !std::exchange(saidShortage, true)
+                          : error != ENOENT && !isKnown && passedOver.size() < maxSaidUnreadable)
+        say(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
+    if (!isShortage(error) && error != ENOENT)
+        passedOver[currentName] = {currentMark, Clock::now() + unreadableInterval};
+    release();
+}
+
+void ScanThread::on_FileForgotten()
+{
+    sendAfresh(tr("The peer has lost part of file %1, it is sent afresh"));
+}
+
+// The scanning thread may take the next file.
+void ScanThread::release()
+{
+    {
+        const std::lock_guard lock(mutex);
+        busy.store(false, std::memory_order_release);
+    }
+    stopCondition.notify_all();
 }
 
 void ScanThread::setAside(const QString &reason)
@@ -212,19 +279,19 @@ void ScanThread::setAside(const QString &reason)
     ++done.filesRefused;
     const bool isMoved = result == SpoolDirectory::SetAside::Moved;
     if (!isMoved)
-        unmovable.insert(currentName, currentMark);
+        passedOver.insert(currentName, {currentMark, Clock::time_point::max()});
     const QString text =
         isMoved ? tr("Refused file %1: %2") : tr("Refused file %1, and can't move it: %2");
     say(text.arg(currentPath, reason));
 }
 
 // The next scan takes the file again, with the next transfer id.
-void ScanThread::sendAfresh()
+void ScanThread::sendAfresh(const QString &text)
 {
     fileTransfer->StopSending();
     const QString path = currentPath;
-    busy.store(false, std::memory_order_release);
-    say(tr("The peer acknowledges no more of file %1, it is sent afresh").arg(path));
+    release();
+    say(text.arg(path));
 }
 
 // --- the socket ---
@@ -246,23 +313,42 @@ void ScanThread::bindSocket()
     bindTimer.start(bindInterval);
 }
 
+// Why nothing can be sent to the configured peer, or an empty text.
+QString ScanThread::obstacle() const
+{
+    if (PeerAddress::isUnspecified(peerAddress))
+        return tr("Nothing is sent: \"%1\" is not the numeric address of a peer").arg(remoteHost);
+    // The engine would acknowledge its own packets.
+    if (remotePort == localPort && PeerAddress::isThisHost(peerAddress))
+        return tr("Nothing is sent: %1 with port %2 is this module itself")
+            .arg(remoteHost)
+            .arg(remotePort);
+    return {};
+}
+
+bool ScanThread::mayReach()
+{
+    if (Clock::now() < nextObstacleLook)
+        return lastObstacle.isEmpty();
+    nextObstacleLook = Clock::now() + obstacleInterval;
+    const QString now = obstacle();
+    if (std::exchange(lastObstacle, now) != now && !now.isEmpty())
+        say(now);
+    return now.isEmpty();
+}
+
 void ScanThread::SendData(QByteArray &packet)
 {
-    const QHostAddress address(remoteHost);
-    const bool isAddress = isPeerAddress(address);
-    if (!isAddress && !saidNoAddress)
-        say(tr("Nothing is sent: \"%1\" is not the numeric address of a peer").arg(remoteHost));
-    saidNoAddress = !isAddress;
     // Without its port the socket would take any other, to which no answer comes.
-    if (isAddress && udpSocket->state() == QAbstractSocket::BoundState)
-        udpSocket->writeDatagram(packet, address, remotePort);
+    if (mayReach() && udpSocket->state() == QAbstractSocket::BoundState)
+        udpSocket->writeDatagram(packet, peerAddress, remotePort);
     debugDatagram("Send package   ", packet);
 
     const auto sent = Packet::read(packet);
     if (sent)
         count(*sent, packet.size());
     if (sent && sent->kind == Packet::StatusRequest && watch.isInVain(sent->id))
-        sendAfresh();
+        sendAfresh(tr("The peer acknowledges no more of file %1, it is sent afresh"));
 }
 
 void ScanThread::count(const Packet &sent, qint64 bytes)
@@ -281,18 +367,30 @@ void ScanThread::UdpDatagrams()
     // datagram with a wrong checksum, too, and drops it only when it is looked at. Without an
     // attempt to read, the socket's notifier would stay switched off from then on.
     for (int i = 0; i < datagramsPerTurn; ++i) {
-        const qint64 size = udpSocket->readDatagram(buffer.data(), buffer.size());
+        QHostAddress sender;
+        const qint64 size = udpSocket->readDatagram(
+            buffer.data(), buffer.size(), onlyPeer ? &sender : nullptr, nullptr);
         if (size < 0)
             return;
-        takeDatagram(int(size));
+        if (!onlyPeer || isHeeded(sender))
+            takeDatagram(int(size));
     }
+}
+
+bool ScanThread::isHeeded(const QHostAddress &sender)
+{
+    if (sender.isEqual(peerAddress, QHostAddress::ConvertV4MappedToIPv4))
+        return true;
+    if (!std::exchange(saidStranger, true))
+        say(tr("Datagrams from %1 are dropped: it is not the peer").arg(sender.toString()));
+    return false;
 }
 
 void ScanThread::takeDatagram(int size)
 {
     const auto packet = Packet::read(QByteArrayView(buffer).first(size));
-    if (packet && packet->kind == Packet::Acknowledgement && packet->entryCount() > 0)
-        watch.answered(packet->id);
+    if (packet)
+        watch.received(*packet);
     if (packet)
         done.lastAnswer = QDateTime::currentSecsSinceEpoch();
     fileTransfer->ReceiveData(buffer.data(), size);
@@ -319,6 +417,18 @@ void ScanThread::sayPending()
     }
     for (const QString &line : std::as_const(lines))
         say(line);
+}
+
+// A peer that sends one bad file behind the other must not fill the log.
+void ScanThread::sayOfPeer(const QString &line)
+{
+    if (Clock::now() < nextPeerLine) {
+        ++untoldLines;
+        return;
+    }
+    nextPeerLine = Clock::now() + peerLineInterval;
+    const int untold = std::exchange(untoldLines, 0);
+    say(untold == 0 ? line : tr("%1 (and %2 lines like it before)").arg(line).arg(untold));
 }
 
 void ScanThread::say(const QString &line)

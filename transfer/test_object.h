@@ -1,8 +1,10 @@
 #pragma once
 
+#include "AnswerWatch.h"
 #include "SpoolDirectory.h"
 #include "TransferCounters.h"
 
+#include <QHostAddress>
 #include <QMap>
 #include <QThread>
 #include <QTimer>
@@ -14,35 +16,6 @@
 
 class QUdpSocket;
 class TFileTransfer;
-struct Packet;
-
-// Tells a peer that will never acknowledge a file any more from one that is slow or out of reach:
-// it was restarted in mid-transfer and knows neither the file's id nor what it held of it.
-class AnswerWatch
-{
-public:
-    using Clock = std::chrono::steady_clock;
-
-    // Time and datagrams that must pass without an answer; the time is also at least as long as the
-    // file took until the last one, so that an outage costs a long transfer no more than it has
-    // lasted. Every request goes out twice; over a
-    // link that loses half of the datagrams each way, 60 in a row stay unanswered about once in
-    // 10^24.
-    std::chrono::milliseconds patience = std::chrono::minutes(5);
-    static constexpr int maxUnanswered = 120;
-
-    // For every request sent. True once when the peer has acknowledged something of this file, but
-    // nothing for too long.
-    [[nodiscard]] bool isInVain(char id, Clock::time_point now = Clock::now());
-    void answered(char id, Clock::time_point now = Clock::now());
-
-private:
-    char id = -1; // of the last request
-    bool isAnnounced = false; // something of this file was acknowledged
-    int unanswered = 0;
-    Clock::time_point firstAnswer;
-    Clock::time_point lastAnswer;
-};
 
 // Carries a spool directory to the peer over UDP, one file at a time, and receives the peer's files
 // into the working directory.
@@ -67,6 +40,15 @@ public:
     // scans nor the compression of a file is waited for, and a hand-over is never cut in two. A
     // file in transfer stays in the spool. An object that was stopped cannot be started again.
     void stop();
+    // Ends what is not to be done twice: removes a delivered file at once, and waits for received
+    // ones to be written, ten seconds at most. Done by itself when the application ends.
+    void finish();
+
+    // Takes datagrams from the peer's address only, whatever their port. Before start().
+    void setOnlyPeer(bool isOnly) { onlyPeer = isOnly; }
+    // Received files with more bytes when inflated are not written; 0, as it is unless set, means
+    // no limit. Before start().
+    void setMaxReceivedBytes(qint64 bytes);
 
     // How long a peer that has acknowledged part of a file may be silent before the file is sent
     // afresh, which costs that part. Five minutes unless set, before start(); longer for a file
@@ -91,22 +73,42 @@ private Q_SLOTS:
     void UdpDatagrams();
     void on_FileSended();
     void on_FileRefused(QString path, QString reason);
+    void on_FileUnreadable(QString path, int error);
+    void on_FileForgotten();
     void bindSocket();
 
 private:
     using Mark = SpoolDirectory::Mark;
 
+    using Clock = std::chrono::steady_clock;
+
+    // A file that cannot be sent now, but is still in the spool.
+    struct PassedOver
+    {
+        Mark mark; // until it changes
+        Clock::time_point until;
+    };
+
+    void connectEngine();
     void scan();
-    [[nodiscard]] bool goOnAfter(std::chrono::milliseconds pause);
+    [[nodiscard]] bool waitForTurn();
+    [[nodiscard]] bool isPassedOver(const QString &name) const;
     [[nodiscard]] bool isSpoolFree(SpoolLock &lock);
     void handOverFirstFile();
     void setAside(const QString &reason);
+    void removeDelivered();
+    void release();
+    void sendAfresh(const QString &text);
+
+    [[nodiscard]] QString obstacle() const;
+    [[nodiscard]] bool mayReach();
+    [[nodiscard]] bool isHeeded(const QHostAddress &sender);
     void takeDatagram(int size);
-    void sendAfresh();
     void count(const Packet &sent, qint64 bytes);
     void sayAnywhere(const QString &line);
     Q_INVOKABLE void sayPending();
     void say(const QString &line);
+    void sayOfPeer(const QString &line);
 
     const quint16 remotePort;
     const QString remoteHost;
@@ -118,7 +120,8 @@ private:
     QString currentPath;
     QString currentName;
     Mark currentMark = {}; // before it was read
-    QMap<QString, Mark> unmovable; // refused, but still in the spool; passed over until they change
+    QMap<QString, PassedOver> passedOver;
+    QTimer deliveryTimer; // runs between a delivery and the removal of the file
 
     QUdpSocket *udpSocket;
     std::atomic<bool> busy = false;
@@ -129,11 +132,20 @@ private:
     AnswerWatch watch;
     TransferCounters done;
     SentPackets sentPackets;
+    const QHostAddress peerAddress; // of remoteHost
+    bool onlyPeer = false;
+    const bool isSpoolReceived; // the spool is the working directory: nothing is done at all
+    QString lastObstacle; // to sending; empty if there is none
+    Clock::time_point nextObstacleLook{};
+    Clock::time_point nextPeerLine{};
+    int untoldLines = 0;
     bool saidNoPort = false;
-    bool saidNoAddress = false;
+    bool saidShortage = false; // until a file is delivered
+    bool saidStranger = false;
     bool saidStuckLock = false; // the scanning thread's, as the next
     bool hasFailedForeign = false;
 
+    Clock::time_point nextScan; // the scanning thread's
     std::mutex mutex; // guards the rest
     std::condition_variable stopCondition;
     bool stopRequested = false;

@@ -31,7 +31,10 @@ struct Side
         on(&Engine::SendData, [this](Bytes &packet) { packets.append(packet); });
         on(&Engine::FileReceived, [this](const QString &name) { received.append(name); });
         on(&Engine::FileSended, [this] { ++sended; });
+        on(&Engine::FileForgotten, [this] { ++forgotten; });
         on(&Engine::FileRefused, [this](const QString &path) { refused.append(path); });
+        on(&Engine::FileUnreadable, [this](const QString &path) { unreadable.append(path); });
+        on(&Engine::Trouble, [this](const QString &line) { trouble.append(line); });
         engine.SendPath(folder.makeFolder(QStringLiteral("in")) + u'/');
     }
     void open(const QString &name, const Bytes &content)
@@ -53,28 +56,28 @@ struct Side
     const Folder folder; // received files are in "in"
     TFileTransfer engine;
     QList<Bytes> packets;
-    QStringList received, refused;
-    int sended = 0;
+    QStringList received, refused, unreadable, trouble;
+    int sended = 0, forgotten = 0;
 };
 
-// Two engines back to back. A bad channel loses half of the packets, doubles some and delays those
-// that carry data. The others stay in order: a late information record would start the gathering
-// afresh.
+// Two engines back to back. A channel that loses packets also doubles some and delays those that
+// carry data. The others stay in order: a late information record would start the gathering afresh.
 struct Channel
 {
-    bool isBad = false;
+    int loss = 0; // percent, each way
     Side left, right;
 
-    // Until both have reported so many deliveries; false if that takes too long.
-    bool run(int leftFiles, int rightFiles)
+    // How many ticks pass until both have reported so many deliveries; 0 if that takes too long.
+    [[nodiscard]] int run(int leftFiles, int rightFiles)
     {
         for (int tick = 0; left.sended < leftFiles || right.sended < rightFiles; ++tick) {
             if (tick == 1'000'000)
-                return false;
+                return 0;
             carry(left, right, toRight, tick);
             carry(right, left, toLeft, tick);
+            ticks = tick + 1;
         }
-        return true;
+        return ticks;
     }
 
 private:
@@ -85,14 +88,17 @@ private:
         from.tick();
         for (const Bytes &packet : from.take()) {
             const auto read = Packet::read(packet);
-            const bool mayWait = isBad && read && read->kind == Packet::Data && read->number > 0;
-            for (int copies = isBad ? random.bounded(4) - 1 : 1; copies > 0; --copies)
+            const bool mayWait = loss > 0 && read && read->kind == Packet::Data && read->number > 0;
+            int copies = random.bounded(100) >= loss;
+            copies *= loss > 0 && random.bounded(10) == 0 ? 2 : 1;
+            for (; copies > 0; --copies)
                 way.emplace(tick + (mayWait ? random.bounded(7) : 0), packet);
         }
         while (!way.empty() && way.begin()->first <= tick)
             to.receive(way.extract(way.begin()).mapped());
     }
 
+    int ticks = 0;
     QRandomGenerator random{1};
     Way toLeft, toRight;
 };

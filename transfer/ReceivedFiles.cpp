@@ -1,0 +1,196 @@
+#include "ReceivedFiles.h"
+
+#include "WholeFile.h"
+#include "ZlibStream.h"
+
+#include <algorithm>
+
+namespace {
+
+// As many as one file may have. With as many more that are being gathered the memory is bounded.
+constexpr qsizetype maxPacketsWaiting = Packet::maxNumber;
+
+// A received record without the byte of the checksum behind it.
+QByteArrayView payloadOf(const TTransferData &record)
+{
+    return QByteArrayView(record.data, std::max(record.length - 1, 0));
+}
+
+} // namespace
+
+ReceivedFiles::ReceivedFiles(QObject *parent)
+    : QObject(parent)
+{
+    retryTimer.setSingleShot(true);
+    retryTimer.setInterval(retryInterval);
+    connect(&retryTimer, &QTimer::timeout, this, [this] { write(*std::exchange(unwritable, {})); });
+}
+
+ReceivedFiles::~ReceivedFiles()
+{
+    interrupted = true;
+    {
+        const std::lock_guard lock(mutex);
+        stopRequested = true;
+    }
+    changed.notify_all();
+    if (worker.joinable())
+        worker.join();
+}
+
+void ReceivedFiles::write(GatheredFile file)
+{
+    if (unwritable && unwritable->path != file.path)
+        nextBegins();
+    retryTimer.stop();
+    unwritable.reset(); // this one takes its name
+    if (isBackground)
+        return enqueue(std::move(file));
+    Result result;
+    result.outcome = inflateAndWrite(file, result.error);
+    result.file = std::move(file);
+    report(std::move(result));
+}
+
+void ReceivedFiles::nextBegins()
+{
+    if (!unwritable)
+        return;
+    retryTimer.stop();
+    const QString name = std::exchange(unwritable, {})->name;
+    Q_EMIT trouble(tr("The received file %1 is lost, it could not be written").arg(name));
+}
+
+bool ReceivedFiles::isFull() const
+{
+    const std::lock_guard lock(mutex);
+    return packetsWaiting >= maxPacketsWaiting;
+}
+
+void ReceivedFiles::finish(std::chrono::milliseconds longest)
+{
+    if (unwritable)
+        write(*std::exchange(unwritable, {}));
+    {
+        std::unique_lock guard(mutex);
+        changed.wait_for(guard, longest, [this] { return packetsWaiting == 0; });
+    }
+    takeResults();
+    nextBegins();
+}
+
+// --- the worker ---
+
+void ReceivedFiles::enqueue(GatheredFile file)
+{
+    {
+        const std::lock_guard lock(mutex);
+        packetsWaiting += file.packets.size();
+        waiting.push_back(std::move(file));
+    }
+    if (!worker.joinable())
+        worker = std::thread(&ReceivedFiles::work, this);
+    changed.notify_all();
+}
+
+void ReceivedFiles::work()
+{
+    std::unique_lock guard(mutex);
+    for (;;) {
+        changed.wait(guard, [this] { return stopRequested || !waiting.empty(); });
+        if (stopRequested)
+            return;
+        Result result;
+        result.file = std::move(waiting.front());
+        waiting.pop_front();
+        guard.unlock();
+        result.outcome = inflateAndWrite(result.file, result.error);
+        guard.lock();
+        packetsWaiting -= result.file.packets.size();
+        results.push_back(std::move(result));
+        changed.notify_all();
+        // By its name: a pointer to the member would be shared outside the mutex.
+        QMetaObject::invokeMethod(this, "takeResults", Qt::QueuedConnection);
+    }
+}
+
+ReceivedFiles::Outcome ReceivedFiles::inflateAndWrite(const GatheredFile &file, int &error) const
+{
+    WholeFile whole(file.path);
+    qint64 size = 0;
+    ZlibStream::Inflater inflater([&](QByteArrayView bytes) {
+        size += bytes.size();
+        return !interrupted && (maxBytes == 0 || size <= maxBytes) && whole.write(bytes);
+    });
+    for (auto record = file.packets.upperBound(0); record != file.packets.cend(); ++record) {
+        if (!inflater.write(payloadOf(*record)))
+            break;
+    }
+    using End = ZlibStream::Inflater::End;
+    const End end = inflater.end();
+    if (interrupted)
+        return Outcome::Interrupted;
+    if (maxBytes != 0 && size > maxBytes)
+        return Outcome::TooLarge;
+    if (end != End::Clean && file.onlyIfClean)
+        return Outcome::NotClean;
+    if (end == End::WrongChecksum)
+        return Outcome::WrongChecksum;
+    if (whole.commit(isBackground ? WholeFile::Flush::Yes : WholeFile::Flush::No))
+        return end == End::Clean ? Outcome::Written : Outcome::Cut;
+    error = whole.error();
+    return Outcome::NoFile;
+}
+
+// --- what has become of a file ---
+
+void ReceivedFiles::takeResults()
+{
+    std::deque<Result> taken;
+    {
+        const std::lock_guard lock(mutex);
+        taken.swap(results);
+    }
+    for (Result &result : taken)
+        report(std::move(result));
+}
+
+void ReceivedFiles::report(Result result)
+{
+    const QString name = result.file.name;
+    switch (result.outcome) {
+    case Outcome::Interrupted:
+        return;
+    case Outcome::NoFile:
+        return retryLater(std::move(result));
+    case Outcome::NotClean:
+        Q_EMIT notClean(name);
+        return;
+    case Outcome::WrongChecksum:
+        Q_EMIT trouble(tr("The received file %1 is not written, its checksum is wrong").arg(name));
+        return;
+    case Outcome::TooLarge:
+        Q_EMIT trouble(
+            tr("The received file %1 is not written, it has more than %2 bytes when inflated")
+                .arg(name, QString::number(maxBytes)));
+        return;
+    case Outcome::Cut:
+        Q_EMIT trouble(
+            tr("The received file %1 is damaged, only its beginning is written").arg(name));
+        break;
+    case Outcome::Written:
+        if (result.file.attempt > 1)
+            Q_EMIT trouble(tr("The received file %1 is written now").arg(name));
+    }
+    Q_EMIT written(name);
+}
+
+void ReceivedFiles::retryLater(Result result)
+{
+    if (result.file.attempt++ == 1)
+        Q_EMIT trouble(tr("Can't write the received file %1, trying again: %2")
+                           .arg(result.file.name, qt_error_string(result.error)));
+    nextBegins(); // only the last one is kept
+    unwritable = std::move(result.file);
+    retryTimer.start();
+}
