@@ -2,6 +2,8 @@
 
 #include "BaseSettings.h"
 
+#include <algorithm>
+
 // The group of the settings file that belongs to this module.
 namespace MainSettings {
 
@@ -18,13 +20,23 @@ inline const SettingKey reconnectionTimeout = {
 inline const SettingKey liveMessageTimeout = {
     QStringLiteral("LiveMessageTimeout"), QStringLiteral("60")};
 
-inline const SettingKey keys[] = {
-    tempDir, host, port, localPort, timeout, protocol, reconnectionTimeout, liveMessageTimeout};
+inline const SettingKey onlyPeer = {QStringLiteral("OnlyPeer"), QStringLiteral("0")};
+inline const SettingKey maxReceivedBytes = {
+    QStringLiteral("MaxReceivedBytes"), QStringLiteral("0")};
+
+inline const SettingKey keys[] = {tempDir, host, port, localPort, timeout, protocol,
+    reconnectionTimeout, liveMessageTimeout, onlyPeer, maxReceivedBytes};
 
 // Text that is no number gives 0; a number out of range keeps its low 16 bits.
 [[nodiscard]] inline quint16 number(const QString &text)
 {
     return quint16(text.toInt());
+}
+
+// Bytes; 0, as for text that is no number and for a negative one, means no limit.
+[[nodiscard]] inline qint64 byteLimit(const QString &text)
+{
+    return std::max<qint64>(text.toLongLong(), 0);
 }
 
 } // namespace MainSettings

@@ -76,6 +76,8 @@ void Morvane::LoadSettings(QString path)
     protocol = text(MainSettings::protocol).toLatin1();
     reconnectionTimeout = number(MainSettings::reconnectionTimeout);
     liveMessageTimeout = number(MainSettings::liveMessageTimeout);
+    onlyPeer = number(MainSettings::onlyPeer) != 0;
+    maxReceivedBytes = MainSettings::byteLimit(text(MainSettings::maxReceivedBytes));
     settings.endGroup();
 
     keepSpool();
@@ -311,6 +313,8 @@ void Morvane::StartScanning()
 {
     if (!scanning) {
         scanThread = new ScanThread(this, localPort, port, host, timeout, tempDir);
+        scanThread->setOnlyPeer(onlyPeer);
+        scanThread->setMaxReceivedBytes(maxReceivedBytes);
         connect(scanThread, &ScanThread::LogMessage, this, &Morvane::Debug);
         qDebug("Start Scanning");
         scanThread->start();

@@ -81,6 +81,8 @@ private:
     QTcpSocket tspSocket;
     quint16 reconnectionTimeout = 0; // seconds
     quint16 liveMessageTimeout = 0; // seconds
+    bool onlyPeer = false; // UDP: take datagrams from the peer's address only
+    qint64 maxReceivedBytes = 0; // UDP: of one file, inflated; 0: no limit
     bool inputDataOn = false; // the administration server's input-data watch
     int reconnectTimerId = 0;
     int liveTimerId = 0;

@@ -95,6 +95,9 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a name that no socket can have", "a b", "a \xD0\xB1", "6: error: \"\xD0\xB1\" in");
     row("a module that waits for itself", "a b", "a mod", "6: error: \"Connections\" holds");
     row("a module that sends to itself", "192.0.2.1", "127.0.0.1", "12: error: \"LocalPort\" and");
+    row("no peer's address", "192.0.2.1", "::ffff:0.0.0.0",
+        "10: error: \"Host\" = \"::ffff:0.0.0.0\"");
+    row("a limit with its unit", "Timeout=1000", "MaxReceivedBytes=1 GB", "13: error: \"MaxRec");
     row("transfers of days", "Timeout=1000", "Timeout=20000",
         "13: warning: \"Timeout\" = 20000 makes a transfer very slow: 1 MB, compressed, takes 1 d");
 }

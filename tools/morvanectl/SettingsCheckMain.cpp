@@ -1,13 +1,13 @@
 // The part of SettingsCheck that knows the spool and the two transports.
 #include "NameGuess.h"
 #include "Packet.h"
+#include "PeerAddress.h"
 #include "SettingsCheck.h"
 #include "UdpPace.h"
 
 #include <QDir>
 #include <QFileInfo>
 #include <QHostAddress>
-#include <QNetworkInterface>
 
 #include <chrono>
 
@@ -20,17 +20,6 @@ constexpr bool error = true;
 constexpr bool warning = false;
 constexpr qint64 oneMegabyte = 1'000'000;
 constexpr std::chrono::milliseconds tooLong = 24h; // for the largest file that can be sent
-
-bool isAnyAddress(const QHostAddress &address)
-{
-    return address == QHostAddress(QHostAddress::AnyIPv4)
-        || address == QHostAddress(QHostAddress::AnyIPv6);
-}
-
-bool isThisMachine(const QHostAddress &address)
-{
-    return address.isLoopback() || QNetworkInterface::allAddresses().contains(address);
-}
 
 } // namespace
 
@@ -93,7 +82,8 @@ void SettingsCheck::checkSpool()
     else if (settings.isUdp() && (isDirectoryKnown || QDir::isRelativePath(name))
         && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
         addMain(error, key,
-            u"the spool folder is the working directory: received files would be sent back"_s);
+            u"the spool folder is the working directory: nothing is sent or received, for received "
+            "files would be sent back"_s);
 }
 
 void SettingsCheck::checkTcp()
@@ -108,16 +98,22 @@ void SettingsCheck::checkUdp()
 {
     const QHostAddress host(settings.main(MainSettings::host));
     const quint16 localPort = settings.number(MainSettings::localPort);
-    if (isAnyAddress(host))
+    if (!host.isNull() && PeerAddress::isUnspecified(host))
         addMain(error, MainSettings::host,
             u"\"Host\" = \"%1\" is no peer's address: nothing is sent"_s.arg(host.toString()));
     if (localPort == 0)
         addMain(error, MainSettings::localPort,
             u"\"LocalPort\" of 0 is another port at every start, on which no peer expects us"_s);
-    else if (localPort == settings.number(MainSettings::port) && isThisMachine(host))
+    else if (localPort == settings.number(MainSettings::port) && PeerAddress::isThisHost(host))
         addMain(error, MainSettings::localPort,
-            u"\"LocalPort\" and \"Port\" are both %1 on this machine: the module sends to itself "
-            "and takes its own files for delivered"_s.arg(localPort));
+            u"\"LocalPort\" and \"Port\" are both %1 on this machine, which is the module itself: "
+            "nothing is sent"_s.arg(localPort));
+    checkNumber(MainSettings::onlyPeer);
+    const QString limit = settings.main(MainSettings::maxReceivedBytes);
+    bool isNumber = false;
+    if (limit.toLongLong(&isNumber) < 0 || !isNumber)
+        addMain(error, MainSettings::maxReceivedBytes,
+            u"\"MaxReceivedBytes\" = \"%1\" is no number of bytes: there is no limit"_s.arg(limit));
     checkPace();
 }
 
