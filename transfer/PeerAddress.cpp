@@ -16,7 +16,7 @@ bool PeerAddress::isUnspecified(const QHostAddress &address)
 
 bool PeerAddress::isThisHost(const QHostAddress &address)
 {
-    if (isUnspecified(address) || address.isLoopback())
+    if (address.isLoopback())
         return true;
     const QList<QHostAddress> own = QNetworkInterface::allAddresses();
     return std::any_of(own.begin(), own.end(), [&](const QHostAddress &other) {
