@@ -11,6 +11,7 @@
 
 #include <QCoreApplication>
 #include <QDebug>
+#include <QFileInfo>
 #include <QHostAddress>
 #include <QNetworkProxy>
 #include <QSettings>
@@ -25,22 +26,25 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
+constexpr char recordField[] = "MORVANE_RECORD"; // of the journal
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
 
 void sayToLog(const QString &text)
 {
-    pLog->Message(text);
+    pLog->Message(text, TLog::Priority::Warning);
 }
 
 } // namespace
 
 Morvane::Morvane()
+    : monitor(*connector)
 {
     connect(connector, &TConnector::NewCommand, this, &Morvane::AdminCommand);
     connect(connector, &TConnector::NewData, this, &Morvane::NewData);
     connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
     connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
+    connect(&tspSocket, &QAbstractSocket::stateChanged, this, &Morvane::linkStateChanged);
     connect(&tspSocket, &QIODevice::readyRead, this, &Morvane::discardReceived);
     connect(connector, &TConnector::ReadDone, this, &Morvane::busRead);
     connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Morvane::stop);
@@ -78,8 +82,10 @@ void Morvane::LoadSettings(QString path)
     liveMessageTimeout = number(MainSettings::liveMessageTimeout);
     onlyPeer = number(MainSettings::onlyPeer) != 0;
     maxReceivedBytes = MainSettings::byteLimit(text(MainSettings::maxReceivedBytes));
+    const QString statusFile = text(MainSettings::statusFile);
     settings.endGroup();
 
+    setUpMonitor(path, statusFile);
     keepSpool();
 }
 
@@ -95,6 +101,19 @@ void Morvane::keepSpool()
         });
     connect(spoolSender.get(), &SpoolSender::fileKept, this,
         [this](const QString &path) { report(tr("Can not delete file %1").arg(path).toUtf8()); });
+}
+
+void Morvane::setUpMonitor(const QString &settingsFile, const QString &statusFile)
+{
+    const QString busName = connector->GetServerName();
+    Status &status = monitor.status;
+    status.module = busName.isEmpty() ? QFileInfo(settingsFile).completeBaseName() : busName;
+    status.version = version();
+    status.protocol = QString::fromLatin1(protocol);
+    status.peer = u"%1 port %2"_s.arg(host).arg(port);
+    monitor.setSpool(tempDir);
+    monitor.setStatusFile(statusFile);
+    TLog::SetCommonFields({{"MORVANE_INSTANCE", status.module}, {"MORVANE_PEER", status.peer}});
 }
 
 void Morvane::checkSettingsStruct(QSettings &settings)
@@ -116,6 +135,15 @@ void Morvane::Start()
         connectToPeer();
     restartTimer(reconnectTimerId, reconnectionTimeout);
     restartTimer(liveTimerId, liveMessageTimeout);
+    monitor.start([this](Status &status) {
+        status.counters = done;
+        status.udp = scanThread ? std::optional(scanThread->counters()) : std::nullopt;
+    });
+}
+
+void Morvane::beforeEnd()
+{
+    monitor.stop();
 }
 
 // On every way that the event loop can end.
@@ -250,11 +278,12 @@ void Morvane::MakeTmpFile(QString path, QByteArray data)
         return done.accepted.add(data.size());
     case SpoolDirectory::WriteResult::NoLock:
         done.noLock.add(data.size());
-        pLog->Message(u"Can not open lock-file"_s);
+        pLog->Message(u"Can not open lock-file"_s, TLog::Priority::Error, {{recordField, name}});
         return logDropped(name, data.size(), reason);
     case SpoolDirectory::WriteResult::NoFile:
         done.noFile.add(data.size());
-        pLog->Message(u"Can not create temporary file"_s);
+        pLog->Message(
+            u"Can not create temporary file"_s, TLog::Priority::Error, {{recordField, name}});
         return logDropped(
             name, data.size(), isPlainName(name) ? reason : tr("the name cannot be a file's"));
     }
@@ -266,7 +295,8 @@ void Morvane::logDropped(const QString &name, qsizetype size, const QString &rea
                       .arg(name, QString::number(size),
                           sendingModule.isEmpty() ? tr("a nameless module")
                                                   : QString::fromUtf8(sendingModule),
-                          reason));
+                          reason),
+        TLog::Priority::Error, {{recordField, name}});
 }
 
 // --- the TCP link ---
@@ -286,13 +316,22 @@ void Morvane::tspSocketConnected()
         return tspSocket.abort();
     if (!spoolSender->linkUp())
         return tspSocket.abort(); // for want of a descriptor; the next attempt may find one
+    monitor.linkUp();
     report(tr("Connection established.").toUtf8());
     SendOldData();
 }
 
 void Morvane::tspSocketError(QAbstractSocket::SocketError error)
 {
-    report(tr("Socket error: %1").arg(error).toUtf8());
+    const QString text = tr("Socket error: %1").arg(error);
+    monitor.error(text);
+    report(text.toUtf8());
+}
+
+void Morvane::linkStateChanged(QAbstractSocket::SocketState state)
+{
+    if (state == QAbstractSocket::UnconnectedState)
+        monitor.linkDown();
 }
 
 // The link is one-way. What the peer sends must be read all the same: unread bytes pile up, or hide

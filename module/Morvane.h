@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Counters.h"
+#include "Monitor.h"
 #include "SpoolSender.h"
 #include "TServerPlugin.h"
 
@@ -34,7 +35,8 @@ public:
     // Starts the chosen transport and both timers.
     void Start() override;
 
-    [[nodiscard]] const Counters &counters() const { return done; }
+    // Called once, after the event loop has ended.
+    void beforeEnd();
 
 public Q_SLOTS:
     void AdminCommand(
@@ -61,14 +63,19 @@ private:
     void MakeTmpFile(QString path, QByteArray data);
 
     void logDropped(const QString &name, qsizetype size, const QString &reason) const;
+    void setUpMonitor(const QString &settingsFile, const QString &statusFile);
     void keepSpool();
     void busRead();
     void stop();
     void connectToPeer();
+    void linkStateChanged(QAbstractSocket::SocketState state);
     void discardReceived();
     void restartTimer(int &timerId, quint16 seconds);
     void report(const QByteArray &message);
     [[nodiscard]] QString aboutText() const;
+
+    Counters done;
+    Monitor monitor; // hears of tspSocket to its end
 
     quint16 localPort = 0; // UDP
     quint16 port = 0; // of the peer
@@ -86,7 +93,6 @@ private:
     bool inputDataOn = false; // the administration server's input-data watch
     int reconnectTimerId = 0;
     int liveTimerId = 0;
-    Counters done;
     std::unique_ptr<SpoolKeeper> keeper; // of tempDir
     std::unique_ptr<SpoolSender> spoolSender; // over tspSocket
     QByteArray sendingModule; // bus name, UTF-8, whence the last record came

@@ -60,6 +60,7 @@ int run(const QStringList &settingsFiles)
     pLog->Message(u"Start Ok!"_s);
     logStart(settingsFiles);
     const int status = QCoreApplication::exec();
+    module->beforeEnd();
     logStop(status);
     return status;
 }

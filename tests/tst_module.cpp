@@ -17,6 +17,7 @@ private Q_SLOTS:
     void exampleSettingsHoldEveryKeyAndNoOther();
     void recordsBecomeSpoolFiles();
     void unsendableProtocolDropsButReports();
+    void statusFileTellsWhatTheModuleDoes();
     void linkEventsAreReportedWhileTheWatchIsOn();
     void hostThatIsNoAddressIsTriedOnceASecond();
     void secondStartDisturbsNothing();
@@ -94,6 +95,30 @@ void TestModule::unsendableProtocolDropsButReports()
     bench.record("error", u"f"_s, "x");
     QTRY_COMPARE(bench.reports(), QStringList{u"New data: f"_s});
     QVERIFY(bench.spooled().isEmpty());
+}
+
+void TestModule::statusFileTellsWhatTheModuleDoes()
+{
+    ModuleBench bench("Protocol=UDP\nLocalPort=0\nHost=\"a\\\\b\"\nStatusFile=FOLDER/s.prom\n");
+    QFile page(bench.place.path(u"s.prom"_s));
+    bench.module.Start();
+    QTRY_VERIFY(page.exists());
+    QCOMPARE(page.permissions() & QFile::ReadOther, QFile::ReadOther);
+    bench.record("error", u"f"_s, "12345");
+    bench.record("Error", u"f"_s, "1");
+    bench.record("error", u"../f"_s, "");
+    bench.module.beforeEnd();
+    const QByteArray text = bench.place.readFile(u"s.prom"_s);
+    for (const char *line : {"info{module=\"me\",version=\"5.4.18:eb0bac411f09\",protocol=\"UDP\","
+                             "peer=\"a\\\\b port 7071\"} 1",
+             "records_accepted_total{module=\"me\"} 1", "bytes_accepted_total{module=\"me\"} 10",
+             "records_refused_total{module=\"me\",reason=\"kind\"} 1",
+             "records_refused_total{module=\"me\",reason=\"file\"} 1",
+             "bytes_refused_total{module=\"me\",reason=\"file\"} 5",
+             "udp_files_delivered_total{module=\"me\"} 0"})
+        QVERIFY2(text.contains(QByteArray("\nmorvane_") + line + '\n'), line);
+    QVERIFY(text.contains(",error=\"Can not create temporary file\"} "));
+    QVERIFY(!text.contains("link_up"));
 }
 
 void TestModule::linkEventsAreReportedWhileTheWatchIsOn()

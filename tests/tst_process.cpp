@@ -2,6 +2,7 @@
 #include "BusEnds.h"
 #include "ModuleProcess.h"
 #include "Record.h"
+#include "ServiceSocket.h"
 #include "TcpPeer.h"
 #include "UdpRelay.h"
 
@@ -34,6 +35,7 @@ private Q_SLOTS:
     void whatTheCommandLineMeans();
     void lossOfTheAdministrationServerGivesStatusFive();
     void filesCrossABadLinkBothWays();
+    void serviceManagerHearsWhatIsWaitedFor();
     void rubbishHarmsNobody();
     void peerThatTalksCostsNoMemory();
     void quitSignalGivesStatusZero();
@@ -52,6 +54,7 @@ private:
 
     TcpPeer peer;
     ModuleProcess whole; // administration server, one outgoing connection, peer
+    ServiceSocket manager{whole.place.path(u"notify"_s)};
     std::optional<BusServer> admin, other;
     QElapsedTimer started;
 
@@ -71,7 +74,9 @@ void TestProcess::initTestCase()
     other.emplace(whole.place.path(u"other"_s));
     // No settings file on the command line.
     whole.writeSettings(u"morvane.ini"_s, "AdminServerName=admin\nConnections=other\n",
-        "Port=" + QByteArray::number(peer.serverPort()) + '\n');
+        "StatusFile=status.prom\nPort=" + QByteArray::number(peer.serverPort()) + '\n');
+    whole.addToEnvironment(u"NOTIFY_SOCKET"_s, whole.place.path(u"notify"_s));
+    whole.addToEnvironment(u"WATCHDOG_USEC"_s, u"6000000"_s);
     whole.startWith({u"-Settings"_s, u"other.ini"_s, u"-settings"_s});
 
     orphanAdmin.emplace(orphan.place.path(u"admin"_s));
@@ -163,6 +168,16 @@ void TestProcess::filesCrossABadLinkBothWays()
     }
 }
 
+void TestProcess::serviceManagerHearsWhatIsWaitedFor()
+{
+    QTRY_VERIFY_WITH_TIMEOUT(manager.heard().contains("READY=1"), patience);
+    QCOMPARE(manager.heard().last(5),
+        QByteArrayList({"STATUS=waiting for \"other\" on the bus, link up, 0 waiting",
+            "STATUS=waiting for the administration server admin, link up, 0 waiting",
+            "STATUS=joining the bus, link up, 0 waiting", "STATUS=link up, 0 waiting", "READY=1"}));
+    QTRY_VERIFY(manager.heard().size() > 4 && manager.signsOfLife > 1);
+}
+
 void TestProcess::rubbishHarmsNobody()
 {
     QTRY_VERIFY_WITH_TIMEOUT(whole.isListening(), patience);
@@ -209,6 +224,11 @@ void TestProcess::quitSignalGivesStatusZero()
     QTRY_COMPARE(whole.state(), QProcess::NotRunning);
     QCOMPARE(whole.exitStatus(), QProcess::NormalExit);
     QCOMPARE(whole.exitCode(), 0);
+    QCOMPARE(manager.heard().last(), "STOPPING=1");
+    const QByteArray page = whole.place.readFile(u"status.prom"_s);
+    QVERIFY2(page.contains("\nmorvane_up{module=\"me\"} 0\n")
+            && page.contains("\nmorvane_records_accepted_total{module=\"me\"} 2\n"),
+        page.constData());
 }
 
 void TestProcess::stopSignalsGiveStatusZeroAndKeepTheSpool()

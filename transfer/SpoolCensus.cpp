@@ -1,10 +1,11 @@
 #include "SpoolCensus.h"
 
-SpoolCensus SpoolCensus::take(const SpoolDirectory &spool)
+SpoolCensus SpoolCensus::take(const SpoolDirectory &spool, std::stop_token stop)
 {
     constexpr qint64 nanosecondsPerSecond = 1'000'000'000;
     SpoolCensus census;
-    for (SpoolListing names = spool.list(); !names.isEmpty(); names.removeFirst()) {
+    for (SpoolListing names = spool.list(); !names.isEmpty() && !stop.stop_requested();
+         names.removeFirst()) {
         const std::optional<SpoolDirectory::Mark> mark = spool.mark(names.first());
         if (!mark)
             continue;

@@ -129,6 +129,11 @@ bool WholeFile::write(QByteArrayView bytes)
     return failure == 0;
 }
 
+bool WholeFile::setMode(mode_t mode)
+{
+    return check(::fchmod(file.get(), mode) == 0);
+}
+
 bool WholeFile::commit(Flush flush)
 {
     if (failure != 0)

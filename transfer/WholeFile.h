@@ -47,6 +47,8 @@ public:
 
     // False if the file could not be created or written to, now or in an earlier call.
     bool write(QByteArrayView bytes);
+    // Gives the file these permissions; without it they are what the umask leaves.
+    [[nodiscard]] bool setMode(mode_t mode);
     // Gives the file its name, in the place of one that has it. False after any failure.
     [[nodiscard]] bool commit(Flush flush = Flush::No);
     // What has failed, as errno has it; 0 if nothing has.

@@ -25,6 +25,53 @@
     </message>
 </context>
 <context>
+    <name>Monitor</name>
+    <message>
+        <source>The link to %1 is up</source>
+        <translation>Соединение с %1 установлено</translation>
+    </message>
+    <message>
+        <source>The link to %1 is down</source>
+        <translation>Соединение с %1 потеряно</translation>
+    </message>
+    <message>
+        <source>not connected to %1</source>
+        <translation>нет соединения с %1</translation>
+    </message>
+    <message>
+        <source>waiting for %1 on the bus</source>
+        <translation>ожидание %1 на шине</translation>
+    </message>
+    <message>
+        <source>joining the bus</source>
+        <translation>подключение к шине</translation>
+    </message>
+    <message>
+        <source>waiting for the administration server %1</source>
+        <translation>ожидание сервера администрирования %1</translation>
+    </message>
+    <message>
+        <source>link up</source>
+        <translation>связь есть</translation>
+    </message>
+    <message>
+        <source>link down</source>
+        <translation>связи нет</translation>
+    </message>
+    <message>
+        <source>no transport, records are dropped</source>
+        <translation>нет транспорта, записи отбрасываются</translation>
+    </message>
+    <message>
+        <source>%1 waiting</source>
+        <translation>в очереди: %1</translation>
+    </message>
+    <message>
+        <source>Can&apos;t write the status file %1: %2</source>
+        <translation>Не удалось записать файл состояния %1: %2</translation>
+    </message>
+</context>
+<context>
     <name>Morvane</name>
     <message>
         <source>Can not delete file %1</source>

@@ -15,8 +15,10 @@ using namespace Qt::StringLiterals;
 class ModuleBench
 {
 public:
-    explicit ModuleBench(const QByteArray &mainLines)
+    // "FOLDER" in the lines stands for the folder of the test.
+    explicit ModuleBench(QByteArray mainLines)
     {
+        mainLines.replace("FOLDER", place.path().toUtf8());
         module.LoadSettings(place.writeFile(u"m.ini"_s,
             "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
                 + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'

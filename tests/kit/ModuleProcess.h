@@ -41,6 +41,13 @@ public:
                 + "ReconnectionTimeout=1\n" + main);
     }
 
+    void addToEnvironment(const QString &name, const QString &value)
+    {
+        QProcessEnvironment environment = processEnvironment();
+        environment.insert(name, value);
+        setProcessEnvironment(environment);
+    }
+
     void startWith(const QStringList &arguments)
     {
         start(QCoreApplication::applicationDirPath() + u"/morvane"_s, arguments);

@@ -1,0 +1,229 @@
+#include "Monitor.h"
+
+#include "ServiceManager.h"
+#include "TConnector.h"
+#include "TLog.h"
+#include "WholeFile.h"
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QFile>
+
+#include <sys/stat.h>
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto interval = 10s; // between two looks at what has changed
+constexpr auto longestStart = 60s; // then the service counts as started, whoever is still absent
+constexpr int signsInTime = 3; // signs of life in the time that the service manager waits for one
+constexpr int restFactor = 20; // a count of the spool takes at most a twentieth of the time
+constexpr mode_t fileMode = 0644; // whatever the umask: the folder decides who may look
+constexpr qint64 settled = 2; // seconds; a directory that was changed just now may change unseen
+
+qint64 seconds()
+{
+    return QDateTime::currentSecsSinceEpoch();
+}
+
+QString quoted(const QStringList &names)
+{
+    return u'"' + names.join(u"\", \""_s) + u'"';
+}
+
+} // namespace
+
+Monitor::Monitor(const TConnector &connector)
+    : bus(connector)
+{
+    connect(&bus, &TConnector::passEnded, this, &Monitor::tellServiceManager);
+    connect(&timer, &QTimer::timeout, this, &Monitor::tick);
+    connect(&aliveTimer, &QTimer::timeout, this, &ServiceManager::sayAlive);
+    TLog::SetObserver([this](const QString &text) { error(text); });
+}
+
+Monitor::~Monitor()
+{
+    TLog::SetObserver({});
+}
+
+void Monitor::start(std::function<void(Status &)> fillInCounters)
+{
+    fillIn = std::move(fillInCounters);
+    if (status.startedAt == 0)
+        status.startedAt = status.linkChangedAt = seconds();
+    refreshedAt = QDateTime::currentMSecsSinceEpoch();
+    if (file.isEmpty() && !ServiceManager::isThere())
+        return;
+    if (const auto patience = ServiceManager::watchdogTime(); patience > 0ms)
+        aliveTimer.start(patience / signsInTime);
+    timer.start(interval);
+    tick();
+}
+
+void Monitor::linkUp()
+{
+    status.isLinkUp = true;
+    status.linkChangedAt = seconds();
+    tellServiceManager();
+    pLog->JournalOnly(tr("The link to %1 is up").arg(status.peer), TLog::Priority::Notice);
+}
+
+void Monitor::linkDown()
+{
+    if (!status.isLinkUp)
+        return;
+    status.isLinkUp = false;
+    status.linkChangedAt = seconds();
+    tellServiceManager();
+    pLog->JournalOnly(tr("The link to %1 is down").arg(status.peer), TLog::Priority::Warning);
+}
+
+void Monitor::error(const QString &text)
+{
+    status.lastError = text;
+    status.lastErrorAt = seconds();
+}
+
+void Monitor::stop()
+{
+    ServiceManager::sayStopping();
+    counter = {};
+    status.isRunning = false;
+    status.isLinkUp = false;
+    refresh();
+    writeFile();
+}
+
+void Monitor::tick()
+{
+    if (isCountDue())
+        return count(); // goes on in takeCount()
+    refresh();
+    writeFile();
+    tellServiceManager();
+}
+
+// --- the service manager ---
+
+// A service whose bus has no one to wait for is ready in seconds. One whose neighbours are absent
+// carries its spool all the same, and must not hold up the start of the whole system.
+bool Monitor::isReady() const
+{
+    return bus.GetServerName().isEmpty() || bus.isListening()
+        || seconds() - status.startedAt >= std::chrono::seconds(longestStart).count();
+}
+
+void Monitor::tellServiceManager()
+{
+    if (!ServiceManager::isThere())
+        return;
+    ServiceManager::sayAlive();
+    const QString line = statusLine();
+    if (line != saidStatus)
+        ServiceManager::showStatus(line);
+    saidStatus = line;
+    if (!isSaidReady && isReady()) {
+        isSaidReady = true;
+        ServiceManager::sayReady();
+    }
+}
+
+// What the bus still lacks; empty if nothing.
+QString Monitor::busLine() const
+{
+    if (bus.GetServerName().isEmpty())
+        return {};
+    const QStringList absent = bus.absentServers();
+    if (bus.isListening())
+        return absent.isEmpty() ? QString() : tr("not connected to %1").arg(quoted(absent));
+    if (!absent.isEmpty())
+        return tr("waiting for %1 on the bus").arg(quoted(absent));
+    const QString admin = bus.absentAdmin();
+    return admin.isEmpty() ? tr("joining the bus")
+                           : tr("waiting for the administration server %1").arg(admin);
+}
+
+QString Monitor::statusLine() const
+{
+    QStringList parts;
+    if (const QString line = busLine(); !line.isEmpty())
+        parts.append(line);
+    if (status.protocol == u"TCP")
+        parts.append(status.isLinkUp ? tr("link up") : tr("link down"));
+    else if (status.protocol != u"UDP")
+        parts.append(tr("no transport, records are dropped"));
+    parts.append(tr("%1 waiting").arg(status.waiting.files));
+    return parts.join(u", "_s);
+}
+
+// --- what waits ---
+
+bool Monitor::isCountDue()
+{
+    struct stat info;
+    const Clock::time_point now = Clock::now();
+    if (counter.joinable() || now - countBegan < restFactor * countTook
+        || ::stat(QFile::encodeName(spool).constData(), &info) != 0)
+        return false;
+    const qint64 state = qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    if (state == countedState)
+        return false;
+    countedState = seconds() - info.st_mtim.tv_sec < settled ? 0 : state;
+    countBegan = now;
+    return true;
+}
+
+void Monitor::count()
+{
+    counter = std::jthread([this, directory = SpoolDirectory(spool)](std::stop_token stop) {
+        const SpoolCensus census = SpoolCensus::take(directory, stop);
+        const std::lock_guard lock(mutex);
+        counted = census;
+        QMetaObject::invokeMethod(this, "takeCount", Qt::QueuedConnection);
+    });
+}
+
+void Monitor::takeCount()
+{
+    counter = {};
+    countTook = Clock::now() - countBegan;
+    {
+        const std::lock_guard lock(mutex);
+        status.waiting = counted;
+    }
+    refresh();
+    writeFile();
+    tellServiceManager();
+}
+
+// --- the status file ---
+
+void Monitor::refresh()
+{
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    const qint64 sentBefore = status.udp ? status.udp->bytesSent : 0;
+    fillIn(status);
+    if (status.udp && now > refreshedAt)
+        status.udpRate =
+            double(status.udp->bytesSent - sentBefore) * 1'000 / double(now - refreshedAt);
+    refreshedAt = now;
+}
+
+void Monitor::writeFile()
+{
+    if (file.isEmpty())
+        return;
+    const QByteArray page = status.toPrometheus(seconds());
+    if (page == written)
+        return;
+    WholeFile whole(file);
+    const bool isWritten = whole.write(page) && whole.setMode(fileMode) && whole.commit();
+    if (!isWritten && !saidUnwritable)
+        pLog->Message(tr("Can't write the status file %1: %2").arg(file, qt_error_string()),
+            TLog::Priority::Warning);
+    saidUnwritable = !isWritten;
+    written = isWritten ? page : QByteArray();
+}

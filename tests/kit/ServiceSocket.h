@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QByteArrayList>
+#include <QFile>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+// The socket on which a service manager hears its services.
+class ServiceSocket
+{
+public:
+    explicit ServiceSocket(const QString &path)
+        : descriptor(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address = {AF_UNIX, {}};
+        qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
+        if (::bind(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
+            qFatal("cannot bind %s", qPrintable(path));
+    }
+    ~ServiceSocket() { ::close(descriptor); }
+
+    // All that has come so far but signs of life, in order.
+    [[nodiscard]] QByteArrayList heard()
+    {
+        char message[1'000];
+        for (ssize_t size; (size = ::recv(descriptor, message, sizeof(message), 0)) > 0;) {
+            const QByteArray text(message, size);
+            if (text == "WATCHDOG=1")
+                ++signsOfLife;
+            else if (!text.startsWith("EXTEND_TIMEOUT_USEC="))
+                messages.append(text);
+        }
+        return messages;
+    }
+
+    int signsOfLife = 0;
+
+private:
+    const int descriptor;
+    QByteArrayList messages;
+};
