@@ -1,3 +1,4 @@
+#include "AnswerWatch.h"
 #include "ReceivedFiles.h"
 #include "kit/Channel.h"
 
@@ -66,6 +67,8 @@ private Q_SLOTS:
     void lateInformationRecordCostsNoFile_data();
     void lateInformationRecordCostsNoFile();
     void unwritableFileIsTriedUntilTheNextBegins();
+    void forgetfulPeerIsToldFromASlowOne_data();
+    void forgetfulPeerIsToldFromASlowOne();
     void ticksGiveTheseBytes();
     void waitsForQuietTicksAndEndsWhenStopped();
     void idsRunTo127AndGoOnWith0();
@@ -209,6 +212,42 @@ void tst_engine::unwritableFileIsTriedUntilTheNextBegins()
     QVERIFY(QDir(side.folder.path()).rmdir(u"in/x"_s));
     QTRY_COMPARE_WITH_TIMEOUT(side.received.size(), 1, 10'000);
     QCOMPARE(side.folder.readFile(u"in/x"_s), "second");
+}
+
+void tst_engine::forgetfulPeerIsToldFromASlowOne_data()
+{
+    QTest::addColumn<QString>("peer"); // what it sends, over and over
+    QTest::addColumn<int>("taken"); // seconds of the transfer before it fell silent
+    QTest::addColumn<int>("patience"); // seconds from then on
+    QTest::newRow("silent") << u""_s << 1 << 300;
+    QTest::newRow("silent, after a long time") << u""_s << 600 << 600;
+    QTest::newRow("sends without hearing us") << u"0"_s << 1 << 5;
+    QTest::newRow("the same, after a long time") << u"1"_s << 600 << 600;
+    QTest::newRow("sends and hears us, after a long time") << u"01"_s << 600 << 5;
+}
+
+void tst_engine::forgetfulPeerIsToldFromASlowOne()
+{
+    QFETCH(QString, peer);
+    QFETCH(int, taken);
+    QFETCH(int, patience);
+    using Seconds = std::chrono::seconds;
+    AnswerWatch watch;
+    const AnswerWatch::Clock::time_point start{Seconds(1'000)};
+    const auto hears = [&](const Bytes &packet, int second) {
+        watch.received(*Packet::read(packet), start + Seconds(second));
+    };
+    std::ignore = watch.isInVain(41, start);
+    hears(acknowledgement(41, {0}), 0);
+    hears(acknowledgement(41, {1}), taken);
+    int second = taken;
+    for (bool isInVain = false; !isInVain && second < 2'000; ++second) {
+        for (int i = 0; i < 20; ++i)
+            isInVain |= watch.isInVain(41, start + Seconds(second));
+        for (const QChar number : peer)
+            hears(data(quint16(number.digitValue()), "0123"), second);
+    }
+    QCOMPARE(second - 1, taken + patience + 1); // longer than that
 }
 
 void tst_engine::ticksGiveTheseBytes()

@@ -62,7 +62,7 @@ private:
     std::optional<BusServer> orphanAdmin;
 
     ModuleProcess east, west; // in UDP mode, with a bad link between them
-    UdpRelay toEast{1, 20}, toWest{2, 20};
+    UdpRelay toEast{1, 50}, toWest{2, 50};
     const QStringList names = {u"a file"_s, u"Zero to nine"_s, u"one"_s, u"two"_s};
     QByteArray noise = QByteArray(10'000, Qt::Uninitialized);
 };

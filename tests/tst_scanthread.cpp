@@ -17,7 +17,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr unsigned short timeout = 1; // milliseconds from packet to packet
 constexpr int longWait = 20'000; // milliseconds; some steps wait for seconds by design
 
 std::atomic<int> sentPackages, receivedPackages; // by all nodes, as the debug lines have it
@@ -33,7 +32,7 @@ void countPackages(QtMsgType, const QMessageLogContext &, const QString &line)
 struct Node
 {
     Node(quint16 localPort, quint16 remotePort, const QString &spool,
-        const QString &host = u"127.0.0.1"_s)
+        const QString &host = u"127.0.0.1"_s, unsigned short timeout = 1)
         : directory(spool)
         , thread(nullptr, localPort, remotePort, host, timeout, directory)
     {
@@ -78,6 +77,8 @@ private Q_SLOTS:
 
     void filesGoInNameOrderOnceTheLockIsGone();
     void refusedFilesAreSetAsideOrPassedOver();
+    void unreadableFilesAreTriedAgain();
+    void theLongestTickHoldsNoReceiverUp();
     void aFileThatCannotBeRemovedIsSentAgain();
     void aFileReplacedWhileThePortIsTakenIsSentInItsTurn();
     void aPeerRestartedInMidTransferGetsTheWholeFile();
@@ -123,6 +124,36 @@ void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()
     }
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong), "changed");
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong + u".1"_s), "again");
+}
+
+void tst_scanthread::unreadableFilesAreTriedAgain()
+{
+    const uid_t user = geteuid();
+    Node left(leftPort, rightPort, u"left"_s), right(rightPort, leftPort, u"right"_s);
+    left.put(u"f"_s, "secret");
+    left.put(u"g"_s, "open");
+    QVERIFY(chmod(qPrintable(folder->path()), 0777) == 0 && chmod("left", 0777) == 0);
+    QVERIFY(chmod("left/f", 0) == 0);
+    QVERIFY(user != 0 || seteuid(65'534) == 0); // root may read anything
+    left.thread.start();
+    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"g"_s), longWait);
+    QVERIFY(seteuid(user) == 0 && left.holds(u"f"_s) && chmod("left/f", 0644) == 0);
+    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QCOMPARE(folder->readFile(u"f"_s), "secret");
+    QCOMPARE(left.saidCount(u"Can't read file left/f"_s), 1);
+}
+
+void tst_scanthread::theLongestTickHoldsNoReceiverUp()
+{
+    Node left(leftPort, rightPort, u"left"_s, u"127.0.0.1"_s, 0);
+    Node right(rightPort, leftPort, u"right"_s, u"127.0.0.1"_s, 65'535);
+    left.put(u"f"_s, noise(10'000, 1));
+    right.put(u"g"_s, "in a minute");
+    left.thread.start();
+    right.thread.start();
+    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QVERIFY(folder->readFile(u"f"_s) == noise(10'000, 1));
+    QVERIFY(right.holds(u"g"_s) && !QFile::exists(u"g"_s));
 }
 
 void tst_scanthread::aFileThatCannotBeRemovedIsSentAgain()
