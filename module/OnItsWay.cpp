@@ -1,5 +1,7 @@
 #include "OnItsWay.h"
 
+#include "Record.h"
+
 #include <QFile>
 
 #include <algorithm>
@@ -12,6 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
+constexpr qsizetype mostRemembered = 100'000; // names that were given back, only to be counted
 constexpr auto flushAge = 250ms; // a record that waits longer is brought to the disk
 
 // The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
@@ -26,8 +29,9 @@ qint64 kernelCount(int socket)
 
 } // namespace
 
-OnItsWay::OnItsWay(SpoolKeeper &keptBy)
+OnItsWay::OnItsWay(SpoolKeeper &keptBy, Counters &counters)
     : keeper(keptBy)
+    , done(counters)
 {
 }
 
@@ -52,6 +56,12 @@ void OnItsWay::linkDown()
     look();
     link = Descriptor();
     const bool wasEmpty = records.empty();
+    if (givenBack.size() > mostRemembered)
+        givenBack.clear();
+    for (const Record &record : records) {
+        done.givenBack.add(record.size);
+        givenBack.insert(record.name);
+    }
     records.clear();
     remembered.clear();
     if (!wasEmpty)
@@ -60,20 +70,27 @@ void OnItsWay::linkDown()
 
 void OnItsWay::addJournaled(const QByteArray &name, quint64 journalEnd, qint64 bytes)
 {
-    taken += bytes;
-    records.push_back({taken, Clock::now(), journalEnd, name, std::nullopt});
+    add(journalEnd, name, std::nullopt, bytes);
 }
 
 void OnItsWay::addKept(const QString &name, qint64 bytes)
 {
-    taken += bytes;
-    records.push_back({taken, Clock::now(), 0, QFile::encodeName(name), std::nullopt});
+    add(0, QFile::encodeName(name), std::nullopt, bytes);
 }
 
 void OnItsWay::addListed(const QString &name, const SpoolFile::Mark &mark, qint64 bytes)
 {
+    add(0, QFile::encodeName(name), mark, bytes);
+}
+
+void OnItsWay::add(quint64 journalEnd, const QByteArray &name,
+    const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes)
+{
     taken += bytes;
-    records.push_back({taken, Clock::now(), 0, QFile::encodeName(name), mark});
+    const qint64 size = bytes - LinkRecord::lengthSize;
+    records.push_back({taken, Clock::now(), journalEnd, name, listedAs, size});
+    if (!givenBack.isEmpty() && givenBack.remove(name))
+        done.repeated.add(size);
 }
 
 // --- acknowledgement ---
@@ -92,6 +109,7 @@ bool OnItsWay::look()
     bool hasFreed = false;
     for (; !records.empty() && records.front().end <= acknowledged; records.pop_front()) {
         hasFreed = true;
+        done.acknowledged.add(records.front().size);
         if (records.front().journalEnd != 0)
             journalEnd = records.front().journalEnd;
         else

@@ -1,9 +1,11 @@
 #pragma once
 
+#include "Counters.h"
 #include "SpoolKeeper.h"
 
 #include <QByteArray>
 #include <QHash>
+#include <QSet>
 
 #include <chrono>
 #include <deque>
@@ -23,7 +25,7 @@ class OnItsWay
 public:
     using Clock = std::chrono::steady_clock;
 
-    explicit OnItsWay(SpoolKeeper &keeper);
+    OnItsWay(SpoolKeeper &keeper, Counters &counters);
 
     // The link is up: its acknowledged bytes count from here. Makes the kernel end it when sent
     // bytes stay unacknowledged for the given time. False if the link cannot be watched.
@@ -60,14 +62,19 @@ private:
         quint64 journalEnd = 0;
         QByteArray name; // file system encoding
         std::optional<SpoolFile::Mark> listedAs;
+        qint64 size; // of kind and payload
     };
+    void add(quint64 journalEnd, const QByteArray &name,
+        const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes);
     void forget(const Record &record);
     void askForFlush(Clock::time_point now);
     [[nodiscard]] qint64 acknowledgedBytes() const;
 
     SpoolKeeper &keeper;
+    Counters &done;
     std::deque<Record> records; // in the order of the stream
     QHash<QByteArray, qint64> remembered; // the end of the last record of each name
+    QSet<QByteArray> givenBack; // and not sent again yet
     qint64 taken = 0; // bytes of this link
     qint64 flushedTo = 0; // in the stream: older records of the journal are on the disk
     qint64 countAtStart = 0; // of the kernel, when the link came up

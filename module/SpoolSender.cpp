@@ -39,7 +39,7 @@ SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters
     , say(std::move(log))
     , deadAfter(deadTime)
     , writeFile(std::move(write))
-    , onItsWay(spoolKeeper)
+    , onItsWay(spoolKeeper, counters)
     , lock(spoolKeeper.directory().path(), say)
     , quiet(spoolKeeper.directory().path())
 {

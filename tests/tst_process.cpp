@@ -227,7 +227,8 @@ void TestProcess::quitSignalGivesStatusZero()
     QCOMPARE(manager.heard().last(), "STOPPING=1");
     const QByteArray page = whole.place.readFile(u"status.prom"_s);
     QVERIFY2(page.contains("\nmorvane_up{module=\"me\"} 0\n")
-            && page.contains("\nmorvane_records_accepted_total{module=\"me\"} 2\n"),
+            && page.contains("\nmorvane_records_accepted_total{module=\"me\"} 2\n")
+            && page.contains("\nmorvane_records_acknowledged_total{module=\"me\"} 2\n"),
         page.constData());
 }
 
