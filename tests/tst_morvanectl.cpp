@@ -51,6 +51,7 @@ class TestMorvanectl : public QObject
 private Q_SLOTS:
     void wrongUsageGivesStatusTwo_data();
     void wrongUsageGivesStatusTwo();
+    void outputThatIsLostIsAFailure();
     void sendWaitsForTheModuleAndKeepsTheOrder();
     void sendSaysWhatKeepsItFromSending();
     void receiveWritesEveryRecordToAFileOfItsOwn();
@@ -88,6 +89,17 @@ void TestMorvanectl::wrongUsageGivesStatusTwo()
     QCOMPARE(tool.complaints.count('\n'), 1);
 }
 
+void TestMorvanectl::outputThatIsLostIsAFailure()
+{
+    const QString program = QCoreApplication::applicationDirPath() + u"/morvanectl"_s;
+    for (const QString &arguments :
+        {u"send --help"_s, u"receive 0"_s}) // with an event loop and without
+        QCOMPARE(
+            QProcess::execute(u"sh"_s,
+                {u"-c"_s, u"exec \"$0\" "_s + arguments + u" >/dev/full 2>/dev/null"_s, program}),
+            1);
+}
+
 void TestMorvanectl::sendWaitsForTheModuleAndKeepsTheOrder()
 {
     const Workplace place;
@@ -107,6 +119,13 @@ void TestMorvanectl::sendWaitsForTheModuleAndKeepsTheOrder()
     QTRY_VERIFY(module.received
         == BusFrame::makeName("morvanectl") + BusFrame::makeData(1, first.write())
             + BusFrame::makeData(1, second.write()));
+
+    Tool piped(u"send mod - --name p"_s);
+    piped.write(large); // many times what a pipe holds
+    piped.closeWriteChannel();
+    QTRY_COMPARE_WITH_TIMEOUT(piped.status(), 0, patience);
+    const DataRecord whole{"tempdb", u"p"_s, large};
+    QTRY_VERIFY(module.received.endsWith(BusFrame::makeData(1, whole.write())));
 }
 
 void TestMorvanectl::sendSaysWhatKeepsItFromSending()
@@ -123,8 +142,11 @@ void TestMorvanectl::sendSaysWhatKeepsItFromSending()
     Tool tooLong(u"send mod long"_s);
     QTRY_COMPARE_WITH_TIMEOUT(tooLong.status(), 1, patience);
     QVERIFY2(tooLong.complains("50000000"), tooLong.complaints);
+    Tool givenUp(u"send mod fits --timeout 1"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(givenUp.status(), 1, patience);
+    QVERIFY2(givenUp.complains("has read nothing for 1 second;"), givenUp.complaints);
     Tool cutOff(u"send mod fits"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(module.sockets.size(), 2, patience);
+    QTRY_COMPARE_WITH_TIMEOUT(module.sockets.size(), 3, patience);
     module.dropConnections();
     QTRY_COMPARE_WITH_TIMEOUT(cutOff.status(), 1, patience);
     QVERIFY2(cutOff.complains("closed the connection; 0 of 1 record had left"), cutOff.complaints);

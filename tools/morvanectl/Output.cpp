@@ -1,9 +1,12 @@
 #include "Output.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 
+#include <cerrno>
 #include <cstdio>
 #include <unistd.h>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -12,23 +15,46 @@ namespace {
 constexpr qsizetype longestText = 65'536; // bytes of one text shown; a module may send megabytes
 
 OpenLine *openLine = nullptr;
+bool outputFailed = false;
+bool outlivesOutput = false;
 
-void writeLine(FILE *file, const QString &line)
+// 0, or the error number.
+int writeLine(FILE *file, const QString &line)
 {
     const QByteArray bytes = line.toUtf8() + '\n';
     if (openLine)
         openLine->hide();
-    std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file);
-    std::fflush(file);
+    const bool isWhole =
+        std::fwrite(bytes.constData(), 1, size_t(bytes.size()), file) == size_t(bytes.size())
+        && std::fflush(file) == 0;
+    const int error = isWhole ? 0 : errno;
     if (openLine)
         openLine->show();
+    return error;
 }
 
 } // namespace
 
 void say(const QString &line)
 {
-    writeLine(stdout, line);
+    const int error = writeLine(stdout, line);
+    if (error == 0 || std::exchange(outputFailed, true))
+        return;
+    complain(u"cannot write to standard output: "_s + qt_error_string(error));
+    // Queued, it also ends a loop that has not begun.
+    if (!outlivesOutput)
+        QMetaObject::invokeMethod(
+            qApp, [] { QCoreApplication::exit(failureStatus); }, Qt::QueuedConnection);
+}
+
+int honestStatus(int status)
+{
+    return status == 0 && outputFailed ? failureStatus : status;
+}
+
+void outliveOutput()
+{
+    outlivesOutput = true;
 }
 
 void complain(const QString &line)

@@ -6,10 +6,18 @@
 // Exit statuses of the tool. Success is 0.
 inline constexpr int failureStatus = 1;
 inline constexpr int usageStatus = 2;
+inline constexpr int lossStatus = 3; // records that a module has forgotten were not kept
 
-// One line to standard output or standard error, there when this returns.
+// One line to standard output or standard error, there when this returns. The first line that
+// standard output does not take is complained about and ends the event loop with failureStatus.
 void say(const QString &line);
 void complain(const QString &line);
+
+// The exit status of a process that would leave with this one: failure if anything that was said
+// has not got out.
+[[nodiscard]] int honestStatus(int status);
+// Keeps the event loop running although nobody hears what is said any more.
+void outliveOutput();
 
 // A line on the terminal that is not finished yet makes way for each of them.
 class OpenLine

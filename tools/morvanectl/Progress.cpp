@@ -36,7 +36,7 @@ void Progress::update(qint64 done, const QString &remark)
         u"[%1] %2 %  %3"_s.arg(bar, QString::number(int(part * 100)), remark).toUtf8();
     std::fprintf(stdout, "%s%s", clearLine, line.constData());
     std::fflush(stdout);
-    isDrawn = true;
+    drawn = true;
 }
 
 void Progress::sayAbove(const QString &line)
@@ -47,9 +47,9 @@ void Progress::sayAbove(const QString &line)
 
 void Progress::clear()
 {
-    if (!isDrawn)
+    if (!drawn)
         return;
-    isDrawn = false;
+    drawn = false;
     std::fputs(clearLine, stdout);
     std::fflush(stdout);
 }

@@ -19,11 +19,12 @@ public:
     // A line of its own, above the bar.
     void sayAbove(const QString &line);
     void clear();
+    [[nodiscard]] bool isDrawn() const { return drawn; }
 
 private:
     const qint64 total;
     const bool isOn;
     QElapsedTimer running;
     qint64 nextDrawing; // milliseconds
-    bool isDrawn = false;
+    bool drawn = false;
 };

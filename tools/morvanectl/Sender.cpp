@@ -10,7 +10,7 @@
 #include <QFileInfo>
 
 #include <chrono>
-#include <optional>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -19,32 +19,35 @@ namespace {
 
 constexpr qint64 maxUnsentBytes = 4'194'304; // read ahead no further while so much has not left
 constexpr auto retryInterval = 200ms; // between two looks for a module that is not there yet
+constexpr auto clockInterval = 500ms;
+constexpr qint64 longStandstill = 5'000; // milliseconds; more than a busy module needs
 
-// The content of a file or of standard input; nothing, and said, if it cannot be read or is longer
-// than any frame.
-std::optional<QByteArray> readContent(const QString &path)
+// All of a file or of standard input, or at least what makes it too long for a frame. Says why it
+// cannot be read and returns nothing.
+std::optional<QByteArray> readToEnd(const QString &path)
 {
     QFile file(path);
-    const bool opened = path == standardInput ? file.open(stdin, QIODevice::ReadOnly)
-                                              : file.open(QIODevice::ReadOnly);
-    if (!opened) {
-        complain(u"send: cannot read %1: %2"_s.arg(path, file.errorString()));
-        return std::nullopt;
+    const bool opened = path == standardInput
+        ? file.open(STDIN_FILENO, QIODevice::ReadOnly | QIODevice::Unbuffered)
+        : file.open(QIODevice::ReadOnly);
+    QByteArray content(""); // an empty file is not an absent one
+    // A pipe gives what is in it, so only an empty piece is the end.
+    for (QByteArray piece; opened && content.size() <= longestBody; content += piece) {
+        piece = file.read(longestBody + 1 - content.size());
+        if (piece.isEmpty())
+            break;
     }
-    const QByteArray content = file.read(longestBody + 1);
-    if (file.error() == QFileDevice::NoError)
-        return content.isNull() ? QByteArray("") : content; // empty, but not absent
+    if (opened && file.error() == QFileDevice::NoError)
+        return content;
     complain(u"send: cannot read %1: %2"_s.arg(path, file.errorString()));
     return std::nullopt;
 }
 
-// A whole data frame; empty, and said, if the file cannot be sent.
-QByteArray makeFrame(const SendOptions &options, const SendOptions::Item &item)
+// A whole data frame; empty, and said, if the content is too long for one.
+QByteArray makeFrame(
+    const SendOptions &options, const SendOptions::Item &item, const QByteArray &content)
 {
-    std::optional<QByteArray> content = readContent(item.file);
-    if (!content)
-        return {};
-    const DataRecord record{options.kind, item.name, std::move(*content)};
+    const DataRecord record{options.kind, item.name, content};
     QByteArray frame = BusFrame::makeData(options.dataVersion, record.write());
     if (frame.size() - qsizetype(sizeof(qint32)) <= longestBody)
         return frame;
@@ -53,8 +56,7 @@ QByteArray makeFrame(const SendOptions &options, const SendOptions::Item &item)
     return {};
 }
 
-// Of all files together; standard input tells its length only when it is read.
-qint64 bytesOf(const SendOptions &options)
+qint64 bytesOfFiles(const SendOptions &options)
 {
     qint64 bytes = 0;
     for (const SendOptions::Item &item : options.items)
@@ -67,7 +69,6 @@ qint64 bytesOf(const SendOptions &options)
 Sender::Sender(const SendOptions &sendOptions)
     : options(sendOptions)
     , items(sendOptions.items)
-    , progress(bytesOf(sendOptions), !sendOptions.quiet)
     , socket(nullptr)
 {
     connect(&socket, &QLocalSocket::connected, this, &Sender::begin);
@@ -77,6 +78,7 @@ Sender::Sender(const SendOptions &sendOptions)
     // A module has nothing to say to a sender; unread bytes would only pile up.
     connect(&socket, &QIODevice::readyRead, this, [this] { socket.skip(socket.bytesAvailable()); });
     connect(&retry, &QTimer::timeout, this, &Sender::tryToConnect);
+    connect(&clock, &QTimer::timeout, this, &Sender::noteStandstill);
     limit.setSingleShot(true);
     connect(&limit, &QTimer::timeout, this, [this] {
         if (socket.state() != QLocalSocket::ConnectedState)
@@ -86,6 +88,15 @@ Sender::Sender(const SendOptions &sendOptions)
 
 void Sender::start()
 {
+    // Before the connection: whoever writes the input may take its time.
+    const bool isInput = items.constFirst().file == standardInput;
+    if (isInput) {
+        std::optional<QByteArray> content = readToEnd(standardInput);
+        if (!content)
+            return fail(u"standard input cannot be sent"_s);
+        input = std::move(*content);
+    }
+    progress.emplace(isInput ? input.size() : bytesOfFiles(options), !options.quiet);
     retry.start(retryInterval);
     tryToConnect();
     if (!options.quiet && options.waitSeconds > 0 && socket.state() != QLocalSocket::ConnectedState)
@@ -102,6 +113,8 @@ void Sender::tryToConnect()
 void Sender::begin()
 {
     retry.stop();
+    sinceMovement.start();
+    clock.start(clockInterval);
     const QByteArray greeting = BusFrame::makeName(options.ownName);
     queuedBytes = greeting.size();
     socket.write(greeting);
@@ -113,13 +126,17 @@ void Sender::fill()
 {
     while (!finished && !items.isEmpty() && socket.bytesToWrite() < maxUnsentBytes) {
         const SendOptions::Item item = items.takeFirst();
-        const QByteArray frame = makeFrame(options, item);
+        const std::optional<QByteArray> content =
+            item.file == standardInput ? input : readToEnd(item.file);
+        const QByteArray frame = content ? makeFrame(options, item, *content) : QByteArray();
         if (frame.isEmpty())
             return fail(u"%1 cannot be sent"_s.arg(item.file));
         queuedBytes += frame.size();
         onItsWay.enqueue({u"Sent %1 as %2, %3 in its frame"_s.arg(item.name,
                               QString::fromLatin1(options.kind), counted(frame.size(), u"byte"_s)),
             queuedBytes});
+        if (socket.bytesToWrite() == 0)
+            sinceMovement.start(); // reading the file may have taken long
         socket.write(frame);
     }
 }
@@ -127,26 +144,52 @@ void Sender::fill()
 void Sender::noteWritten(qint64 bytes)
 {
     leftBytes += bytes;
+    sinceMovement.start();
+    saidStandstill = false;
     while (!onItsWay.isEmpty() && onItsWay.head().end <= leftBytes) {
         const QString line = onItsWay.dequeue().line;
         ++leftRecords;
         if (!options.quiet)
-            progress.sayAbove(line);
+            progress->sayAbove(line);
     }
-    progress.update(leftBytes,
-        u"%1 of %2"_s.arg(
-            QString::number(leftRecords), counted(options.items.size(), u"record"_s)));
+    showProgress();
     fill();
     if (items.isEmpty() && onItsWay.isEmpty())
         finish();
+}
+
+void Sender::showProgress()
+{
+    const QString standstill = sinceMovement.hasExpired(longStandstill)
+        ? u", the module has read nothing for %1"_s.arg(
+            counted(sinceMovement.elapsed() / 1'000, u"second"_s))
+        : QString();
+    progress->update(leftBytes,
+        u"%1 of %2%3"_s.arg(
+            QString::number(leftRecords), counted(options.items.size(), u"record"_s), standstill));
+}
+
+// Where no bar shows it, it is said once.
+void Sender::noteStandstill()
+{
+    if (options.timeoutSeconds > 0 && sinceMovement.hasExpired(options.timeoutSeconds * 1'000LL))
+        return fail(u"the module has read nothing for %1"_s.arg(
+            counted(options.timeoutSeconds, u"second"_s)));
+    showProgress();
+    if (progress->isDrawn() || saidStandstill || !sinceMovement.hasExpired(longStandstill))
+        return;
+    saidStandstill = true;
+    complain(u"send: %1 has read nothing for %2, waiting"_s.arg(
+        options.module, counted(longStandstill / 1'000, u"second"_s)));
 }
 
 void Sender::finish()
 {
     if (std::exchange(finished, true))
         return;
+    clock.stop();
     socket.disconnectFromServer();
-    progress.clear();
+    progress->clear();
     if (!options.quiet)
         say(u"%1 sent to %2"_s.arg(counted(leftRecords, u"record"_s), options.module));
     QCoreApplication::exit(0);
@@ -160,7 +203,10 @@ void Sender::fail(const QString &what)
     if (queuedBytes > 0)
         line += u"; %1 of %2 had left"_s.arg(
             QString::number(leftRecords), counted(options.items.size(), u"record"_s));
-    progress.clear();
+    clock.stop();
+    retry.stop();
+    if (progress)
+        progress->clear();
     complain(line);
     socket.abort();
     QCoreApplication::exit(failureStatus);

@@ -3,9 +3,12 @@
 #include "Progress.h"
 #include "TConnector.h"
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QQueue>
 #include <QTimer>
+
+#include <optional>
 
 struct SendOptions
 {
@@ -20,6 +23,7 @@ struct SendOptions
     QByteArray kind;
     uchar dataVersion = 1;
     int waitSeconds = 0; // for the module to listen
+    int timeoutSeconds = 0; // for the module to take something; 0: without limit
     QByteArray ownName; // on the bus
     bool quiet = false;
 };
@@ -50,15 +54,21 @@ private:
     void begin();
     void fill();
     void noteWritten(qint64 bytes);
+    void showProgress();
+    void noteStandstill();
     void fail(const QString &what);
     void finish();
 
     const SendOptions &options;
-    QList<SendOptions::Item> items; // not read yet
-    Progress progress;
+    QList<SendOptions::Item> items; // not put into a frame yet
+    QByteArray input; // all of standard input, if that is what is sent
+    std::optional<Progress> progress;
     TMyLocalSocket socket;
     QTimer retry;
     QTimer limit; // for the module to listen
+    QTimer clock; // looks for a standstill
+    QElapsedTimer sinceMovement; // of a byte that the module has taken
+    bool saidStandstill = false;
     QQueue<OnItsWay> onItsWay;
     qint64 queuedBytes = 0; // of the connection
     qint64 leftBytes = 0;

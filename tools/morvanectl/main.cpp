@@ -4,6 +4,8 @@
 
 #include <QCoreApplication>
 
+#include <csignal>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -31,7 +33,8 @@ QString overview()
         text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
     return text
         + u"\n\"morvanectl SUBCOMMAND --help\" tells more about each.\n"
-          "Exit status: 0 done, 1 failed, 2 wrong usage; that of check tells what it found."_s;
+          "Exit status: 0 done, 1 failed, 2 wrong usage, 3 received records were\n"
+          "not kept; that of check tells what it found."_s;
 }
 
 } // namespace
@@ -39,16 +42,17 @@ QString overview()
 int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
+    std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
     pLog = new TLog(u"morvanectl"_s); // never enabled, but the bus classes write to it
     const QStringList arguments = QCoreApplication::arguments();
     const QString chosen = arguments.value(1);
     if (chosen == u"--help"_s || chosen == u"-h"_s || chosen == u"help"_s) {
         say(overview());
-        return 0;
+        return honestStatus(0);
     }
     for (const Subcommand &subcommand : subcommands) {
         if (subcommand.name == chosen)
-            return subcommand.run(arguments.sliced(1));
+            return honestStatus(subcommand.run(arguments.sliced(1)));
     }
     complain((chosen.isEmpty() ? u"A subcommand is missing."_s
                                : u"Unknown subcommand \"%1\"."_s.arg(chosen))

@@ -27,10 +27,12 @@ A record carries a name, under which the module keeps it in its spool: the file'
 name, or the one that --name gives, in which {name} stands for the base name, {number}
 for the file's place on the command line, 000001 and so on, and {time} for when the run
 began, in UTC: 20301231T235959Z. A record replaces one of the same name that still
-waits, so names must differ. Nothing is sent if any file cannot be. The bus takes
-frames of up to 50,000,000 bytes.
+waits, so names must differ. Nothing is sent if any file cannot be. Standard input is
+read to its end before anything is sent. The bus takes frames of up to 50,000,000
+bytes; a longer input is refused.
 
-That all bytes have left does not prove that the module has stored them. The bus lies
+A module that reads nothing for five seconds is reported, and waited for; --timeout
+gives up. That all bytes have left does not prove that the module has stored them. The bus lies
 in the temporary folder: TMPDIR must be the same for all its processes.)";
 
 // What can be known before anything is sent; empty if nothing is wrong.
@@ -108,6 +110,8 @@ void addOptions(CommandLine &line)
         u"1"_s);
     line.addValue(u"wait"_s, u"SECONDS"_s,
         u"How long to wait for the module to listen (default 0)."_s, u"0"_s);
+    line.addValue(u"timeout"_s, u"SECONDS"_s,
+        u"Give up when the module has read nothing for so long (default: never)."_s);
     line.addValue(
         u"as"_s, u"NAME"_s, u"Own name on the bus (default morvanectl)."_s, u"morvanectl"_s);
     line.addFlag(u"quiet"_s, u"Say only what goes wrong."_s);
@@ -123,9 +127,12 @@ std::optional<int> readOptions(const CommandLine &line, SendOptions &options)
     options.quiet = line.isSet(u"quiet"_s);
     const std::optional<int> version = line.number(u"data-version"_s, 0, 255);
     const std::optional<int> wait = line.number(u"wait"_s, 0, longestSeconds);
-    if (!version || !wait)
+    const std::optional<int> timeout =
+        line.isSet(u"timeout"_s) ? line.number(u"timeout"_s, 1, longestSeconds) : 0;
+    if (!version || !wait || !timeout)
         return usageStatus;
     options.dataVersion = uchar(*version);
+    options.timeoutSeconds = *timeout;
     options.waitSeconds = *wait;
     if (!isDataVersion(*version))
         return line.wrongUsage(u"--data-version %1 marks another kind of frame."_s.arg(*version));
@@ -154,6 +161,7 @@ int runSend(const QStringList &arguments)
     if (!canSendAll(options))
         return failureStatus;
 
+    outliveOutput(); // what is on its way counts for more
     Sender sender(options);
     QTimer::singleShot(0, &sender, &Sender::start);
     return QCoreApplication::exec();
