@@ -159,7 +159,7 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
     place.writeFile(u"in/s.000009"_s, "old");
     place.writeFile(u"in/s7000011"_s, "another's");
     const QByteArray large = "error" + QByteArray(3'000'000, '\0');
-    Tool tool(u"receive 0 --dir in --name s.{number} --count 3 --limit 3000005"_s);
+    Tool tool(u"receive 0 --dir in --name s.{number} --count 4 --limit 3000005"_s);
 
     PeerLink brief(tool);
     brief.write(LinkRecord::make("tempdb_t1") + LinkRecord::make("live")
@@ -174,13 +174,20 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
     honest.write(LinkRecord::make(large) + LinkRecord::make("x"));
 
     QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
-    QVERIFY2(tool.says("3 records of 3000020 bytes, 1 keep-alive, 3 connections"), tool.said);
+    QVERIFY2(tool.says("4 records of 3000021 bytes, 1 keep-alive, 3 connections\n"), tool.said);
     QByteArrayList files;
     for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden))
         files.append(name.toUtf8() + ' ' + place.readFile(u"in/"_s + name));
     QCOMPARE(files,
         QByteArrayList({"s.000009 old", "s.000010 tempdb_t1", "s.000011 tempdb",
-            "s.000012 " + large, "s7000011 another's"}));
+            "s.000012 " + large, "s.000013 x", "s7000011 another's"}));
+
+    Tool full(u"receive 0 --dir in"_s);
+    PeerLink hopeful(full);
+    QDir(place.path(u"in"_s)).removeRecursively();
+    hopeful.write(LinkRecord::make("tempdb1") + LinkRecord::make("tempdb2"));
+    QTRY_COMPARE_WITH_TIMEOUT(full.status(), 1, patience);
+    QVERIFY2(full.says(" 0 keep-alives, 1 connection, 2 records of 14 bytes lost\n"), full.said);
 }
 
 void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
@@ -197,16 +204,20 @@ void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
     closed.write(records);
     QTRY_COMPARE_WITH_TIMEOUT(closed.state(), QAbstractSocket::UnconnectedState, patience);
     closing.raise(SIGTERM);
-    QTRY_COMPARE_WITH_TIMEOUT(closing.status(), 0, patience);
-    QVERIFY2(closing.says("2 records of 14 bytes, 2 keep-alives, 1 connection"), closing.said);
+    QTRY_COMPARE_WITH_TIMEOUT(closing.status(), 3, patience);
+    QVERIFY2(closing.says("2 records of 14 bytes, 2 keep-alives, 1 connection, 1 record of 7 bytes "
+                          "lost\n"),
+        closing.said);
 
     Tool stopping(u"receive 0 --stop-after 1"_s);
     PeerLink stopped(stopping);
     stopped.write(records);
     QTRY_VERIFY_WITH_TIMEOUT(stopping.says("Reading no more after 1 record"), patience);
     stopping.raise(SIGINT);
-    QTRY_COMPARE_WITH_TIMEOUT(stopping.status(), 0, patience);
-    QVERIFY2(stopping.says("1 record of 7 bytes, 1 keep-alive,"), stopping.said);
+    QTRY_COMPARE_WITH_TIMEOUT(stopping.status(), 3, patience);
+    QVERIFY2(stopping.says("1 record of 7 bytes, 1 keep-alive, 1 connection, 2 records of 14 bytes "
+                           "lost\n"),
+        stopping.said);
     QVERIFY(!stopping.says("Disconnected"));
 }
 

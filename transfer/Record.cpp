@@ -59,6 +59,13 @@ void LinkRecord::complete(QByteArray &record)
     qToLittleEndian(quint32(record.size() - lengthSize), record.data());
 }
 
+qsizetype LinkRecord::Reader::missing() const
+{
+    if (buffer.size() < lengthSize)
+        return lengthSize - buffer.size();
+    return lengthSize + qsizetype(qFromLittleEndian<quint32>(buffer.constData())) - buffer.size();
+}
+
 std::optional<QByteArray> LinkRecord::Reader::next()
 {
     if (refused != 0 || buffer.size() < lengthSize)

@@ -59,6 +59,10 @@ public:
     // The announced length that was refused; 0 when none was.
     [[nodiscard]] quint32 refusedLength() const { return refused; }
     [[nodiscard]] bool isAtRecordBoundary() const { return buffer.isEmpty(); }
+    // Bytes that complete the next record or, while it is not known, its length.
+    [[nodiscard]] qsizetype missing() const;
+    // What has come of the next record, its length included.
+    [[nodiscard]] const QByteArray &unfinished() const { return buffer; }
 
 private:
     QByteArray buffer;

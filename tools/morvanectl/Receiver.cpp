@@ -5,9 +5,9 @@
 
 #include <QCoreApplication>
 #include <QNetworkProxy>
-#include <QTcpSocket>
 
-#include <memory>
+#include <algorithm>
+#include <sys/socket.h>
 #include <utility>
 
 using namespace Qt::StringLiterals;
@@ -15,7 +15,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int mostConnections = 16; // at once; each may hold one unfinished record in memory
-constexpr qint64 readBuffer = 1'048'576; // bytes; beyond it the peer waits
+constexpr int recordsInARow = 100; // of one connection, before the others have their turn
 
 // How a body begins. A kind is not told apart from a payload that goes on like a longer kind.
 QString beginningOf(const QByteArray &body)
@@ -32,16 +32,7 @@ QString beginningOf(const QByteArray &body)
 Receiver::Receiver(const ReceiveOptions &receiveOptions)
     : options(receiveOptions)
 {
-    server.setProxy(QNetworkProxy::NoProxy);
-    connect(&server, &QTcpServer::newConnection, this, &Receiver::accept);
-}
-
-// The sockets report their end while they are destroyed, when nobody is left to hear of it.
-Receiver::~Receiver()
-{
-    const QList<QTcpSocket *> sockets = server.findChildren<QTcpSocket *>();
-    for (QTcpSocket *socket : sockets)
-        socket->disconnect(this);
+    setProxy(QNetworkProxy::NoProxy);
 }
 
 bool Receiver::start()
@@ -51,45 +42,37 @@ bool Receiver::start()
         complain(u"receive: the folder %1 cannot be used"_s.arg(options.directory));
         return false;
     }
-    if (!server.listen(options.address, options.port)) {
+    if (!listen(options.address, options.port)) {
         complain(u"receive: cannot listen on %1 port %2: %3"_s.arg(
-            options.address.toString(), QString::number(options.port), server.errorString()));
+            options.address.toString(), QString::number(options.port), errorString()));
         return false;
     }
+    // Connections inherit it.
+    if (options.kernelBuffer > 0)
+        ::setsockopt(int(socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &options.kernelBuffer,
+            sizeof(options.kernelBuffer));
     say(timeStamp()
         + u"  Listening on %1 port %2"_s.arg(
-            server.serverAddress().toString(), QString::number(server.serverPort())));
+            serverAddress().toString(), QString::number(serverPort())));
     return true;
 }
 
-void Receiver::accept()
+void Receiver::incomingConnection(qintptr descriptor)
 {
-    while (QTcpSocket *socket = server.nextPendingConnection()) {
-        const QString peer =
-            u"%1 port %2"_s.arg(socket->peerAddress().toString()).arg(socket->peerPort());
-        if (openLinks >= mostConnections) {
-            sayEvent(u"Refused %1: %2 are open"_s.arg(peer, counted(openLinks, u"connection"_s)));
-            delete socket;
-            continue;
-        }
-        ++openLinks;
-        ++connections;
-        sayEvent(u"Connected: "_s + peer);
-        socket->setReadBufferSize(readBuffer);
-        const auto link = std::make_shared<Link>();
-        link->peer = peer;
-        link->reader = LinkRecord::Reader(options.longestRecord);
-        watchSilence(*link);
-        connect(socket, &QIODevice::readyRead, this, [=, this] { take(socket, *link); });
-        connect(socket, &QAbstractSocket::disconnected, this, [=, this] {
-            take(socket, *link);
-            link->silence.stop();
-            sayEnd(*link);
-            --openLinks;
-            socket->deleteLater();
-        });
-        take(socket, *link); // what came before anybody listened to the signal
+    auto link = std::make_unique<Link>();
+    link->socket = std::make_unique<RecordLink>(int(descriptor), options.longestRecord, nullptr);
+    link->peer = link->socket->peer();
+    if (qsizetype(links.size()) >= mostConnections) {
+        sayEvent(u"Refused %1: %2 are open"_s.arg(
+            link->peer, counted(qint64(links.size()), u"connection"_s)));
+        return lose(link->socket->unread());
     }
+    ++connections;
+    sayEvent(u"Connected: "_s + link->peer);
+    watchSilence(*link);
+    connect(
+        link->socket.get(), &RecordLink::readable, this, [this, on = link.get()] { take(*on); });
+    links.push_back(std::move(link));
 }
 
 void Receiver::watchSilence(Link &link) const
@@ -113,24 +96,25 @@ void Receiver::noteLife(Link &link) const
         sayEvent(u"Heard of again: "_s + link.peer);
 }
 
-void Receiver::take(QTcpSocket *socket, Link &link)
+void Receiver::take(Link &link)
 {
-    if (finished || link.isLeftAlone || link.reader.refusedLength() != 0)
-        return;
-    const QByteArray piece = socket->readAll();
-    if (!piece.isEmpty())
-        noteLife(link);
-    link.reader.append(piece);
-    while (const std::optional<QByteArray> body = link.reader.next()) {
+    const qint64 before = link.socket->bytesRead();
+    for (int i = 0; i < recordsInARow && !finished && !link.isLeftAlone; ++i) {
+        const std::optional<QByteArray> body = link.socket->next();
+        if (!body)
+            break;
         takeBody(*body, link);
-        if (finished)
-            return;
-        misbehave(socket, link);
-        if (link.isLeftAlone)
-            return;
+        if (!finished)
+            misbehave(link);
     }
-    if (link.reader.refusedLength() != 0)
-        dropOversized(socket, link);
+    if (link.socket->bytesRead() > before)
+        noteLife(link);
+    if (link.socket->refusedLength() != 0)
+        return dropOversized(link);
+    if (!link.socket->hasEnded() || link.isLeftAlone)
+        return;
+    sayEnd(link);
+    close(link);
 }
 
 void Receiver::takeBody(const QByteArray &body, Link &link)
@@ -143,6 +127,7 @@ void Receiver::takeBody(const QByteArray &body, Link &link)
     if (!number) {
         complain(u"receive: cannot write a record of %1 into %2"_s.arg(
             counted(body.size(), u"byte"_s), options.directory));
+        lose({body});
         finished = true;
         return QCoreApplication::exit(failureStatus);
     }
@@ -164,34 +149,54 @@ std::optional<qint64> Receiver::keep(const QByteArray &body)
 }
 
 // As an operator has asked for it, to see what the modules do then.
-void Receiver::misbehave(QTcpSocket *socket, Link &link) const
+void Receiver::misbehave(Link &link)
 {
-    if (link.records == 0)
-        return;
     const QString after = counted(link.records, u"record"_s);
-    if (link.records == options.closeAfter) {
-        link.isLeftAlone = true;
+    if (link.records > 0 && link.records == options.closeAfter) {
         sayEvent(u"Closing after %1: %2"_s.arg(after, link.peer));
-        socket->disconnectFromHost();
-    } else if (link.records == options.stopAfter) {
+        close(link);
+    } else if (link.records > 0 && link.records == options.stopAfter) {
         link.isLeftAlone = true;
         link.silence.stop();
+        link.socket->leaveAlone();
         sayEvent(u"Reading no more after %1: %2"_s.arg(after, link.peer));
-        socket->setReadBufferSize(1);
     }
 }
 
-void Receiver::dropOversized(QTcpSocket *socket, const Link &link)
+void Receiver::dropOversized(Link &link)
 {
     complain(u"receive: %1 announces a record of %2, more than %3: dropped"_s.arg(link.peer,
-        counted(link.reader.refusedLength(), u"byte"_s), QString::number(options.longestRecord)));
-    socket->abort();
+        counted(link.socket->refusedLength(), u"byte"_s), QString::number(options.longestRecord)));
+    close(link);
 }
 
 void Receiver::sayEnd(const Link &link) const
 {
-    const bool whole = link.isLeftAlone || link.reader.isAtRecordBoundary();
-    sayEvent(u"Disconnected: "_s + link.peer + (whole ? u""_s : u", in the middle of a record"_s));
+    sayEvent(u"Disconnected: "_s + link.peer
+        + (link.socket->isAtRecordBoundary() ? u""_s : u", in the middle of a record"_s));
+}
+
+void Receiver::close(Link &link)
+{
+    lose(link.socket->unread());
+    link.socket->close();
+    link.silence.stop();
+    link.isLeftAlone = true;
+    const auto found = std::find_if(
+        links.begin(), links.end(), [&](const auto &other) { return other.get() == &link; });
+    const std::shared_ptr<Link> closed = std::move(*found);
+    links.erase(found);
+    // Its own slot may run: it lives until control is back in the event loop.
+    QMetaObject::invokeMethod(
+        this, [closed] {}, Qt::QueuedConnection);
+}
+
+void Receiver::lose(const QByteArrayList &bodies)
+{
+    for (const QByteArray &body : bodies) {
+        ++loss.records;
+        loss.bytes += body.size();
+    }
 }
 
 void Receiver::sayEvent(const QString &what) const
@@ -200,9 +205,33 @@ void Receiver::sayEvent(const QString &what) const
         say(timeStamp() + u"  "_s + what);
 }
 
-void Receiver::saySummary() const
+// What has come whole will not come again.
+void Receiver::takeLast(Link &link)
 {
+    const QByteArrayList bodies = link.socket->unread();
+    for (qsizetype i = 0; i < bodies.size(); ++i) {
+        if (finished || link.isLeftAlone)
+            return lose(bodies.sliced(i));
+        takeBody(bodies.at(i), link);
+    }
+}
+
+int Receiver::finish(int status)
+{
+    QTcpServer::close();
+    for (const auto &link : links)
+        takeLast(*link);
+    links.clear();
+    QString lost;
+    if (loss.records > 0)
+        lost = u", %1 of %2 lost"_s.arg(
+            counted(loss.records, u"record"_s), counted(loss.bytes, u"byte"_s));
     say(timeStamp()
-        + u"  %1 of %2, %3, %4"_s.arg(counted(records, u"record"_s), counted(bytes, u"byte"_s),
-            counted(keepAlives, u"keep-alive"_s), counted(connections, u"connection"_s)));
+        + u"  %1 of %2, %3, %4%5"_s.arg(counted(records, u"record"_s), counted(bytes, u"byte"_s),
+            counted(keepAlives, u"keep-alive"_s), counted(connections, u"connection"_s), lost));
+    if (loss.records == 0)
+        return status;
+    complain(u"receive: %1 had reached this host and were not kept; a module that knows of their "
+             "arrival does not send them again"_s.arg(counted(loss.records, u"record"_s)));
+    return status == 0 ? lossStatus : status;
 }

@@ -1,13 +1,15 @@
 #pragma once
 
 #include "NumberedFiles.h"
-#include "Record.h"
+#include "RecordLink.h"
 
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTimer>
 
 #include <chrono>
+#include <memory>
+#include <vector>
 
 struct ReceiveOptions
 {
@@ -18,6 +20,7 @@ struct ReceiveOptions
     bool overwrite = false;
     qint64 count = 0; // of records to leave after; 0: none
     quint32 longestRecord = 0; // bytes
+    int kernelBuffer = 0; // bytes of each connection; 0: what the kernel thinks best
     std::chrono::seconds silence{0}; // of a link, to be reported; 0: never
     qint64 closeAfter = 0; // records of a connection, then it is closed; 0: never
     qint64 stopAfter = 0; // records of a connection, then nothing more is read; 0: never
@@ -30,44 +33,54 @@ struct ReceiveOptions
 // Thread:  main thread.
 // Errors:  a peer's fault is said and drops its connection; a record that cannot be written ends
 //          the event loop with the tool's failure status.
-class Receiver : public QObject
+class Receiver : public QTcpServer
 {
 public:
     explicit Receiver(const ReceiveOptions &receiveOptions);
-    ~Receiver() override;
     // False, and said, if the port or the folder cannot be used.
     [[nodiscard]] bool start();
-    void saySummary() const;
+    // Keeps what has come whole, unless the records asked for are complete, and says what was
+    // received. The exit status: the given one, or that of lost records.
+    [[nodiscard]] int finish(int status);
 
 private:
     struct Link
     {
+        std::unique_ptr<RecordLink> socket;
         QString peer;
-        LinkRecord::Reader reader;
         QTimer silence;
         qint64 records = 0;
         bool isSilent = false;
         bool isLeftAlone = false; // nothing more is read of it
     };
+    // Records that a module has forgotten, and nobody has kept.
+    struct Loss
+    {
+        qint64 records = 0;
+        qint64 bytes = 0;
+    };
 
-    void accept();
+    void incomingConnection(qintptr descriptor) override;
     void watchSilence(Link &link) const;
     void noteLife(Link &link) const;
-    void take(QTcpSocket *socket, Link &link);
+    void take(Link &link);
     void takeBody(const QByteArray &body, Link &link);
     [[nodiscard]] std::optional<qint64> keep(const QByteArray &body);
-    void misbehave(QTcpSocket *socket, Link &link) const;
-    void dropOversized(QTcpSocket *socket, const Link &link);
+    void misbehave(Link &link);
+    void dropOversized(Link &link);
     void sayEnd(const Link &link) const;
+    void close(Link &link);
+    void takeLast(Link &link);
+    void lose(const QByteArrayList &bodies);
     void sayEvent(const QString &what) const;
 
     const ReceiveOptions &options;
-    QTcpServer server;
     NumberedFiles files;
-    int openLinks = 0;
+    std::vector<std::unique_ptr<Link>> links;
     bool finished = false;
     qint64 connections = 0;
     qint64 records = 0;
     qint64 bytes = 0; // of the records' bodies
     qint64 keepAlives = 0;
+    Loss loss;
 };
