@@ -98,6 +98,15 @@ void TestOperator::checkFindsEveryMistake_data()
     row("no peer's address", "192.0.2.1", "::ffff:0.0.0.0",
         "10: error: \"Host\" = \"::ffff:0.0.0.0\"");
     row("a limit with its unit", "Timeout=1000", "MaxReceivedBytes=1 GB", "13: error: \"MaxRec");
+    row("names with a comma between", "a b", "\"a,b\"", "6: error: \"Connections\" holds a comma");
+    row("a log that would be sent", "Log=1", "Log=1\nLogName=spool/m.log",
+        "4: error: the log lies in the spool folder");
+    row("a log that nobody rotates", "Log=1", "Log=1\nLogName=./m.txt",
+        "4: warning: the service r");
+    row("the journal", "Log=1", "Log=1\nLogName=journal", "");
+    row("a status file that would be sent", "Timeout=1000", "StatusFile=spool/s",
+        "13: error: the st");
+    row("a status file without a folder", "Timeout=1000", "StatusFile=no/s", "13: warning: the st");
     row("transfers of days", "Timeout=1000", "Timeout=20000",
         "13: warning: \"Timeout\" = 20000 makes a transfer very slow: 1 MB, compressed, takes 1 d");
 }

@@ -1,6 +1,7 @@
 #include "SettingsCheck.h"
 
 #include "NameGuess.h"
+#include "TLog.h"
 
 #include <QDir>
 #include <QFile>
@@ -13,6 +14,7 @@ namespace {
 
 constexpr bool error = true;
 constexpr bool warning = false;
+const QString rotatedLogs = u"/var/log/morvane/*.log"_s;
 
 QByteArray contentOf(const QString &path)
 {
@@ -47,7 +49,8 @@ SettingsCheck::SettingsCheck(const QString &path, const QString &workingDirector
     , isDirectoryKnown(!workingDirectory.isEmpty())
     , directory(isDirectoryKnown ? workingDirectory : QDir::currentPath())
     , settings(path)
-    , text(contentOf(path))
+    , content(contentOf(path))
+    , text(content)
 {
     if (const QString problem = settings.problem(); !problem.isEmpty()) {
         found.append(
@@ -56,10 +59,14 @@ SettingsCheck::SettingsCheck(const QString &path, const QString &workingDirector
     }
     for (const SettingsText::Remark &remark : text.remarks())
         found.append({remark.line, warning, remark.text});
+    if (const qsizetype zero = content.indexOf('\0'); zero >= 0)
+        found.append({int(content.first(zero).count('\n')) + 1, error,
+            u"a zero byte: what stands behind it in its line may be lost"_s});
     checkNames();
     checkLog();
     checkBus();
     checkMain();
+    checkWhatLiesInSpool();
 }
 
 QList<SettingsCheck::Finding> SettingsCheck::findings() const
@@ -139,10 +146,47 @@ void SettingsCheck::checkLog()
         return addBase(error, BaseSettings::log,
             u"\"Log\" = \"%1\" is no number: the log is off"_s.arg(level));
     const QString name = settings.base(BaseSettings::logName);
+    if (name == u"journal")
+        return;
     const QString folder = QFileInfo(QDir(directory).absoluteFilePath(name)).path();
     if (name.contains(u'/') && !QFileInfo(folder).isWritable())
         addBase(error, BaseSettings::logName,
             u"the log cannot be written, %1 is no folder that can be written to"_s.arg(folder));
+}
+
+// Whatever lies in the spool directory itself is sent, and removed then.
+void SettingsCheck::checkWhatLiesInSpool()
+{
+    const QString spool = QFileInfo(spoolPath()).canonicalFilePath();
+    if (spool.isEmpty())
+        return;
+    const auto isInSpool = [&](const QString &path) {
+        const QString folder = QFileInfo(QDir(directory).absoluteFilePath(path)).path();
+        return QFileInfo(folder).canonicalFilePath() == spool;
+    };
+    const QString logName = settings.base(BaseSettings::logName);
+    if (logName.contains(u'/') && isInSpool(logName))
+        addBase(error, BaseSettings::logName,
+            u"the log lies in the spool folder: it would be sent and removed"_s);
+    else if (logName.contains(u'/')
+        && !QDir::match(rotatedLogs, TLog(QDir(directory).absoluteFilePath(logName)).filePath()))
+        addBase(warning, BaseSettings::logName,
+            u"the service rotates %1 only: the log grows without end unless somebody else rotates "
+            "it"_s.arg(rotatedLogs));
+    if (QFileInfo(QFileInfo(file).absolutePath()).canonicalFilePath() == spool)
+        addMain(error, MainSettings::tempDir,
+            u"this settings file lies in the spool folder: it would be sent and removed"_s);
+    const QString statusFile = settings.main(MainSettings::statusFile);
+    if (statusFile.isEmpty())
+        return;
+    const QFileInfo folder(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
+    if (isInSpool(statusFile))
+        addMain(error, MainSettings::statusFile,
+            u"the status file lies in the spool folder: it would be sent and removed"_s);
+    else if (!folder.isDir() || !folder.isWritable())
+        addMain(warning, MainSettings::statusFile,
+            u"the status file cannot be written, %1 is no folder that can be written to"_s.arg(
+                folder.filePath()));
 }
 
 // --- what two modules cannot share ---
@@ -157,6 +201,10 @@ QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &ot
     if (name != BaseSettings::noName && name == other.settings.base(BaseSettings::serverName))
         add(error, BaseSettings::group, BaseSettings::serverName,
             u"%1 has the same \"ServerName\": each module takes it away from the other"_s);
+    const QString statusFile = settings.main(MainSettings::statusFile);
+    if (!statusFile.isEmpty() && statusFile == other.settings.main(MainSettings::statusFile))
+        add(error, MainSettings::group, MainSettings::statusFile,
+            u"%1 has the same \"StatusFile\": each module replaces that of the other"_s);
     const Key &port = MainSettings::localPort;
     if (settings.isUdp() && other.settings.isUdp()
         && settings.number(port) == other.settings.number(port))

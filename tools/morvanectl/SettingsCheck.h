@@ -39,7 +39,9 @@ private:
     void checkSpool();
     void checkTcp();
     void checkUdp();
+    void checkPort(const Key &key);
     void checkPace();
+    void checkWhatLiesInSpool();
 
     void addBase(bool isError, const Key &key, const QString &text);
     void addMain(bool isError, const Key &key, const QString &text);
@@ -50,6 +52,7 @@ private:
     const bool isDirectoryKnown;
     const QString directory;
     ModuleSettings settings;
+    const QByteArray content;
     SettingsText text;
     QList<Finding> found;
 };

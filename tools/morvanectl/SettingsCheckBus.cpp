@@ -25,6 +25,10 @@ bool isInTheWay(const QString &path)
 
 void SettingsCheck::checkBus()
 {
+    const QString folder = qEnvironmentVariable("TMPDIR");
+    if (!folder.isEmpty() && !QFileInfo(folder).isDir())
+        addBase(error, BaseSettings::serverName,
+            u"TMPDIR names %1, which is no folder: the bus would lie in /"_s.arg(folder));
     const QString admin = settings.base(BaseSettings::adminServerName);
     const QString server = settings.base(BaseSettings::serverName);
     if (admin == BaseSettings::noName)
@@ -62,6 +66,11 @@ void SettingsCheck::checkConnections(const QString &admin, const QString &server
     if (list == BaseSettings::noName || list.isEmpty())
         return;
     QStringList seen;
+    if (list.contains(u','))
+        addBase(error, BaseSettings::connections,
+            u"\"Connections\" holds a comma: names are separated by one blank, and nobody has a "
+            u"name "
+            "like that"_s);
     const QStringList names = list.split(u' ');
     for (const QString &name : names) {
         if (name.isEmpty() && !seen.contains(name))

@@ -6,10 +6,12 @@
 #include "UdpPace.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QHostAddress>
 
 #include <chrono>
+#include <linux/capability.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -18,8 +20,34 @@ namespace {
 
 constexpr bool error = true;
 constexpr bool warning = false;
+constexpr int usualFreePort = 1'024;
 constexpr qint64 oneMegabyte = 1'000'000;
 constexpr std::chrono::milliseconds tooLong = 24h; // for the largest file that can be sent
+
+QByteArray firstLineOf(const QString &path, const QByteArray &beginning)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    for (const QByteArray &line : file.readAll().split('\n')) {
+        if (line.startsWith(beginning))
+            return line.sliced(beginning.size()).trimmed();
+    }
+    return {};
+}
+
+// Ports from here on are everybody's.
+int firstFreePort()
+{
+    const QByteArray text = firstLineOf(u"/proc/sys/net/ipv4/ip_unprivileged_port_start"_s, "");
+    return text.isEmpty() ? usualFreePort : text.toInt();
+}
+
+bool mayBindAnyPort()
+{
+    const quint64 rights = firstLineOf(u"/proc/self/status"_s, "CapEff:").toULongLong(nullptr, 16);
+    return (rights >> CAP_NET_BIND_SERVICE & 1) != 0;
+}
 
 } // namespace
 
@@ -79,7 +107,7 @@ void SettingsCheck::checkSpool()
     else if (!folder.isWritable() || !folder.isReadable() || !folder.isExecutable())
         addMain(error, key,
             u"the spool folder %1 cannot be read and written to by this user"_s.arg(path));
-    else if (settings.isUdp() && (isDirectoryKnown || QDir::isRelativePath(name))
+    else if ((isDirectoryKnown || QDir::isRelativePath(name))
         && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
         addMain(error, key,
             u"the spool folder is the working directory: nothing is sent or received, for received "
@@ -114,7 +142,18 @@ void SettingsCheck::checkUdp()
     if (limit.toLongLong(&isNumber) < 0 || !isNumber)
         addMain(error, MainSettings::maxReceivedBytes,
             u"\"MaxReceivedBytes\" = \"%1\" is no number of bytes: there is no limit"_s.arg(limit));
+    checkPort(MainSettings::localPort);
     checkPace();
+}
+
+void SettingsCheck::checkPort(const Key &key)
+{
+    const quint16 port = settings.number(key);
+    if (port == 0 || port >= firstFreePort() || mayBindAnyPort())
+        return;
+    addMain(error, key,
+        u"\"%1\" = %2 is below %3, and this user may not have such a port"_s.arg(
+            key.name, QString::number(port), QString::number(firstFreePort())));
 }
 
 void SettingsCheck::checkPace()
