@@ -71,11 +71,14 @@ void ReceivedFiles::finish(std::chrono::milliseconds longest)
 {
     if (unwritable)
         write(*std::exchange(unwritable, {}));
+    bool isDone = false;
     {
         std::unique_lock guard(mutex);
-        changed.wait_for(guard, longest, [this] { return packetsWaiting == 0; });
+        isDone = changed.wait_for(guard, longest, [this] { return packetsWaiting == 0; });
     }
     takeResults();
+    if (!isDone)
+        Q_EMIT trouble(tr("Received files are lost, there was no time to write them"));
     nextBegins();
 }
 

@@ -27,7 +27,8 @@ constexpr auto bindInterval = 3s; // between two attempts at a port that is take
 constexpr auto unreadableInterval = 10s; // between two attempts at a file that cannot be read
 constexpr qsizetype maxSaidUnreadable = 100; // files; of more at a time nothing is said
 constexpr auto obstacleInterval = 5s; // between two looks at the addresses of this host
-constexpr auto peerLineInterval = 1s; // between two lines that a peer can cause
+constexpr auto peerLinesTime = 60s; // in which a peer can cause so many lines at most
+constexpr int maxPeerLines = 20;
 constexpr auto longestFinish = 10s; // what an end waits for received files to be written
 constexpr int receiveBufferBytes = 4 << 20; // the thread has other work than the socket's
 constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
@@ -422,13 +423,14 @@ void ScanThread::sayPending()
 // A peer that sends one bad file behind the other must not fill the log.
 void ScanThread::sayOfPeer(const QString &line)
 {
-    if (Clock::now() < nextPeerLine) {
-        ++untoldLines;
-        return;
+    if (Clock::now() >= peerLinesUntil) {
+        peerLinesUntil = Clock::now() + peerLinesTime;
+        peerLines = 0;
     }
-    nextPeerLine = Clock::now() + peerLineInterval;
-    const int untold = std::exchange(untoldLines, 0);
-    say(untold == 0 ? line : tr("%1 (and %2 lines like it before)").arg(line).arg(untold));
+    if (++peerLines <= maxPeerLines)
+        say(line);
+    else if (peerLines == maxPeerLines + 1)
+        say(tr("Further lines about received files are left out for a minute"));
 }
 
 void ScanThread::say(const QString &line)

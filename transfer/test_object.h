@@ -137,8 +137,8 @@ private:
     const bool isSpoolReceived; // the spool is the working directory: nothing is done at all
     QString lastObstacle; // to sending; empty if there is none
     Clock::time_point nextObstacleLook{};
-    Clock::time_point nextPeerLine{};
-    int untoldLines = 0;
+    Clock::time_point peerLinesUntil{};
+    int peerLines = 0;
     bool saidNoPort = false;
     bool saidShortage = false; // until a file is delivered
     bool saidStranger = false;
