@@ -103,6 +103,37 @@
     </message>
 </context>
 <context>
+    <name>ReceivedFiles</name>
+    <message>
+        <source>The received file %1 is lost, it could not be written</source>
+        <translation>Принятый файл %1 потерян: его не удалось записать</translation>
+    </message>
+    <message>
+        <source>Received files are lost, there was no time to write them</source>
+        <translation>Принятые файлы потеряны: на их запись не хватило времени</translation>
+    </message>
+    <message>
+        <source>The received file %1 is not written, its checksum is wrong</source>
+        <translation>Принятый файл %1 не записан: его контрольная сумма неверна</translation>
+    </message>
+    <message>
+        <source>The received file %1 is not written, it has more than %2 bytes when inflated</source>
+        <translation>Принятый файл %1 не записан: в распакованном виде в нём больше %2 байт</translation>
+    </message>
+    <message>
+        <source>The received file %1 is damaged, only its beginning is written</source>
+        <translation>Принятый файл %1 повреждён, записано только его начало</translation>
+    </message>
+    <message>
+        <source>The received file %1 is written now</source>
+        <translation>Принятый файл %1 теперь записан</translation>
+    </message>
+    <message>
+        <source>Can&apos;t write the received file %1, trying again: %2</source>
+        <translation>Нельзя записать принятый файл %1, попытки продолжаются: %2</translation>
+    </message>
+</context>
+<context>
     <name>ScanThread</name>
     <message>
         <source>Can&apos;t remove the lock file of %1, nothing is sent</source>
@@ -139,6 +170,41 @@
     <message>
         <source>Nothing is sent: &quot;%1&quot; is not the numeric address of a peer</source>
         <translation>Отправка невозможна: «%1» не является числовым адресом удалённой стороны</translation>
+    </message>
+    <message>
+        <source>Nothing is sent or received: the spool directory is the working directory, and received files would be sent back</source>
+        <translation>Ничего не отправляется и не принимается: каталог очереди совпадает с рабочим каталогом, и принятые файлы ушли бы обратно</translation>
+    </message>
+    <message>
+        <source>Can&apos;t read file %1, trying again: %2</source>
+        <translation>Нельзя прочитать файл %1, попытки продолжаются: %2</translation>
+    </message>
+    <message>
+        <source>The peer has lost part of file %1, it is sent afresh</source>
+        <translation>Удалённая сторона потеряла часть файла %1, он отправляется заново</translation>
+    </message>
+    <message>
+        <source>Nothing is sent: %1 with port %2 is this module itself</source>
+        <translation>Ничего не отправляется: %1 с портом %2 - это сам модуль</translation>
+    </message>
+    <message>
+        <source>Datagrams from %1 are dropped: it is not the peer</source>
+        <translation>Датаграммы от %1 отбрасываются: это не удалённая сторона</translation>
+    </message>
+    <message>
+        <source>Further lines about received files are left out for a minute</source>
+        <translation>Дальнейшие строки о принятых файлах на минуту опущены</translation>
+    </message>
+</context>
+<context>
+    <name>SpoolDirectory</name>
+    <message>
+        <source>Refused file %1: its name is no UTF-8 text</source>
+        <translation>Файл %1 отложен: его имя не является текстом в UTF-8</translation>
+    </message>
+    <message>
+        <source>Can&apos;t move file %1, whose name is no UTF-8 text</source>
+        <translation>Нельзя переместить файл %1, имя которого не является текстом в UTF-8</translation>
     </message>
 </context>
 <context>
@@ -241,12 +307,12 @@
         <translation>имя нельзя передать: оно длиннее %1 символов или не входит в Latin-1</translation>
     </message>
     <message>
-        <source>it cannot be read: %1</source>
-        <translation>его не удаётся прочитать: %1</translation>
-    </message>
-    <message>
         <source>it has more than %1 bytes when compressed</source>
         <translation>в сжатом виде в нём больше %1 байт</translation>
+    </message>
+    <message>
+        <source>A received file is not written, its name is not a plain one: %1</source>
+        <translation>Принятый файл не записан, его имя недопустимо: %1</translation>
     </message>
 </context>
 <context>
