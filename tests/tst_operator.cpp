@@ -150,7 +150,10 @@ void TestOperator::checkSaysWhatTwoModulesCannotShare()
 void TestOperator::spoolShowsWhatWaits()
 {
     const Workplace place;
-    place.writeFile(u"m.ini"_s, goodSettings(place));
+    place.writeFile(u"m.ini"_s, goodSettings(place) + "StatusFile=s.prom\n");
+    place.writeFile(u"s.prom"_s,
+        "# HELP morvane_up x\nmorvane_up{module=\"m\\\"}\"} 1\n"
+        "morvane_records_refused_total{module=\"m\",reason=\"kind\"} 3\nmorvane_odd 1\n");
     const QString unsendable(98, u'n');
     const QString script = uR"(cd "$0/spool" && mkdir refused .sent-dead .sent-alive
         touch x1 x2 x3 x4 x5 x6 x7 x8 x9 $1 refused/$1 refused/why refused/б refused/б.1
@@ -180,6 +183,8 @@ void TestOperator::spoolShowsWhatWaits()
         "its name is not in Latin-1|its name is not in Latin-1"_s);
     QCOMPARE(values(shown[u"unacknowledged"], u"ownerLives"_s), u"true|false"_s);
     QCOMPARE(values(shown[u"unacknowledged"], u"bytes"_s), u"0|5"_s);
+    QCOMPARE(shown[u"status"].toObject(),
+        QJsonObject({{u"up"_s, 1}, {u"records_refused_total{reason=\"kind\"}"_s, 3}}));
     // Nine empty files of three ticks each, two of eight; a second for every file.
     QCOMPARE(shown[u"udp"][u"packets"].toInt(), 5);
     QCOMPARE(shown[u"udp"][u"seconds"].toDouble(), 9 * 3 + 2 * 8 + 11.0);

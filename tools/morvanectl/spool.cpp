@@ -3,6 +3,7 @@
 #include "ModuleSettings.h"
 #include "Output.h"
 #include "SpoolObserver.h"
+#include "StatusPage.h"
 #include "StopSignals.h"
 
 #include <QCoreApplication>
@@ -29,30 +30,41 @@ In UDP mode it also compresses the files, as the module does, to tell the packet
 time that they take at the "Timeout" of the settings. Beyond 100 MB in one look the rest
 counts uncompressed, and the figures are upper bounds.
 
+Where the settings name a status file, its counters follow as the module has written them
+last, within ten seconds.
+
 Nothing in the spool is changed. It ends with status 0, or 1 if the spool cannot be read.)";
 
 // False, and said, if there is no such folder.
-bool show(SpoolObserver &observer, bool asJson)
+bool show(SpoolObserver &observer, const QString &statusFile, bool asJson)
 {
     if (const QString problem = observer.problem(); !problem.isEmpty()) {
         complain(u"spool: %1: %2"_s.arg(observer.path(), problem));
         return false;
     }
     const SpoolState state = observer.look();
-    if (asJson)
-        say(QString::fromUtf8(QJsonDocument(state.toJson()).toJson(QJsonDocument::Compact)));
-    else
-        say(state.toText());
+    const StatusPage page(statusFile);
+    if (!asJson) {
+        QString text = state.toText();
+        for (const QString &line : page.lines())
+            text += u"\nstatus   "_s + line;
+        say(text);
+        return true;
+    }
+    QJsonObject object = state.toJson();
+    if (!statusFile.isEmpty())
+        object.insert(u"status"_s, page.toJson());
+    say(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
     return true;
 }
 
-int watch(SpoolObserver &observer, bool asJson)
+int watch(SpoolObserver &observer, const QString &statusFile, bool asJson)
 {
     QTimer timer;
     const auto showAgain = [&] {
         if (!asJson)
             say(isTerminal() ? QString::fromLatin1(clearScreen) + timeStamp() : timeStamp());
-        if (!show(observer, asJson))
+        if (!show(observer, statusFile, asJson))
             QCoreApplication::exit(failureStatus);
     };
     timer.callOnTimeout(showAgain);
@@ -80,10 +92,14 @@ int runSpool(const QStringList &arguments)
         return failureStatus;
     }
     const QString directory = line.value(u"directory"_s);
-    const QString path = settings.spoolPath(directory.isEmpty() ? QDir::currentPath() : directory);
+    const QDir workingDirectory(directory.isEmpty() ? QDir::currentPath() : directory);
+    const QString path = settings.spoolPath(workingDirectory.path());
+    QString statusFile = settings.main(MainSettings::statusFile);
+    if (!statusFile.isEmpty())
+        statusFile = workingDirectory.absoluteFilePath(statusFile);
     SpoolObserver observer(path,
         settings.isUdp() ? std::optional(settings.number(MainSettings::timeout)) : std::nullopt);
     if (line.isSet(u"watch"_s))
-        return watch(observer, line.isSet(u"json"_s));
-    return show(observer, line.isSet(u"json"_s)) ? 0 : failureStatus;
+        return watch(observer, statusFile, line.isSet(u"json"_s));
+    return show(observer, statusFile, line.isSet(u"json"_s)) ? 0 : failureStatus;
 }
