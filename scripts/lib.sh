@@ -41,8 +41,18 @@ quietly() {
     fi
 }
 
+# A folder that root has made cannot be built in by others, and CMake's message does not say so.
+expectOwnBuild() {
+    mkdir -p "$root/build" 2>/dev/null || true
+    local foreign
+    foreign=$(find "$root/build" -maxdepth 2 ! -writable -print -quit 2>/dev/null) || true
+    [[ -d $root/build && -z $foreign ]] ||
+        die "${foreign:-$root/build} cannot be written to by this user: remove $root/build as its owner, or as root."
+}
+
 # installMissing PACKAGE...: installs those Debian packages that are not there yet.
 installMissing() {
+    expectOwnBuild
     local package missing=()
     if ! command -v dpkg-query >/dev/null; then
         note "This is no Debian system: make sure that it has what these packages hold: $*"
@@ -56,7 +66,9 @@ installMissing() {
         die "Missing packages: ${missing[*]}. Install them as root, or install sudo."
     fi
     note "Installing missing packages: ${missing[*]}"
-    quietly "$root/build/apt.log" asRoot apt-get update
+    # An installation may succeed with the lists that are there; if it fails, the update says why.
+    asRoot apt-get update >"$root/build/apt-update.log" 2>&1 ||
+        { note "apt-get update failed:" && tail -n 5 "$root/build/apt-update.log" >&2; }
     quietly "$root/build/apt.log" asRoot apt-get -o DPkg::Lock::Timeout=120 install -y \
         --no-install-recommends "${missing[@]}"
 }

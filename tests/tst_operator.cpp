@@ -52,6 +52,7 @@ private Q_SLOTS:
     void checkFindsEveryMistake_data();
     void checkFindsEveryMistake();
     void checkSaysWhatTwoModulesCannotShare();
+    void misspeltSubcommandGetsAHint();
     void spoolShowsWhatWaits();
     void spoolWatchesUntilItIsStopped();
 };
@@ -145,6 +146,16 @@ void TestOperator::checkSaysWhatTwoModulesCannotShare()
     Tool atHome(u"check --directory spool 1.ini"_s);
     QTRY_COMPARE_WITH_TIMEOUT(atHome.status(), 2, patience);
     QVERIFY2(atHome.says(":9: error: the spool folder is the working directory"), atHome.said);
+}
+
+void TestOperator::misspeltSubcommandGetsAHint()
+{
+    const Workplace place;
+    Tool tool(u"chek m.ini"_s), help(u"help spool"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 2, patience);
+    QVERIFY2(tool.complains("\"chek\", is \"check\" meant? See"), tool.complaints);
+    QTRY_COMPARE_WITH_TIMEOUT(help.status(), 0, patience);
+    QVERIFY2(help.says("Usage: morvanectl spool "), help.said);
 }
 
 void TestOperator::spoolShowsWhatWaits()

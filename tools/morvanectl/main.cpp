@@ -1,6 +1,9 @@
 #include "Commands.h"
+#include "Morvane.h"
+#include "NameGuess.h"
 #include "Output.h"
 #include "TLog.h"
+#include "Version.h"
 
 #include <QCoreApplication>
 
@@ -32,9 +35,26 @@ QString overview()
     for (const Subcommand &subcommand : subcommands)
         text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
     return text
-        + u"\n\"morvanectl SUBCOMMAND --help\" tells more about each.\n"
+        + u"\n\"morvanectl help SUBCOMMAND\" tells more about each, --version the version.\n"
           "Exit status: 0 done, 1 failed, 2 wrong usage, 3 received records were\n"
           "not kept; that of check tells what it found."_s;
+}
+
+const Subcommand *find(const QString &name)
+{
+    for (const Subcommand &subcommand : subcommands) {
+        if (subcommand.name == name)
+            return &subcommand;
+    }
+    return nullptr;
+}
+
+QStringList subcommandNames()
+{
+    QStringList names;
+    for (const Subcommand &subcommand : subcommands)
+        names.append(subcommand.name);
+    return names;
 }
 
 } // namespace
@@ -46,16 +66,23 @@ int main(int argc, char *argv[])
     pLog = new TLog(u"morvanectl"_s); // never enabled, but the bus classes write to it
     const QStringList arguments = QCoreApplication::arguments();
     const QString chosen = arguments.value(1);
-    if (chosen == u"--help"_s || chosen == u"-h"_s || chosen == u"help"_s) {
+    const bool isHelp = chosen == u"--help"_s || chosen == u"-h"_s || chosen == u"help"_s;
+    if (isHelp && (chosen != u"help"_s || arguments.size() < 3)) {
         say(overview());
         return honestStatus(0);
     }
-    for (const Subcommand &subcommand : subcommands) {
-        if (subcommand.name == chosen)
-            return honestStatus(subcommand.run(arguments.sliced(1)));
+    if (chosen == u"--version"_s) {
+        say(u"morvanectl %1, support library %2"_s.arg(Morvane::version(), getHarnixVersion()));
+        return honestStatus(0);
     }
-    complain((chosen.isEmpty() ? u"A subcommand is missing."_s
-                               : u"Unknown subcommand \"%1\"."_s.arg(chosen))
-        + u" See \"morvanectl --help\"."_s);
+    // "help COMMAND" is "COMMAND --help".
+    if (const Subcommand *subcommand = find(isHelp ? arguments.at(2) : chosen))
+        return honestStatus(subcommand->run(
+            isHelp ? QStringList{subcommand->name, u"--help"_s} : arguments.sliced(1)));
+    const QString unknown = isHelp ? arguments.at(2) : chosen;
+    const QString hint = guessHint(unknown, subcommandNames());
+    complain((unknown.isEmpty() ? u"A subcommand is missing"_s
+                                : u"Unknown subcommand \"%1\""_s.arg(unknown))
+        + (hint.isEmpty() ? u"."_s : hint) + u" See \"morvanectl --help\"."_s);
     return usageStatus;
 }
