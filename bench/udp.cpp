@@ -1,7 +1,7 @@
 // The transfer over UDP: ticks against the least that the rules allow, processor time a tick, and
 // the pace of the real module.
 
-#include "Kit.h"
+#include "Relay.h"
 
 #include "TTransferData.h"
 
@@ -268,20 +268,6 @@ void measureLoss(const Options &options, const RamFolder &folder)
 }
 
 // --- the pace of the module ---
-
-Socket boundUdp(int &port)
-{
-    Socket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    auto *plain = reinterpret_cast<sockaddr *>(&address);
-    check(::bind(socket.get(), plain, size), "bind");
-    ::getsockname(socket.get(), plain, &size);
-    port = ntohs(address.sin_port);
-    return socket;
-}
 
 // How often a timer of 1 ms fires in an event loop that has nothing else to do.
 double countQtTimer(double time)

@@ -7,7 +7,7 @@ source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 installMissing "${buildPackages[@]}"
 build bench
-programs=(road backlog parsing udp idle)
+programs=(road backlog parsing udp pace idle)
 
 printf '%-50s %10s %10s %-11s %6s  %-15s %s\n' \
     "figure (medians)" subject probe unit ratio "(least to most)" goal

@@ -108,6 +108,7 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a status file that would be sent", "Timeout=1000", "StatusFile=spool/s",
         "13: error: the st");
     row("a status file without a folder", "Timeout=1000", "StatusFile=no/s", "13: warning: the st");
+    row("no fixed pace", "Timeout=1000", "Timeout=0", "");
     row("transfers of days", "Timeout=1000", "Timeout=20000",
         "13: warning: \"Timeout\" = 20000 makes a transfer very slow: 1 MB, compressed, takes 1 d");
 }

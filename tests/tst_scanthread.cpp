@@ -86,6 +86,7 @@ private Q_SLOTS:
     void onlyThePeerIsHeard();
     void noDatagramThatTheKernelDropsDeafensIt();
     void stopWaitsForNoCompression();
+    void withoutAFixedPaceALargeFileIsSoonThere();
 
 private:
     std::optional<Folder> folder;
@@ -281,6 +282,20 @@ void tst_scanthread::stopWaitsForNoCompression()
     left.thread.stop();
     QVERIFY(left.thread.isFinished() && clock.elapsed() < 500);
     QVERIFY(left.holds(u"f"_s));
+}
+
+// At a pace of 1 ms this would take 20 seconds.
+void tst_scanthread::withoutAFixedPaceALargeFileIsSoonThere()
+{
+    Node left(leftPort, rightPort, u"left"_s, u"127.0.0.1"_s, 0);
+    Node right(rightPort, leftPort, u"right"_s, u"127.0.0.1"_s, 0);
+    left.put(u"f"_s, noise(4'000'000, 1));
+    right.put(u"g"_s, noise(4'000'000, 2));
+    left.thread.start();
+    right.thread.start();
+    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s) && !right.holds(u"g"_s), 15'000);
+    QVERIFY(folder->readFile(u"f"_s) == noise(4'000'000, 1));
+    QVERIFY(folder->readFile(u"g"_s) == noise(4'000'000, 2));
 }
 
 QTEST_GUILESS_MAIN(tst_scanthread)

@@ -15,11 +15,14 @@
 #include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
 
 namespace {
 
 constexpr int announcingTicks = 2; // data packets between two status requests, see timerEvent()
 constexpr int sendingTicks = 4;
+constexpr int stepsPerTick = 512; // without a fixed pace; then the event loop has its turn
+constexpr std::chrono::milliseconds quietPause(1); // a quiet tick, without a fixed pace
 constexpr qsizetype maxSentList = 25; // keeps a status request and its answer small
 constexpr char maxId = 127; // the next one is 0
 
@@ -77,7 +80,7 @@ TFileTransfer::TFileTransfer(int interval, int quiet, QObject *parent)
     , idleTicks(unsigned(quiet))
     , quietTicks(unsigned(quiet))
     , received(std::make_unique<ReceivedFiles>())
-    , tickInterval(std::max(interval, 1))
+    , tickInterval(interval)
 {
     connect(received.get(), &ReceivedFiles::written, this, &TFileTransfer::FileReceived);
     connect(received.get(), &ReceivedFiles::trouble, this, &TFileTransfer::Trouble);
@@ -220,7 +223,11 @@ void TFileTransfer::begin(Outgoing outgoing)
     lastSent = 0;
     tickCount = 0;
     sending = true;
-    ticker.start(tickInterval);
+    if (tickInterval > 0ms)
+        return ticker.start(tickInterval);
+    const auto now = PacedSender::Clock::now();
+    paced.begin(txMap.lastKey(), now);
+    wakeAt(now, now);
 }
 
 // --- sending ---
@@ -238,6 +245,8 @@ void TFileTransfer::timerEvent(QTimerEvent *)
         return;
     ++tickCount;
     ++idleTicks;
+    if (tickInterval == 0ms)
+        return sendPaced();
     if (idleTicks < quietTicks)
         return;
     if (tickCount > (infoAcked ? sendingTicks : announcingTicks))
@@ -261,8 +270,13 @@ void TFileTransfer::sendNextRecord()
     sentList.append(quint16(lastSent));
     if (sentList.size() > maxSentList)
         sentList.removeFirst();
+    emitRecord(lastSent, record);
+}
+
+void TFileTransfer::emitRecord(int number, const TTransferData &record)
+{
     QByteArray packet = Packet::makeData(
-        nextStamp(), txId, quint16(lastSent), QByteArrayView(record.data, record.length));
+        nextStamp(), txId, quint16(number), QByteArrayView(record.data, record.length));
     Q_EMIT SendData(packet);
 }
 
@@ -278,6 +292,47 @@ QMap<int, TTransferData>::iterator TFileTransfer::chooseRecord()
         return first;
     const auto next = txMap.upperBound(lastSent);
     return next != txMap.end() && next->sendCount < first->sendCount ? next : first;
+}
+
+// --- sending without a fixed pace ---
+
+void TFileTransfer::sendPaced()
+{
+    const auto now = PacedSender::Clock::now();
+    if (idleTicks < quietTicks)
+        return wakeAt(now + quietPause, now);
+    for (int i = 0; i < stepsPerTick && sending; ++i) { // a slot may end the sending
+        const PacedSender::Step step = paced.next(now);
+        if (const auto *wait = std::get_if<PacedSender::WaitUntil>(&step))
+            return wakeAt(wait->time, now);
+        if (const auto *request = std::get_if<PacedSender::SendRequest>(&step)) {
+            emitTwice(Packet::makeStatusRequest(nextStamp(), txId, request->numbers));
+            continue;
+        }
+        const int number = std::get<PacedSender::SendPacket>(step).number;
+        if (const auto record = txMap.constFind(number); record != txMap.cend())
+            emitRecord(number, *record);
+    }
+    if (sending)
+        wakeAt(now, now);
+}
+
+void TFileTransfer::wakeAt(PacedSender::Time time, PacedSender::Time now)
+{
+    nextWake = time;
+    ticker.startOnce(time - now);
+}
+
+void TFileTransfer::tellPacedSender(const Packet &acknowledgement)
+{
+    std::vector<quint16> numbers(size_t(acknowledgement.entryCount()));
+    for (size_t i = 0; i < numbers.size(); ++i)
+        numbers[i] = acknowledgement.entry(qsizetype(i));
+    const auto now = PacedSender::Clock::now();
+    paced.acknowledged(numbers, now);
+    // What it makes room for may leave soon, with whatever the next acknowledgements add.
+    if (nextWake > now + PacedSender::reaction)
+        wakeAt(now + PacedSender::reaction, now);
 }
 
 void TFileTransfer::receiveAcknowledgement(const Packet &packet)
@@ -297,6 +352,8 @@ void TFileTransfer::receiveAcknowledgement(const Packet &packet)
         if (txMap.isEmpty())
             return endSending();
     }
+    if (tickInterval == 0ms && infoAcked)
+        tellPacedSender(packet);
 }
 
 // In both cases a slot may open the next file.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "HeldCount.h"
+#include "PacedSender.h"
 #include "Packet.h"
 #include "TickTimer.h"
 
@@ -39,8 +40,9 @@ class TFileTransfer : public QObject
 {
     Q_OBJECT
 public:
-    // Milliseconds from tick to tick while a file is being sent, 1 at least; ticks that pass after
-    // peer traffic before the next packet.
+    // Milliseconds from tick to tick while a file is being sent; 0 for no fixed pace: a tick sends
+    // what PacedSender says, and comes when that asks for it. Ticks that pass after peer traffic
+    // before the next packet.
     TFileTransfer(int interval, int quietTicks, QObject *parent);
     ~TFileTransfer() override;
 
@@ -101,9 +103,13 @@ private:
     void emitTwice(QByteArray packet);
     void sendStatusRequest();
     void sendNextRecord();
+    void emitRecord(int number, const TTransferData &record);
+    void sendPaced();
+    void wakeAt(PacedSender::Time time, PacedSender::Time now);
     [[nodiscard]] QMap<int, TTransferData>::iterator chooseRecord();
     void receiveAcknowledgement(const Packet &packet);
     void endSending();
+    void tellPacedSender(const Packet &acknowledgement);
 
     void receiveRecord(const Packet &packet);
     [[nodiscard]] bool beginReceiving(const Packet &packet);
@@ -139,8 +145,10 @@ private:
     bool isRescued = false; // the file has been written with what was forgotten
     const std::unique_ptr<ReceivedFiles> received;
 
-    const std::chrono::milliseconds tickInterval;
+    const std::chrono::milliseconds tickInterval; // 0 for no fixed pace
     TickTimer ticker; // runs while sending
+    PacedSender paced; // where there is no fixed pace
+    PacedSender::Time nextWake;
 
     std::mutex handOverMutex; // guards handedOver, the one thing that other threads touch
     std::deque<Outgoing> handedOver;

@@ -33,7 +33,6 @@ constexpr auto longestFinish = 10s; // what an end waits for received files to b
 constexpr int receiveBufferBytes = 4 << 20; // the thread has other work than the socket's
 constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
 constexpr qsizetype maxDatagram = 65'536; // bytes; no datagram is longer
-constexpr unsigned short shortestTimeout = 1; // milliseconds; 0 would keep a core busy for ever
 
 // Building the text of a line costs more than sending the packet.
 bool isDebugOn()
@@ -68,7 +67,7 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     , remotePort(peerPort)
     , remoteHost(peerHost)
     , spoolDir(directory)
-    , fileTransfer(new TFileTransfer(std::max(timeout, shortestTimeout), 0, nullptr))
+    , fileTransfer(new TFileTransfer(timeout, 0, nullptr))
     , udpSocket(new QUdpSocket(this))
     , localPort(ownPort)
     , buffer(maxDatagram, '\0')

@@ -31,7 +31,8 @@ class ScanThread : public QThread
 {
     Q_OBJECT
 public:
-    // Ports of UDP; the peer's numeric address; milliseconds from packet to packet, 0 means 1.
+    // Ports of UDP; the peer's numeric address; milliseconds from packet to packet, 0 for as
+    // fast as the path carries.
     ScanThread(QObject *parent, unsigned short localPort, unsigned short remotePort,
         QString remoteHost, unsigned short timeout, QString spoolDir);
     ~ScanThread() override;

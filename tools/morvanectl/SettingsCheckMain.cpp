@@ -159,14 +159,12 @@ void SettingsCheck::checkPort(const Key &key)
 void SettingsCheck::checkPace()
 {
     const quint16 timeout = settings.number(MainSettings::timeout);
-    if (timeout == 0)
-        addMain(warning, MainSettings::timeout, u"\"Timeout\" of 0 counts as 1 millisecond"_s);
     const auto longest = UdpPace::duration(Packet::maxNumber, timeout);
-    if (longest < tooLong)
+    if (!longest || *longest < tooLong)
         return;
     addMain(warning, MainSettings::timeout,
         u"\"Timeout\" = %1 makes a transfer very slow: 1 MB, compressed, takes %2 and the largest "
         "file %3"_s.arg(QString::number(timeout),
-            UdpPace::text(UdpPace::duration(UdpPace::packets(oneMegabyte), timeout)),
-            UdpPace::text(longest)));
+            UdpPace::text(*UdpPace::duration(UdpPace::packets(oneMegabyte), timeout)),
+            UdpPace::text(*longest)));
 }

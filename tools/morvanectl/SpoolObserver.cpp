@@ -131,7 +131,10 @@ void SpoolObserver::addTransfer(
     transfer.isUpperBound |= !bytes;
     const qint64 packets = UdpPace::packets(bytes.value_or(std::min(mark.size, mostCompressed)));
     transfer.packets += packets;
-    transfer.duration += UdpPace::duration(packets, *timeout) + betweenFiles;
+    if (const auto duration = UdpPace::duration(packets, *timeout))
+        *transfer.duration += *duration + betweenFiles;
+    else
+        transfer.duration.reset();
 }
 
 // Nothing if the file cannot be read, or would take too long.

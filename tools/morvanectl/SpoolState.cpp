@@ -74,9 +74,11 @@ void addWaiting(Table &table, const SpoolState &state)
 void addTransfer(Table &table, const SpoolState::Transfer &transfer)
 {
     const QString limit = transfer.isUpperBound ? u"at most "_s : u""_s;
+    const QString packets = limit + counted(transfer.packets, u"packet"_s);
     table.add(u"UDP"_s,
-        u"%1%2, %1%3 over an undisturbed link"_s.arg(
-            limit, counted(transfer.packets, u"packet"_s), UdpPace::text(transfer.duration)));
+        transfer.duration ? u"%1, %2%3 over an undisturbed link"_s.arg(
+            packets, limit, UdpPace::text(*transfer.duration))
+                          : u"%1, as fast as the link carries them"_s.arg(packets));
 }
 
 } // namespace
@@ -124,7 +126,7 @@ QJsonObject SpoolState::toJson() const
     if (transfer)
         object.insert(u"udp"_s,
             QJsonObject{{u"packets"_s, transfer->packets},
-                {u"seconds"_s, secondsOf(transfer->duration)},
+                {u"seconds"_s, transfer->duration ? secondsOf(*transfer->duration) : QJsonValue()},
                 {u"upperBound"_s, transfer->isUpperBound}});
     return object;
 }

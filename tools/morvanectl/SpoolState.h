@@ -34,7 +34,8 @@ struct SpoolState
     struct Transfer
     {
         qint64 packets = 0;
-        std::chrono::milliseconds duration{0}; // over an undisturbed link
+        // Over an undisturbed link; none where no pace is set.
+        std::optional<std::chrono::milliseconds> duration = std::chrono::milliseconds(0);
         bool isUpperBound = false; // not all files could be compressed in acceptable time
     };
 

@@ -3,8 +3,6 @@
 #include "Output.h"
 #include "Packet.h"
 
-#include <algorithm>
-
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -12,7 +10,6 @@ namespace {
 constexpr qint64 announcingTicks = 3;
 constexpr qint64 roundTicks = 5;
 constexpr qint64 roundPackets = 4;
-constexpr quint16 shortestTick = 1; // milliseconds; a module takes 0 for it
 
 qint64 dividedUp(qint64 number, qint64 divisor)
 {
@@ -26,10 +23,12 @@ qint64 UdpPace::packets(qint64 compressedBytes)
     return dividedUp(compressedBytes, Packet::maxPayload);
 }
 
-std::chrono::milliseconds UdpPace::duration(qint64 packets, quint16 timeout)
+std::optional<std::chrono::milliseconds> UdpPace::duration(qint64 packets, quint16 timeout)
 {
+    if (timeout == 0)
+        return std::nullopt;
     const qint64 ticks = announcingTicks + dividedUp(packets, roundPackets) * roundTicks;
-    return std::chrono::milliseconds(ticks * std::max(timeout, shortestTick));
+    return std::chrono::milliseconds(ticks * timeout);
 }
 
 QString UdpPace::text(std::chrono::milliseconds duration)

@@ -3,6 +3,7 @@
 #include <QString>
 
 #include <chrono>
+#include <optional>
 
 // How fast a file travels over an undisturbed UDP link: one packet in every tick but each fifth,
 // which asks for acknowledgement, after three ticks that announce the file.
@@ -11,7 +12,8 @@ namespace UdpPace {
 // Data packets of a file with so many bytes when compressed.
 [[nodiscard]] qint64 packets(qint64 compressedBytes);
 
-[[nodiscard]] std::chrono::milliseconds duration(qint64 packets, quint16 timeout);
+// Nothing at a timeout of 0, which sends as fast as the link carries.
+[[nodiscard]] std::optional<std::chrono::milliseconds> duration(qint64 packets, quint16 timeout);
 
 // "950 ms", "12 s", "3 min 5 s", "1 h 23 min", "2 days 3 h"
 [[nodiscard]] QString text(std::chrono::milliseconds duration);

@@ -1,0 +1,267 @@
+// The transfer over UDP between real modules, through a path that loses, delays and has a
+// bottleneck: the pace that is found from acknowledgements (a Timeout of 0) beside the fixed one.
+
+#include "Relay.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+namespace {
+
+constexpr double settle = 1; // second after which the bottleneck is to be used
+constexpr size_t fixedBytes = 600'000; // three seconds at a Timeout of 1
+
+void writeNoise(const std::string &path, size_t bytes)
+{
+    std::vector<char> noise(bytes);
+    std::mt19937 random(1);
+    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+    std::FILE *file = std::fopen(path.c_str(), "w");
+    if (!file || std::fwrite(noise.data(), 1, noise.size(), file) != noise.size())
+        fail("cannot write " + path);
+    std::fclose(file);
+}
+
+int freePort()
+{
+    int port = 0;
+    boundUdp(port); // closed again at once
+    return port;
+}
+
+std::string lines(int timeout, int port, int localPort)
+{
+    return "Protocol=UDP\nTimeout=" + std::to_string(timeout) + "\nPort=" + std::to_string(port)
+        + "\nLocalPort=" + std::to_string(localPort) + '\n';
+}
+
+// Two modules; the left one sends files to the right one, through a relay or without one.
+class Pair
+{
+public:
+    Pair(Relay *relay, int timeout)
+    {
+        const int leftPort = freePort(), rightPort = freePort();
+        const int toRight = relay ? relay->addRoad(Relay::Forth, rightPort) : rightPort;
+        const int toLeft = relay ? relay->addRoad(Relay::Back, leftPort) : leftPort;
+        left.makeFolder("spool");
+        right.makeFolder("spool");
+        leftLines = lines(timeout, toRight, leftPort);
+        rightLines = lines(timeout, toLeft, rightPort);
+    }
+    void start()
+    {
+        receiver.emplace(right, rightLines);
+        sender.emplace(left, leftLines);
+    }
+    void put(size_t bytes)
+    {
+        size = bytes;
+        writeNoise(left.path("hidden"), bytes);
+        std::filesystem::rename(left.path("hidden"), left.path("spool/file"));
+    }
+    [[nodiscard]] bool hasArrived() const
+    {
+        std::error_code error;
+        return std::filesystem::file_size(right.path("file"), error) == size && !error;
+    }
+    [[nodiscard]] double processorSeconds() const { return sender->processorSeconds(); }
+
+private:
+    const RamFolder left, right;
+    std::string leftLines, rightLines;
+    std::optional<Module> receiver, sender;
+    size_t size = 0;
+};
+
+// Waits until the road has let the first packet through; gives the time.
+double waitForFirst(const Relay &relay, size_t road)
+{
+    while (relay.packets(road) == 0)
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    return seconds();
+}
+
+// Bytes of a file of 1 MB that arrive in a second, counted from its first packet.
+double goodput(const PathSettings &path, int timeout, size_t bytes)
+{
+    Relay relay(path);
+    Pair pair(&relay, timeout);
+    relay.start();
+    pair.put(bytes);
+    pair.start();
+    const double begin = waitForFirst(relay, 0);
+    while (!pair.hasArrived())
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    return double(bytes) / (seconds() - begin);
+}
+
+void measureLoss(const Options &options)
+{
+    const struct
+    {
+        double loss;
+        double fixedGoal, pacedGoal;
+    } rows[] = {{0, 196'000, 2e6}, {0.1, 176'000, 1.2e6}, {0.33, 128'000, 6e5}};
+    const size_t bytes = size_t(options.amount(1'000'000, 50'000));
+    for (const auto &row : rows) {
+        PathSettings path;
+        path.loss = row.loss;
+        char goal[100];
+        std::snprintf(goal, sizeof(goal), ">= %.0f and >= %.0f", row.pacedGoal, row.fixedGoal);
+        Figure figure("UDP, 1 MB, 25 ms and " + std::to_string(int(row.loss * 100))
+                + " % lost each way: Timeout 0 to 1",
+            "bytes/s", goal);
+        for (int run = 0; run < options.runs(); ++run)
+            figure.add(goodput(path, 0, bytes), goodput(path, 1, bytes));
+        figure.print();
+    }
+}
+
+struct Use
+{
+    double share = 0; // of the bottleneck, after the first second
+    double overflow = 0; // share of the datagrams
+};
+
+Use useOf(double megabits, int timeout, size_t bytes)
+{
+    PathSettings path;
+    path.bitsPerSecond = megabits * 1e6;
+    Relay relay(path);
+    Pair pair(&relay, timeout);
+    relay.start();
+    pair.put(bytes);
+    pair.start();
+    const double begin = waitForFirst(relay, 0);
+    std::this_thread::sleep_for(std::chrono::duration<double>(settle));
+    const double before = relay.bytes(0), from = seconds();
+    while (!pair.hasArrived() && seconds() < begin + 30)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return {(relay.bytes(0) - before) * 8 / (seconds() - from) / path.bitsPerSecond,
+        relay.overflowShare(Relay::Forth)};
+}
+
+size_t bytesFor(const Options &options, double megabits)
+{
+    return size_t(std::min(megabits * options.amount(1'000'000, 300'000), 16'000'000.0));
+}
+
+void measureBottleneck(const Options &options)
+{
+    for (const double megabits : {1.0, 10.0, 50.0}) {
+        const std::string name = std::to_string(int(megabits)) + " Mb/s";
+        const size_t bytes = bytesFor(options, megabits);
+        Figure paced("UDP, bottleneck of " + name + ": used at Timeout 0", "Mb/s", ">= 0.85");
+        Figure fixed("  at Timeout 1", "Mb/s");
+        std::vector<double> overflow;
+        for (int run = 0; run < options.runs(); ++run) {
+            const Use use = useOf(megabits, 0, bytes);
+            paced.add(use.share * megabits, megabits);
+            overflow.push_back(use.overflow);
+            fixed.add(useOf(megabits, 1, std::min(bytes, fixedBytes)).share * megabits, megabits);
+        }
+        std::sort(overflow.begin(), overflow.end());
+        paced.print();
+        std::printf("%-50s %10.2f %10s %%\n", "  lost in its queue at Timeout 0",
+            overflow[overflow.size() / 2] * 100, "");
+        fixed.print();
+    }
+}
+
+// Bytes of two transfers while both are under way, from a second after the second one's start on.
+void measureSharing(const Options &options)
+{
+    for (const double megabits : {1.0, 10.0, 50.0}) {
+        Figure figure(
+            "UDP, two transfers through " + std::to_string(int(megabits)) + " Mb/s: more to less",
+            "Mb/s", "<= 2");
+        for (int run = 0; run < options.runs(); ++run) {
+            PathSettings path;
+            path.bitsPerSecond = megabits * 1e6;
+            Relay relay(path);
+            Pair one(&relay, 0), two(&relay, 0);
+            relay.start();
+            for (Pair *pair : {&one, &two}) {
+                pair->put(bytesFor(options, megabits));
+                pair->start();
+            }
+            waitForFirst(relay, 0);
+            waitForFirst(relay, 2);
+            std::this_thread::sleep_for(std::chrono::duration<double>(settle));
+            const double first = relay.bytes(0), second = relay.bytes(2), from = seconds();
+            while (!one.hasArrived() && !two.hasArrived())
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            const double time = (seconds() - from) * 1e6 / 8;
+            const double rates[] = {
+                (relay.bytes(0) - first) / time, (relay.bytes(2) - second) / time};
+            figure.add(std::max(rates[0], rates[1]), std::min(rates[0], rates[1]));
+        }
+        figure.print();
+    }
+}
+
+// From the file in the spool to the file at the peer, the wait for the next scan included.
+void measureLoopback(const Options &options)
+{
+    const auto bytes = size_t(options.amount(4'000'000, 100'000));
+    Figure figure("UDP, 4 MB without a relay, from spool to peer", "s", "<= 2");
+    for (int run = 0; run < options.runs(); ++run) {
+        Pair pair(nullptr, 0);
+        pair.start();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200 * run + 500));
+        pair.put(bytes);
+        const double begin = seconds();
+        waitUntil([&] { return pair.hasArrived(); }, "the file");
+        figure.add(seconds() - begin, 1);
+    }
+    figure.print();
+}
+
+// For a picture: every 50 ms the rates of two transfers and the queue, the second one some seconds
+// after the first one.
+void trace(double megabits, double loss)
+{
+    PathSettings path;
+    path.bitsPerSecond = megabits * 1e6;
+    path.loss = loss;
+    Relay relay(path);
+    Pair one(&relay, 0), two(&relay, 0);
+    relay.start();
+    one.put(bytesFor(Options(0, nullptr), megabits));
+    one.start();
+    const double begin = waitForFirst(relay, 0);
+    two.put(bytesFor(Options(0, nullptr), megabits) / 2);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    two.start();
+    double last[] = {0, 0};
+    constexpr double step = 0.05;
+    for (int i = 1; !one.hasArrived() || !two.hasArrived(); ++i) {
+        std::this_thread::sleep_for(std::chrono::duration<double>(begin + i * step - seconds()));
+        std::printf("%.2f", i * step);
+        for (const size_t road : {size_t(0), size_t(2)}) {
+            const double bytes = relay.bytes(road);
+            std::printf(" %.3f", (bytes - std::exchange(last[road / 2], bytes)) * 8 / step / 1e6);
+        }
+        std::printf(" %.1f\n", relay.queueNow(Relay::Forth) * 1e3);
+    }
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    if (argc > 1 && std::strcmp(argv[1], "--trace") == 0) {
+        trace(argc > 2 ? std::atof(argv[2]) : 10, argc > 3 ? std::atof(argv[3]) : 0);
+        return 0;
+    }
+    const Options options(argc, argv);
+    measureLoss(options);
+    measureBottleneck(options);
+    measureSharing(options);
+    measureLoopback(options);
+}
