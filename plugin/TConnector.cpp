@@ -23,8 +23,10 @@ constexpr auto connectPoll = 50ms; // between two looks at a server whose queue 
 constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
 constexpr qsizetype inboxBytes = 16'384; // kept by each connection; a larger body passes it by
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
-constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread loses frames,
-constexpr qint64 resumeBytes = maxUnreadBytes / 2; // until it has read down to this
+constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread must make progress
+constexpr qint64 mostUnreadBytes = 67'108'864; // room for one more of the longest frames
+constexpr qint64 resumeBytes = maxUnreadBytes / 2; // the backlog has been read
+constexpr auto holdInterval = 250ms; // between two looks whether senders may go on
 constexpr int adminLostStatus = 5; // exit status of the process
 
 constexpr char watchReport[] = "Watch_Arrow";
@@ -107,6 +109,28 @@ qint64 TMyLocalSocket::takeLarge(char *to, qint64 size)
     return count;
 }
 
+void TMyLocalSocket::judge(std::chrono::milliseconds patience)
+{
+    // What the kernel can take now counts, however long this process was busy.
+    if (bytesToWrite() > maxUnreadBytes)
+        flush();
+    const qint64 unread = bytesToWrite();
+    if (unread < lastUnread || unread <= maxUnreadBytes)
+        sinceProgress.start();
+    lastUnread = unread;
+    if (stalled)
+        stalled = unread > resumeBytes;
+    else
+        stalled = unread > mostUnreadBytes
+            || (unread > maxUnreadBytes && sinceProgress.hasExpired(patience.count()));
+}
+
+void TMyLocalSocket::enqueue(const QByteArray &frame)
+{
+    write(frame);
+    lastUnread = bytesToWrite();
+}
+
 TMyLocalServer::TMyLocalServer(QObject *parent)
     : QLocalServer(parent)
 {
@@ -132,6 +156,10 @@ TConnector::TConnector(QObject *parent)
     connect(adminConnection, &QLocalSocket::errorOccurred, this, &TConnector::connectionAdminError);
     connect(adminConnection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
     connect(server, &TMyLocalServer::newConnection, this, &TConnector::newInConnection);
+    connect(&holdTimer, &QTimer::timeout, this, &TConnector::releaseSenders);
+    // Queued: the signal comes while a frame is written, which may be inside the receive loop.
+    connect(adminConnection, &QLocalSocket::bytesWritten, this, &TConnector::releaseSenders,
+        Qt::QueuedConnection);
 }
 
 void TConnector::SetServerName(QString name)
@@ -265,6 +293,7 @@ void TConnector::DisconnectOutConnection()
     auto *socket = qobject_cast<TMyLocalSocket *>(sender());
     if (!socket)
         return;
+    sayDropped(socket);
     pLog->Message(
         tr("Connnection Disconnect: %0\n").arg(shownNameOf(socket)), TLog::Priority::Warning);
     socket->abort();
@@ -281,6 +310,7 @@ void TConnector::connectionAdminError(QLocalSocket::LocalSocketError)
 
 void TConnector::DisconnectAdminConnection()
 {
+    sayDropped(adminConnection);
     pLog->Message(tr("Admin connection is closed. Stopping application."), TLog::Priority::Warning);
     QCoreApplication::exit(adminLostStatus);
 }
@@ -303,6 +333,7 @@ void TConnector::DisconnectInConnection()
     socket->setParent(nullptr);
     socket->deleteLater();
     pLog->Message(tr("Connection in disconnection: %0\n").arg(shownNameOf(socket)));
+    sayDropped(socket);
 }
 
 void TConnector::connectionInError(QLocalSocket::LocalSocketError)
@@ -324,10 +355,40 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
     // A slot that hears of a frame may abort the socket: then the rest is lost with it.
     BusFrame frame; // one for all, so that small frames share its memory
     ++readDepth;
-    while (socket->isOpen() && takeFrame(socket, frame))
+    while (socket->isOpen() && !mustWait(socket) && takeFrame(socket, frame))
         dispatch(frame, socket);
     if (--readDepth == 0)
         Q_EMIT ReadDone();
+}
+
+// The administration server's own commands never wait: one of them may switch a watch off.
+bool TConnector::mustWait(const TMyLocalSocket *socket)
+{
+    if (socket == adminConnection)
+        return false;
+    if (!holdsSenders && adminConnection->isOpen() && !adminConnection->stalled
+        && adminConnection->bytesToWrite() > maxUnreadBytes) {
+        holdsSenders = true;
+        holdTimer.start(holdInterval);
+    }
+    return holdsSenders;
+}
+
+void TConnector::releaseSenders()
+{
+    if (!holdsSenders)
+        return;
+    judge(adminConnection);
+    if (adminConnection->isOpen() && !adminConnection->stalled
+        && adminConnection->bytesToWrite() > resumeBytes)
+        return;
+    holdsSenders = false;
+    holdTimer.stop();
+    const QList<TMyLocalSocket *> sockets = outConnections + inConnections;
+    for (TMyLocalSocket *socket : sockets) {
+        if (outConnections.contains(socket) || inConnections.contains(socket))
+            SlotNewData(socket);
+    }
 }
 
 // False while the next frame is incomplete. A length of 0 or less gives an empty one.
@@ -441,14 +502,34 @@ void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
 {
     if (!socket->isOpen())
         return;
-    const bool wasStalled = socket->stalled;
-    socket->stalled = socket->bytesToWrite() > (wasStalled ? resumeBytes : maxUnreadBytes);
+    judge(socket);
+    if (!socket->isOpen())
+        return;
     if (!socket->stalled)
-        socket->write(frame);
-    else if (!wasStalled)
+        return socket->enqueue(frame);
+    ++socket->droppedFrames;
+    socket->droppedBytes += frame.size();
+}
+
+void TConnector::judge(TMyLocalSocket *socket)
+{
+    const bool wasStalled = socket->stalled;
+    socket->judge(patience);
+    if (socket->stalled && !wasStalled)
         pLog->Message(
-            tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)),
-            TLog::Priority::Warning);
+            tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)));
+    else if (!socket->stalled)
+        sayDropped(socket);
+}
+
+void TConnector::sayDropped(TMyLocalSocket *socket)
+{
+    if (socket->droppedFrames == 0)
+        return;
+    pLog->Message(tr("Connection %1: %2 frames of %3 bytes were dropped, because it did not read")
+                      .arg(shownNameOf(socket), QString::number(socket->droppedFrames),
+                          QString::number(socket->droppedBytes)));
+    socket->droppedFrames = socket->droppedBytes = 0;
 }
 
 void TConnector::send(TMyLocalSocket *socket, const QByteArray &frame)

@@ -2,11 +2,15 @@
 
 #include <QByteArray>
 #include <QByteArrayView>
+#include <QElapsedTimer>
 #include <QList>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QString>
+#include <QTimer>
+
 #include <QStringList>
+#include <chrono>
 
 struct BusFrame;
 
@@ -26,8 +30,16 @@ public:
     int expectedSize = 0;
     // What has been taken of a large body so far.
     QByteArray gathered;
-    // The peer reads so slowly that frames for it are being dropped.
+    // The peer does not read, and frames for it are being dropped.
     bool stalled = false;
+    // Those frames so far.
+    qint64 droppedFrames = 0;
+    qint64 droppedBytes = 0;
+
+    // Judges the peer by what it takes: it is stalled after it has taken no byte for so long, while
+    // more than 16 MiB wait for it, or when more than 64 MiB wait, until 8 MiB are left.
+    void judge(std::chrono::milliseconds patience);
+    void enqueue(const QByteArray &frame);
 
     // Bytes that have arrived and have not been taken.
     [[nodiscard]] qint64 waitingBytes() const { return inbox.size() - taken + bytesAvailable(); }
@@ -53,6 +65,9 @@ private:
     // else that is done with one of them.
     QByteArray inbox;
     qsizetype taken = 0; // bytes of the inbox
+
+    qint64 lastUnread = 0; // bytes that waited for the peer when it was looked at
+    QElapsedTimer sinceProgress; // of the peer
 };
 
 // Listens under a bus name and hands out every accepted connection, open, by signal.
@@ -102,6 +117,9 @@ public:
 
     // Whether frames of one read are being dispatched: ReadDone() follows.
     [[nodiscard]] bool isReading() const { return readDepth > 0; }
+
+    // How long a peer may read nothing before frames for it are dropped.
+    void setPatience(std::chrono::milliseconds time) { patience = time; }
 
     // Sends a whole frame to the administration server at once; lost if it is not connected.
     void sendToAdmin(const QByteArray &frame);
@@ -154,6 +172,10 @@ private:
     void dispatch(BusFrame &frame, TMyLocalSocket *socket);
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
+    void judge(TMyLocalSocket *socket);
+    void sayDropped(TMyLocalSocket *socket);
+    [[nodiscard]] bool mustWait(const TMyLocalSocket *socket);
+    void releaseSenders();
 
     bool firstStart = true;
     TMyLocalServer *server;
@@ -162,6 +184,11 @@ private:
     int readDepth = 0; // a slot may have another connection read
     QList<TMyLocalSocket *> inConnections;
     QList<TMyLocalSocket *> outConnections;
+    std::chrono::milliseconds patience{5'000};
+    // Frames of the other connections wait until the administration server has read its backlog,
+    // which they would lengthen.
+    bool holdsSenders = false;
+    QTimer holdTimer;
 
 public:
     TMyLocalSocket *adminConnection; // the plugin base sets its name

@@ -90,6 +90,7 @@ private Q_SLOTS:
     void slotMayCloseTheSocketItHearsFrom();
     void watchModeMirrorsData();
     void dataGoesToWhomItIsFor();
+    void administrationServerThatReadsGetsEverything();
     void administrationServerThatNeverReadsCostsBoundedMemory();
     void baseSettingsReachTheConnector_data();
     void baseSettingsReachTheConnector();
@@ -275,19 +276,49 @@ void TestBus::dataGoesToWhomItIsFor()
     QCOMPARE(nameless.readAll(), toAll);
 }
 
+void TestBus::administrationServerThatReadsGetsEverything()
+{
+    Bench bench;
+    const BusServer admin(u"admin"_s);
+    bench.start("admin");
+    BusClient client(u"me"_s);
+    client.write(BusFrame::makeCommand("Watch_Arrow_On", "", 1));
+    for (int i = 0; i < 4; ++i)
+        client.write(BusFrame::makeData(uchar(i), QByteArray(20'000'000, char('a' + i))));
+    QTRY_COMPARE_WITH_TIMEOUT(bench.heard.size(), 4, 20'000);
+    QByteArray name("About"), text("text"), none("");
+    bench.SetAction(name, text, none, 7); // while the last mirror is on its way
+    QTRY_COMPARE_WITH_TIMEOUT(admin.heard().size(), 6, 20'000);
+    QCOMPARE(admin.heard().last(), u"202 About text  7"_s);
+    QVERIFY(bench.place.logged().filter(u"read"_s).isEmpty());
+}
+
 void TestBus::administrationServerThatNeverReadsCostsBoundedMemory()
 {
     Bench bench;
     BusServer admin(u"admin"_s);
     admin.reading = false;
+    bench.bus().setPatience(std::chrono::milliseconds(100));
     bench.start("admin");
     QTRY_COMPARE(admin.sockets.size(), 1);
 
-    QByteArray name("InData"), text(1'000'000, 'x'), none("");
-    for (int i = 0; i < 60; ++i)
-        bench.SetAction(name, text, none, -1);
+    // Senders wait for a moment, and no longer.
+    BusClient client(u"me"_s);
+    client.write(BusFrame::makeCommand("Watch_Arrow_On", "", 1));
+    for (int i = 0; i < 30; ++i)
+        client.write(BusFrame::makeData(1, QByteArray(1'000'000, 'x')));
+    QTRY_COMPARE_WITH_TIMEOUT(bench.heard.size(), 30, 20'000);
     QVERIFY(bench.bus().adminConnection->bytesToWrite() < 20'000'000);
     QCOMPARE(bench.place.logged().filter(u"does not read"_s).size(), 1);
+    admin.dropConnections();
+    QTRY_COMPARE(bench.place.logged().filter(u"bytes were dropped, because"_s).size(), 1);
+
+    Bench hasty; // what nothing can hold up
+    hasty.start("admin");
+    QByteArray name("InData"), text(1'000'000, 'x'), none("");
+    for (int i = 0; i < 90; ++i)
+        hasty.SetAction(name, text, none, -1);
+    QVERIFY(hasty.bus().adminConnection->bytesToWrite() < 70'000'000);
 }
 
 void TestBus::baseSettingsReachTheConnector_data()

@@ -299,6 +299,10 @@
         <source>Connection %1 does not read: frames for it are dropped</source>
         <translation>Соединение %1 не читает данные: кадры для него отбрасываются</translation>
     </message>
+    <message>
+        <source>Connection %1: %2 frames of %3 bytes were dropped, because it did not read</source>
+        <translation>Соединение %1: отброшено кадров: %2, байтов: %3, потому что оно не читало</translation>
+    </message>
 </context>
 <context>
     <name>TFileTransfer</name>
