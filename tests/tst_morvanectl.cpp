@@ -320,6 +320,17 @@ void TestMorvanectl::linesCanBeEditedOnATerminal()
     terminal.write("\x1b[A\n"); // the line before this one
     heard += command("About", 2);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    // Nothing ends the module but a "stop" with a yes, and no unknown word reaches it.
+    terminal.write(
+        "abuot\nquit\nQuitSignal\nstop nobody\nstop node1\nn\nsend-command node1 Raw x\n");
+    heard += command("Raw x", 3);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    terminal.write("stop all\ny\n");
+    heard += command("QuitSignal", 4);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    shown += terminal.readAll();
+    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves", "Nothing was stopped"})
+        QVERIFY2(shown.contains(text), shown);
     terminal.write("\x04"); // the end of the input
     QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
     QCOMPARE(terminal.exitCode(), 0);

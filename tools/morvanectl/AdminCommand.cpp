@@ -1,5 +1,7 @@
 #include "AdminCommand.h"
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -19,6 +21,12 @@ const Word words[] = {
     {u"quit"_s, "QuitSignal"},
 };
 
+// What stands behind "stop" and "send-command": a module's name, or "all".
+QByteArray moduleOf(const QString &name)
+{
+    return name == "all"_L1 ? QByteArray() : name.toUtf8();
+}
+
 bool isSwitch(const QString &word)
 {
     return word == "watch"_L1 || word == "arrows"_L1;
@@ -29,6 +37,15 @@ bool isSwitch(const QString &word)
 std::optional<AdminCommand> AdminCommand::read(const QString &text)
 {
     const QString plain = text.simplified();
+    const QString first = plain.section(u' ', 0, 0), second = plain.section(u' ', 1, 1);
+    if (first == "stop"_L1)
+        return second.isEmpty() || plain.count(u' ') > 1
+            ? std::nullopt
+            : std::optional(AdminCommand{"QuitSignal", moduleOf(second)});
+    if (first == "send-command"_L1)
+        return plain.count(u' ') < 2
+            ? std::nullopt
+            : std::optional(AdminCommand{plain.section(u' ', 2).toUtf8(), moduleOf(second)});
     for (const Word &word : words) {
         if (plain == word.text)
             return AdminCommand{word.command, {}};
@@ -39,9 +56,17 @@ std::optional<AdminCommand> AdminCommand::read(const QString &text)
             return std::nullopt;
         return AdminCommand{word.command, module.toUtf8()};
     }
-    if (isSwitch(plain.section(u' ', 0, 0)))
+    if (isSwitch(first))
         return std::nullopt;
-    return AdminCommand{text.toUtf8(), {}};
+    const bool isKnown = std::any_of(std::begin(words), std::end(words),
+        [&](const Word &word) { return plain == QLatin1StringView(word.command); });
+    return AdminCommand{text.toUtf8(), {}, isKnown};
+}
+
+QStringList AdminCommand::firstWords()
+{
+    return {u"about"_s, u"arrows"_s, u"exit"_s, u"help"_s, u"modules"_s, u"quit"_s,
+        u"send-command"_s, u"stop"_s, u"watch"_s};
 }
 
 QStringList AdminCommand::textsOf(const QStringList &arguments)

@@ -2,6 +2,7 @@
 
 #include "AdminCommand.h"
 #include "AdminServer.h"
+#include "NameGuess.h"
 #include "Output.h"
 
 #include <QCoreApplication>
@@ -13,6 +14,16 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype longestCommand = 4'096; // bytes of one typed line
+constexpr char help[] =
+    R"(about [MODULE]                 the module describes itself
+watch on|off [MODULE]          reports of records and link events
+arrows on|off [MODULE]         reports of every data frame
+modules                        the modules that are connected
+send-command MODULE|all TEXT   any other command, as it stands
+stop MODULE|all                ends modules, after a question
+exit, Ctrl-D                   leaves this tool)";
+constexpr char quitExplained[] =
+    "\"exit\" leaves this tool; \"stop MODULE\" and \"stop all\" end modules.";
 constexpr qsizetype mostWaiting = 1'000; // commands typed before a module is there
 
 } // namespace
@@ -26,7 +37,7 @@ TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
         ended = true; // nothing is read past the editor
         input.setEnabled(false);
         editor.emplace("> ");
-        connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeLine);
+        connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeTyped);
         connect(&*editor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
     }
     connect(&input, &QSocketNotifier::activated, this, &TypedCommands::read);
@@ -64,6 +75,53 @@ void TypedCommands::takeLine(const QByteArray &line)
     if (server.modules().isEmpty())
         complain(u"admin: no module is connected, \"%1\" waits for one"_s.arg(printable(command)));
     sendWaiting();
+}
+
+// From a person: only what is known goes to the modules, and nothing ends them unasked.
+void TypedCommands::takeTyped(const QByteArray &line)
+{
+    const QString text = QString::fromUtf8(line).simplified();
+    const QString first = text.section(u' ', 0, 0);
+    if (!asked.isEmpty())
+        return answer(text);
+    if (first == "exit"_L1)
+        return QCoreApplication::exit(0);
+    if (first == "help"_L1)
+        return say(QString::fromLatin1(help));
+    if (first == "quit"_L1 || first == "QuitSignal"_L1)
+        return say(QString::fromLatin1(quitExplained));
+    if (first == "modules"_L1) {
+        for (TMyLocalSocket *module : server.modules())
+            say(server.nameOf(module));
+        return;
+    }
+    const std::optional<AdminCommand> command = AdminCommand::read(text);
+    if (command && first == "stop"_L1)
+        return askToStop(*command);
+    if (command && !command->isKnown)
+        return complain(u"admin: unknown command \"%1\"%2. See \"help\"."_s.arg(
+            printable(first.toUtf8()), guessHint(first, AdminCommand::firstWords())));
+    takeLine(line);
+}
+
+void TypedCommands::askToStop(const AdminCommand &command)
+{
+    QStringList names;
+    for (TMyLocalSocket *module : server.modules(command.module))
+        names += server.nameOf(module);
+    if (names.isEmpty())
+        return complain(u"admin: no such module is connected, see \"modules\""_s);
+    asked = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
+    say(u"Ends %1 with status 0; a service manager does not start it again. Sure? [y/N]"_s.arg(
+        names.join(u", "_s)));
+}
+
+void TypedCommands::answer(const QString &line)
+{
+    const QByteArray command = std::exchange(asked, {});
+    if (line == "y"_L1 || line == "yes"_L1)
+        return takeLine(command);
+    say(u"Nothing was stopped."_s);
 }
 
 void TypedCommands::sendWaiting()

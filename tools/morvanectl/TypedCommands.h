@@ -9,6 +9,7 @@
 #include <optional>
 
 class AdminServer;
+struct AdminCommand;
 
 // The commands on standard input; on a terminal its lines can be edited. They wait while no module
 // is there, and from a script, beyond a limit, outside of this process.
@@ -24,6 +25,9 @@ public:
 private:
     void read();
     void takeLine(const QByteArray &line);
+    void takeTyped(const QByteArray &line);
+    void askToStop(const AdminCommand &command);
+    void answer(const QString &line);
     void sendWaiting();
     void send(const QByteArray &line);
 
@@ -34,5 +38,6 @@ private:
     QByteArray unfinished; // line
     bool discarding = false; // the rest of a line that is too long
     QByteArrayList waiting;
+    QByteArray asked; // the command that ends modules and waits for a yes
     qint32 id; // of the next command
 };

@@ -25,8 +25,10 @@ Every argument COMMAND and every line on standard input is one command:
   about             the module describes itself         (About)
   watch on|off      reports of records and link events  (Input_Data_On, Input_Data_Off)
   arrows on|off     reports of every data frame         (Watch_Arrow_On, Watch_Arrow_Off)
-  quit              the module ends with status 0       (QuitSignal)
-A module's name behind it sends a command to that one only, as in "quit NAME"; as an
+  stop MODULE|all   the module ends with status 0       (QuitSignal)
+  quit              the same as "stop all", but not on a terminal
+  send-command MODULE|all TEXT   any other command, as it stands
+A module's name behind it sends a command to that one only, as in "about NAME"; as an
 argument that is one, in quotes. The modules' own names, in brackets above, and any
 other text are sent to all as they stand; modules ignore what they do not know.
 
@@ -37,7 +39,8 @@ server leaves, unless --stay or --for keep it.
   NOTE: a module ends with status 5 when its administration server goes.
 
 Commands on standard input that come before any module wait for the first one. On a
-terminal a line can be edited, and the arrow keys bring earlier ones back. The end
+terminal a line can be edited, and the arrow keys bring earlier ones back; "exit" and
+Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help" tells more. The end
 of standard input ends the server only on a terminal; in a script it stays until
 --for is over, SIGINT or SIGTERM, each with status 0. The bus lies in the temporary
 folder: TMPDIR must be the same for all its processes.
