@@ -308,7 +308,9 @@ void TestMorvanectl::linesCanBeEditedOnATerminal()
     const Workplace place;
     QProcess terminal;
     terminal.start(u"script"_s,
-        {u"-qfec"_s, QCoreApplication::applicationDirPath() + u"/morvanectl admin admin"_s,
+        {u"-qfec"_s,
+            u"TERM=xterm "_s + QCoreApplication::applicationDirPath()
+                + u"/morvanectl admin admin"_s,
             u"/dev/null"_s});
     QByteArray shown;
     QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("> "), patience);
@@ -334,6 +336,15 @@ void TestMorvanectl::linesCanBeEditedOnATerminal()
     terminal.write("\x04"); // the end of the input
     QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
     QCOMPARE(terminal.exitCode(), 0);
+
+    terminal.start(u"script"_s,
+        {u"-qfec"_s,
+            u"TERM=dumb "_s + QCoreApplication::applicationDirPath() + u"/morvanectl admin dumb"_s,
+            u"/dev/null"_s});
+    terminal.write("quit\nexit\n");
+    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
+    const QByteArray plain = terminal.readAll();
+    QVERIFY2(plain.contains("\"exit\" leaves") && !plain.contains("\x1b["), plain);
 }
 
 QTEST_GUILESS_MAIN(TestMorvanectl)

@@ -18,7 +18,7 @@ constexpr char plain[] = "\x1b[0m";
 
 QString coloured(const QString &text, const char *colour)
 {
-    if (!isTerminal() || *colour == '\0')
+    if (!hasColours() || *colour == '\0')
         return text;
     return QString::fromLatin1(colour) + text + QString::fromLatin1(plain);
 }

@@ -41,7 +41,7 @@ LineEditor::~LineEditor()
 
 bool LineEditor::isPossible()
 {
-    return ::isatty(STDIN_FILENO) == 1 && isTerminal();
+    return ::isatty(STDIN_FILENO) == 1 && isFullTerminal();
 }
 
 void LineEditor::open()

@@ -72,6 +72,17 @@ bool isTerminal()
     return ::isatty(STDOUT_FILENO) == 1;
 }
 
+bool isFullTerminal()
+{
+    const QByteArray kind = qgetenv("TERM");
+    return isTerminal() && !kind.isEmpty() && kind != "dumb";
+}
+
+bool hasColours()
+{
+    return isFullTerminal() && qgetenv("NO_COLOR").isEmpty();
+}
+
 QString timeStamp()
 {
     return QDateTime::currentDateTime().toString(u"yyyy-MM-dd HH:mm:ss.zzz");

@@ -33,6 +33,9 @@ void setOpenLine(OpenLine *line); // null: there is none
 
 // Whether a person is looking at standard output.
 [[nodiscard]] bool isTerminal();
+// Whether the terminal there can move its cursor; and show colours, which the person wants.
+[[nodiscard]] bool isFullTerminal();
+[[nodiscard]] bool hasColours();
 
 // The local time, as it stands in front of everything that happens.
 [[nodiscard]] QString timeStamp();

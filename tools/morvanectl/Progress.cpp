@@ -18,7 +18,7 @@ constexpr char clearLine[] = "\r\x1b[K";
 
 Progress::Progress(qint64 totalBytes, bool on)
     : total(std::max<qint64>(totalBytes, 1))
-    , isOn(on && isTerminal())
+    , isOn(on && isFullTerminal())
     , nextDrawing(firstDrawing)
 {
     running.start();

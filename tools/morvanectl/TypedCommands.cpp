@@ -57,8 +57,10 @@ void TypedCommands::read()
         return;
     }
     unfinished.append(bytes, count);
-    for (qsizetype end; (end = unfinished.indexOf('\n')) >= 0; unfinished.remove(0, end + 1))
-        takeLine(unfinished.left(end));
+    for (qsizetype end; (end = unfinished.indexOf('\n')) >= 0; unfinished.remove(0, end + 1)) {
+        const QByteArray line = unfinished.left(end);
+        ::isatty(STDIN_FILENO) ? takeTyped(line) : takeLine(line);
+    }
     if (unfinished.size() <= longestCommand)
         return;
     complain(u"admin: a line of more than %1 bytes is no command"_s.arg(longestCommand));
