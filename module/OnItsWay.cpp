@@ -15,6 +15,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr qsizetype mostRemembered = 100'000; // names that were given back, only to be counted
+constexpr int mostFreed = 4'096; // records in one look: removing many files takes its time
 constexpr auto flushAge = 250ms; // a record that waits longer is brought to the disk
 
 // The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
@@ -53,7 +54,7 @@ void OnItsWay::linkDown()
 {
     if (!link.isOpen())
         return;
-    look();
+    while (look()) { }
     link = Descriptor();
     const bool wasEmpty = records.empty();
     if (givenBack.size() > mostRemembered)
@@ -106,9 +107,9 @@ bool OnItsWay::look()
         return false;
     const qint64 acknowledged = acknowledgedBytes();
     quint64 journalEnd = 0;
-    bool hasFreed = false;
-    for (; !records.empty() && records.front().end <= acknowledged; records.pop_front()) {
-        hasFreed = true;
+    int freed = 0;
+    for (; !records.empty() && records.front().end <= acknowledged && freed < mostFreed;
+         records.pop_front(), ++freed) {
         done.acknowledged.add(records.front().size);
         if (records.front().journalEnd != 0)
             journalEnd = records.front().journalEnd;
@@ -120,7 +121,7 @@ bool OnItsWay::look()
         remembered.clear();
     else
         askForFlush(Clock::now());
-    return hasFreed;
+    return freed > 0;
 }
 
 void OnItsWay::forget(const Record &record)
@@ -128,8 +129,8 @@ void OnItsWay::forget(const Record &record)
     const QString name = QFile::decodeName(record.name);
     if (!record.listedAs)
         keeper.sent().discard(name);
-    else if (keeper.directory().mark(name) == record.listedAs)
-        std::ignore = keeper.directory().remove(name); // one that has replaced it stays
+    else
+        std::ignore = keeper.directory().remove(name, *record.listedAs);
 }
 
 void OnItsWay::askForFlush(Clock::time_point now)
@@ -154,8 +155,10 @@ std::chrono::milliseconds OnItsWay::age() const
 void OnItsWay::rememberNames()
 {
     remembered.clear();
-    for (const Record &record : records)
-        remembered.insert(record.name, record.end);
+    for (const Record &record : records) {
+        if (record.journalEnd != 0 || record.listedAs)
+            remembered.insert(record.name, record.end);
+    }
 }
 
 bool OnItsWay::holds(const QString &name) const

@@ -43,8 +43,11 @@ public:
     // of a file that is still in the spool, and is removed if it is still the same one then.
     void addListed(const QString &name, const SpoolFile::Mark &mark, qint64 bytes);
 
-    // Frees what has been acknowledged since the last look; true if there was something.
+    // Frees what has been acknowledged since the last look, up to some thousand records; true if
+    // there was something.
     bool look();
+    // Empty records could be many: they are bounded by number, not only by the socket's buffers.
+    [[nodiscard]] bool isFull() const { return records.size() >= 65'536; }
     [[nodiscard]] bool isEmpty() const { return records.empty(); }
     // How long the oldest record has waited.
     [[nodiscard]] std::chrono::milliseconds age() const;

@@ -13,6 +13,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto sliceTime = 20ms; // of a listing, between two turns of the event loop
+constexpr auto shortScan = 5ms; // a longer one is left to another thread
 constexpr auto lockInterval = 100ms; // between two looks at a lock that somebody holds
 constexpr auto firstLook = 1ms; // at acknowledgements, after something was sent
 constexpr auto longestLook = 250ms; // between two looks while nothing changes
@@ -53,6 +54,11 @@ SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters
     connect(&keeper, &SpoolKeeper::gaveBack, this, &SpoolSender::send);
 }
 
+SpoolSender::~SpoolSender()
+{
+    waitForScan();
+}
+
 // --- the link ---
 
 bool SpoolSender::linkUp()
@@ -80,9 +86,7 @@ void SpoolSender::linkStateChanged()
 {
     if (link.state() != QAbstractSocket::UnconnectedState)
         return;
-    scan.reset();
-    listed = SpoolListing();
-    listAgain = isCutOff = false;
+    dropListing();
     work.stop();
     onItsWay.linkDown();
 }
@@ -99,7 +103,8 @@ void SpoolSender::bytesWritten()
 
 bool SpoolSender::hasRoomFor(qint64 bytes) const
 {
-    return link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered;
+    return !onItsWay.isFull()
+        && (link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered);
 }
 
 // By pointer and size the socket copies small records together, and sends many in one call. A
@@ -132,8 +137,9 @@ void SpoolSender::lookNow()
 {
     const bool hasFreed = onItsWay.look();
     if (!onItsWay.isEmpty())
-        lookTimer.start(std::clamp<std::chrono::milliseconds>(
-            onItsWay.age() / lookShare, firstLook, longestLook));
+        lookTimer.start(hasFreed ? firstLook
+                                 : std::clamp<std::chrono::milliseconds>(
+                                     onItsWay.age() / lookShare, firstLook, longestLook));
     if (hasFreed && !listed.isEmpty() && !work.isActive())
         work.start(0ms); // a file may have waited for one of its name, or for room
 }
@@ -241,8 +247,7 @@ bool SpoolSender::isSpoolFree()
         work.start(lockInterval);
         return false;
     case SpoolLock::State::Stuck:
-        scan.reset();
-        listed = SpoolListing();
+        dropListing();
         return false;
     }
     return false;
@@ -269,18 +274,47 @@ void SpoolSender::goOn()
     endOfListing();
 }
 
+// A few thousand names are read and sorted at once. More of them would keep the bus waiting.
 bool SpoolSender::goOnScanning()
 {
-    if (!scan->goOn(QDeadlineTimer(sliceTime))) {
-        work.start(0ms);
+    if (scanner.joinable())
+        return false;
+    if (!scan->goOn(QDeadlineTimer(shortScan))) {
+        scanner = std::thread([this] {
+            std::ignore = scan->goOn();
+            QMetaObject::invokeMethod(this, "scanned", Qt::QueuedConnection);
+        });
         return false;
     }
     isCutOff = scan->isCutOff();
-    if (scan->hasForeign())
-        keeper.directory().setForeignNamesAside(say, hasFailedForeign);
     listed = scan->takeNames();
     scan.reset();
     return true;
+}
+
+void SpoolSender::scanned()
+{
+    waitForScan();
+    if (!std::exchange(isScanVain, false))
+        return goOn();
+    scan.reset();
+    listAgain = false;
+    send();
+}
+
+void SpoolSender::waitForScan()
+{
+    if (scanner.joinable())
+        scanner.join();
+}
+
+void SpoolSender::dropListing()
+{
+    listed = SpoolListing();
+    listAgain = isCutOff = false;
+    isScanVain = scanner.joinable(); // it is dropped when it ends
+    if (!isScanVain)
+        scan.reset();
 }
 
 void SpoolSender::endOfListing()

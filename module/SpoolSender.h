@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <functional>
+#include <thread>
 
 class QTcpSocket;
 struct Counters;
@@ -33,6 +34,7 @@ public:
     // writeFile is called for a record whose shorter road has failed, in the order of arrival.
     SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, Say log,
         std::chrono::milliseconds deadAfter, WriteFile writeFile);
+    ~SpoolSender() override;
 
     // To be called when the link has come up, before anything else is done with it. False if it
     // cannot be watched, and must not be used.
@@ -65,6 +67,9 @@ private:
     void beginListing(const QByteArray &after);
     void goOn();
     [[nodiscard]] bool goOnScanning();
+    Q_INVOKABLE void scanned();
+    void waitForScan();
+    void dropListing();
     void endOfListing();
     [[nodiscard]] Step sendFile(const QString &name);
     [[nodiscard]] bool write(const QByteArray &record);
@@ -85,6 +90,8 @@ private:
     QTimer lookTimer; // runs while anything is unacknowledged
 
     std::optional<SpoolScan> scan; // under way
+    std::thread scanner; // has the scan while it is joinable
+    bool isScanVain = false; // the link has ended since it began
     SpoolListing listed; // what remains of the current listing
     QByteArray lastListed; // the last name taken from it
     bool isCutOff = false; // more names follow the current listing

@@ -59,7 +59,9 @@ int run(const QStringList &settingsFiles)
     module->Start();
     pLog->Message(u"Start Ok!"_s);
     logStart(settingsFiles);
-    const int status = QCoreApplication::exec();
+    const int endOfLoop = QCoreApplication::exec();
+    // An administration server that goes down together with the module does not count.
+    const int status = stopSignal() == 0 ? endOfLoop : 0;
     module->beforeEnd();
     logStop(status);
     return status;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits>
@@ -344,6 +345,24 @@ bool SpoolDirectory::remove(const QString &name) const
     return ::unlink(QFile::encodeName(pathOf(name)).constData()) == 0 || errno == ENOENT;
 }
 
+// The name is taken away first and the file looked at then: one that comes under the name between a
+// look and a removal would be removed unsent.
+SpoolDirectory::Removal SpoolDirectory::remove(const QString &name, const Mark &mark) const
+{
+    const QByteArray listed = QFile::encodeName(pathOf(name));
+    const QByteArray hidden = QFile::encodeName(pathOf(QString::fromLatin1(incomingPrefix)))
+        + "gone-" + QByteArray::number(::getpid());
+    if (std::rename(listed.constData(), hidden.constData()) != 0)
+        return errno == ENOENT ? Removal::Removed : Removal::Failed;
+    struct stat info;
+    const bool isSame = ::stat(hidden.constData(), &info) != 0 || SpoolFile::markOf(info) == mark;
+    // What has come under the name since is newer still.
+    const bool isBack = !isSame && renameWithoutReplacing(hidden, listed);
+    if (!isBack)
+        ::unlink(hidden.constData());
+    return isSame ? Removal::Removed : Removal::Replaced;
+}
+
 SpoolDirectory::SetAside SpoolDirectory::setAside(const QString &name) const
 {
     return setAside(QFile::encodeName(name));
@@ -385,8 +404,13 @@ void SpoolDirectory::setForeignNamesAside(const Say &say, bool &hasFailed) const
 
 bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
 {
-    const QStringList leftovers = QDir(directory).entryList(
-        {QLatin1StringView(incomingPrefix) + u'*'}, QDir::Files | QDir::Hidden);
+    QStringList leftovers; // without QDir, which holds what it knows of every waiting file
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(
+        ::opendir(QFile::encodeName(directory).constData()), ::closedir);
+    while (const dirent *entry = entries ? ::readdir(entries.get()) : nullptr) {
+        if (std::strncmp(entry->d_name, incomingPrefix, std::strlen(incomingPrefix)) == 0)
+            leftovers.append(QFile::decodeName(entry->d_name));
+    }
     if (leftovers.isEmpty())
         return true;
     // Under the lock no file of a living writer is among them.

@@ -159,6 +159,9 @@ public:
     // Not open if the file is gone, unreadable, not a regular file or larger than 4 GiB.
     [[nodiscard]] SpoolFile open(const QString &name) const { return SpoolFile(pathOf(name)); }
 
+    enum class Removal { Removed, Replaced, Failed };
+    // Removes the file unless another one has taken its place, which stays.
+    [[nodiscard]] Removal remove(const QString &name, const Mark &mark) const;
     // False if the file is still there afterwards.
     [[nodiscard]] bool remove(const QString &name) const;
 

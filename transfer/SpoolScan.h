@@ -8,19 +8,19 @@
 #include <dirent.h>
 #include <memory>
 
-// One pass over a spool directory, in pieces, for the files to send next.
+// One pass over a spool directory, for the files to send next.
 //
 // A long backlog takes several passes: each keeps only as many names as its memory is bounded to,
 // the first ones in the order of sending that follow the last one of the pass before.
 //
 // Owner:   whoever sends.
-// Thread:  any one thread.
+// Thread:  any one thread at a time; a long pass is handed to another.
 // Errors:  never throws. A directory that cannot be read gives no names.
 class SpoolScan
 {
 public:
-    // Bytes of names, with some for each; passes over five million files stay below 30 MB.
-    static constexpr size_t defaultBytes = 6'291'456;
+    // Bytes of names, with some for each; a pass over millions of files holds three times as much.
+    static constexpr size_t defaultBytes = 4'194'304;
 
     // Names that follow one in the order of sending, or all if it is empty.
     explicit SpoolScan(

@@ -216,11 +216,9 @@ void ScanThread::on_FileSended()
 void ScanThread::removeDelivered()
 {
     deliveryTimer.stop();
-    const SpoolDirectory spool(spoolDir);
-    const std::optional<Mark> mark = spool.mark(currentName);
     // A newer file that has taken the name meanwhile is not the delivered one.
-    const bool isReplaced = mark && mark != currentMark;
-    const bool isRemoved = isReplaced || spool.remove(currentName);
+    const bool isRemoved = SpoolDirectory(spoolDir).remove(currentName, currentMark)
+        != SpoolDirectory::Removal::Failed;
     const QString path = currentPath;
     release();
     ++done.filesDelivered;
