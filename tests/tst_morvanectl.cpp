@@ -327,7 +327,7 @@ void TestMorvanectl::linesCanBeEditedOnATerminal()
         "abuot\nquit\nQuitSignal\nstop nobody\nstop node1\nn\nsend-command node1 Raw x\n");
     heard += command("Raw x", 3);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    terminal.write("stop all\ny\n");
+    terminal.write("sto\tnod\t\ny\n"); // the Tab key completes both words
     heard += command("QuitSignal", 4);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
     shown += terminal.readAll();

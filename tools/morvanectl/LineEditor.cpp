@@ -1,7 +1,10 @@
 #include "LineEditor.h"
 
+#include <QByteArrayList>
+
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <editline/readline.h>
 #include <memory>
 #include <poll.h>
@@ -27,6 +30,7 @@ LineEditor::LineEditor(const QByteArray &promptText)
     current = this;
     ::rl_catch_signals = 0; // its handlers change what they have interrupted
     connect(&keys, &QSocketNotifier::activated, this, &LineEditor::readKey);
+    ::rl_attempted_completion_function = &LineEditor::complete;
     open();
     setOpenLine(this);
 }
@@ -77,6 +81,24 @@ void LineEditor::take(char *line)
         ::add_history(line);
     editor->isOpen = false;
     Q_EMIT editor->typed(QByteArray(line));
+}
+
+// The library asks for one match after the other, and frees them.
+char **LineEditor::complete(const char *word, int start, int)
+{
+    static QByteArrayList matches;
+    matches.clear();
+    ::rl_attempted_completion_over = 1; // no file names
+    const QString before = QString::fromUtf8(::rl_line_buffer, start).simplified();
+    if (!current->candidates)
+        return nullptr;
+    for (const QString &candidate : current->candidates(before)) {
+        if (candidate.toUtf8().startsWith(word))
+            matches.append(candidate.toUtf8());
+    }
+    return ::rl_completion_matches(word, [](const char *, int) {
+        return matches.isEmpty() ? nullptr : ::strdup(matches.takeFirst().constData());
+    });
 }
 
 void LineEditor::hide()

@@ -4,6 +4,9 @@
 
 #include <QObject>
 #include <QSocketNotifier>
+#include <QStringList>
+
+#include <functional>
 
 // Lines that a person types on the terminal, with editing and a history. What is said meanwhile
 // stands above the line.
@@ -18,6 +21,9 @@ public:
     explicit LineEditor(const QByteArray &prompt);
     ~LineEditor() override;
 
+    // What the Tab key completes: the words that can stand behind the text before the cursor.
+    std::function<QStringList(const QString &before)> candidates;
+
     // Whether a person sits at both ends.
     [[nodiscard]] static bool isPossible();
 
@@ -29,6 +35,7 @@ private:
     void open();
     void readKey();
     static void take(char *line);
+    static char **complete(const char *word, int start, int end);
     void hide() override;
     void show() override;
 

@@ -37,6 +37,7 @@ TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
         ended = true; // nothing is read past the editor
         input.setEnabled(false);
         editor.emplace("> ");
+        editor->candidates = [this](const QString &before) { return candidates(before); };
         connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeTyped);
         connect(&*editor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
     }
@@ -104,6 +105,20 @@ void TypedCommands::takeTyped(const QByteArray &line)
         return complain(u"admin: unknown command \"%1\"%2. See \"help\"."_s.arg(
             printable(first.toUtf8()), guessHint(first, AdminCommand::firstWords())));
     takeLine(line);
+}
+
+QStringList TypedCommands::candidates(const QString &before) const
+{
+    if (before.isEmpty())
+        return AdminCommand::firstWords();
+    if (before == "watch"_L1 || before == "arrows"_L1)
+        return {u"on"_s, u"off"_s};
+    QStringList names;
+    for (TMyLocalSocket *module : server.modules())
+        names += server.nameOf(module);
+    if (before == "stop"_L1 || before == "send-command"_L1)
+        names += u"all"_s;
+    return names;
 }
 
 void TypedCommands::askToStop(const AdminCommand &command)

@@ -26,6 +26,7 @@ private:
     void read();
     void takeLine(const QByteArray &line);
     void takeTyped(const QByteArray &line);
+    [[nodiscard]] QStringList candidates(const QString &before) const;
     void askToStop(const AdminCommand &command);
     void answer(const QString &line);
     void sendWaiting();

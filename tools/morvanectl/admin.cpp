@@ -39,8 +39,8 @@ server leaves, unless --stay or --for keep it.
   NOTE: a module ends with status 5 when its administration server goes.
 
 Commands on standard input that come before any module wait for the first one. On a
-terminal a line can be edited, and the arrow keys bring earlier ones back; "exit" and
-Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help" tells more. The end
+terminal a line can be edited, and the arrow keys bring earlier ones back; the Tab key completes
+words and names of modules; "exit" and Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help" tells more. The end
 of standard input ends the server only on a terminal; in a script it stays until
 --for is over, SIGINT or SIGTERM, each with status 0. The bus lies in the temporary
 folder: TMPDIR must be the same for all its processes.
