@@ -76,8 +76,8 @@ int main(int argc, char *argv[])
         {"idle, UDP, Timeout 1000 ms",
             "Protocol=UDP\nTimeout=1000\nReconnectionTimeout=20\nLocalPort=0\n" + port,
             pass + 1.0 / 20 + scan},
-        {"idle, UDP, Timeout 1 ms",
-            "Protocol=UDP\nTimeout=1\nReconnectionTimeout=20\nLocalPort=0\n" + port,
+        {"idle, UDP, Timeout 0",
+            "Protocol=UDP\nTimeout=0\nReconnectionTimeout=20\nLocalPort=0\n" + port,
             pass + 1.0 / 20 + scan}};
     std::vector<std::unique_ptr<Watched>> watched;
     for (const Idle &mode : modes)

@@ -233,14 +233,14 @@ void trace(double megabits, double loss)
     Pair one(&relay, 0), two(&relay, 0);
     relay.start();
     one.put(bytesFor(Options(0, nullptr), megabits));
+    two.put(bytesFor(Options(0, nullptr), megabits) / 2);
     one.start();
     const double begin = waitForFirst(relay, 0);
-    two.put(bytesFor(Options(0, nullptr), megabits) / 2);
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    two.start();
     double last[] = {0, 0};
     constexpr double step = 0.05;
     for (int i = 1; !one.hasArrived() || !two.hasArrived(); ++i) {
+        if (i == 1 / step)
+            two.start();
         std::this_thread::sleep_for(std::chrono::duration<double>(begin + i * step - seconds()));
         std::printf("%.2f", i * step);
         for (const size_t road : {size_t(0), size_t(2)}) {
