@@ -25,7 +25,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr char moduleVersion[] = "5.4.18:eb0bac411f09";
+constexpr char moduleVersion[] = MORVANE_VERSION ":eb0bac411f09";
 constexpr char recordField[] = "MORVANE_RECORD"; // of the journal
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt

@@ -1,81 +1,58 @@
 #!/bin/bash
-# Makes the Debian packages in build/package/debs and checks them with lintian. With --try it also
-# installs them in a clean Debian system made for that, and runs the demonstration there (as root
-# only; takes some minutes and 600 MB in the folder for temporary files):
+# Makes the Debian packages, source and binary, in build/package and checks them with lintian:
+# whatever it says must be explained in an override. With --try they are also tried in a clean Debian
+# system made for that, see scripts/try-packages.sh:
 #
 #     scripts/package.sh [--try]
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
-packagePackages=(dpkg-dev fakeroot file gzip lintian qt6-l10n-tools)
-output=$root/build/package/debs
-clean= # root folder of the clean system
+packagePackages=(debhelper dpkg-dev fakeroot lintian qt6-l10n-tools)
+output=$root/build/package
+version=$(sed -n '1s/.*(\(.*\)-.*/\1/p' "$root/debian/changelog") # without the packaging's own number
+tree=$output/morvane-$version
 
-# Debian's flags: hardening, and no path of this machine in what they compile. CMake takes them from
-# the environment when it has no cache, and knows nothing of the preprocessor's.
-useDebianFlags() {
-    local flags
-    flags=$(cd "$root" && DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)
-    eval "$flags"
-    export CXXFLAGS="$CXXFLAGS $CPPFLAGS"
-    rm -f "$root/build/package/CMakeCache.txt"
+# What git knows or would add, or without git all but what was built.
+listTree() {
+    git -C "$root" ls-files -z --cached --others --exclude-standard 2>/dev/null ||
+        find "$root" -path "$root/build" -prune -o -path "$root/.git" -prune -o -type f -printf '%P\0'
 }
 
-makePackages() {
+copyTree() {
     rm -rf "$output"
-    (umask 022 && quietly "$root/build/cpack.log" cpack --config "$root/build/package/CPackConfig.cmake" \
-        -B "$output")
-    rm -rf "$output/_CPack_Packages"
+    mkdir -p "$tree"
+    listTree | tar -c -C "$root" --null --ignore-failed-read -T - | tar -x -C "$tree" --no-same-owner
 }
 
+# The release that the packaging belongs to: the same bytes whenever and wherever it is made.
+packRelease() {
+    local time
+    time=$(dpkg-parsechangelog -l "$tree/debian/changelog" -S Timestamp)
+    tar -c -C "$output" --anchored --exclude="morvane-$version/debian" --sort=name \
+        --mtime="@$time" --owner=0 --group=0 --numeric-owner --mode=u+rw,go=rX "morvane-$version" |
+        gzip -9n >"$output/morvane_$version.orig.tar.gz"
+}
+
+# The tests have their own script, so the packages are built without them.
+buildTree() {
+    cd "$tree" && umask 022 &&
+        DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -us -uc
+}
+
+# Run by root, lintian would warn about that.
 checkPackages() {
-    # Run by root, lintian would warn about that.
-    lintian --allow-root --fail-on error --suppress-tags initial-upload-closes-no-bugs \
-        "$output"/*.deb
+    note "Checking the packages ..."
+    lintian --allow-root --pedantic --display-info --fail-on error,warning,info,pedantic \
+        "$output"/*.changes
 }
 
-removeCleanSystem() {
-    umount "$clean/proc" 2>/dev/null || true
-    rm -rf --one-file-system "$clean"
-}
-
-# From the mirror that this machine uses itself.
-mirror() {
-    apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
-        awk '$2 == "bookworm" { print $1; exit }'
-}
-
-makeCleanSystem() {
-    clean=$(mktemp -d)
-    trap removeCleanSystem EXIT
-    note "Making a clean system ..."
-    quietly "$root/build/debootstrap.log" debootstrap --variant=minbase bookworm "$clean" "$(mirror)"
-    mount -t proc proc "$clean/proc"
-}
-
-inCleanSystem() {
-    chroot "$clean" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"
-}
-
-tryPackages() {
-    makeCleanSystem
-    mkdir "$clean/debs" "$clean/project"
-    cp "$output"/*.deb "$clean/debs"
-    cp -r "$root/scripts" "$root/docs" "$root/module" "$clean/project"
-    note "Installing the packages in it ..."
-    quietly "$root/build/install.log" inCleanSystem sh -c \
-        'apt-get update && apt-get install -y --no-install-recommends /debs/*.deb'
-    inCleanSystem getent passwd morvane
-    inCleanSystem /project/scripts/demo.sh /usr/bin
-    note "Removing the packages ..."
-    quietly "$root/build/remove.log" inCleanSystem dpkg --purge morvane morvanectl libharnix-nogui1
-}
-
+[[ $root != *[[:space:]]* ]] || die "Debian's tools build no packages below a path with a blank: $root"
 installMissing "${buildPackages[@]}" "${packagePackages[@]}"
-useDebianFlags
-build package
-makePackages
+copyTree
+packRelease
+note "Building the packages; this takes a minute or two ..."
+quietly "$root/build/package.log" buildTree
 checkPackages
-[[ ${1-} != --try ]] || { installMissing debootstrap && tryPackages; }
+[[ ${1-} != --try ]] || "$root/scripts/try-packages.sh"
 note "The packages:"
-ls "$output"/*.deb
+ls "$output"/*.deb "$output"/*.dsc

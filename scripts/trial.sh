@@ -1,0 +1,158 @@
+#!/bin/bash
+# Puts the packages of /debs through what happens to a service in its life: runs as root in a Debian
+# system that was booted for that, see scripts/try-packages.sh. Records are numbered, and each that a
+# sender was told of as sent must reach the peer.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+export PATH=/usr/sbin:/usr/bin:/sbin:/bin TMPDIR=/run/morvane LC_ALL=C.UTF-8
+export DEBIAN_FRONTEND=noninteractive
+
+unit=morvane@trial.service
+state=/var/lib/morvane/trial
+loadPid=
+
+step() {
+    echo "* $*"
+}
+
+fail() {
+    echo "FAILED: $*"
+    systemctl status --no-pager -n 30 "$unit" || true
+    tail -n 20 /var/log/morvane/trial.log || true
+    exit 1
+}
+
+# waitFor SECONDS WHAT COMMAND...
+waitFor() {
+    local end=$((SECONDS + $1)) what=$2
+    shift 2
+    until "$@"; do
+        ((SECONDS < end)) || fail "waited too long for $what"
+        sleep 0.1
+    done
+}
+
+property() {
+    systemctl show -P "$1" "$unit"
+}
+
+installPackages() {
+    apt-get install -y --no-install-recommends "$1"/*.deb >/apt.log 2>&1 ||
+        { cat /apt.log; fail "the packages of $1 are not installed"; }
+}
+
+writeSettings() {
+    sed -e 's/^Host=.*/Host=127.0.0.1/' -e 's/^ReconnectionTimeout=.*/ReconnectionTimeout=1/' \
+        -e 's/^ServerName=.*/ServerName=trial/' -e 's/transfer1/trial/' \
+        /usr/share/doc/morvane/examples/morvane.ini >/etc/morvane/trial.ini
+}
+
+# --- records ---
+
+# Sends numbered records in batches until /load.stop exists. A batch that a module has cut off is sent
+# again, as a sender does that was told so.
+load() {
+    local batch=0 i names
+    mkdir -p /load
+    while [[ ! -e /load.stop ]]; do
+        names=()
+        for ((i = 0; i < 50; ++i)); do
+            names+=("/load/$batch-$i")
+            echo "=$batch-$i" >"/load/$batch-$i"
+        done
+        until morvanectl send trial --wait 20 --quiet "${names[@]}"; do :; done 2>>/load.err
+        printf 'tempdb=%s\n' "${names[@]#/load/}" >>/load.sent
+        rm "${names[@]}"
+        batch=$((batch + 1))
+    done
+}
+
+startLoad() {
+    load &
+    loadPid=$!
+    waitFor 20 "records" test -s /load.sent
+}
+
+isSpoolEmpty() {
+    [[ -z $(find "$state/spool" -type f ! -name '.lock') ]]
+}
+
+# Everything that was sent has reached the peer, once at least.
+endLoad() {
+    local sent arrived
+    touch /load.stop
+    wait "$loadPid"
+    rm /load.stop
+    waitFor 30 "the spool to be empty" isSpoolEmpty
+    sleep 0.5 # the last ones are on their way to the disk
+    sent=$(wc -l </load.sent)
+    find /received -type f -print0 | xargs -0 cat | grep '=' | sort -u >/arrived
+    comm -23 <(sort /load.sent) /arrived >/lost
+    arrived=$(find /received -type f | wc -l)
+    step "  $sent records were sent, $(wc -l </lost) are lost ($arrived arrived)."
+    rm -f /load.sent
+    find /received -type f -delete
+}
+
+# --- the trials ---
+
+tryInstallation() {
+    installPackages /debs
+    getent passwd morvane >/dev/null || fail "there is no user"
+    ! systemctl list-units 'morvane*' --no-legend --state=active | grep . ||
+        fail "something runs before it was set up"
+    writeSettings
+}
+
+tryStart() {
+    systemctl start "$unit" || fail "it does not start"
+    mkdir /received
+    morvanectl receive 7071 --dir /received --quiet &
+    echo "=first" | morvanectl send trial --wait 20 --quiet --name first - || fail "nothing was sent"
+    waitFor 10 "the first record" grep -qrx tempdb=first /received
+    find /received -type f -delete
+    step "Installed; the service starts, takes a record and delivers it."
+}
+
+tryStops() {
+    startLoad
+    local i
+    for i in 1 2 3; do
+        sleep 1
+        systemctl stop "$unit"
+        [[ $(property Result) == success ]] || fail "the stop ended with $(property Result)"
+        systemctl start "$unit"
+        waitFor 20 "the bus" test -S /run/morvane/trial
+        sleep 1
+        systemctl restart "$unit"
+    done
+    step "Stopped and started, and restarted, three times under load."
+    endLoad
+}
+
+tryUpgrade() {
+    local before after
+    before=$(property MainPID)
+    startLoad
+    installPackages /newer
+    sleep 2
+    after=$(property MainPID)
+    [[ $after != 0 && $after != "$before" ]] || fail "it still runs the old program"
+    [[ $(readlink "/proc/$after/exe") == /usr/bin/morvane ]] || fail "it runs a removed program"
+    step "Upgraded to $(dpkg-query -W -f '${Version}' morvane) under load."
+    endLoad
+}
+
+tryRemoval() {
+    dpkg --purge morvane morvanectl libharnix-nogui1 >/apt.log 2>&1 || fail "purging ended with $?"
+    ! systemctl --quiet is-active "$unit" || fail "it still runs"
+    [[ -d $state/spool && ! -e /var/log/morvane ]] || fail "not what a purge leaves"
+    step "Purged: the service has ended, $state is left."
+}
+
+tryInstallation
+tryStart
+tryStops
+tryUpgrade
+tryRemoval
+step "Passed."

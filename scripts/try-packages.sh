@@ -1,0 +1,136 @@
+#!/bin/bash
+# Tries the packages that scripts/package.sh has made, in a clean Debian system made for that, as root:
+# installs them, runs the service under systemd in a container and puts it through starts, stops, an
+# upgrade and kills while records flow, and removes the packages. Where no container can boot, it
+# installs them, runs the demonstration and removes them. Takes a minute or two and 700 MB in the
+# folder for temporary files.
+#
+#     scripts/try-packages.sh
+#
+# BARE_SYSTEM=FOLDER in the environment keeps the bare system in that folder, for the next run.
+set -euo pipefail
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+
+clean= # root folder of the clean system
+longestTrial=300 # seconds
+
+removeCleanSystem() {
+    umount "$clean/proc" 2>/dev/null || true
+    rm -rf --one-file-system "$clean"
+}
+
+# From the mirror that this machine uses itself.
+mirror() {
+    apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
+        awk '$2 == "bookworm" { print $1; exit }'
+}
+
+# makeBareSystem FOLDER
+makeBareSystem() {
+    note "Making a clean system ..."
+    quietly "$root/build/debootstrap.log" debootstrap --variant=minbase \
+        --include=dbus,systemd-sysv bookworm "$1" "$(mirror)"
+}
+
+makeCleanSystem() {
+    clean=$(mktemp -d)
+    trap removeCleanSystem EXIT
+    if [[ -n ${BARE_SYSTEM-} ]]; then
+        [[ -e $BARE_SYSTEM/etc/os-release ]] || makeBareSystem "$BARE_SYSTEM"
+        cp -a "$BARE_SYSTEM/." "$clean"
+    else
+        makeBareSystem "$clean"
+    fi
+    chmod 755 "$clean"
+}
+
+# newerPackages FOLDER: the same packages as an upgrade of them.
+newerPackages() {
+    local package unpacked=$clean/unpacked
+    for package in "$clean"/debs/*.deb; do
+        dpkg-deb -R "$package" "$unpacked"
+        sed -i -E "/^(Version|Depends):/s/$version/&+trial/g" "$unpacked/DEBIAN/control"
+        dpkg-deb --root-owner-group -Znone -b "$unpacked" "$1"
+        rm -rf "$unpacked"
+    done
+}
+
+fillCleanSystem() {
+    mkdir "$clean/debs" "$clean/newer" "$clean/project"
+    cp "$root"/build/package/{morvane,morvanectl,libharnix-nogui1}_*.deb "$clean/debs"
+    version=$(dpkg-deb -f "$clean"/debs/morvane_*.deb Version)
+    quietly "$root/build/newer.log" newerPackages "$clean/newer"
+    cp -r "$root/scripts" "$root/docs" "$root/module" "$clean/project"
+}
+
+inCleanSystem() {
+    chroot "$clean" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"
+}
+
+# What the packages need; the container has no network. With all that they recommend, too, no mail
+# server may come.
+fetchDependencies() {
+    mount -t proc proc "$clean/proc"
+    quietly "$root/build/fetch.log" inCleanSystem apt-get update
+    inCleanSystem sh -c 'apt-get install -s --install-recommends /debs/*.deb' >"$root/build/fetch.log"
+    ! grep -E '^Inst .*(exim|postfix|mail|cron)' "$root/build/fetch.log" ||
+        die "The packages pull a mail server."
+    quietly "$root/build/fetch.log" inCleanSystem sh -c \
+        'apt-get install -y --no-install-recommends --download-only /debs/*.deb'
+    umount "$clean/proc"
+}
+
+# The script of the trial is a service of the booted system, and the system ends with it.
+prepareTrial() {
+    cat >"$clean/etc/systemd/system/trial.service" <<'UNIT'
+[Unit]
+SuccessAction=exit
+FailureAction=exit
+FailureActionExitStatus=1
+[Service]
+Type=oneshot
+ExecStart=/project/scripts/trial.sh
+StandardOutput=truncate:/trial.out
+StandardError=inherit
+UNIT
+    ln -s ../trial.service "$clean/etc/systemd/system/multi-user.target.wants"
+    : >"$clean/trial.out"
+}
+
+tryBooted() {
+    local status=0 shown
+    prepareTrial
+    tail -f "$clean/trial.out" &
+    shown=$!
+    timeout -k 20 "$longestTrial" systemd-nspawn -D "$clean" --boot --quiet --register=no --keep-unit \
+        --private-network --link-journal=no --console=pipe </dev/null >"$root/build/boot.log" 2>&1 ||
+        status=$?
+    sleep 0.2
+    kill "$shown"
+    return "$status"
+}
+
+tryInChroot() {
+    mount -t proc proc "$clean/proc"
+    quietly "$root/build/install.log" inCleanSystem sh -c \
+        'apt-get install -y --no-install-recommends /debs/*.deb'
+    inCleanSystem getent passwd morvane
+    inCleanSystem /project/scripts/demo.sh /usr/bin
+    quietly "$root/build/remove.log" inCleanSystem dpkg --purge morvane morvanectl libharnix-nogui1
+}
+
+((EUID == 0)) || die "Only root can make a clean system: run it as root."
+installMissing debootstrap systemd-container
+makeCleanSystem
+fillCleanSystem
+fetchDependencies
+note "Booting it ..."
+if tryBooted; then
+    note "The packages were tried under systemd."
+elif [[ -s $clean/trial.out ]]; then
+    cp -r "$clean/var/log/journal" "$clean/run/log" "$root/build" 2>/dev/null || true
+    die "The trial of the packages failed."
+else
+    note "No container boots here (see $root/build/boot.log): they are tried without systemd."
+    tryInChroot
+fi
