@@ -2,7 +2,9 @@
 
 #include <QByteArrayList>
 #include <QFile>
+#include <QSocketNotifier>
 
+#include <memory>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -18,11 +20,20 @@ public:
         qstrncpy(address.sun_path, QFile::encodeName(path).constData(), sizeof(address.sun_path));
         if (::bind(descriptor, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0)
             qFatal("cannot bind %s", qPrintable(path));
+        // A full socket would block the service.
+        reader = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
+        QObject::connect(
+            reader.get(), &QSocketNotifier::activated, reader.get(), [this] { read(); });
     }
     ~ServiceSocket() { ::close(descriptor); }
 
     // All that has come so far but signs of life, in order.
-    [[nodiscard]] QByteArrayList heard()
+    [[nodiscard]] QByteArrayList heard() const { return messages; }
+
+    int signsOfLife = 0;
+
+private:
+    void read()
     {
         char message[1'000];
         for (ssize_t size; (size = ::recv(descriptor, message, sizeof(message), 0)) > 0;) {
@@ -32,12 +43,9 @@ public:
             else if (!text.startsWith("EXTEND_TIMEOUT_USEC="))
                 messages.append(text);
         }
-        return messages;
     }
 
-    int signsOfLife = 0;
-
-private:
     const int descriptor;
+    std::unique_ptr<QSocketNotifier> reader;
     QByteArrayList messages;
 };
