@@ -4,9 +4,13 @@
 //
 //     bench_bare SOCKET SPOOL PORT
 //
+//     bench_bare SOCKET SPOOL PORT ring
+//
 // Connects to the port on the loopback address, sends the files that lie in the spool, then listens
 // on the Unix socket, takes one connection and carries every record over: lock, write, rename,
-// unlock, list, read, remove, and one send for all records of one read.
+// unlock, list, read, remove, and one send for all records of one read. With "ring" no record
+// becomes a file: it is copied with a checksum into a mapped file, and the directory is looked at
+// once for each read.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -18,16 +22,19 @@
 #include <endian.h>
 #include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <vector>
+#include <zlib.h>
 
 namespace {
 
 constexpr size_t readSize = 256 * 1024; // bytes asked for at once
+constexpr size_t ringSize = 8 * 1024 * 1024;
 constexpr size_t sendSize = 1024 * 1024; // a send in the midst of a listing
 
 void orEnd(bool success, const char *what)
@@ -67,16 +74,20 @@ public:
     void takeSpool();
     void takeFrame(const char *body);
     void flush();
+    void useRing();
 
 private:
     void writeFile(const std::string &name, Bytes kind, Bytes payload) const;
     void takeFile(const std::string &name);
+    void keepInRing(Bytes name, Bytes kind, Bytes payload);
 
     const std::string spool;
     const std::string lock = spool + ".lock";
     const std::string hidden = spool + ".incoming";
     int link;
     std::vector<char> buffer; // records on their way into one send
+    char *ring = nullptr; // mapped
+    size_t ringAt = 0;
 };
 
 BareRoad::BareRoad(const std::string &spoolFolder, int peerPort)
@@ -139,12 +150,47 @@ void BareRoad::takeSpool()
     }
 }
 
+void BareRoad::useRing()
+{
+    const int file = ::open((spool + ".ring").c_str(), O_RDWR | O_CREAT, 0600);
+    orEnd(::posix_fallocate(file, 0, off_t(ringSize)) == 0, "fallocate");
+    void *memory = ::mmap(nullptr, ringSize, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    orEnd(memory != MAP_FAILED, "mmap");
+    ring = static_cast<char *>(memory);
+}
+
+void BareRoad::keepInRing(Bytes name, Bytes kind, Bytes payload)
+{
+    const uint32_t length = htole32(uint32_t(kind.size + payload.size));
+    const size_t size = sizeof(uint32_t) + name.size + kind.size + payload.size;
+    orEnd(size < ringSize, "a record for the ring");
+    if (ringAt + size > ringSize)
+        ringAt = 0;
+    char *const start = ring + ringAt;
+    char *to = start + sizeof(uint32_t);
+    for (const Bytes &part : {name, kind, payload}) {
+        std::memcpy(to, part.data, part.size);
+        to += part.size;
+    }
+    const auto *bytes = reinterpret_cast<const Bytef *>(start + sizeof(uint32_t));
+    const auto checksum = uint32_t(::crc32_z(0, bytes, size - sizeof(uint32_t)));
+    std::memcpy(start, &checksum, sizeof(checksum));
+    ringAt += size;
+
+    const char *lengthBytes = reinterpret_cast<const char *>(&length);
+    buffer.insert(buffer.end(), lengthBytes, lengthBytes + sizeof(length));
+    buffer.insert(buffer.end(), kind.data, kind.data + kind.size);
+    buffer.insert(buffer.end(), payload.data, payload.data + payload.size);
+}
+
 void BareRoad::takeFrame(const char *body)
 {
     const char *at = body + 1 + 4; // the version and the count of the data
     const Bytes kind = takeField(at);
     const Bytes fileName = takeField(at);
     const Bytes payload = takeField(at);
+    if (ring)
+        return keepInRing(fileName, kind, payload);
     std::string name;
     for (size_t i = 1; i < fileName.size; i += 2)
         name += fileName.data[i]; // of the UTF-16 code unit of a letter or a digit
@@ -154,6 +200,8 @@ void BareRoad::takeFrame(const char *body)
 
 void BareRoad::flush()
 {
+    struct stat info;
+    orEnd(!ring || ::stat(spool.c_str(), &info) == 0, "stat");
     for (size_t sent = 0; sent < buffer.size();) {
         const ssize_t count = ::send(link, buffer.data() + sent, buffer.size() - sent, 0);
         orEnd(count > 0, "send");
@@ -198,8 +246,10 @@ void carry(BareRoad &road, int bus)
 
 int main(int argc, char *argv[])
 {
-    orEnd(argc == 4, "SOCKET SPOOL PORT");
+    orEnd(argc == 4 || argc == 5, "SOCKET SPOOL PORT [ring]");
     BareRoad road(std::string(argv[2]) + '/', std::atoi(argv[3]));
+    if (argc == 5)
+        road.useRing();
     road.takeSpool();
     road.flush();
     carry(road, acceptOne(argv[1]));

@@ -1,4 +1,5 @@
-// Bus to spool to TCP: records a second from a bus connection to the peer's socket.
+// Bus to TCP while the link is up and nothing waits: records a second from a bus connection to the
+// peer's socket.
 
 #include "Kit.h"
 
@@ -41,9 +42,9 @@ void measure(const Options &options, Road &subject, Road &probe, int records, in
     const QByteArray frames = makeFrames(records, fileBytes);
     const size_t linkBytes = size_t(records) * size_t(4 + fileBytes);
     const std::string size = fileBytes < 1024 ? " B" : " KiB";
-    const std::string title = "bus to spool to TCP, "
+    const std::string title = "bus to TCP, "
         + std::to_string(fileBytes < 1024 ? fileBytes : fileBytes / 1024) + size + " records";
-    Figure rate(title, "1/s", ">= 0.7");
+    Figure rate(title, "1/s", ">= 0.35");
     Figure cost("  processor time a record", "us");
     for (int run = 0; run < options.runs(); ++run) {
         const double bare = probe.run(frames, linkBytes);
@@ -66,11 +67,11 @@ int main(int argc, char *argv[])
     const std::string bareSpool = bareOwn.makeFolder("spool");
 
     const Program bare("bench_bare", bareOwn,
-        {bareOwn.path("me"), bareSpool, std::to_string(bareListener.port())});
+        {bareOwn.path("me"), bareSpool, std::to_string(bareListener.port()), "ring"});
     const Module module(
         own, "Protocol=TCP\nReconnectionTimeout=1\nPort=" + std::to_string(listener.port()) + '\n');
     Road probe = {bare, connectLocal(bareOwn.path("me")), bareListener.accept()};
     Road subject = {module, connectLocal(own.path("me")), listener.accept()};
-    measure(options, subject, probe, options.amount(20'000, 500), 300);
-    measure(options, subject, probe, options.amount(1'500, 50), 65'536);
+    measure(options, subject, probe, options.amount(200'000, 500), 300);
+    measure(options, subject, probe, options.amount(6'000, 50), 65'536);
 }

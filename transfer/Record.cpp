@@ -4,25 +4,70 @@
 #include <QIODevice>
 #include <QtEndian>
 
+#include <algorithm>
 #include <array>
 
 namespace {
 
 constexpr int streamVersion = QDataStream::Qt_4_5;
+constexpr quint32 nullCount = 0xFFFFFFFF;
 constexpr std::array acceptedKinds = {"tempdb", "error", "tempdb_t"};
+
+// Reads as QDataStream does, at a fraction of its cost for a small record.
+class Fields
+{
+public:
+    explicit Fields(QByteArrayView bytes)
+        : rest(bytes)
+    {
+    }
+    // Without a copy. A count that goes beyond the end takes all that is left, and gives nothing.
+    QByteArray bytes()
+    {
+        const quint32 count = number();
+        if (count == nullCount)
+            return {};
+        const QByteArrayView field = take(count);
+        return QByteArray::fromRawData(field.data(), field.size());
+    }
+    // The bytes of a text that ends within a character belong to the next field.
+    QString text()
+    {
+        const quint32 count = number();
+        if (count == nullCount || count % sizeof(char16_t) != 0)
+            return {};
+        const QByteArrayView field = take(count);
+        QString text(field.size() / qsizetype(sizeof(char16_t)), Qt::Uninitialized);
+        qFromBigEndian<char16_t>(field.data(), text.size(), text.data());
+        return text;
+    }
+
+private:
+    quint32 number()
+    {
+        const QByteArrayView field = take(sizeof(quint32));
+        return field.isEmpty() ? 0 : qFromBigEndian<quint32>(field.data());
+    }
+    QByteArrayView take(quint32 size)
+    {
+        const QByteArrayView field =
+            size <= quint64(rest.size()) ? rest.first(qsizetype(size)) : QByteArrayView();
+        rest = rest.sliced(std::min<qsizetype>(qsizetype(size), rest.size()));
+        return field;
+    }
+
+    QByteArrayView rest;
+};
 
 } // namespace
 
 DataRecord DataRecord::read(const QByteArray &bytes)
 {
+    Fields fields(bytes);
     DataRecord record;
-    QDataStream stream(bytes);
-    stream.setVersion(streamVersion);
-    quint32 count = 0;
-    stream >> record.kind >> record.fileName >> count;
-    const qsizetype at = qsizetype(stream.device()->pos());
-    if (count <= quint64(bytes.size() - at)) // never so for a null one
-        record.payload = QByteArray::fromRawData(bytes.constData() + at, qsizetype(count));
+    record.kind = fields.bytes();
+    record.fileName = fields.text();
+    record.payload = fields.bytes();
     return record;
 }
 

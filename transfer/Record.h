@@ -19,8 +19,8 @@ struct DataRecord
     QString fileName;
     QByteArray payload;
 
-    // Lenient: fields that run past the end read as empty; surplus bytes are ignored. The payload
-    // points into the bytes, which must outlive it: they may be many.
+    // Lenient: fields that run past the end read as empty; surplus bytes are ignored. Kind and
+    // payload point into the bytes, which must outlive them: they may be many.
     [[nodiscard]] static DataRecord read(const QByteArray &bytes);
     [[nodiscard]] QByteArray write() const;
 

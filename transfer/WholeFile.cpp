@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -62,8 +63,12 @@ void removeUnlocked(int directory, const char *name)
 
 bool isPlainName(const QString &name)
 {
-    return !name.isEmpty() && !name.startsWith(u'.') && !name.contains(u'/')
-        && !name.contains(QChar(u'\0')) && QFile::decodeName(QFile::encodeName(name)) == name;
+    if (name.isEmpty() || name.startsWith(u'.'))
+        return false;
+    const auto isCommon = [](QChar c) { return c > u'\0' && c < u'\x80' && c != u'/'; };
+    return std::all_of(name.begin(), name.end(), isCommon)
+        || (!name.contains(u'/') && !name.contains(QChar(u'\0'))
+            && QFile::decodeName(QFile::encodeName(name)) == name);
 }
 
 int openRegularFile(const QString &path, struct stat &info)
