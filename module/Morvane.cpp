@@ -151,6 +151,7 @@ void Morvane::stop()
 {
     if (!keeper)
         return;
+    connector->readToEnd();
     spoolSender->stop();
     keeper->stop();
 }

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@ constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread 
 constexpr qint64 mostUnreadBytes = 67'108'864; // room for one more of the longest frames
 constexpr qint64 resumeBytes = maxUnreadBytes / 2; // the backlog has been read
 constexpr auto holdInterval = 250ms; // between two looks whether senders may go on
+constexpr auto longestEnd = 5'000ms; // for what is left to read when the process ends
 constexpr int adminLostStatus = 5; // exit status of the process
 
 constexpr char watchReport[] = "Watch_Arrow";
@@ -388,6 +390,22 @@ void TConnector::releaseSenders()
     for (TMyLocalSocket *socket : sockets) {
         if (outConnections.contains(socket) || inConnections.contains(socket))
             SlotNewData(socket);
+    }
+}
+
+// What is in the sockets would be lost with them, although the senders were told that it was taken.
+void TConnector::readToEnd()
+{
+    const QDeadlineTimer deadline(longestEnd);
+    while (server->isListening() && server->waitForNewConnection(0) && !deadline.hasExpired()) { }
+    server->close();
+    const QList<TMyLocalSocket *> sockets = inConnections + outConnections;
+    for (TMyLocalSocket *socket : sockets) {
+        if (socket->state() != QLocalSocket::ConnectedState)
+            continue;
+        ::shutdown(int(socket->socketDescriptor()), SHUT_RD);
+        SlotNewData(socket);
+        while (socket->isOpen() && !deadline.hasExpired() && socket->waitForReadyRead(0)) { }
     }
 }
 

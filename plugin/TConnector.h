@@ -115,6 +115,9 @@ public:
     void SetDataAll(uchar version, QByteArray &data);
     void SetOutDataAll(uchar version, QByteArray &data);
 
+    // Before the process ends: takes all that other modules have sent so far, and no more. Returns
+    // after some seconds at the latest.
+    void readToEnd();
     // Whether frames of one read are being dispatched: ReadDone() follows.
     [[nodiscard]] bool isReading() const { return readDepth > 0; }
 

@@ -60,6 +60,7 @@ private Q_SLOTS:
 
     void staleLockIsRemoved_data();
     void staleLockIsRemoved();
+    void lockOfAKilledWriterIsRemovedAtOnce();
     void longWaitIsSaidOnce();
     void lockThatCannotBeRemovedDoesNotHang();
     void ownerOfABrokenLockLeavesTheNextOneAlone();
@@ -226,6 +227,29 @@ void TestSpool::staleLockIsRemoved()
     QCOMPARE(lock.look(start + waited) == SpoolLock::State::Free, removed);
     QCOMPARE(QFile::exists(spool.lockPath), !removed);
     QCOMPARE(spool.said.filter(u"Removed the lock file"_s).size(), removed ? 1 : 0);
+}
+
+void TestSpool::lockOfAKilledWriterIsRemovedAtOnce()
+{
+    Spool spool;
+    SpoolLock waiter(spool.folder, spool.say);
+    const auto start = SpoolLock::Clock::now();
+    mode_t mark = 0;
+    {
+        SpoolLock writer(spool.folder, spool.say);
+        QVERIFY(writer.tryAcquire());
+        struct stat info;
+        QCOMPARE(::stat(qPrintable(spool.lockPath), &info), 0);
+        mark = info.st_mode;
+        QCOMPARE(info.st_size, 0);
+        QCOMPARE(waiter.look(start), SpoolLock::State::Held);
+        QCOMPARE(waiter.look(start + 20s), SpoolLock::State::Held); // it lives
+    }
+    const Descriptor left(::open(qPrintable(spool.lockPath), O_CREAT | O_WRONLY, mark & 07777));
+    QCOMPARE(::fchmod(left.get(), mark & 07777), 0);
+    QCOMPARE(waiter.look(start + 21s), SpoolLock::State::Held);
+    QCOMPARE(waiter.look(start + 21s + 11ms), SpoolLock::State::Free);
+    QVERIFY(spool.said.last().endsWith(u"its writer was killed"_s));
 }
 
 void TestSpool::longWaitIsSaidOnce()
