@@ -74,13 +74,16 @@ void TestSpool::dataRecordsAreWrittenExactlyAndReadLeniently()
     const QByteArray bytes = hex("00000006 74656D706462 00000004 00660031 00000002 4142");
     QCOMPARE(DataRecord({"tempdb", u"f1"_s, "AB"}).write().toHex(), bytes.toHex());
     for (qsizetype length = 0; length <= bytes.size(); ++length) {
-        const DataRecord record = DataRecord::read(bytes.left(length));
+        const QByteArray cut = bytes.left(length);
+        const DataRecord record = DataRecord::read(cut);
         QCOMPARE(record.isAccepted(), length >= 10);
         QCOMPARE(record.fileName, length >= 18 ? u"f1"_s : QString());
         QCOMPARE(record.payload, QByteArray(length >= 24 ? "AB" : ""));
     }
-    QCOMPARE(DataRecord::read(bytes + "surplus").payload, "AB");
-    QVERIFY(!DataRecord::read(hex("7FFFFFFF 6572726F72")).isAccepted());
+    const QByteArray longer = bytes + "surplus";
+    QCOMPARE(DataRecord::read(longer).payload, "AB");
+    const QByteArray tooShort = hex("7FFFFFFF 6572726F72");
+    QVERIFY(!DataRecord::read(tooShort).isAccepted());
     QCOMPARE(DataRecord::read(hex("00000005 6572726F72 00000003 006600 00000001 41")).fileName,
         QString()); // half a character
 }
