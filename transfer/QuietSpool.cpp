@@ -58,7 +58,8 @@ bool QuietSpool::read()
     if (!directory)
         return false;
     while (const dirent *entry = ::readdir(directory.get())) {
-        const QByteArray name = QByteArray::fromRawData(entry->d_name, qstrlen(entry->d_name));
+        const QByteArray name =
+            QByteArray::fromRawData(entry->d_name, qsizetype(qstrlen(entry->d_name)));
         if (name == SpoolLock::fileName)
             return false;
         if (name.startsWith('.'))
