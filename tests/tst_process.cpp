@@ -40,6 +40,7 @@ private Q_SLOTS:
     void peerThatTalksCostsNoMemory();
     void quitSignalGivesStatusZero();
     void stopSignalsGiveStatusZeroAndKeepTheSpool();
+    void linkWithoutAcknowledgementsIsGivenUp();
 
 private:
     static void startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRelay &fromIt)
@@ -60,6 +61,9 @@ private:
 
     ModuleProcess orphan; // two settings files; loses its administration server
     std::optional<BusServer> orphanAdmin;
+
+    TcpPeer silentPeer;
+    ModuleProcess stuck; // its peer takes no bytes
 
     ModuleProcess east, west; // in UDP mode, with a bad link between them
     UdpRelay toEast{1, 50}, toWest{2, 50};
@@ -83,6 +87,14 @@ void TestProcess::initTestCase()
     orphan.startWith({u"-settings"_s, orphan.writeSettings(u"a.ini"_s, "LogName=a\n", ""),
         u"--settings"_s, u"-settings"_s,
         orphan.writeSettings(u"b.ini"_s, "LogName=b\nAdminServerName=admin\n", "")});
+
+    silentPeer.stopReading();
+    silentPeer.setKernelBuffer(65'536);
+    const QString settings = stuck.writeSettings(u"m.ini"_s, "AdminServerName=\n",
+        "LiveMessageTimeout=1\nPort=" + QByteArray::number(silentPeer.serverPort()) + '\n');
+    for (int number = 0; number < 20; ++number)
+        stuck.record("error", QString::number(number), QByteArray(500'000, 'x'));
+    stuck.startWith({u"-settings"_s, settings});
 
     startUdp(east, toEast, toWest);
     startUdp(west, toWest, toEast);
@@ -248,6 +260,12 @@ void TestProcess::stopSignalsGiveStatusZeroAndKeepTheSpool()
         QCOMPARE(process->place.logged(u"morvane.log"_s).last(),
             u"Stopped by SIG%1, exit status 0"_s.arg(QLatin1StringView(::sigabbrev_np(signal))));
     }
+}
+
+void TestProcess::linkWithoutAcknowledgementsIsGivenUp()
+{
+    QTRY_COMPARE_WITH_TIMEOUT(silentPeer.linkStarts.size(), 2, 2 * patience);
+    QVERIFY(started.elapsed() > 29'000);
 }
 
 QTEST_GUILESS_MAIN(TestProcess)

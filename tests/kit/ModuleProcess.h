@@ -6,6 +6,8 @@
 #include <QDateTime>
 #include <QProcess>
 
+#include <unistd.h>
+
 using namespace Qt::StringLiterals;
 
 inline constexpr int patience = 30'000; // milliseconds; a start takes up to 15 seconds
@@ -79,6 +81,18 @@ public:
     [[nodiscard]] QStringList spooled() const
     {
         return QDir(place.path(u"spool"_s)).entryList(QDir::Files);
+    }
+
+    // Of processor time that the process has taken.
+    [[nodiscard]] double processorSeconds() const
+    {
+        QFile file(u"/proc/%1/stat"_s.arg(processId()));
+        if (!file.open(QIODevice::ReadOnly))
+            return 0;
+        const QByteArray line = file.readAll();
+        const QByteArrayList fields = line.sliced(line.lastIndexOf(')') + 2).split(' ');
+        return (fields.value(11).toDouble() + fields.value(12).toDouble())
+            / double(::sysconf(_SC_CLK_TCK));
     }
 
     // Megabytes that the process holds in memory.
