@@ -228,13 +228,13 @@ void SpoolSender::send()
         return;
     }
     beginListing({});
+    goOn();
 }
 
 void SpoolSender::beginListing(const QByteArray &after)
 {
     scan.emplace(keeper.directory().path(), after);
     onItsWay.rememberNames();
-    goOn();
 }
 
 // A lock that cannot be removed keeps everything in the spool until the next record comes.
@@ -320,11 +320,13 @@ void SpoolSender::dropListing()
 void SpoolSender::endOfListing()
 {
     lookSoon();
-    if (std::exchange(isCutOff, false))
-        return beginListing(lastListed);
+    const bool isMoreWaiting = std::exchange(isCutOff, false);
     listed = SpoolListing();
-    if (std::exchange(listAgain, false))
-        send();
+    if (!isMoreWaiting && !std::exchange(listAgain, false))
+        return;
+    // In its own turn: a file that another writer changes all the time must not nest these calls.
+    beginListing(isMoreWaiting ? lastListed : QByteArray());
+    work.start(0ms);
 }
 
 // A file that cannot be read or is not taken is passed over.
