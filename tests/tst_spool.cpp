@@ -106,6 +106,16 @@ void TestSpool::linkRecordsAreCutFromAnyPieces()
     reader.append(hex("ffffffff 41"));
     QVERIFY(!reader.next());
     QCOMPARE(reader.refusedLength(), 0xFFFFFFFFu);
+
+    LinkRecord::AcknowledgementReader numbers;
+    QList<quint64> read;
+    for (const char byte : hex("0201000000000000 ffffffffffffffff 07")) {
+        numbers.append(QByteArray(1, byte));
+        while (const auto number = numbers.next())
+            read.append(*number);
+    }
+    QCOMPARE(read, QList<quint64>({0x102, ~quint64(0)}));
+    QCOMPARE(LinkRecord::acknowledgement(0x102), hex("0201000000000000"));
 }
 
 // --- files ---

@@ -126,3 +126,19 @@ std::optional<QByteArray> LinkRecord::Reader::next()
     buffer.remove(0, lengthSize + length);
     return body;
 }
+
+QByteArray LinkRecord::acknowledgement(quint64 storedRecords)
+{
+    QByteArray bytes(sizeof(storedRecords), Qt::Uninitialized);
+    qToLittleEndian(storedRecords, bytes.data());
+    return bytes;
+}
+
+std::optional<quint64> LinkRecord::AcknowledgementReader::next()
+{
+    if (buffer.size() < qsizetype(sizeof(quint64)))
+        return std::nullopt;
+    const auto number = qFromLittleEndian<quint64>(buffer.constData());
+    buffer.remove(0, sizeof(quint64));
+    return number;
+}

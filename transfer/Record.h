@@ -30,7 +30,9 @@ struct DataRecord
 };
 
 // The TCP link carries a plain sequence of records: uint32 little-endian length, then as many
-// bytes, the content of one spool file or the keep-alive text.
+// bytes, the content of one spool file or the keep-alive text. A peer that acknowledges writes
+// numbers in the other direction, uint64 little-endian: so many records of the connection, from its
+// first, keep-alives among them, are stored for good.
 namespace LinkRecord {
 
 inline constexpr char keepAlive[] = "live";
@@ -68,6 +70,20 @@ private:
     QByteArray buffer;
     quint32 maxBody; // bytes
     quint32 refused = 0;
+};
+
+[[nodiscard]] QByteArray acknowledgement(quint64 storedRecords);
+
+// Cuts what a peer sends, in whatever pieces it arrives, into its numbers. Keeps less than one of
+// them when next() has returned nothing.
+class AcknowledgementReader
+{
+public:
+    void append(QByteArrayView bytes) { buffer += bytes; }
+    [[nodiscard]] std::optional<quint64> next();
+
+private:
+    QByteArray buffer;
 };
 
 } // namespace LinkRecord
