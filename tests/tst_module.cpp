@@ -16,6 +16,7 @@ private Q_SLOTS:
     void aboutTellsTheSettings_data();
     void aboutTellsTheSettings();
     void exampleSettingsHoldEveryKeyAndNoOther();
+    void settingsPageTellsEveryKeyAndItsDefault();
     void recordsBecomeSpoolFiles();
     void unsendableProtocolDropsButReports();
     void statusFileTellsWhatTheModuleDoes();
@@ -64,6 +65,24 @@ void TestModule::exampleSettingsHoldEveryKeyAndNoOther()
     QStringList explained = example.allKeys();
     QVERIFY(explained.removeIf([](const QString &key) { return key.startsWith("Base/"_L1); }) > 0);
     QCOMPARE(explained, bench.module.prepareTemplateSettings()->allKeys());
+}
+
+void TestModule::settingsPageTellsEveryKeyAndItsDefault()
+{
+    ModuleBench bench("");
+    const QSettings *known = bench.module.prepareTemplateSettings();
+    QFile page(QStringLiteral(SETTINGS_PAGE));
+    QVERIFY(page.open(QIODevice::ReadOnly));
+    const QString table = QString::fromUtf8(page.readAll()).section(u"## Group [Main]"_s, 1);
+    const QRegularExpression row(
+        u"^\\| `(\\w+)` \\| (?:`(.+?)`|none)"_s, QRegularExpression::MultilineOption);
+    QStringList told;
+    for (const QRegularExpressionMatch &match : row.globalMatch(table)) {
+        told.append(u"Main/"_s + match.captured(1));
+        QCOMPARE(match.captured(2), known->value(told.last()).toString());
+    }
+    told.sort();
+    QCOMPARE(told, known->allKeys());
 }
 
 void TestModule::recordsBecomeSpoolFiles()
