@@ -1,10 +1,8 @@
 #include "AdminEvents.h"
 
+#include "ModuleBus.h"
+#include "ModuleEvent.h"
 #include "Output.h"
-
-#include <QDateTime>
-#include <QJsonDocument>
-#include <QJsonObject>
 
 using namespace Qt::StringLiterals;
 
@@ -23,13 +21,12 @@ QString coloured(const QString &text, const char *colour)
     return QString::fromLatin1(colour) + text + QString::fromLatin1(plain);
 }
 
-QString describe(
-    const QByteArray &action, const QByteArray &message, const QByteArray &data, int id)
+QString describe(const ModuleAction &action)
 {
-    QString text = u"%1 id %2"_s.arg(printable(action), QString::number(id));
-    if (!data.isEmpty())
-        text += u", %1 of data"_s.arg(counted(data.size(), u"byte"_s));
-    QString shown = printable(message);
+    QString text = u"%1 id %2"_s.arg(printable(action.name), QString::number(action.id));
+    if (!action.data.isEmpty())
+        text += u", %1 of data"_s.arg(counted(action.data.size(), u"byte"_s));
+    QString shown = printable(action.message);
     if (shown.endsWith(u'\n'))
         shown.chop(1);
     if (shown.contains(u'\n'))
@@ -37,59 +34,62 @@ QString describe(
     return shown.isEmpty() ? text : text + u": "_s + shown;
 }
 
-} // namespace
-
-void AdminEvents::listening(const QString &name) const
+void showLine(const QString &module, const QString &text, const char *colour = "")
 {
-    if (asJson)
-        return showJson("listening", {}, {{u"name"_s, name}});
-    say(timeStamp() + u"  Listening as %1, waiting for modules"_s.arg(name));
-}
-
-void AdminEvents::connected(const QByteArray &module) const
-{
-    if (asJson)
-        return showJson("connected", module, {});
-    show(module, u"connected"_s, green);
-}
-
-void AdminEvents::renamed(const QByteArray &module, const QByteArray &before) const
-{
-    if (asJson)
-        return showJson("renamed", module, {{u"before"_s, QString::fromUtf8(before)}});
-    show(module, u"was %1 before"_s.arg(printable(before)));
-}
-
-void AdminEvents::disconnected(const QByteArray &module) const
-{
-    if (asJson)
-        return showJson("disconnected", module, {});
-    show(module, u"disconnected"_s, red);
-}
-
-void AdminEvents::action(const QByteArray &module, const QByteArray &name,
-    const QByteArray &message, const QByteArray &data, int id) const
-{
-    if (!asJson)
-        return show(module, describe(name, message, data, id));
-    QJsonObject details{{u"action"_s, QString::fromUtf8(name)}, {u"id"_s, id},
-        {u"message"_s, QString::fromUtf8(message)}};
-    if (!data.isEmpty())
-        details.insert(u"base64"_s, QString::fromLatin1(data.toBase64()));
-    showJson("action", module, details);
-}
-
-void AdminEvents::show(const QByteArray &module, const QString &text, const char *colour) const
-{
-    say(coloured(timeStamp(), faint) + u"  "_s + coloured(printable(module), bold) + u"  "_s
+    say(coloured(timeStamp(), faint) + u"  "_s + coloured(module, bold) + u"  "_s
         + coloured(text, colour));
 }
 
-void AdminEvents::showJson(const char *event, const QByteArray &module, QJsonObject details) const
+void showObject(const QJsonObject &event)
 {
-    details.insert(u"time"_s, QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs));
-    details.insert(u"event"_s, QString::fromLatin1(event));
-    if (!module.isNull())
-        details.insert(u"module"_s, QString::fromUtf8(module));
-    say(QString::fromUtf8(QJsonDocument(details).toJson(QJsonDocument::Compact)));
+    say(QString::fromUtf8(ModuleEvent::line(event)));
+}
+
+} // namespace
+
+AdminEvents::AdminEvents(const ModuleBus &moduleBus, bool json)
+    : bus(moduleBus)
+    , asJson(json)
+{
+    connect(&bus, &ModuleBus::moduleCame, this, &AdminEvents::noteArrival);
+    connect(&bus, &ModuleBus::moduleRenamed, this, &AdminEvents::noteNewName);
+    connect(&bus, &ModuleBus::moduleLeft, this,
+        [this](qint64, const QByteArray &name) { noteLoss(name); });
+    connect(&bus, &ModuleBus::actionCame, this, &AdminEvents::noteAction);
+    connect(&bus, &ModuleBus::trouble, this, [](const QString &text) { complain(text); });
+}
+
+void AdminEvents::show(const QString &text, const char *event, const QJsonObject &details) const
+{
+    if (asJson)
+        return showObject(ModuleEvent::make(event, details));
+    say(timeStamp() + u"  "_s + text);
+}
+
+void AdminEvents::noteArrival(qint64 module) const
+{
+    if (asJson)
+        return showObject(ModuleEvent::connected(bus.rawNameOf(module)));
+    showLine(bus.nameOf(module), u"connected"_s, green);
+}
+
+void AdminEvents::noteNewName(qint64 module, const QByteArray &before) const
+{
+    if (asJson)
+        return showObject(ModuleEvent::renamed(bus.rawNameOf(module), before));
+    showLine(bus.nameOf(module), u"was %1 before"_s.arg(printable(before)));
+}
+
+void AdminEvents::noteLoss(const QByteArray &module) const
+{
+    if (asJson)
+        return showObject(ModuleEvent::disconnected(module));
+    showLine(printable(module), u"disconnected"_s, red);
+}
+
+void AdminEvents::noteAction(qint64 module, const ModuleAction &action) const
+{
+    if (asJson)
+        return showObject(ModuleEvent::action(bus.rawNameOf(module), action));
+    showLine(bus.nameOf(module), describe(action));
 }

@@ -1,32 +1,31 @@
 #pragma once
 
-#include <QByteArray>
+#include <QJsonObject>
+#include <QObject>
 #include <QString>
 
-class QJsonObject;
+class ModuleBus;
+struct ModuleAction;
 
-// Shows what happens at the administration server: one line or paragraph each for a person, in
-// colour on a terminal, or one JSON object a line.
+// Shows what happens to the modules: one line or paragraph each for a person, in colour on a
+// terminal, or one JSON object a line.
 //
-// Owner:   AdminServer.
-class AdminEvents
+// Owner:   the subcommand admin.
+class AdminEvents : public QObject
 {
+    Q_OBJECT
 public:
-    explicit AdminEvents(bool json)
-        : asJson(json)
-    {
-    }
+    AdminEvents(const ModuleBus &bus, bool json);
 
-    void listening(const QString &name) const;
-    void connected(const QByteArray &module) const;
-    void renamed(const QByteArray &module, const QByteArray &before) const;
-    void disconnected(const QByteArray &module) const;
-    void action(const QByteArray &module, const QByteArray &name, const QByteArray &message,
-        const QByteArray &data, int id) const;
+    // What happens to this process itself: the text for a person, and the event and its details.
+    void show(const QString &text, const char *event, const QJsonObject &details) const;
 
 private:
-    void show(const QByteArray &module, const QString &text, const char *colour = "") const;
-    void showJson(const char *event, const QByteArray &module, QJsonObject details) const;
+    void noteArrival(qint64 module) const;
+    void noteNewName(qint64 module, const QByteArray &before) const;
+    void noteLoss(const QByteArray &module) const;
+    void noteAction(qint64 module, const ModuleAction &action) const;
 
+    const ModuleBus &bus;
     const bool asJson;
 };

@@ -1,57 +1,45 @@
 #pragma once
 
-#include "AdminEvents.h"
+#include "CommandIds.h"
+#include "ModuleBus.h"
 
 #include <QHash>
-#include <QObject>
 
 class TConnector;
 class TMyLocalServer;
 class TMyLocalSocket;
 
-// The administration server that modules connect to: says every module that comes and goes and
-// every action, and sends commands.
+// The administration server that modules connect to.
 //
 // A connection counts as a module once its name frame has arrived.
 //
 // Owner:   the subcommand admin.
 // Thread:  main thread.
 // Errors:  never throws. What a module does wrong ends its connection only.
-class AdminServer : public QObject
+class AdminServer : public ModuleBus
 {
     Q_OBJECT
 public:
-    // Shows what happens as text or as JSON.
-    explicit AdminServer(bool asJson);
+    AdminServer();
     ~AdminServer() override;
 
     // Listens at once. Otherwise the reason why not: a name that is in use is not taken away.
     [[nodiscard]] QString listen(const QString &name);
 
-    // Those of a name, or all.
-    [[nodiscard]] QList<TMyLocalSocket *> modules(const QByteArray &name = {}) const
-    {
-        return name.isEmpty() ? names.keys() : names.keys(name);
-    }
-    [[nodiscard]] QString nameOf(TMyLocalSocket *module) const;
-
-    // To the modules of a name, or all, at once; lost, and said, for one that has stopped reading.
-    void send(const QByteArray &command, qint32 id, const QByteArray &name);
-
-Q_SIGNALS:
-    void moduleCame();
-    void moduleLeft(TMyLocalSocket *module);
-    void actionCame(const QByteArray &action, int id, TMyLocalSocket *module);
+    // Lost, and said, for a module that has stopped reading.
+    qint32 send(const QByteArray &command, const QByteArray &name) override;
+    // The same with an id from somebody else's range.
+    void sendAs(qint32 id, const QByteArray &command, const QByteArray &name);
 
 private:
     void accept(TMyLocalSocket *socket);
-    void noteName(TMyLocalSocket *socket);
+    void readName(TMyLocalSocket *socket);
     void noteAction(const QByteArray &action, const QByteArray &message, const QByteArray &data,
         int id, TMyLocalSocket *socket);
-    void noteLoss(TMyLocalSocket *socket);
 
-    const AdminEvents events;
     TConnector *connector; // cuts the frames; its own passes and its own server stay unused
     TMyLocalServer *server;
-    QHash<TMyLocalSocket *, QByteArray> names; // of the modules, as last announced
+    QHash<TMyLocalSocket *, Key> keys;
+    Key lastKey = 0;
+    CommandIds ids;
 };

@@ -1,8 +1,12 @@
 #include "BusName.h"
 
 #include <QDir>
+#include <QFile>
+#include <QLocalServer>
+#include <QLocalSocket>
 
 #include <algorithm>
+#include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
 
@@ -10,10 +14,30 @@ namespace {
 
 constexpr qsizetype longestPath = 106; // bytes that the kernel's socket address takes here
 
+constexpr mode_t othersMask = 0007; // the user and the group may connect
+
 // A module reads the names in its settings as Latin-1, so others lead to different files.
 bool isPlainAscii(const QString &name)
 {
     return std::all_of(name.begin(), name.end(), [](QChar c) { return c > u' ' && c < u'\x7f'; });
+}
+
+// Only the socket file that a server has left behind may go. Whatever else bears the name stays.
+QString clearName(const QString &name)
+{
+    QLocalSocket probe;
+    probe.connectToServer(name);
+    if (probe.state() != QLocalSocket::UnconnectedState)
+        return u"a live server has this name"_s;
+    if (probe.error() == QLocalSocket::ServerNotFoundError)
+        return {};
+    const QString path = busSocketPath(name);
+    struct stat info;
+    if (probe.error() != QLocalSocket::ConnectionRefusedError
+        || ::lstat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISSOCK(info.st_mode))
+        return u"%1 is in the way: %2"_s.arg(path, probe.errorString());
+    QLocalServer::removeServer(name);
+    return {};
 }
 
 } // namespace
@@ -33,4 +57,18 @@ QString busNameProblem(const QString &name)
             QString::fromLocal8Bit(path), QString::number(path.size()),
             QString::number(longestPath));
     return {};
+}
+
+QString listenOnBus(QLocalServer &server, const QString &name)
+{
+    const QString problem = clearName(name);
+    if (!problem.isEmpty())
+        return problem;
+    // The modules of a service have a user of their own, and this one's group in common.
+    const mode_t mask = ::umask(othersMask);
+    const bool listens = server.listen(name);
+    ::umask(mask);
+    if (listens)
+        return {};
+    return u"%1 (%2)"_s.arg(server.errorString(), busSocketPath(name));
 }

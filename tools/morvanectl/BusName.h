@@ -2,8 +2,14 @@
 
 #include <QString>
 
+class QLocalServer;
+
 // Why no socket can have this bus name; empty if one can.
 [[nodiscard]] QString busNameProblem(const QString &name);
 
 // The socket file of a bus name. It lies in the temporary folder, which TMPDIR moves.
 [[nodiscard]] QString busSocketPath(const QString &name);
+
+// Listens under a bus name, for this user and the group. Otherwise the reason why not: only a
+// socket file that a server has left behind is removed.
+[[nodiscard]] QString listenOnBus(QLocalServer &server, const QString &name);

@@ -1,8 +1,7 @@
 #include "CommandRun.h"
 
-#include "AdminServer.h"
+#include "ModuleBus.h"
 #include "Output.h"
-#include "TConnector.h"
 
 #include <chrono>
 
@@ -18,16 +17,16 @@ QString whose(const QByteArray &module)
 } // namespace
 
 CommandRun::CommandRun(
-    AdminServer &adminServer, const QList<AdminCommand> &commandList, int waitSeconds)
-    : server(adminServer)
+    ModuleBus &moduleBus, const QList<AdminCommand> &commandList, int waitSeconds)
+    : bus(moduleBus)
     , commands(commandList)
 {
     limit.setSingleShot(true);
     limit.setInterval(std::chrono::seconds(waitSeconds));
     connect(&limit, &QTimer::timeout, this, &CommandRun::giveUp);
-    connect(&server, &AdminServer::moduleCame, this, &CommandRun::proceed);
-    connect(&server, &AdminServer::moduleLeft, this, &CommandRun::noteLoss);
-    connect(&server, &AdminServer::actionCame, this, &CommandRun::noteAction);
+    connect(&bus, &ModuleBus::moduleCame, this, &CommandRun::proceed);
+    connect(&bus, &ModuleBus::moduleLeft, this, &CommandRun::noteLoss);
+    connect(&bus, &ModuleBus::actionCame, this, &CommandRun::noteAction);
 }
 
 void CommandRun::start()
@@ -45,7 +44,7 @@ void CommandRun::proceed()
             Q_EMIT done();
             return;
         }
-        if (server.modules(commands.constFirst().module).isEmpty())
+        if (bus.modules(commands.constFirst().module).isEmpty())
             return; // the next one that connects gets the rest
         sendNext();
     }
@@ -54,20 +53,21 @@ void CommandRun::proceed()
 void CommandRun::sendNext()
 {
     current = commands.takeFirst();
-    const QList<TMyLocalSocket *> modules = server.modules(current.module);
+    const QList<qint64> modules = bus.modules(current.module);
     if (current.name == "About" || current.name == "QuitSignal")
         awaited = QSet(modules.begin(), modules.end());
     limit.start();
-    server.send(current.name, ++id, current.module);
+    id = bus.send(current.name, current.module);
 }
 
-void CommandRun::noteAction(const QByteArray &action, int answeredId, TMyLocalSocket *module)
+void CommandRun::noteAction(qint64 module, const ModuleAction &action)
 {
-    if (current.name == "About" && action == "About" && answeredId == id && awaited.remove(module))
+    if (current.name == "About" && action.name == "About" && action.id == id
+        && awaited.remove(module))
         proceed();
 }
 
-void CommandRun::noteLoss(TMyLocalSocket *module)
+void CommandRun::noteLoss(qint64 module)
 {
     if (!awaited.remove(module))
         return;
@@ -86,8 +86,8 @@ void CommandRun::giveUp()
     if (awaited.isEmpty())
         complain(
             u"admin: %1 has connected within %2"_s.arg(whose(commands.value(0).module), seconds));
-    for (TMyLocalSocket *module : std::as_const(awaited))
+    for (const qint64 module : std::as_const(awaited))
         complain(u"admin: %1: no effect of \"%2\" within %3"_s.arg(
-            server.nameOf(module), printable(current.name), seconds));
+            bus.nameOf(module), printable(current.name), seconds));
     Q_EMIT failed();
 }

@@ -7,8 +7,8 @@
 #include <QSet>
 #include <QTimer>
 
-class AdminServer;
-class TMyLocalSocket;
+class ModuleBus;
+struct ModuleAction;
 
 // Carries out the commands that were given as arguments, one after the other.
 //
@@ -19,7 +19,7 @@ class CommandRun : public QObject
     Q_OBJECT
 public:
     // Seconds for a module to connect, and for each effect.
-    CommandRun(AdminServer &server, const QList<AdminCommand> &commands, int waitSeconds);
+    CommandRun(ModuleBus &bus, const QList<AdminCommand> &commands, int waitSeconds);
 
     void start();
 
@@ -30,15 +30,15 @@ Q_SIGNALS:
 private:
     void proceed();
     void sendNext();
-    void noteAction(const QByteArray &action, int answeredId, TMyLocalSocket *module);
-    void noteLoss(TMyLocalSocket *module);
+    void noteAction(qint64 module, const ModuleAction &action);
+    void noteLoss(qint64 module);
     void giveUp();
 
-    AdminServer &server;
+    ModuleBus &bus;
     QList<AdminCommand> commands; // still to be sent
     AdminCommand current; // the one whose effect is awaited
     qint32 id = 0; // of the current command
-    QSet<TMyLocalSocket *> awaited; // modules that the current command still waits for
+    QSet<qint64> awaited; // modules that the current command still waits for
     bool finished = false;
     QTimer limit; // of one step
 };

@@ -1,7 +1,7 @@
 #include "TypedCommands.h"
 
 #include "AdminCommand.h"
-#include "AdminServer.h"
+#include "ModuleBus.h"
 #include "NameGuess.h"
 #include "Output.h"
 
@@ -28,10 +28,10 @@ constexpr qsizetype mostWaiting = 1'000; // commands typed before a module is th
 
 } // namespace
 
-TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
-    : server(adminServer)
+TypedCommands::TypedCommands(ModuleBus &moduleBus)
+    : bus(moduleBus)
     , input(STDIN_FILENO, QSocketNotifier::Read)
-    , id(firstId)
+    , lines(longestCommand)
 {
     if (LineEditor::isPossible()) {
         ended = true; // nothing is read past the editor
@@ -42,7 +42,7 @@ TypedCommands::TypedCommands(AdminServer &adminServer, qint32 firstId)
         connect(&*editor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
     }
     connect(&input, &QSocketNotifier::activated, this, &TypedCommands::read);
-    connect(&server, &AdminServer::moduleCame, this, &TypedCommands::sendWaiting);
+    connect(&bus, &ModuleBus::moduleCame, this, &TypedCommands::sendWaiting);
 }
 
 void TypedCommands::read()
@@ -52,30 +52,25 @@ void TypedCommands::read()
     if (count <= 0) {
         ended = true;
         input.setEnabled(false);
-        takeLine(std::exchange(unfinished, {}));
+        takeLine(lines.takeRest());
         if (::isatty(STDIN_FILENO))
             QCoreApplication::exit(0);
         return;
     }
-    unfinished.append(bytes, count);
-    for (qsizetype end; (end = unfinished.indexOf('\n')) >= 0; unfinished.remove(0, end + 1)) {
-        const QByteArray line = unfinished.left(end);
-        ::isatty(STDIN_FILENO) ? takeTyped(line) : takeLine(line);
-    }
-    if (unfinished.size() <= longestCommand)
-        return;
-    complain(u"admin: a line of more than %1 bytes is no command"_s.arg(longestCommand));
-    discarding = true;
-    unfinished.clear();
+    const bool isTyped = ::isatty(STDIN_FILENO) == 1;
+    const bool allFit = lines.feed({bytes, count},
+        [&](const QByteArray &line) { isTyped ? takeTyped(line) : takeLine(line); });
+    if (!allFit)
+        complain(u"admin: a line of more than %1 bytes is no command"_s.arg(longestCommand));
 }
 
 void TypedCommands::takeLine(const QByteArray &line)
 {
     const QByteArray command = line.trimmed();
-    if (std::exchange(discarding, false) || command.isEmpty())
+    if (command.isEmpty())
         return;
     waiting.append(command);
-    if (server.modules().isEmpty())
+    if (bus.modules().isEmpty())
         complain(u"admin: no module is connected, \"%1\" waits for one"_s.arg(printable(command)));
     sendWaiting();
 }
@@ -94,8 +89,8 @@ void TypedCommands::takeTyped(const QByteArray &line)
     if (first == "quit"_L1 || first == "QuitSignal"_L1)
         return say(QString::fromLatin1(quitExplained));
     if (first == "modules"_L1) {
-        for (TMyLocalSocket *module : server.modules())
-            say(server.nameOf(module));
+        for (const qint64 module : bus.modules())
+            say(bus.nameOf(module));
         return;
     }
     const std::optional<AdminCommand> command = AdminCommand::read(text);
@@ -114,8 +109,8 @@ QStringList TypedCommands::candidates(const QString &before) const
     if (before == "watch"_L1 || before == "arrows"_L1)
         return {u"on"_s, u"off"_s};
     QStringList names;
-    for (TMyLocalSocket *module : server.modules())
-        names += server.nameOf(module);
+    for (const qint64 module : bus.modules())
+        names += bus.nameOf(module);
     if (before == "stop"_L1 || before == "send-command"_L1)
         names += u"all"_s;
     return names;
@@ -124,8 +119,8 @@ QStringList TypedCommands::candidates(const QString &before) const
 void TypedCommands::askToStop(const AdminCommand &command)
 {
     QStringList names;
-    for (TMyLocalSocket *module : server.modules(command.module))
-        names += server.nameOf(module);
+    for (const qint64 module : bus.modules(command.module))
+        names += bus.nameOf(module);
     if (names.isEmpty())
         return complain(u"admin: no such module is connected, see \"modules\""_s);
     asked = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
@@ -143,7 +138,7 @@ void TypedCommands::answer(const QString &line)
 
 void TypedCommands::sendWaiting()
 {
-    while (!waiting.isEmpty() && !server.modules().isEmpty())
+    while (!waiting.isEmpty() && !bus.modules().isEmpty())
         send(waiting.takeFirst());
     input.setEnabled(!ended && waiting.size() < mostWaiting);
 }
@@ -153,8 +148,8 @@ void TypedCommands::send(const QByteArray &line)
     const std::optional<AdminCommand> command = AdminCommand::read(QString::fromUtf8(line));
     if (!command)
         complain(u"admin: \"%1\" is no command, see --help"_s.arg(printable(line)));
-    else if (server.modules(command->module).isEmpty())
+    else if (bus.modules(command->module).isEmpty())
         complain(u"admin: no module \"%1\" is connected"_s.arg(printable(command->module)));
     else
-        server.send(command->name, id++, command->module);
+        bus.send(command->name, command->module);
 }

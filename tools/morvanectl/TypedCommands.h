@@ -1,5 +1,6 @@
 #pragma once
 
+#include "LineCutter.h"
 #include "LineEditor.h"
 
 #include <QByteArrayList>
@@ -8,7 +9,7 @@
 
 #include <optional>
 
-class AdminServer;
+class ModuleBus;
 struct AdminCommand;
 
 // The commands on standard input; on a terminal its lines can be edited. They wait while no module
@@ -19,8 +20,7 @@ class TypedCommands : public QObject
 {
     Q_OBJECT
 public:
-    // The id of the first command; each has the next one.
-    TypedCommands(AdminServer &server, qint32 firstId);
+    explicit TypedCommands(ModuleBus &bus);
 
 private:
     void read();
@@ -32,13 +32,11 @@ private:
     void sendWaiting();
     void send(const QByteArray &line);
 
-    AdminServer &server;
+    ModuleBus &bus;
     std::optional<LineEditor> editor; // on a terminal,
     QSocketNotifier input; // otherwise
     bool ended = false; // the input
-    QByteArray unfinished; // line
-    bool discarding = false; // the rest of a line that is too long
+    LineCutter lines;
     QByteArrayList waiting;
     QByteArray asked; // the command that ends modules and waits for a yes
-    qint32 id; // of the next command
 };

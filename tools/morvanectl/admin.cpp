@@ -1,4 +1,5 @@
 #include "AdminCommand.h"
+#include "AdminEvents.h"
 #include "AdminServer.h"
 #include "BusName.h"
 #include "CommandLine.h"
@@ -52,8 +53,8 @@ id, message and base64, the data.)";
 void warnOfOrphans(const AdminServer &server)
 {
     QStringList names;
-    const QList<TMyLocalSocket *> modules = server.modules();
-    for (TMyLocalSocket *module : modules)
+    const QList<qint64> modules = server.modules();
+    for (const qint64 module : modules)
         names += server.nameOf(module);
     if (!names.isEmpty())
         complain(u"admin: leaving; with their administration server gone these modules end with "
@@ -83,7 +84,7 @@ int serve(AdminServer &server, const AdminOptions &options)
         if (options.leaves)
             stay.start();
         if (!options.leaves || options.forSeconds > 0)
-            typed.emplace(server, qint32(options.commands.size() + 1));
+            typed.emplace(server);
     });
     endLoopOnStopSignals(&server);
     QTimer::singleShot(0, &run, &CommandRun::start);
@@ -136,10 +137,13 @@ int runAdmin(const QStringList &arguments)
         return *status;
 
     const QString name = line.positionals().constFirst();
-    AdminServer server(line.isSet(u"json"_s));
+    AdminServer server;
+    const AdminEvents events(server, line.isSet(u"json"_s));
     if (const QString problem = server.listen(name); !problem.isEmpty()) {
         complain(u"admin: cannot listen as %1: %2"_s.arg(name, problem));
         return failureStatus;
     }
+    events.show(
+        u"Listening as %1, waiting for modules"_s.arg(name), "listening", {{u"name"_s, name}});
     return serve(server, options);
 }

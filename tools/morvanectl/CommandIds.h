@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QtGlobal>
+
+// The ids that one sender's commands bear, one after the other and then again: a range of its own,
+// so that it knows the answers to its own commands.
+class CommandIds
+{
+public:
+    static constexpr qint32 rangeSize = 1'000'000;
+    static constexpr qint32 rangeCount = 2'147; // of positive numbers
+
+    explicit CommandIds(qint32 rangeNumber = 0)
+        : firstId(rangeNumber * rangeSize + 1)
+    {
+    }
+    [[nodiscard]] static CommandIds startingAt(qint32 id)
+    {
+        CommandIds ids;
+        ids.firstId = id;
+        return ids;
+    }
+
+    [[nodiscard]] qint32 first() const { return firstId; }
+    [[nodiscard]] bool contains(qint64 id) const
+    {
+        return id >= firstId && id < qint64(firstId) + rangeSize;
+    }
+    qint32 next()
+    {
+        used = used % rangeSize + 1;
+        return firstId + used - 1;
+    }
+
+private:
+    qint32 firstId;
+    qint32 used = 0;
+};
