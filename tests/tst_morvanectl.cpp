@@ -8,6 +8,8 @@
 #include <QTcpSocket>
 #include <QTest>
 
+#include <unistd.h>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -69,9 +71,13 @@ void TestMorvanectl::wrongUsageGivesStatusTwo_data()
     const auto row = [](const char *name, const QString &arguments, const char *complaint) {
         QTest::newRow(name) << arguments << QByteArray(complaint);
     };
-    row("an option that does not exist", u"admin x --fly"_s, "'fly'");
+    row("an option that does not exist", u"admin x --fro 1"_s, "\"--fro\", is \"--for\" meant?");
     row("nothing to send", u"send mod"_s, "MODULE FILE");
     row("a kind that modules drop", u"send mod /etc/passwd --kind Error"_s, "\"Error\"");
+    row("a word that stands for nothing", u"send mod /etc/passwd --name {nmae}"_s,
+        "\"{nmae}\", is \"{name}\" meant?");
+    row("a name too long for a file", u"send mod /etc/passwd --name "_s + QString(256, u'n'),
+        "256 bytes");
     row("a record name with a folder", u"send mod /etc/passwd --name a/b"_s, "\"a/b\"");
     row("a switch without its position", u"admin x watch maybe"_s, "\"watch maybe\"");
     row("names that leave the folder", u"receive 0 --dir in --name ../{number}"_s, "{number}");
@@ -138,6 +144,14 @@ void TestMorvanectl::sendSaysWhatKeepsItFromSending()
     QVERIFY2(unheard.complains("no module listens"), unheard.complaints);
 
     BusServer module(u"mod"_s);
+    if (::geteuid() != 0) { // root may connect to everything
+        const QString socket = QDir::tempPath() + u"/mod"_s;
+        QVERIFY(QFile::setPermissions(socket, {}));
+        Tool denied(u"send mod fits --wait 20"_s);
+        QTRY_COMPARE_WITH_TIMEOUT(denied.status(), 1, patience);
+        QVERIFY2(denied.complains("permission denied"), denied.complaints);
+        QVERIFY(QFile::setPermissions(socket, QFile::ReadUser | QFile::WriteUser));
+    }
     module.reading = false;
     Tool tooLong(u"send mod long"_s);
     QTRY_COMPARE_WITH_TIMEOUT(tooLong.status(), 1, patience);

@@ -15,6 +15,8 @@ inline constexpr char incomingPrefix[] = ".incoming-";
 // names would mean the same file.
 [[nodiscard]] bool isPlainName(const QString &name);
 
+inline constexpr qsizetype longestFileName = 255; // bytes that the kernel's file systems take
+
 // Opens a regular file for reading and tells what the system knows of it; -1, with the reason in
 // errno, for anything else.
 [[nodiscard]] int openRegularFile(const QString &path, struct stat &info);

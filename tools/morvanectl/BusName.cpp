@@ -44,7 +44,26 @@ QString clearName(const QString &name)
 
 QString busSocketPath(const QString &name)
 {
-    return QDir(QDir::tempPath()).absoluteFilePath(name);
+    // As the sockets themselves put it together, also where the folder does not exist.
+    return QDir::isAbsolutePath(name) ? name : QDir::tempPath() + u'/' + name;
+}
+
+QString busFolderProblem()
+{
+    const QString folder = qEnvironmentVariable("TMPDIR");
+    if (folder.isEmpty() || QFileInfo(folder).isDir())
+        return {};
+    return u"TMPDIR names %1, which is no folder: the bus would lie in /"_s.arg(folder);
+}
+
+QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError error)
+{
+    const QString path = busSocketPath(name);
+    if (error == QLocalSocket::SocketAccessError)
+        return u"permission denied for %1: only the module's user, its group and root may connect"_s
+            .arg(path);
+    const QString problem = busFolderProblem();
+    return problem.isEmpty() ? u"no module listens under this name (%1)"_s.arg(path) : problem;
 }
 
 QString busNameProblem(const QString &name)

@@ -1,5 +1,6 @@
 #include "CommandLine.h"
 
+#include "NameGuess.h"
 #include "Output.h"
 
 using namespace Qt::StringLiterals;
@@ -15,12 +16,14 @@ CommandLine::CommandLine(
 
 void CommandLine::addFlag(const QString &name, const QString &description)
 {
+    options.append(u"--"_s + name);
     parser.addOption(QCommandLineOption(name, description));
 }
 
 void CommandLine::addValue(const QString &name, const QString &valueName,
     const QString &description, const QString &defaultValue)
 {
+    options.append(u"--"_s + name);
     parser.addOption(QCommandLineOption(name, description, valueName, defaultValue));
 }
 
@@ -33,7 +36,7 @@ std::optional<int> CommandLine::parse(
         return 0;
     }
     if (!understood)
-        return wrongUsage(parser.errorText());
+        return wrongUsage(parserProblem());
     if (positionals().size() < fewest)
         return wrongUsage(u"Too few arguments: %1 is expected."_s.arg(synopsis));
     if (positionals().size() > most)
@@ -62,6 +65,17 @@ int CommandLine::wrongUsage(const QString &what) const
 {
     complain(u"%1: %2 See \"morvanectl %1 --help\"."_s.arg(subcommand, what));
     return usageStatus;
+}
+
+QString CommandLine::parserProblem() const
+{
+    const QStringList unknown = parser.unknownOptionNames();
+    if (unknown.isEmpty())
+        return parser.errorText();
+    const QString name = unknown.constFirst();
+    const QString option = (name.size() == 1 ? u"-"_s : u"--"_s) + name;
+    return guessSentence(
+        u"Unknown option \"%1\""_s.arg(option), option, name.size() == 1 ? QStringList() : options);
 }
 
 // The parser's own first line knows nothing of subcommands.

@@ -38,10 +38,12 @@ public:
 
 private:
     [[nodiscard]] QString helpText() const;
+    [[nodiscard]] QString parserProblem() const;
 
     QString subcommand;
     QString synopsis;
     QCommandLineParser parser;
+    QStringList options; // with their dashes
 };
 
 // --directory, for what a settings file says relative to the module's working directory.

@@ -42,3 +42,9 @@ QString guessHint(const QString &name, const QStringList &known)
     }
     return best.isEmpty() ? QString() : u", is \"%1\" meant?"_s.arg(best);
 }
+
+QString guessSentence(const QString &statement, const QString &name, const QStringList &known)
+{
+    const QString hint = guessHint(name, known);
+    return statement + (hint.isEmpty() ? u"."_s : hint);
+}

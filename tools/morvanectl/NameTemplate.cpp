@@ -1,5 +1,7 @@
 #include "NameTemplate.h"
 
+#include "NameGuess.h"
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -27,4 +29,19 @@ QRegularExpression namesFrom(const QString &text)
     pattern.replace(QRegularExpression::escape(numberField), u"(\\d{%1,18})"_s.arg(numberDigits));
     pattern.replace(QRegularExpression::escape(timeField), u"\\d{8}T\\d{6}Z"_s);
     return QRegularExpression(QRegularExpression::anchoredPattern(pattern));
+}
+
+QString templateProblem(const QString &text, const QStringList &words)
+{
+    static const QRegularExpression field(u"\\{(\\w+)\\}"_s);
+    QStringList fields;
+    for (const QString &word : words)
+        fields.append(u'{' + word + u'}');
+    for (const QRegularExpressionMatch &match : field.globalMatch(text)) {
+        const QString hint =
+            words.contains(match.captured(1)) ? QString() : guessHint(match.captured(0), fields);
+        if (!hint.isEmpty())
+            return u"nothing stands for \"%1\"%2"_s.arg(match.captured(0), hint);
+    }
+    return {};
 }

@@ -22,6 +22,11 @@ constexpr auto retryInterval = 200ms; // between two looks for a module that is 
 constexpr auto clockInterval = 500ms;
 constexpr qint64 longStandstill = 5'000; // milliseconds; more than a busy module needs
 
+QString shown(const QString &file)
+{
+    return file == standardInput ? u"standard input"_s : file;
+}
+
 // All of a file or of standard input, or at least what makes it too long for a frame. Says why it
 // cannot be read and returns nothing.
 std::optional<QByteArray> readToEnd(const QString &path)
@@ -39,7 +44,7 @@ std::optional<QByteArray> readToEnd(const QString &path)
     }
     if (opened && file.error() == QFileDevice::NoError)
         return content;
-    complain(u"send: cannot read %1: %2"_s.arg(path, file.errorString()));
+    complain(u"send: cannot read %1: %2"_s.arg(shown(path), file.errorString()));
     return std::nullopt;
 }
 
@@ -52,7 +57,7 @@ QByteArray makeFrame(
     if (frame.size() - qsizetype(sizeof(qint32)) <= longestBody)
         return frame;
     complain(u"send: %1 is too long: a frame carries at most %2 bytes"_s.arg(
-        item.file, QString::number(longestBody)));
+        shown(item.file), QString::number(longestBody)));
     return {};
 }
 
@@ -82,7 +87,7 @@ Sender::Sender(const SendOptions &sendOptions)
     limit.setSingleShot(true);
     connect(&limit, &QTimer::timeout, this, [this] {
         if (socket.state() != QLocalSocket::ConnectedState)
-            fail(u"no module listens under this name (%1)"_s.arg(busSocketPath(options.module)));
+            fail(connectionProblem(options.module, socket.error()));
     });
 }
 
@@ -93,12 +98,14 @@ void Sender::start()
     if (isInput) {
         std::optional<QByteArray> content = readToEnd(standardInput);
         if (!content)
-            return fail(u"standard input cannot be sent"_s);
+            return fail(u"%1 cannot be sent"_s.arg(shown(standardInput)));
         input = std::move(*content);
     }
     progress.emplace(isInput ? input.size() : bytesOfFiles(options), !options.quiet);
     retry.start(retryInterval);
     tryToConnect();
+    if (finished)
+        return;
     if (!options.quiet && options.waitSeconds > 0 && socket.state() != QLocalSocket::ConnectedState)
         say(u"Waiting for %1 to listen"_s.arg(options.module));
     limit.start(std::chrono::seconds(options.waitSeconds));
@@ -108,6 +115,9 @@ void Sender::tryToConnect()
 {
     if (socket.state() == QLocalSocket::UnconnectedState)
         socket.connectToServer(options.module);
+    // Waiting brings no right to connect.
+    if (socket.error() == QLocalSocket::SocketAccessError)
+        fail(connectionProblem(options.module, socket.error()));
 }
 
 void Sender::begin()
@@ -130,7 +140,7 @@ void Sender::fill()
             item.file == standardInput ? input : readToEnd(item.file);
         const QByteArray frame = content ? makeFrame(options, item, *content) : QByteArray();
         if (frame.isEmpty())
-            return fail(u"%1 cannot be sent"_s.arg(item.file));
+            return fail(u"%1 cannot be sent"_s.arg(shown(item.file)));
         queuedBytes += frame.size();
         onItsWay.enqueue({u"Sent %1 as %2, %3 in its frame"_s.arg(item.name,
                               QString::fromLatin1(options.kind), counted(frame.size(), u"byte"_s)),

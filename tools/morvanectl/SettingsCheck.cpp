@@ -42,6 +42,19 @@ QString otherGroup(const QString &group)
     return group == BaseSettings::group ? MainSettings::group : BaseSettings::group;
 }
 
+// Why this user can put no file into the folder; empty if that works.
+QString folderProblem(const QString &path)
+{
+    const QFileInfo folder(path);
+    if (!folder.exists())
+        return u"there is no folder %1"_s.arg(path);
+    if (!folder.isDir())
+        return u"%1 is no folder"_s.arg(path);
+    return folder.isWritable() && folder.isExecutable()
+        ? QString()
+        : u"permission denied for the folder %1"_s.arg(path);
+}
+
 } // namespace
 
 SettingsCheck::SettingsCheck(const QString &path, const QString &workingDirectory)
@@ -149,9 +162,8 @@ void SettingsCheck::checkLog()
     if (name == u"journal")
         return;
     const QString folder = QFileInfo(QDir(directory).absoluteFilePath(name)).path();
-    if (name.contains(u'/') && !QFileInfo(folder).isWritable())
-        addBase(error, BaseSettings::logName,
-            u"the log cannot be written, %1 is no folder that can be written to"_s.arg(folder));
+    if (const QString problem = folderProblem(folder); name.contains(u'/') && !problem.isEmpty())
+        addBase(error, BaseSettings::logName, u"the log cannot be written: "_s + problem);
 }
 
 // Whatever lies in the spool directory itself is sent, and removed then.
@@ -179,14 +191,14 @@ void SettingsCheck::checkWhatLiesInSpool()
     const QString statusFile = settings.main(MainSettings::statusFile);
     if (statusFile.isEmpty())
         return;
-    const QFileInfo folder(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
+    const QString problem =
+        folderProblem(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
     if (isInSpool(statusFile))
         addMain(error, MainSettings::statusFile,
             u"the status file lies in the spool folder: it would be sent and removed"_s);
-    else if (!folder.isDir() || !folder.isWritable())
-        addMain(warning, MainSettings::statusFile,
-            u"the status file cannot be written, %1 is no folder that can be written to"_s.arg(
-                folder.filePath()));
+    else if (!problem.isEmpty())
+        addMain(
+            warning, MainSettings::statusFile, u"the status file cannot be written: "_s + problem);
 }
 
 // --- what two modules cannot share ---

@@ -25,10 +25,8 @@ bool isInTheWay(const QString &path)
 
 void SettingsCheck::checkBus()
 {
-    const QString folder = qEnvironmentVariable("TMPDIR");
-    if (!folder.isEmpty() && !QFileInfo(folder).isDir())
-        addBase(error, BaseSettings::serverName,
-            u"TMPDIR names %1, which is no folder: the bus would lie in /"_s.arg(folder));
+    if (const QString problem = busFolderProblem(); !problem.isEmpty())
+        addBase(error, BaseSettings::serverName, problem);
     const QString admin = settings.base(BaseSettings::adminServerName);
     const QString server = settings.base(BaseSettings::serverName);
     if (admin == BaseSettings::noName)

@@ -199,8 +199,11 @@ void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
     for (const QString &name : folders) {
         const QString path = spool.pathOf(name);
         const Descriptor folder(::open(QFile::encodeName(path).constData(), folderFlags));
-        if (!folder.isOpen())
+        if (!folder.isOpen()) {
+            if (errno != ENOENT) // its module may have ended meanwhile
+                state.unacknowledged.append({name, 0, 0, true, qt_error_string()});
             continue;
+        }
         SpoolState::Unacknowledged sent{name, 0, 0, hasOwner(folder.get())};
         const SpoolDirectory kept(path);
         forEachFile(kept, [&](const SpoolState::File &file, const SpoolDirectory::Mark &) {

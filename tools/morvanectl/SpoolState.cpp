@@ -81,6 +81,16 @@ void addTransfer(Table &table, const SpoolState::Transfer &transfer)
                           : u"%1, as fast as the link carries them"_s.arg(packets));
 }
 
+QString toText(const SpoolState::Unacknowledged &sent)
+{
+    if (!sent.problem.isEmpty())
+        return u"%1 cannot be looked into: %2"_s.arg(shownName(sent.folder), sent.problem);
+    return u"%1 in %2, not acknowledged; %3"_s.arg(shownSize(sent.files, sent.bytes),
+        shownName(sent.folder),
+        sent.hasOwner ? u"the module that sent them runs"_s
+                      : u"their module has ended, the next start gives them back"_s);
+}
+
 } // namespace
 
 QString SpoolState::toText() const
@@ -89,11 +99,7 @@ QString SpoolState::toText() const
     table.add(u"spool"_s, shownName(path));
     addWaiting(table, *this);
     for (const Unacknowledged &sent : unacknowledged)
-        table.add(u"sent"_s,
-            u"%1 in %2, not acknowledged; %3"_s.arg(shownSize(sent.files, sent.bytes),
-                shownName(sent.folder),
-                sent.hasOwner ? u"the module that sent them runs"_s
-                              : u"their module has ended, the next start gives them back"_s));
+        table.add(u"sent"_s, ::toText(sent));
     for (const Refused &aside : refused)
         table.add(u"refused"_s,
             u"%1  %2  %3"_s.arg(shownName(aside.file.name), counted(aside.file.bytes, u"byte"_s),
@@ -114,8 +120,11 @@ QJsonObject SpoolState::toJson() const
         return object;
     };
     const auto sentToJson = [](const Unacknowledged &sent) {
-        return QJsonObject{{u"folder"_s, sent.folder}, {u"files"_s, sent.files},
+        QJsonObject object{{u"folder"_s, sent.folder}, {u"files"_s, sent.files},
             {u"bytes"_s, sent.bytes}, {u"ownerLives"_s, sent.hasOwner}};
+        if (!sent.problem.isEmpty())
+            object.insert(u"problem"_s, sent.problem);
+        return object;
     };
     QJsonObject object{{u"spool"_s, path}, {u"files"_s, files}, {u"bytes"_s, bytes},
         {u"oldest"_s, oldest ? QJsonValue(jsonOf(*oldest)) : QJsonValue()},

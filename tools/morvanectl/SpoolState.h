@@ -30,6 +30,7 @@ struct SpoolState
         qint64 files;
         qint64 bytes;
         bool hasOwner; // that lives
+        QString problem = {}; // why it could not be looked into; empty if it could
     };
     struct Transfer
     {

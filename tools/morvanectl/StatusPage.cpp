@@ -39,8 +39,12 @@ StatusPage::StatusPage(const QString &path)
         u"^morvane_(\\w+)\\{module=\"(?:[^\"\\\\]|\\\\.)*\",?(.*)\\} (\\S+)$"_s,
         QRegularExpression::MultilineOption);
     QFile file(path);
-    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
+    if (path.isEmpty())
         return;
+    if (!file.open(QIODevice::ReadOnly)) {
+        reason = file.errorString();
+        return;
+    }
     const QString text = QString::fromUtf8(file.read(longestPage));
     for (const QRegularExpressionMatch &match : line.globalMatch(text)) {
         const QString labels = match.captured(2);

@@ -13,6 +13,9 @@ public:
     // The path may be empty: the module writes none.
     explicit StatusPage(const QString &path);
 
+    // Why the file cannot be read; empty if it can, or if there is to be none.
+    [[nodiscard]] QString problem() const { return reason; }
+
     // "records accepted  12", one line each, in the order of the file.
     [[nodiscard]] QStringList lines() const;
     [[nodiscard]] QJsonObject toJson() const;
@@ -24,4 +27,5 @@ private:
         double number;
     };
     QList<Value> values;
+    QString reason;
 };

@@ -49,9 +49,14 @@ const Subcommand *find(const QString &name)
     return nullptr;
 }
 
-QStringList subcommandNames()
+bool isHelpWord(const QString &word)
 {
-    QStringList names;
+    return word == u"--help"_s || word == u"-h"_s || word == u"help"_s;
+}
+
+QStringList firstWords()
+{
+    QStringList names = {u"help"_s, u"--help"_s, u"--version"_s};
     for (const Subcommand &subcommand : subcommands)
         names.append(subcommand.name);
     return names;
@@ -66,8 +71,8 @@ int main(int argc, char *argv[])
     pLog = new TLog(u"morvanectl"_s); // never enabled, but the bus classes write to it
     const QStringList arguments = QCoreApplication::arguments();
     const QString chosen = arguments.value(1);
-    const bool isHelp = chosen == u"--help"_s || chosen == u"-h"_s || chosen == u"help"_s;
-    if (isHelp && (chosen != u"help"_s || arguments.size() < 3)) {
+    const bool isHelp = isHelpWord(chosen);
+    if (isHelp && (chosen != u"help"_s || arguments.size() < 3 || isHelpWord(arguments.at(2)))) {
         say(overview());
         return honestStatus(0);
     }
@@ -80,9 +85,8 @@ int main(int argc, char *argv[])
         return honestStatus(subcommand->run(
             isHelp ? QStringList{subcommand->name, u"--help"_s} : arguments.sliced(1)));
     const QString unknown = isHelp ? arguments.at(2) : chosen;
-    const QString hint = guessHint(unknown, subcommandNames());
-    complain((unknown.isEmpty() ? u"A subcommand is missing"_s
-                                : u"Unknown subcommand \"%1\""_s.arg(unknown))
-        + (hint.isEmpty() ? u"."_s : hint) + u" See \"morvanectl --help\"."_s);
+    const QString problem = unknown.isEmpty() ? u"A subcommand is missing"_s
+                                              : u"Unknown subcommand \"%1\""_s.arg(unknown);
+    complain(guessSentence(problem, unknown, firstWords()) + u" See \"morvanectl --help\"."_s);
     return usageStatus;
 }

@@ -65,7 +65,6 @@ void addOptions(CommandLine &line)
     line.addFlag(u"quiet"_s, u"Do not show every record and connection."_s);
 }
 
-constexpr qsizetype longestName = 255; // bytes, of a file
 constexpr int leastBuffer = 1; // bytes; the kernel makes its own least of it
 constexpr int cautiousBuffer = 16'384; // bytes; a few hundred megabytes a second on one host
 constexpr int highest = std::numeric_limits<int>::max();
@@ -118,11 +117,14 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
         return line.wrongUsage(u"--dir takes a folder, and --overwrite needs it."_s);
     if (options.directory.isEmpty() && line.isSet(u"name"_s))
         return line.wrongUsage(u"--name needs --dir."_s);
+    if (const QString problem = templateProblem(options.nameTemplate, {u"number"_s, u"time"_s});
+        !problem.isEmpty())
+        return line.wrongUsage(u"--name: "_s + problem);
     const QString longest = fillIn(options.nameTemplate, highest, QDateTime::currentDateTime());
     if (options.nameTemplate.count(u"{number}"_s) != 1 || !isPlainName(longest)
-        || longest.toUtf8().size() > longestName)
+        || longest.toUtf8().size() > longestFileName)
         return line.wrongUsage(u"--name must hold {number} once, no \"/\", and not begin with a "
-                               "dot; a name has %1 bytes at most."_s.arg(longestName));
+                               "dot; a name has %1 bytes at most."_s.arg(longestFileName));
     if (options.closeAfter != 0 && options.stopAfter != 0)
         return line.wrongUsage(u"--close-after and --stop-after exclude each other."_s);
     return std::nullopt;

@@ -2,6 +2,7 @@
 #include "BusName.h"
 #include "CommandLine.h"
 #include "Commands.h"
+#include "NameGuess.h"
 #include "NameTemplate.h"
 #include "Output.h"
 #include "Record.h"
@@ -13,6 +14,7 @@
 #include <QFileInfo>
 #include <QSet>
 
+#include <cerrno>
 #include <optional>
 
 using namespace Qt::StringLiterals;
@@ -38,14 +40,15 @@ in the temporary folder: TMPDIR must be the same for all its processes.)";
 // What can be known before anything is sent; empty if nothing is wrong.
 QString problemWith(const QString &file)
 {
-    const QFileInfo info(file);
-    if (!info.exists())
-        return u"does not exist"_s;
-    if (!info.isFile() || !info.isReadable())
-        return u"is no readable file"_s;
-    if (info.size() > longestBody)
+    struct stat info = {};
+    const Descriptor opened(openRegularFile(file, info));
+    if (!opened.isOpen())
+        return u"cannot be read: "_s
+            + (errno == EINVAL ? u"it is no file; \"-\" takes what is piped in"_s
+                               : qt_error_string());
+    if (info.st_size > longestBody)
         return u"has %1 bytes, more than the %2 of a frame"_s.arg(
-            QString::number(info.size()), QString::number(longestBody));
+            QString::number(info.st_size), QString::number(longestBody));
     return {};
 }
 
@@ -76,6 +79,8 @@ QList<SendOptions::Item> itemsOf(const QStringList &files, const QString &nameTe
     return items;
 }
 
+constexpr qsizetype shownOfLongName = 40; // characters
+
 // What is wrong with the names of the records; empty if nothing is.
 QString nameProblem(const SendOptions &options, bool areGiven)
 {
@@ -86,6 +91,10 @@ QString nameProblem(const SendOptions &options, bool areGiven)
         if (!isPlainName(name))
             return u"No module keeps a record of the name \"%1\": it must not be empty, hold \"/\" "
                    "or begin with a dot. --name gives another."_s.arg(name);
+        if (const qsizetype bytes = name.toUtf8().size(); bytes > longestFileName)
+            return u"No module keeps a record whose name has %1 bytes, more than the %2 of a "
+                   "file: \"%3...\". --name gives another."_s.arg(QString::number(bytes),
+                       QString::number(longestFileName), name.left(shownOfLongName));
         if (names.contains(name))
             return u"Two records would have the name \"%1\", and one replace the other."_s.arg(
                 name);
@@ -136,11 +145,17 @@ std::optional<int> readOptions(const CommandLine &line, SendOptions &options)
     options.waitSeconds = *wait;
     if (!isDataVersion(*version))
         return line.wrongUsage(u"--data-version %1 marks another kind of frame."_s.arg(*version));
+    const QString kind = QString::fromUtf8(options.kind);
     if (!DataRecord{options.kind, {}, {}}.isAccepted())
         return line.wrongUsage(
-            u"Modules take no records of the kind \"%1\"."_s.arg(QString::fromUtf8(options.kind)));
+            guessSentence(u"Modules take no records of the kind \"%1\""_s.arg(kind), kind,
+                {u"tempdb"_s, u"error"_s, u"tempdb_t"_s}));
     if (const QString problem = busNameProblem(options.module); !problem.isEmpty())
         return line.wrongUsage(u"\"%1\": %2."_s.arg(options.module, problem));
+    if (const QString problem =
+            templateProblem(line.value(u"name"_s), {u"name"_s, u"number"_s, u"time"_s});
+        !problem.isEmpty())
+        return line.wrongUsage(u"--name: "_s + problem);
     if (const QString problem = nameProblem(options, !line.value(u"name"_s).isEmpty());
         !problem.isEmpty())
         return line.wrongUsage(problem);

@@ -48,6 +48,9 @@ bool show(SpoolObserver &observer, const QString &statusFile, bool asJson)
         QString text = state.toText();
         for (const QString &line : page.lines())
             text += u"\nstatus   "_s + line;
+        if (!page.problem().isEmpty())
+            text += u"\nstatus   %1 cannot be read: %2"_s.arg(
+                printable(statusFile.toUtf8()), page.problem());
         say(text);
         return true;
     }
