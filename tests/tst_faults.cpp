@@ -81,7 +81,7 @@ struct TcpLine
     {
         oracle.put(process, 1);
         start();
-        QTRY_COMPARE_WITH_TIMEOUT(keptCount(process.place.path(u"spool"_s)), 0, patience);
+        QTRY_COMPARE(keptCount(process.place.path(u"spool"_s)), 0);
         QTRY_VERIFY(oracle.hasLast(peer.bodies));
         QCOMPARE(oracle.judge(peer, mostDuplicates, mostMissing), QString());
         kill();
@@ -250,7 +250,7 @@ void TestFaults::killsLoseNothingOfTheBus()
         for (TcpLine &line : lines)
             line.start();
         for (TcpLine &line : lines) {
-            QTRY_VERIFY_WITH_TIMEOUT(line.process.isListening(), patience);
+            QTRY_VERIFY(line.process.isListening());
             BusFeeder feeder(line.process.place.path(u"me"_s));
             line.oracle.put(feeder, 20'000);
             pause(300);
@@ -267,7 +267,7 @@ void TestFaults::stopTakesWhatTheBusHolds()
 {
     TcpLine line;
     line.start();
-    QTRY_VERIFY_WITH_TIMEOUT(line.process.isListening(), patience);
+    QTRY_VERIFY(line.process.isListening());
     BusFeeder early(line.process.place.path(u"me"_s)), late(line.process.place.path(u"me"_s));
     const auto raise = [&](int signal) { ::kill(pid_t(line.process.processId()), signal); };
     raise(SIGSTOP);
@@ -306,7 +306,7 @@ void TestFaults::killsLoseNothingOverUdp()
     start(0);
     start(1);
     for (int index : {0, 1}) {
-        QTRY_VERIFY_WITH_TIMEOUT(ends[index].process.spooled().isEmpty(), patience);
+        QTRY_VERIFY(ends[index].process.spooled().isEmpty());
         QCOMPARE(ends[1 - index].received(), ends[index].oracle.all());
     }
 }
@@ -351,7 +351,7 @@ void TestFaults::fullDiskHealsByItself()
         ::setrlimit(RLIMIT_FSIZE, &limit);
     });
     line.start();
-    QTRY_VERIFY_WITH_TIMEOUT(process.isListening(), patience);
+    QTRY_VERIFY(process.isListening());
 
     BusFeeder feeder(process.place.path(u"me"_s));
     feeder.record("error", u"beyond the limit"_s, QByteArray(400'000, 'x'));
@@ -359,7 +359,7 @@ void TestFaults::fullDiskHealsByItself()
     const auto failures = [&] {
         return process.place.logged(u"morvane.log"_s).filter(u"Can not "_s).size();
     };
-    QTRY_COMPARE_WITH_TIMEOUT(failures() + process.spooled().size(), 801, patience);
+    QTRY_COMPARE(failures() + process.spooled().size(), 801);
     QVERIFY(failures() > 50);
     const double before = process.processorSeconds();
     QTest::qWait(1'000);
@@ -398,7 +398,7 @@ void TestFaults::powerCutTakesLessThanASecond()
     if (!linkUp)
         line.peer.close();
     line.start();
-    QTRY_VERIFY_WITH_TIMEOUT(line.process.isListening(), patience);
+    QTRY_VERIFY(line.process.isListening());
 
     BusFeeder feeder(line.process.place.path(u"me"_s));
     QList<int> accepted; // at each tenth of a second
@@ -418,7 +418,7 @@ void TestFaults::powerCutTakesLessThanASecond()
     line.start();
     const int sure = accepted.at(accepted.size() - 11); // a second before
     const auto missing = [&] { return line.oracle.missing(line.peer.bodies, sure); };
-    QTRY_COMPARE_WITH_TIMEOUT(missing(), QList<int>(), patience);
+    QTRY_COMPARE(missing(), QList<int>());
     QVERIFY(line.oracle.areWhole(line.peer.bodies));
     line.process.killNow();
 }

@@ -1,6 +1,7 @@
 #include "kit/Channel.h"
 #include "kit/DamagedDatagram.h"
 #include "kit/UdpRelay.h"
+#include "kit/Waiting.h"
 #include "test_object.h"
 
 #include <QElapsedTimer>
@@ -16,8 +17,6 @@
 using namespace Qt::StringLiterals;
 
 namespace {
-
-constexpr int longWait = 20'000; // milliseconds; some steps wait for seconds by design
 
 std::atomic<int> sentPackages, receivedPackages; // by all nodes, as the debug lines have it
 
@@ -100,9 +99,9 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
     left.put(u"A1"_s, "first");
     const QString lock = folder->writeFile(u"left/.lock"_s, "");
     left.thread.start();
-    QTRY_COMPARE_WITH_TIMEOUT(left.saidCount(u"left/.lock"_s), 1, longWait); // a long wait is said
+    QTRY_COMPARE(left.saidCount(u"left/.lock"_s), 1); // a long wait is said
     QVERIFY(!QFile::exists(u"A1"_s) && QFile::remove(lock));
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"b2"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"b2"_s));
     QCOMPARE(folder->readFile(u"A1"_s), "first");
     QCOMPARE(folder->readFile(u"b2"_s), "second");
     QTRY_COMPARE(left.lines.sliced(1),
@@ -117,11 +116,11 @@ void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()
     left.put(tooLong, "one");
     left.put(u"good"_s, "good");
     left.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"good"_s) && !left.holds(u"refused"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"good"_s) && !left.holds(u"refused"_s));
     QCOMPARE(left.saidCount(u"can't move"_s), 1);
     for (const char *content : {"changed", "again"}) {
         left.put(tooLong, content);
-        QTRY_VERIFY_WITH_TIMEOUT(!left.holds(tooLong), longWait);
+        QTRY_VERIFY(!left.holds(tooLong));
     }
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong), "changed");
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong + u".1"_s), "again");
@@ -137,9 +136,9 @@ void tst_scanthread::unreadableFilesAreTriedAgain()
     QVERIFY(chmod("left/f", 0) == 0);
     QVERIFY(user != 0 || seteuid(65'534) == 0); // root may read anything
     left.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"g"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"g"_s));
     QVERIFY(seteuid(user) == 0 && left.holds(u"f"_s) && chmod("left/f", 0644) == 0);
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"f"_s));
     QCOMPARE(folder->readFile(u"f"_s), "secret");
     QCOMPARE(left.saidCount(u"Can't read file left/f"_s), 1);
 }
@@ -152,7 +151,7 @@ void tst_scanthread::theLongestTickHoldsNoReceiverUp()
     right.put(u"g"_s, "in a minute");
     left.thread.start();
     right.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"f"_s));
     QVERIFY(folder->readFile(u"f"_s) == noise(10'000, 1));
     QVERIFY(right.holds(u"g"_s) && !QFile::exists(u"g"_s));
 }
@@ -165,7 +164,7 @@ void tst_scanthread::aFileThatCannotBeRemovedIsSentAgain()
     QVERIFY(chmod(qPrintable(folder->path()), 0777) == 0 && chmod("left", 0555) == 0);
     QVERIFY(user != 0 || seteuid(65'534) == 0); // root may remove anything
     left.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(left.saidCount(u"Can't delete file left/f"_s) == 2, longWait);
+    QTRY_VERIFY(left.saidCount(u"Can't delete file left/f"_s) == 2);
     left.thread.stop();
     QVERIFY(seteuid(user) == 0 && chmod("left", 0755) == 0);
     QCOMPARE(left.saidCount(u"Transmitted file left/f"_s), 2);
@@ -183,8 +182,8 @@ void tst_scanthread::aFileReplacedWhileThePortIsTakenIsSentInItsTurn()
     left.put(u"f"_s, "new");
     QCOMPARE(left.saidCount(u"Can't use UDP port %1"_s.arg(leftPort)), 1);
     other.reset();
-    QTRY_COMPARE_WITH_TIMEOUT(folder->readFile(u"f"_s), "old", longWait); // half a second
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QTRY_COMPARE(folder->readFile(u"f"_s), "old"); // half a second
+    QTRY_VERIFY(!left.holds(u"f"_s));
     QCOMPARE(left.saidCount(u"Transmitted file left/f"_s), 2);
     QCOMPARE(folder->readFile(u"f"_s), "new");
     QCOMPARE(left.saidCount(u"UDP port"_s), 2);
@@ -202,7 +201,7 @@ void tst_scanthread::aPeerRestartedInMidTransferGetsTheWholeFile()
     right.reset();
     QVERIFY(left.holds(u"f"_s) && !QFile::exists(u"f"_s));
     right.emplace(rightPort, leftPort, u"right"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(!left.holds(u"f"_s), longWait);
+    QTRY_VERIFY(!left.holds(u"f"_s));
     QVERIFY(folder->readFile(u"f"_s) == noise(50'000, 1));
     QCOMPARE(left.saidCount(u"left/f, it is sent afresh"_s), 1);
 }
@@ -229,7 +228,7 @@ void tst_scanthread::nothingIsSentWithoutANumericAddress()
     received.put(u"f"_s, "stays");
     received.thread.start();
     QTRY_COMPARE(received.saidCount(u"is the working directory"_s), 1);
-    QVERIFY(received.thread.wait(longWait));
+    QVERIFY(received.thread.wait(longestWait));
 }
 
 void tst_scanthread::onlyThePeerIsHeard()
@@ -276,7 +275,7 @@ void tst_scanthread::stopWaitsForNoCompression()
     QVERIFY(large.open(QFile::WriteOnly) && large.resize(8'000'000'000)); // takes many seconds
     const std::clock_t idle = std::clock();
     left.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(std::clock() - idle > CLOCKS_PER_SEC / 5, longWait); // it is busy
+    QTRY_VERIFY(std::clock() - idle > CLOCKS_PER_SEC / 5); // it is busy
     QElapsedTimer clock;
     clock.start();
     left.thread.stop();

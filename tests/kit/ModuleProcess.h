@@ -10,8 +10,6 @@
 
 using namespace Qt::StringLiterals;
 
-inline constexpr int patience = 30'000; // milliseconds; a start takes up to 15 seconds
-
 // A module process with a folder of its own, which is also its bus.
 class ModuleProcess : public QProcess
 {

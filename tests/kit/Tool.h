@@ -6,7 +6,7 @@
 
 #include <csignal>
 
-inline constexpr int patience = 10'000; // milliseconds; a loaded machine starts processes slowly
+inline constexpr int patience = 30'000; // milliseconds; a loaded machine starts processes slowly
 
 // The tool as a process in the temporary folder, which a Workplace sets. What it has said is
 // gathered.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "TLog.h"
+#include "Waiting.h"
 
 #include <QDir>
 #include <QDirIterator>
