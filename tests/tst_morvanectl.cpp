@@ -28,23 +28,6 @@ public:
     }
 };
 
-// A module's connection to the administration server. It reads nothing: peek() shows all commands.
-class AdminLink : public BusClient
-{
-public:
-    explicit AdminLink(const QByteArray &moduleName)
-        : BusClient(u"admin"_s)
-    {
-        send(BusFrame::makeName(moduleName));
-    }
-    [[nodiscard]] QByteArray heard() { return peek(bytesAvailable()); }
-};
-
-QByteArray command(const char *name, int id)
-{
-    return BusFrame::makeCommand(name, "", id);
-}
-
 } // namespace
 
 class TestMorvanectl : public QObject
@@ -58,10 +41,6 @@ private Q_SLOTS:
     void sendSaysWhatKeepsItFromSending();
     void receiveWritesEveryRecordToAFileOfItsOwn();
     void receiveReportsSilenceAndClosesOrStopsOnRequest();
-    void adminWaitsForWhatItsCommandsDo();
-    void adminTakesTypedCommandsAndShowsActions();
-    void adminTakesNoNameAway();
-    void linesCanBeEditedOnATerminal();
 };
 
 void TestMorvanectl::wrongUsageGivesStatusTwo_data()
@@ -233,133 +212,6 @@ void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
                            "lost\n"),
         stopping.said);
     QVERIFY(!stopping.says("Disconnected"));
-}
-
-void TestMorvanectl::adminWaitsForWhatItsCommandsDo()
-{
-    const Workplace place;
-    Tool tool(u"admin admin --json watch on \"about node2\" \"any text\" quit"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("listening"), patience);
-    AdminLink first("node1");
-    QTRY_COMPARE_WITH_TIMEOUT(first.heard(), command("Input_Data_On", 1), patience);
-    AdminLink second("node2");
-    QTRY_COMPARE_WITH_TIMEOUT(second.heard(), command("About", 2), patience);
-    second.write(BusFrame::makeAction("About", "of another command", "", 1));
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("of another command"), patience);
-    QCOMPARE(second.heard(), command("About", 2));
-    second.write(BusFrame::makeAction("About", "one\n\x1b", QByteArray("\0\xff", 2), 2));
-    const QByteArray toAll = command("any text", 3) + command("QuitSignal", 4);
-    QTRY_COMPARE_WITH_TIMEOUT(second.heard(), command("About", 2) + toAll, patience);
-    QTRY_COMPARE_WITH_TIMEOUT(first.heard(), command("Input_Data_On", 1) + toAll, patience);
-    first.disconnectFromServer();
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("disconnected"), patience);
-    QCOMPARE(tool.status(), -1);
-    second.disconnectFromServer();
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
-    QVERIFY2(!tool.complains("\n") && tool.says("\n"), tool.complaints);
-    const QRegularExpression time(u",\"time\":\"[^\"]*Z\""_s);
-    QCOMPARE(QString::fromUtf8(tool.said).remove(time), uR"({"event":"listening","name":"admin"}
-{"event":"connected","module":"node1"}
-{"event":"connected","module":"node2"}
-{"action":"About","event":"action","id":1,"message":"of another command","module":"node2"}
-{"action":"About","base64":"AP8=","event":"action","id":2,"message":"one\n\u001b","module":"node2"}
-{"event":"disconnected","module":"node1"}
-{"event":"disconnected","module":"node2"}
-)"_s);
-}
-
-void TestMorvanectl::adminTakesTypedCommandsAndShowsActions()
-{
-    const Workplace place;
-    Tool tool(u"admin admin watch on --stay"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("Listening"), patience);
-    auto brief = std::make_unique<AdminLink>("node0");
-    QTRY_COMPARE_WITH_TIMEOUT(brief->heard(), command("Input_Data_On", 1), patience);
-    brief.reset();
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("node0  disconnected\n"), patience);
-
-    tool.write("watch\nquit node0\nabout\nwatching all\nquit  node1");
-    tool.closeWriteChannel();
-    QTRY_VERIFY_WITH_TIMEOUT(tool.complains("\"quit  node1\" waits for one"), patience);
-    AdminLink module("node1");
-    const QByteArray typed =
-        command("About", 2) + command("watching all", 3) + command("QuitSignal", 4);
-    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), typed, patience);
-    QVERIFY(tool.complains("no module \"node0\" is connected"));
-    QVERIFY(tool.complains("\"watch\" is no command"));
-    module.write(BusFrame::makeAction("About", "one\n\x1b[2Jtwo\n", "", 1)
-        + BusFrame::makeAction("Watch_Arrow", "7", "data", -1));
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("node1  Watch_Arrow id -1, 4 bytes of data: 7"), patience);
-    QVERIFY2(tool.says("node1  About id 1:\n    one\n    \\x1b[2Jtwo\n"), tool.said);
-    QCOMPARE(tool.status(), -1); // the end of its input does not end it
-    tool.raise(SIGTERM);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
-    QVERIFY2(tool.complains("status 5: node1"), tool.complaints);
-}
-
-void TestMorvanectl::adminTakesNoNameAway()
-{
-    const Workplace place;
-    const BusServer live(u"live"_s);
-    place.writeFile(u"file"_s, "mine");
-    for (const QString &name : {u"live"_s, u"file"_s}) {
-        Tool tool(u"admin "_s + name);
-        QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 1, patience);
-        QVERIFY2(tool.complains("cannot listen as"), tool.complaints);
-    }
-    QCOMPARE(place.readFile(u"file"_s), "mine");
-    const BusClient stillThere(u"live"_s);
-
-    for (int start = 0; start < 2; ++start) {
-        Tool killedAtOnce(u"admin stale"_s);
-        QTRY_VERIFY_WITH_TIMEOUT(killedAtOnce.says("Listening"), patience);
-    }
-    QVERIFY(QFile::exists(place.path(u"stale"_s)));
-}
-
-void TestMorvanectl::linesCanBeEditedOnATerminal()
-{
-    const Workplace place;
-    if (QProcess::execute(u"script"_s, {u"-qec"_s, u"true"_s, u"/dev/null"_s}) != 0)
-        QSKIP("no terminal can be had here: /dev/pts is missing");
-    QProcess terminal;
-    terminal.start(u"script"_s,
-        {u"-qfec"_s,
-            u"TERM=xterm '%1/morvanectl' admin admin"_s.arg(QCoreApplication::applicationDirPath()),
-            u"/dev/null"_s});
-    QByteArray shown;
-    QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("> "), patience);
-    AdminLink module("node1");
-    terminal.write("bout\x01"
-                   "a\n"); // to the beginning of the line
-    QByteArray heard = command("About", 1);
-    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    terminal.write("\x1b[A\n"); // the line before this one
-    heard += command("About", 2);
-    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    // Nothing ends the module but a "stop" with a yes, and no unknown word reaches it.
-    terminal.write(
-        "abuot\nquit\nQuitSignal\nstop nobody\nstop node1\nn\nsend-command node1 Raw x\n");
-    heard += command("Raw x", 3);
-    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    terminal.write("sto\tnod\t\ny\n"); // the Tab key completes both words
-    heard += command("QuitSignal", 4);
-    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    shown += terminal.readAll();
-    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves", "Nothing was stopped"})
-        QVERIFY2(shown.contains(text), shown);
-    terminal.write("\x04"); // the end of the input
-    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
-    QCOMPARE(terminal.exitCode(), 0);
-
-    terminal.start(u"script"_s,
-        {u"-qfec"_s,
-            u"TERM=dumb '%1/morvanectl' admin dumb"_s.arg(QCoreApplication::applicationDirPath()),
-            u"/dev/null"_s});
-    terminal.write("quit\nexit\n");
-    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
-    const QByteArray plain = terminal.readAll();
-    QVERIFY2(plain.contains("\"exit\" leaves") && !plain.contains("\x1b["), plain);
 }
 
 QTEST_GUILESS_MAIN(TestMorvanectl)

@@ -34,15 +34,20 @@ QString describe(const ModuleAction &action)
     return shown.isEmpty() ? text : text + u": "_s + shown;
 }
 
+// The journal knows the time.
+QString stamp()
+{
+    return isJournal() ? QString() : timeStamp() + u"  "_s;
+}
+
 void showLine(const QString &module, const QString &text, const char *colour = "")
 {
-    say(coloured(timeStamp(), faint) + u"  "_s + coloured(module, bold) + u"  "_s
-        + coloured(text, colour));
+    say(coloured(stamp(), faint) + coloured(module, bold) + u"  "_s + coloured(text, colour));
 }
 
 void showObject(const QJsonObject &event)
 {
-    say(QString::fromUtf8(ModuleEvent::line(event)));
+    say(QString::fromUtf8(ModuleEvent::line(event)).chopped(1));
 }
 
 } // namespace
@@ -63,7 +68,7 @@ void AdminEvents::show(const QString &text, const char *event, const QJsonObject
 {
     if (asJson)
         return showObject(ModuleEvent::make(event, details));
-    say(timeStamp() + u"  "_s + text);
+    say(stamp() + text);
 }
 
 void AdminEvents::noteArrival(qint64 module) const

@@ -30,7 +30,13 @@ AdminServer::~AdminServer()
 
 QString AdminServer::listen(const QString &name)
 {
+    ownName = name;
     return listenOnBus(*server, name);
+}
+
+QString AdminServer::repair()
+{
+    return keepListening(*server, ownName);
 }
 
 void AdminServer::accept(TMyLocalSocket *socket)

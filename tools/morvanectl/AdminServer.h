@@ -26,6 +26,9 @@ public:
     // Listens at once. Otherwise the reason why not: a name that is in use is not taken away.
     [[nodiscard]] QString listen(const QString &name);
 
+    // Listens again if the socket file has gone. The reason if that fails.
+    [[nodiscard]] QString repair();
+
     // Lost, and said, for a module that has stopped reading.
     qint32 send(const QByteArray &command, const QByteArray &name) override;
     // The same with an id from somebody else's range.
@@ -40,6 +43,7 @@ private:
     TConnector *connector; // cuts the frames; its own passes and its own server stay unused
     TMyLocalServer *server;
     QHash<TMyLocalSocket *, Key> keys;
+    QString ownName;
     Key lastKey = 0;
     CommandIds ids;
 };

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QLocalServer>
 #include <QLocalSocket>
 
@@ -90,4 +91,12 @@ QString listenOnBus(QLocalServer &server, const QString &name)
     if (listens)
         return {};
     return u"%1 (%2)"_s.arg(server.errorString(), busSocketPath(name));
+}
+
+QString keepListening(QLocalServer &server, const QString &name)
+{
+    if (server.isListening() && QFileInfo::exists(busSocketPath(name)))
+        return {};
+    server.close();
+    return listenOnBus(server, name);
 }

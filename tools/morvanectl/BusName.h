@@ -20,3 +20,6 @@ class QLocalServer;
 // Listens under a bus name, for this user and the group. Otherwise the reason why not: only a
 // socket file that a server has left behind is removed.
 [[nodiscard]] QString listenOnBus(QLocalServer &server, const QString &name);
+// Listens again if the server has lost its socket file, which makes nobody else fail. The reason if
+// that is not possible.
+[[nodiscard]] QString keepListening(QLocalServer &server, const QString &name);

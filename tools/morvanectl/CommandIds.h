@@ -22,10 +22,8 @@ public:
     }
 
     [[nodiscard]] qint32 first() const { return firstId; }
-    [[nodiscard]] bool contains(qint64 id) const
-    {
-        return id >= firstId && id < qint64(firstId) + rangeSize;
-    }
+    [[nodiscard]] qint32 last() const { return firstId + (rangeSize - 1); }
+    [[nodiscard]] bool contains(qint64 id) const { return id >= first() && id <= last(); }
     qint32 next()
     {
         used = used % rangeSize + 1;

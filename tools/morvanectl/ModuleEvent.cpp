@@ -45,7 +45,7 @@ QJsonObject action(const QByteArray &module, const ModuleAction &action)
 
 QByteArray line(const QJsonObject &event)
 {
-    return QJsonDocument(event).toJson(QJsonDocument::Compact);
+    return QJsonDocument(event).toJson(QJsonDocument::Compact) + '\n';
 }
 
 } // namespace ModuleEvent

@@ -15,7 +15,7 @@ namespace ModuleEvent {
 [[nodiscard]] QJsonObject disconnected(const QByteArray &module);
 [[nodiscard]] QJsonObject action(const QByteArray &module, const ModuleAction &action);
 
-// One line without its end.
+// One line, its end included.
 [[nodiscard]] QByteArray line(const QJsonObject &event);
 
 } // namespace ModuleEvent

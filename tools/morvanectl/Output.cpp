@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
 
@@ -81,6 +82,15 @@ bool isFullTerminal()
 bool hasColours()
 {
     return isFullTerminal() && qgetenv("NO_COLOR").isEmpty();
+}
+
+bool isJournal()
+{
+    struct stat info;
+    return ::fstat(STDOUT_FILENO, &info) == 0
+        && qgetenv("JOURNAL_STREAM")
+        == QByteArray::number(quint64(info.st_dev)) + ':'
+            + QByteArray::number(quint64(info.st_ino));
 }
 
 QString timeStamp()

@@ -37,6 +37,9 @@ void setOpenLine(OpenLine *line); // null: there is none
 [[nodiscard]] bool isFullTerminal();
 [[nodiscard]] bool hasColours();
 
+// Whether standard output goes to the journal of the system.
+[[nodiscard]] bool isJournal();
+
 // The local time, as it stands in front of everything that happens.
 [[nodiscard]] QString timeStamp();
 

@@ -1,15 +1,20 @@
 #include "AdminCommand.h"
 #include "AdminEvents.h"
 #include "AdminServer.h"
+#include "AdminService.h"
+#include "AttachedBus.h"
 #include "BusName.h"
 #include "CommandLine.h"
 #include "CommandRun.h"
 #include "Commands.h"
+#include "ControlProtocol.h"
 #include "Output.h"
+#include "ServiceManager.h"
 #include "StopSignals.h"
 #include "TypedCommands.h"
 
 #include <QCoreApplication>
+#include <QJsonArray>
 #include <QTimer>
 
 #include <chrono>
@@ -19,8 +24,15 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr char description[] =
-    R"(Listens on the local bus as administration server NAME, shows every module that
-connects and every action that it sends, and sends commands to all of them.
+    R"(Shows every module at the administration server NAME of the local bus and every
+action that the modules send, and sends them commands.
+
+With --serve this is the administration server, for good: it takes no commands, writes
+what happens to standard output, and lets consoles attach to it. Without --serve this is a
+console. It attaches to such a server if there is one; any number can, and leaving has no
+effect on the modules. If there is none, it is the administration server itself.
+
+  NOTE: a module ends with status 5 when its administration server goes.
 
 Every argument COMMAND and every line on standard input is one command:
   about             the module describes itself         (About)
@@ -35,27 +47,32 @@ other text are sent to all as they stand; modules ignore what they do not know.
 
 COMMANDs as arguments are sent in order, once the first module, or the one meant, has
 connected. "about" waits for the answers, "quit" until the modules have gone. Then the
-server leaves, unless --stay or --for keep it.
-
-  NOTE: a module ends with status 5 when its administration server goes.
+console leaves, unless --stay or --for keep it.
 
 Commands on standard input that come before any module wait for the first one. On a
-terminal a line can be edited, and the arrow keys bring earlier ones back; the Tab key completes
-words and names of modules; "exit" and Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help" tells more. The end
-of standard input ends the server only on a terminal; in a script it stays until
---for is over, SIGINT or SIGTERM, each with status 0. The bus lies in the temporary
-folder: TMPDIR must be the same for all its processes.
+terminal a line can be edited, and the arrow keys bring earlier ones back; the Tab key
+completes words and names of modules; "exit" and Ctrl-D leave, "stop" asks first, unknown
+words are not sent, and "help" tells more. The end of standard input ends the console only
+on a terminal; in a script it stays until --for is over, SIGINT or SIGTERM, each with
+status 0. The bus lies in the temporary folder: TMPDIR must be the same for all its
+processes.
 
-With --json everything that happens is one object a line: time, event ("listening",
-"connected", "renamed", "disconnected" or "action"), module, and for actions action,
-id, message and base64, the data.)";
+With --json everything that happens is one object a line: time, event ("listening" or
+"attached", "connected", "renamed", "disconnected" or "action"), module, and for actions
+action, id, message and base64, the data.)";
+
+QStringList namesOf(const ModuleBus &bus)
+{
+    QStringList names;
+    const QList<qint64> modules = bus.modules();
+    for (const qint64 module : modules)
+        names += bus.nameOf(module);
+    return names;
+}
 
 void warnOfOrphans(const AdminServer &server)
 {
-    QStringList names;
-    const QList<qint64> modules = server.modules();
-    for (const qint64 module : modules)
-        names += server.nameOf(module);
+    const QStringList names = namesOf(server);
     if (!names.isEmpty())
         complain(u"admin: leaving; with their administration server gone these modules end with "
                  "status 5: "_s
@@ -68,9 +85,10 @@ struct AdminOptions
     int waitSeconds = 0; // for a module to connect and for each answer
     int forSeconds = 0; // to stay after the commands
     bool leaves = false; // after the commands and that time
+    bool asJson = false;
 };
 
-int serve(AdminServer &server, const AdminOptions &options)
+int runConsole(ModuleBus &bus, const AdminOptions &options)
 {
     QTimer stay;
     stay.setSingleShot(true);
@@ -78,18 +96,64 @@ int serve(AdminServer &server, const AdminOptions &options)
     stay.callOnTimeout([] { QCoreApplication::exit(0); });
 
     std::optional<TypedCommands> typed;
-    CommandRun run(server, options.commands, options.waitSeconds);
+    CommandRun run(bus, options.commands, options.waitSeconds);
     QObject::connect(&run, &CommandRun::failed, [] { QCoreApplication::exit(failureStatus); });
-    QObject::connect(&run, &CommandRun::done, &server, [&] {
+    QObject::connect(&run, &CommandRun::done, &bus, [&] {
         if (options.leaves)
             stay.start();
         if (!options.leaves || options.forSeconds > 0)
-            typed.emplace(server);
+            typed.emplace(bus);
     });
-    endLoopOnStopSignals(&server);
+    endLoopOnStopSignals(&bus);
     QTimer::singleShot(0, &run, &CommandRun::start);
-    const int status = QCoreApplication::exec();
+    return QCoreApplication::exec();
+}
+
+int runAttached(AttachedBus &bus, const QString &name, const AdminOptions &options)
+{
+    const AdminEvents events(bus, options.asJson);
+    const QStringList names = namesOf(bus);
+    events.show(u"Attached to %1; connected: %2"_s.arg(
+                    name, names.isEmpty() ? u"no module"_s : names.join(u", "_s)),
+        "attached", {{u"name"_s, name}, {u"modules"_s, QJsonArray::fromStringList(names)}});
+    QObject::connect(&bus, &AttachedBus::lost, [] {
+        complain(u"admin: the administration server has gone"_s);
+        QCoreApplication::exit(failureStatus);
+    });
+    return runConsole(bus, options);
+}
+
+int failToListen(const QString &name, const QString &problem)
+{
+    complain(u"admin: cannot listen as %1: %2"_s.arg(name, problem));
+    return failureStatus;
+}
+
+int runServer(const QString &name, const AdminOptions &options)
+{
+    AdminServer server;
+    const AdminEvents events(server, options.asJson);
+    if (const QString problem = server.listen(name); !problem.isEmpty())
+        return failToListen(name, problem);
+    events.show(
+        u"Listening as %1, waiting for modules; they end when this console leaves"_s.arg(name),
+        "listening", {{u"name"_s, name}});
+    const int status = runConsole(server, options);
     warnOfOrphans(server);
+    return status;
+}
+
+int runService(const QString &name, bool asJson)
+{
+    AdminService service(asJson);
+    outliveOutput(); // modules end with this process
+    endLoopOnStopSignals(&service);
+    if (const QString problem = service.listen(name); !problem.isEmpty())
+        return failToListen(name, problem);
+    ServiceManager::sayReady();
+    const int status = QCoreApplication::exec();
+    ServiceManager::sayStopping();
+    warnOfOrphans(service.modules());
     return status;
 }
 
@@ -110,12 +174,17 @@ std::optional<int> readOptions(const CommandLine &line, AdminOptions &options)
         return usageStatus;
     options.waitSeconds = *wait;
     options.forSeconds = *period;
+    options.asJson = line.isSet(u"json"_s);
     options.leaves = *period > 0 || (!options.commands.isEmpty() && !line.isSet(u"stay"_s));
     if (line.isSet(u"stay"_s) && *period > 0)
         return line.wrongUsage(u"--stay and --for exclude each other."_s);
+    const bool serves = line.isSet(u"serve"_s);
+    if (serves && (!options.commands.isEmpty() || options.leaves || line.isSet(u"stay"_s)))
+        return line.wrongUsage(u"--serve takes no COMMANDs, and stays."_s);
     const QString name = line.positionals().constFirst();
-    if (const QString problem = busNameProblem(name); !problem.isEmpty())
-        return line.wrongUsage(u"\"%1\": %2."_s.arg(name, problem));
+    const QString longest = serves ? ControlProtocol::socketName(name) : name;
+    if (const QString problem = busNameProblem(longest); !problem.isEmpty())
+        return line.wrongUsage(u"\"%1\": %2."_s.arg(longest, problem));
     return std::nullopt;
 }
 
@@ -129,6 +198,7 @@ int runAdmin(const QStringList &arguments)
         u"30"_s);
     line.addValue(u"for"_s, u"SECONDS"_s, u"Stay so long after the COMMANDs, then leave."_s);
     line.addFlag(u"stay"_s, u"Stay after the COMMANDs until stopped."_s);
+    line.addFlag(u"serve"_s, u"Be the administration server until stopped, without a console."_s);
     line.addFlag(u"json"_s, u"Print one JSON object a line."_s);
     if (const std::optional<int> status = line.parse(arguments, 1))
         return *status;
@@ -137,13 +207,17 @@ int runAdmin(const QStringList &arguments)
         return *status;
 
     const QString name = line.positionals().constFirst();
-    AdminServer server;
-    const AdminEvents events(server, line.isSet(u"json"_s));
-    if (const QString problem = server.listen(name); !problem.isEmpty()) {
-        complain(u"admin: cannot listen as %1: %2"_s.arg(name, problem));
+    if (line.isSet(u"serve"_s))
+        return runService(name, options.asJson);
+    AttachedBus bus;
+    switch (bus.attach(name)) {
+    case AttachedBus::Outcome::Attached:
+        return runAttached(bus, name, options);
+    case AttachedBus::Outcome::Failed:
+        complain(u"admin: cannot attach to %1: %2"_s.arg(name, bus.problem()));
         return failureStatus;
+    case AttachedBus::Outcome::NobodyThere:
+        break;
     }
-    events.show(
-        u"Listening as %1, waiting for modules"_s.arg(name), "listening", {{u"name"_s, name}});
-    return serve(server, options);
+    return runServer(name, options);
 }

@@ -1,0 +1,319 @@
+#include "BusEnds.h"
+#include "ServiceSocket.h"
+#include "Tool.h"
+#include "Workplace.h"
+
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// A module's connection to the administration server. It reads nothing: peek() shows all commands.
+class AdminLink : public BusClient
+{
+public:
+    explicit AdminLink(const QByteArray &moduleName)
+        : BusClient(u"admin"_s)
+    {
+        send(BusFrame::makeName(moduleName));
+    }
+    [[nodiscard]] QByteArray heard() { return peek(bytesAvailable()); }
+};
+
+// A console that is no tool of ours.
+class RawConsole : public BusClient
+{
+public:
+    RawConsole()
+        : BusClient(u"admin.control"_s)
+    {
+    }
+    [[nodiscard]] bool waitForLine()
+    {
+        return QTest::qWaitFor([&] { return canReadLine(); });
+    }
+    [[nodiscard]] QJsonObject nextLine()
+    {
+        return waitForLine() ? QJsonDocument::fromJson(readLine()).object() : QJsonObject();
+    }
+};
+
+// The tool in front of the modules: the administration server itself, or attached to one.
+class Console
+{
+public:
+    explicit Console(const QString &arguments)
+    {
+        QFETCH(bool, attached);
+        if (attached) {
+            service.emplace(u"admin admin --serve"_s);
+            if (!QTest::qWaitFor([&] { return service->says("Listening"); }, patience))
+                qFatal("nobody serves");
+            firstId = 1'000'001;
+        }
+        tool.emplace(u"admin admin "_s + arguments);
+    }
+    [[nodiscard]] QByteArray command(const char *name, int number) const
+    {
+        return BusFrame::makeCommand(name, "", idOf(number));
+    }
+    [[nodiscard]] qint32 idOf(int number) const { return firstId + number - 1; }
+    [[nodiscard]] bool isServer() const { return !service; }
+    [[nodiscard]] Tool *operator->() { return &*tool; }
+
+private:
+    std::optional<Tool> service, tool;
+    qint32 firstId = 1;
+};
+
+void bothWays()
+{
+    QTest::addColumn<bool>("attached");
+    QTest::newRow("as the server itself") << false;
+    QTest::newRow("attached to a server") << true;
+}
+
+} // namespace
+
+class TestConsole : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void commandsWaitForWhatTheyDo_data() { bothWays(); }
+    void commandsWaitForWhatTheyDo();
+    void typedCommandsAreTakenAndActionsShown_data() { bothWays(); }
+    void typedCommandsAreTakenAndActionsShown();
+    void noNameIsTakenAway();
+    void serviceStaysWhateverConsolesDo();
+    void badConsoleHarmsNobody();
+    void linesCanBeEditedOnATerminal();
+};
+
+void TestConsole::commandsWaitForWhatTheyDo()
+{
+    const Workplace place;
+    Console tool(u"--json watch on \"about node2\" \"any text\" quit"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("\"name\":\"admin\""), patience);
+    AdminLink first("node1");
+    QTRY_COMPARE_WITH_TIMEOUT(first.heard(), tool.command("Input_Data_On", 1), patience);
+    AdminLink second("node2");
+    QTRY_COMPARE_WITH_TIMEOUT(second.heard(), tool.command("About", 2), patience);
+    second.write(BusFrame::makeAction("About", "of another command", "", 1));
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("of another command"), patience);
+    QCOMPARE(second.heard(), tool.command("About", 2));
+    second.write(BusFrame::makeAction("About", "one\n\x1b", QByteArray("\0\xff", 2), tool.idOf(2)));
+    const QByteArray toAll = tool.command("any text", 3) + tool.command("QuitSignal", 4);
+    QTRY_COMPARE_WITH_TIMEOUT(second.heard(), tool.command("About", 2) + toAll, patience);
+    QTRY_COMPARE_WITH_TIMEOUT(first.heard(), tool.command("Input_Data_On", 1) + toAll, patience);
+    first.disconnectFromServer();
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("disconnected"), patience);
+    QCOMPARE(tool->status(), -1);
+    second.disconnectFromServer();
+    QTRY_COMPARE_WITH_TIMEOUT(tool->status(), 0, patience);
+    QVERIFY2(!tool->complains("\n") && tool->says("\n"), tool->complaints);
+    const QRegularExpression time(u",\"time\":\"[^\"]*Z\""_s);
+    QString said = QString::fromUtf8(tool->said).remove(time);
+    said.remove(0, said.indexOf(u'\n') + 1); // listening or attached
+    QCOMPARE(said, uR"({"event":"connected","module":"node1"}
+{"event":"connected","module":"node2"}
+{"action":"About","event":"action","id":1,"message":"of another command","module":"node2"}
+{"action":"About","base64":"AP8=","event":"action","id":%1,"message":"one\n\u001b","module":"node2"}
+{"event":"disconnected","module":"node1"}
+{"event":"disconnected","module":"node2"}
+)"_s.arg(tool.idOf(2)));
+}
+
+void TestConsole::typedCommandsAreTakenAndActionsShown()
+{
+    const Workplace place;
+    Console tool(u"watch on --stay"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says(" admin"), patience);
+    auto brief = std::make_unique<AdminLink>("node0");
+    QTRY_COMPARE_WITH_TIMEOUT(brief->heard(), tool.command("Input_Data_On", 1), patience);
+    brief->send(BusFrame::makeName("late"));
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("late  was node0 before\n"), patience);
+    brief.reset();
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("late  disconnected\n"), patience);
+
+    tool->write(
+        "watch\nquit node0\nabout\n" + QByteArray(5'000, 'x') + "\nwatching all\nquit  node1");
+    tool->closeWriteChannel();
+    QTRY_VERIFY_WITH_TIMEOUT(tool->complains("\"quit  node1\" waits for one"), patience);
+    AdminLink module("node1");
+    const QByteArray typed =
+        tool.command("About", 2) + tool.command("watching all", 3) + tool.command("QuitSignal", 4);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), typed, patience);
+    QVERIFY(tool->complains("no module \"node0\" is connected"));
+    QVERIFY(tool->complains("\"watch\" is no command"));
+    QVERIFY(tool->complains("a line of more than 4096 bytes"));
+    module.write(BusFrame::makeAction("About", "one\n\x1b[2Jtwo\n", "", 1)
+        + BusFrame::makeAction("Watch_Arrow", "7", "data", -1));
+    QTRY_VERIFY_WITH_TIMEOUT(tool->says("node1  Watch_Arrow id -1, 4 bytes of data: 7"), patience);
+    QVERIFY2(tool->says("node1  About id 1:\n    one\n    \\x1b[2Jtwo\n"), tool->said);
+    QCOMPARE(tool->status(), -1); // the end of its input does not end it
+    tool->raise(SIGTERM);
+    QTRY_COMPARE_WITH_TIMEOUT(tool->status(), 0, patience);
+    QCOMPARE(tool->complains("status 5: node1"), tool.isServer());
+}
+
+void TestConsole::serviceStaysWhateverConsolesDo()
+{
+    const Workplace place;
+    const ServiceSocket manager(place.path(u"manager"_s));
+    qputenv("NOTIFY_SOCKET", place.path(u"manager"_s).toUtf8());
+    Tool service(u"admin admin --serve"_s);
+    qunsetenv("NOTIFY_SOCKET");
+    QTRY_VERIFY_WITH_TIMEOUT(manager.heard().contains("READY=1"), patience);
+    for (const QString &name : {u"admin"_s, u"admin.control"_s})
+        QCOMPARE(QFileInfo(place.path(name)).permissions() & ~QFile::Permissions(0x7000),
+            QFile::Permissions(0x0770));
+
+    AdminLink module("node1");
+    Tool killed(u"admin admin"_s), staying(u"admin admin"_s);
+    for (Tool *console : {&killed, &staying}) {
+        QTRY_VERIFY_WITH_TIMEOUT(console->says("Attached to admin; connected: node1"), patience);
+        console->write("about\n");
+    }
+    const QByteArray asked = BusFrame::makeCommand("About", "", 1'000'001);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard().size(), 2 * asked.size(), patience);
+    QCOMPARE(manager.heard().last(), "STATUS=1 module (node1), 2 consoles");
+    QVERIFY2(module.heard().contains(asked), "each has ids of its own, from 1000001 on");
+    killed.raise(SIGKILL);
+    QTRY_VERIFY_WITH_TIMEOUT(service.says("Console detached"), patience);
+    QFile::remove(place.path(u"admin"_s)); // as a zealous cleaner does
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(place.path(u"admin"_s)), patience);
+    AdminLink other("node2");
+    QTRY_VERIFY_WITH_TIMEOUT(staying.says("node2  connected\n"), patience);
+    QVERIFY2(service.says("Command About to all (user "), service.said);
+    QCOMPARE(module.state(), QLocalSocket::ConnectedState);
+
+    service.raise(SIGTERM);
+    QTRY_COMPARE_WITH_TIMEOUT(service.status(), 0, patience);
+    QVERIFY2(service.complains("status 5: node1, node2"), service.complaints);
+    QTRY_COMPARE_WITH_TIMEOUT(staying.status(), 1, patience);
+    QVERIFY2(staying.complains("the administration server has gone\n"), staying.complaints);
+}
+
+void TestConsole::badConsoleHarmsNobody()
+{
+    const Workplace place;
+    Tool service(u"admin admin --serve"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(service.says("Listening"), patience);
+    AdminLink module("node1");
+    RawConsole console;
+    QCOMPARE(console.nextLine()[u"event"], u"attached"_s);
+    const QByteArrayList bad = {"no json", "[]", "{}", "{\"command\":7,\"id\":1000001}",
+        "{\"command\":\"QuitSignal\"}", "{\"command\":\"QuitSignal\",\"id\":1}",
+        "{\"command\":\"QuitSignal\",\"id\":1e300}",
+        "{\"command\":\"QuitSignal\",\"id\":1000001,\"module\":[]}",
+        "{\"command\":\"QuitSignal\",\"id\":1000001,\"module\":\"node2\"}",
+        QByteArray(1'000'000, '['), QByteArray(60'000, '[')};
+    for (const QByteArray &line : bad) {
+        console.send(line + '\n');
+        QJsonObject answer;
+        do // the module may have come last
+            answer = console.nextLine();
+        while (answer[u"event"] == u"connected"_s);
+        QCOMPARE(answer[u"event"].toString(), u"error"_s);
+    }
+    QCOMPARE(module.heard(), "");
+
+    // It reads nothing while much happens, and hears how much it has missed.
+    console.setReadBufferSize(1);
+    const QByteArray action = BusFrame::makeAction("InData", "m", QByteArray(1'000'000, 'd'), -1);
+    for (int i = 0; i < 100; ++i)
+        module.write(action);
+    module.write(BusFrame::makeName("node3"));
+    QTRY_VERIFY_WITH_TIMEOUT(service.says("was node1 before"), patience);
+    QFile memory(u"/proc/%1/status"_s.arg(service.processId()));
+    QVERIFY(memory.open(QIODevice::ReadOnly));
+    const QRegularExpression peak(u"VmHWM:\\s+(\\d+) kB"_s);
+    const qint64 kilobytes =
+        peak.match(QString::fromUtf8(memory.readAll())).captured(1).toLongLong();
+    QVERIFY2(kilobytes < 80'000, QByteArray::number(kilobytes));
+    console.setReadBufferSize(0);
+    int read = 0;
+    QJsonObject line;
+    while (line[u"event"] != u"missed"_s && console.waitForLine()) {
+        line = console.nextLine();
+        ++read;
+    }
+    QCOMPARE(line[u"count"].toInt() + read, 102);
+    QCOMPARE(line[u"modules"][0][u"module"].toString(), u"node3"_s);
+    console.send("{\"command\":\"About\",\"id\":1000002}\n");
+    QTRY_COMPARE_WITH_TIMEOUT(
+        module.heard(), BusFrame::makeCommand("About", "", 1'000'002), patience);
+}
+
+void TestConsole::noNameIsTakenAway()
+{
+    const Workplace place;
+    const BusServer live(u"live"_s);
+    place.writeFile(u"file"_s, "mine");
+    for (const QString &name : {u"live"_s, u"file"_s}) {
+        Tool tool(u"admin "_s + name);
+        QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 1, patience);
+        QVERIFY2(tool.complains("cannot listen as"), tool.complaints);
+    }
+    QCOMPARE(place.readFile(u"file"_s), "mine");
+    const BusClient stillThere(u"live"_s);
+
+    for (int start = 0; start < 2; ++start) {
+        Tool killedAtOnce(u"admin stale"_s);
+        QTRY_VERIFY_WITH_TIMEOUT(killedAtOnce.says("Listening"), patience);
+    }
+    QVERIFY(QFile::exists(place.path(u"stale"_s)));
+}
+
+void TestConsole::linesCanBeEditedOnATerminal()
+{
+    const Workplace place;
+    if (QProcess::execute(u"script"_s, {u"-qec"_s, u"true"_s, u"/dev/null"_s}) != 0)
+        QSKIP("no terminal can be had here: /dev/pts is missing");
+    QProcess terminal;
+    terminal.start(u"script"_s,
+        {u"-qfec"_s,
+            u"TERM=xterm '%1/morvanectl' admin admin"_s.arg(QCoreApplication::applicationDirPath()),
+            u"/dev/null"_s});
+    QByteArray shown;
+    QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("> "), patience);
+    AdminLink module("node1");
+    terminal.write("bout\x01"
+                   "a\n"); // to the beginning of the line
+    QByteArray heard = BusFrame::makeCommand("About", "", 1);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    terminal.write("\x1b[A\n"); // the line before this one
+    heard += BusFrame::makeCommand("About", "", 2);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    // Nothing ends the module but a "stop" with a yes, and no unknown word reaches it.
+    terminal.write(
+        "abuot\nquit\nQuitSignal\nstop nobody\nstop node1\nn\nsend-command node1 Raw x\n");
+    heard += BusFrame::makeCommand("Raw x", "", 3);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    terminal.write("sto\tnod\t\ny\n"); // the Tab key completes both words
+    heard += BusFrame::makeCommand("QuitSignal", "", 4);
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
+    shown += terminal.readAll();
+    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves", "Nothing was stopped"})
+        QVERIFY2(shown.contains(text), shown);
+    terminal.write("\x04"); // the end of the input
+    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
+    QCOMPARE(terminal.exitCode(), 0);
+
+    terminal.start(u"script"_s,
+        {u"-qfec"_s,
+            u"TERM=dumb '%1/morvanectl' admin dumb"_s.arg(QCoreApplication::applicationDirPath()),
+            u"/dev/null"_s});
+    terminal.write("quit\nexit\n");
+    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
+    const QByteArray plain = terminal.readAll();
+    QVERIFY2(plain.contains("\"exit\" leaves") && !plain.contains("\x1b["), plain);
+}
+
+QTEST_GUILESS_MAIN(TestConsole)
+#include "tst_console.moc"

@@ -1,0 +1,80 @@
+#include "AdminService.h"
+
+#include "Output.h"
+#include "ServiceManager.h"
+
+using namespace Qt::StringLiterals;
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto repairInterval = 2s;
+constexpr int signsInTime = 3; // of life, in the time in which the service manager wants one
+constexpr qsizetype mostNames = 10; // of modules in the status line
+
+} // namespace
+
+AdminService::AdminService(bool asJson)
+    : events(server, asJson)
+    , control(server)
+{
+    connect(&repairTimer, &QTimer::timeout, this, &AdminService::repair);
+    connect(&aliveTimer, &QTimer::timeout, this, &ServiceManager::sayAlive);
+    connect(&server, &ModuleBus::moduleCame, this, &AdminService::showStatus);
+    connect(&server, &ModuleBus::moduleRenamed, this, &AdminService::showStatus);
+    connect(&server, &ModuleBus::moduleLeft, this, &AdminService::showStatus);
+    connect(&control, &ControlServer::consoleCame, this, [this](const QString &who) {
+        noteConsole("attached", u"Console attached (%1)"_s.arg(who), who);
+    });
+    connect(&control, &ControlServer::consoleLeft, this, [this](const QString &who) {
+        noteConsole("detached", u"Console detached (%1)"_s.arg(who), who);
+    });
+    connect(&control, &ControlServer::commandTaken, this,
+        [this](const QString &who, const QByteArray &command, const QByteArray &module) {
+            const QString to = module.isEmpty() ? u"all"_s : printable(module);
+            events.show(u"Command %1 to %2 (%3)"_s.arg(printable(command), to, who), "command",
+                {{u"command"_s, QString::fromUtf8(command)}, {u"to"_s, to}, {u"who"_s, who}});
+        });
+}
+
+QString AdminService::listen(const QString &name)
+{
+    if (const QString problem = server.listen(name); !problem.isEmpty())
+        return problem;
+    if (const QString problem = control.listen(name); !problem.isEmpty())
+        return u"the control socket: "_s + problem;
+    events.show(u"Listening as %1, waiting for modules and consoles"_s.arg(name), "listening",
+        {{u"name"_s, name}});
+    repairTimer.start(repairInterval);
+    if (const auto patience = ServiceManager::watchdogTime(); patience > 0ms)
+        aliveTimer.start(patience / signsInTime);
+    showStatus();
+    return {};
+}
+
+void AdminService::repair()
+{
+    for (const QString &problem : {server.repair(), control.repair()}) {
+        if (!problem.isEmpty() && std::exchange(trouble, problem) != problem)
+            complain(u"admin: cannot listen any more, trying again: "_s + problem);
+    }
+}
+
+void AdminService::showStatus()
+{
+    const QList<qint64> present = server.modules();
+    QStringList names;
+    for (const qint64 module : present.first(std::min(present.size(), mostNames)))
+        names += server.nameOf(module);
+    if (present.size() > mostNames)
+        names += u"..."_s;
+    const QString list = names.isEmpty() ? QString() : u" ("_s + names.join(u", "_s) + u')';
+    ServiceManager::showStatus(counted(present.size(), u"module"_s) + list + u", "_s
+        + counted(control.consoles(), u"console"_s));
+}
+
+void AdminService::noteConsole(const char *event, const QString &text, const QString &who)
+{
+    events.show(text, event, {{u"who"_s, who}});
+    showStatus();
+}

@@ -1,0 +1,131 @@
+#include "AttachedBus.h"
+
+#include "BusName.h"
+#include "ControlProtocol.h"
+#include "Output.h"
+
+#include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr int patience = 5'000; // milliseconds for the server's greeting
+
+} // namespace
+
+AttachedBus::AttachedBus()
+    : lines(ControlProtocol::longestEventLine)
+{
+}
+
+// The socket reports its end while it is destroyed.
+AttachedBus::~AttachedBus()
+{
+    socket.disconnect(this);
+}
+
+AttachedBus::Outcome AttachedBus::fail(const QString &text)
+{
+    reason = text;
+    return Outcome::Failed;
+}
+
+AttachedBus::Outcome AttachedBus::attach(const QString &serverName)
+{
+    const QString name = ControlProtocol::socketName(serverName);
+    socket.connectToServer(name);
+    if (!socket.waitForConnected(patience)) {
+        if (socket.error() == QLocalSocket::ServerNotFoundError
+            || socket.error() == QLocalSocket::ConnectionRefusedError)
+            return Outcome::NobodyThere;
+        return fail(socket.error() == QLocalSocket::SocketAccessError
+                ? u"permission denied for %1"_s.arg(busSocketPath(name))
+                : u"%1: %2"_s.arg(busSocketPath(name), socket.errorString()));
+    }
+    const QJsonObject greeting = readGreeting();
+    if (greeting[u"event"] == "error"_L1)
+        return fail(greeting[u"message"].toString());
+    if (greeting[u"event"] != "attached"_L1)
+        return fail(u"%1 does not answer as a control socket does"_s.arg(busSocketPath(name)));
+    ids = CommandIds::startingAt(greeting[u"firstId"].toInt(1));
+    takeModules(greeting);
+    connect(&socket, &QLocalSocket::readyRead, this, &AttachedBus::read);
+    connect(&socket, &QLocalSocket::disconnected, this, &AttachedBus::lost);
+    // What has come already makes no signal any more.
+    QMetaObject::invokeMethod(this, &AttachedBus::read, Qt::QueuedConnection);
+    if (socket.state() != QLocalSocket::ConnectedState)
+        QMetaObject::invokeMethod(this, &AttachedBus::lost, Qt::QueuedConnection);
+    return Outcome::Attached;
+}
+
+QJsonObject AttachedBus::readGreeting()
+{
+    const QDeadlineTimer deadline(patience);
+    while (!socket.canReadLine() && socket.waitForReadyRead(int(deadline.remainingTime()))) { }
+    return QJsonDocument::fromJson(socket.readLine(ControlProtocol::longestEventLine)).object();
+}
+
+qint32 AttachedBus::send(const QByteArray &command, const QByteArray &name)
+{
+    const qint32 id = ids.next();
+    QJsonObject object{{u"command"_s, QString::fromUtf8(command)}, {u"id"_s, id}};
+    if (!name.isEmpty())
+        object.insert(u"module"_s, QString::fromUtf8(name));
+    socket.write(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
+    socket.flush(); // this process may leave at once
+    return id;
+}
+
+void AttachedBus::read()
+{
+    if (!lines.feed(socket.readAll(), [this](const QByteArray &line) { takeLine(line); }))
+        Q_EMIT trouble(u"a line of the administration server is too long and was dropped"_s);
+}
+
+void AttachedBus::takeLine(const QByteArray &line)
+{
+    const QJsonObject object = QJsonDocument::fromJson(line).object();
+    takeEvent(object[u"event"].toString(), object);
+}
+
+// Other events are for other consoles, or from a server that knows more.
+void AttachedBus::takeEvent(const QString &event, const QJsonObject &object)
+{
+    const Key key = object[u"key"].toInteger();
+    if (event == "connected"_L1 || event == "renamed"_L1) {
+        noteName(key, object[u"module"].toString().toUtf8());
+    } else if (event == "disconnected"_L1) {
+        noteLoss(key);
+    } else if (event == "action"_L1) {
+        Q_EMIT actionCame(key,
+            {object[u"action"].toString().toUtf8(), object[u"message"].toString().toUtf8(),
+                QByteArray::fromBase64(object[u"base64"].toString().toLatin1()),
+                object[u"id"].toInt(-1)});
+    } else if (event == "error"_L1) {
+        Q_EMIT trouble(u"admin: "_s + object[u"message"].toString());
+    } else if (event == "missed"_L1) {
+        Q_EMIT trouble(u"admin: %1 missed: they came faster than this console has read"_s.arg(
+            counted(object[u"count"].toInteger(), u"event"_s)));
+        takeModules(object);
+    }
+}
+
+void AttachedBus::takeModules(const QJsonObject &object)
+{
+    QSet<Key> present;
+    const QJsonArray list = object[u"modules"].toArray();
+    for (const QJsonValue &module : list) {
+        present.insert(module[u"key"].toInteger());
+        noteName(module[u"key"].toInteger(), module[u"module"].toString().toUtf8());
+    }
+    const QList<Key> known = modules();
+    for (const Key key : known) {
+        if (!present.contains(key))
+            noteLoss(key);
+    }
+}

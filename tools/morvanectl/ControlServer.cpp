@@ -1,0 +1,114 @@
+#include "ControlServer.h"
+
+#include "AdminServer.h"
+#include "BusName.h"
+#include "ConsoleLink.h"
+#include "ControlProtocol.h"
+#include "ModuleEvent.h"
+
+#include <QLocalSocket>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype mostConsoles = 32;
+constexpr qint64 maxUnreadBytes = 67'108'864; // events that wait for all consoles to read them
+
+} // namespace
+
+ControlServer::ControlServer(AdminServer &adminServer)
+    : bus(adminServer)
+{
+    connect(&server, &QLocalServer::newConnection, this, &ControlServer::accept);
+    connect(&bus, &ModuleBus::moduleCame, this,
+        [this](qint64 module) { tellAll(module, ModuleEvent::connected(bus.rawNameOf(module))); });
+    connect(&bus, &ModuleBus::moduleRenamed, this, [this](qint64 module, const QByteArray &before) {
+        tellAll(module, ModuleEvent::renamed(bus.rawNameOf(module), before));
+    });
+    connect(&bus, &ModuleBus::moduleLeft, this, [this](qint64 module, const QByteArray &left) {
+        tellAll(module, ModuleEvent::disconnected(left));
+    });
+    connect(&bus, &ModuleBus::actionCame, this, [this](qint64 module, const ModuleAction &action) {
+        if (links.isEmpty())
+            return; // the data may be large
+        ModuleAction passed = action;
+        passed.message.truncate(ControlProtocol::longestMessage);
+        tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
+    });
+    connect(&bus, &ModuleBus::trouble, this, [this](const QString &text) {
+        tellAll(0, ModuleEvent::make("error", {{u"message"_s, text}}));
+    });
+}
+
+// Their sockets report their end while they are destroyed, when nobody is left to hear of it.
+ControlServer::~ControlServer()
+{
+    for (ConsoleLink *link : std::as_const(links))
+        link->disconnect(this);
+    qDeleteAll(links);
+}
+
+QString ControlServer::listen(const QString &serverName)
+{
+    name = serverName;
+    return listenOnBus(server, ControlProtocol::socketName(name));
+}
+
+QString ControlServer::repair()
+{
+    return keepListening(server, ControlProtocol::socketName(name));
+}
+
+void ControlServer::accept()
+{
+    while (QLocalSocket *socket = server.nextPendingConnection()) {
+        ranges = ranges % (CommandIds::rangeCount - 1) + 1; // the server has the first one
+        auto *link = new ConsoleLink(socket, bus, CommandIds(ranges));
+        if (links.size() >= mostConsoles) {
+            connect(link, &ConsoleLink::ended, link, &QObject::deleteLater);
+            link->setParent(this);
+            link->refuse(u"%1 consoles are attached, no more can be"_s.arg(mostConsoles));
+            continue;
+        }
+        links.append(link);
+        connect(link, &ConsoleLink::ended, this, [this, link] { forget(link); });
+        connect(link, &ConsoleLink::commandTaken, this,
+            [this, link](const QByteArray &command, const QByteArray &module) {
+                Q_EMIT commandTaken(link->who(), command, module);
+            });
+        link->greet(name);
+        Q_EMIT consoleCame(link->who());
+    }
+}
+
+void ControlServer::forget(ConsoleLink *link)
+{
+    links.removeOne(link);
+    link->deleteLater();
+    Q_EMIT consoleLeft(link->who());
+}
+
+// The key stands for the module, whose name need not be its own alone.
+void ControlServer::tellAll(qint64 module, QJsonObject event)
+{
+    if (links.isEmpty())
+        return;
+    if (module != 0)
+        event.insert(u"key"_s, module);
+    const QByteArray line = ModuleEvent::line(event);
+    for (ConsoleLink *link : std::as_const(links)) {
+        if (unreadBytes() > maxUnreadBytes)
+            link->miss();
+        else
+            link->tell(line);
+    }
+}
+
+qint64 ControlServer::unreadBytes() const
+{
+    qint64 sum = 0;
+    for (const ConsoleLink *link : links)
+        sum += link->unreadBytes();
+    return sum;
+}
