@@ -19,6 +19,10 @@ inline const SettingKey reconnectionTimeout = {
     QStringLiteral("ReconnectionTimeout"), QStringLiteral("20")};
 inline const SettingKey liveMessageTimeout = {
     QStringLiteral("LiveMessageTimeout"), QStringLiteral("60")};
+inline const SettingKey acknowledgements = {
+    QStringLiteral("Acknowledgements"), QStringLiteral("0")};
+inline const SettingKey acknowledgementTimeout = {
+    QStringLiteral("AcknowledgementTimeout"), QStringLiteral("60")};
 inline const SettingKey statusFile = {QStringLiteral("StatusFile"), QString()};
 
 inline const SettingKey onlyPeer = {QStringLiteral("OnlyPeer"), QStringLiteral("0")};
@@ -26,7 +30,8 @@ inline const SettingKey maxReceivedBytes = {
     QStringLiteral("MaxReceivedBytes"), QStringLiteral("0")};
 
 inline const SettingKey keys[] = {tempDir, host, port, localPort, timeout, protocol,
-    reconnectionTimeout, liveMessageTimeout, onlyPeer, maxReceivedBytes, statusFile};
+    reconnectionTimeout, liveMessageTimeout, acknowledgements, acknowledgementTimeout, onlyPeer,
+    maxReceivedBytes, statusFile};
 
 // Text that is no number gives 0; a number out of range keeps its low 16 bits.
 [[nodiscard]] inline quint16 number(const QString &text)

@@ -45,7 +45,6 @@ Morvane::Morvane()
     connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
     connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
     connect(&tspSocket, &QAbstractSocket::stateChanged, this, &Morvane::linkStateChanged);
-    connect(&tspSocket, &QIODevice::readyRead, this, &Morvane::discardReceived);
     connect(connector, &TConnector::ReadDone, this, &Morvane::busRead);
     connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Morvane::stop);
     // The system's proxy settings must not carry the link anywhere else.
@@ -80,6 +79,8 @@ void Morvane::LoadSettings(QString path)
     protocol = text(MainSettings::protocol).toLatin1();
     reconnectionTimeout = number(MainSettings::reconnectionTimeout);
     liveMessageTimeout = number(MainSettings::liveMessageTimeout);
+    acknowledgements = number(MainSettings::acknowledgements) != 0;
+    acknowledgementTimeout = number(MainSettings::acknowledgementTimeout);
     onlyPeer = number(MainSettings::onlyPeer) != 0;
     maxReceivedBytes = MainSettings::byteLimit(text(MainSettings::maxReceivedBytes));
     const QString statusFile = text(MainSettings::statusFile);
@@ -93,9 +94,12 @@ void Morvane::keepSpool()
 {
     spoolSender.reset();
     keeper = std::make_unique<SpoolKeeper>(tempDir, sayToLog);
-    const auto deadAfter = std::max(
-        leastDeadTime, 2 * std::chrono::milliseconds(std::chrono::seconds(liveMessageTimeout)));
-    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, sayToLog, deadAfter,
+    const SpoolSender::Times times = {std::max<std::chrono::milliseconds>(leastDeadTime,
+                                          2 * std::chrono::seconds(liveMessageTimeout)),
+        acknowledgements ? std::optional<std::chrono::milliseconds>(
+            std::chrono::seconds(std::max(acknowledgementTimeout, shortestTimer)))
+                         : std::nullopt};
+    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, sayToLog, times,
         [this](const QString &name, const QByteArray &content) {
             MakeTmpFile(tempDir + u'/' + name, content);
         });
@@ -137,6 +141,9 @@ void Morvane::Start()
     restartTimer(liveTimerId, liveMessageTimeout);
     monitor.start([this](Status &status) {
         status.counters = done;
+        status.unacknowledged = spoolSender->unacknowledged().waiting();
+        if (acknowledgements)
+            status.acknowledgedNumber = spoolSender->unacknowledged().storedRecords();
         status.udp = scanThread ? std::optional(scanThread->counters()) : std::nullopt;
     });
 }
@@ -333,13 +340,6 @@ void Morvane::linkStateChanged(QAbstractSocket::SocketState state)
 {
     if (state == QAbstractSocket::UnconnectedState)
         monitor.linkDown();
-}
-
-// The link is one-way. What the peer sends must be read all the same: unread bytes pile up, or hide
-// that the peer has closed.
-void Morvane::discardReceived()
-{
-    tspSocket.skip(tspSocket.bytesAvailable());
 }
 
 void Morvane::SendOldData()

@@ -69,7 +69,6 @@ private:
     void stop();
     void connectToPeer();
     void linkStateChanged(QAbstractSocket::SocketState state);
-    void discardReceived();
     void restartTimer(int &timerId, quint16 seconds);
     void report(const QByteArray &message);
     [[nodiscard]] QString aboutText() const;
@@ -88,6 +87,8 @@ private:
     QTcpSocket tspSocket;
     quint16 reconnectionTimeout = 0; // seconds
     quint16 liveMessageTimeout = 0; // seconds
+    bool acknowledgements = false; // the peer's program acknowledges records
+    quint16 acknowledgementTimeout = 0; // seconds
     bool onlyPeer = false; // UDP: take datagrams from the peer's address only
     qint64 maxReceivedBytes = 0; // UDP: of one file, inflated; 0: no limit
     bool inputDataOn = false; // the administration server's input-data watch

@@ -1,10 +1,9 @@
 #include "OnItsWay.h"
 
-#include "Record.h"
-
 #include <QFile>
 
 #include <algorithm>
+#include <array>
 #include <fcntl.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -17,6 +16,9 @@ namespace {
 constexpr qsizetype mostRemembered = 100'000; // names that were given back, only to be counted
 constexpr int mostFreed = 4'096; // records in one look: removing many files takes its time
 constexpr auto flushAge = 250ms; // a record that waits longer is brought to the disk
+constexpr size_t mostRecords = 65'536;
+constexpr qint64 mostBytes = Journal::defaultBytes; // for a program that acknowledges
+constexpr int mostPieces = 16; // of the numbers that are read after the end of a link
 
 // The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
 qint64 kernelCount(int socket)
@@ -30,9 +32,11 @@ qint64 kernelCount(int socket)
 
 } // namespace
 
-OnItsWay::OnItsWay(SpoolKeeper &keptBy, Counters &counters)
+OnItsWay::OnItsWay(
+    SpoolKeeper &keptBy, Counters &counters, std::optional<std::chrono::milliseconds> time)
     : keeper(keptBy)
     , done(counters)
+    , peerTime(time)
 {
 }
 
@@ -41,7 +45,10 @@ bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
     link = Descriptor(::fcntl(int(socket), F_DUPFD_CLOEXEC, 0));
     if (!link.isOpen())
         return false;
-    taken = flushedTo = 0;
+    taken = flushedTo = storedTo = 0;
+    takenRecords = stored = lastRead = 0;
+    reader = LinkRecord::AcknowledgementReader();
+    fault = Fault::None;
     countAtStart = kernelCount(link.get());
     const unsigned int timeout = unsigned(deadAfter.count());
     if (::setsockopt(link.get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout)) == 0)
@@ -54,6 +61,8 @@ void OnItsWay::linkDown()
 {
     if (!link.isOpen())
         return;
+    if (peerTime)
+        readRest();
     while (look()) { }
     link = Descriptor();
     const bool wasEmpty = records.empty();
@@ -64,9 +73,16 @@ void OnItsWay::linkDown()
         givenBack.insert(record.name);
     }
     records.clear();
+    waitingBytes = 0;
     remembered.clear();
     if (!wasEmpty)
         keeper.giveBack();
+}
+
+void OnItsWay::addUnkept(qint64 bytes)
+{
+    taken += bytes;
+    ++takenRecords;
 }
 
 void OnItsWay::addJournaled(const QByteArray &name, quint64 journalEnd, qint64 bytes)
@@ -87,16 +103,23 @@ void OnItsWay::addListed(const QString &name, const SpoolFile::Mark &mark, qint6
 void OnItsWay::add(quint64 journalEnd, const QByteArray &name,
     const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes)
 {
-    taken += bytes;
+    addUnkept(bytes);
     const qint64 size = bytes - LinkRecord::lengthSize;
-    records.push_back({taken, Clock::now(), journalEnd, name, listedAs, size});
+    records.push_back({taken, takenRecords, Clock::now(), journalEnd, name, listedAs, size});
+    waitingBytes += size;
     if (!givenBack.isEmpty() && givenBack.remove(name))
         done.repeated.add(size);
 }
 
+bool OnItsWay::hasRoomFor(qint64 bytes) const
+{
+    const bool isBounded = peerTime && !records.empty();
+    return records.size() < mostRecords && (!isBounded || waitingBytes + bytes <= mostBytes);
+}
+
 // --- acknowledgement ---
 
-qint64 OnItsWay::acknowledgedBytes() const
+qint64 OnItsWay::arrivedBytes() const
 {
     return link.isOpen() ? kernelCount(link.get()) - countAtStart : 0;
 }
@@ -105,12 +128,13 @@ bool OnItsWay::look()
 {
     if (records.empty())
         return false;
-    const qint64 acknowledged = acknowledgedBytes();
+    const qint64 acknowledged = peerTime ? storedTo : arrivedBytes();
     quint64 journalEnd = 0;
     int freed = 0;
     for (; !records.empty() && records.front().end <= acknowledged && freed < mostFreed;
          records.pop_front(), ++freed) {
         done.acknowledged.add(records.front().size);
+        waitingBytes -= records.front().size;
         if (records.front().journalEnd != 0)
             journalEnd = records.front().journalEnd;
         else
@@ -122,6 +146,11 @@ bool OnItsWay::look()
     else
         askForFlush(Clock::now());
     return freed > 0;
+}
+
+bool OnItsWay::isBehind() const
+{
+    return !records.empty() && records.front().end <= storedTo;
 }
 
 void OnItsWay::forget(const Record &record)
@@ -148,6 +177,70 @@ std::chrono::milliseconds OnItsWay::age() const
     return records.empty() ? 0ms
                            : std::chrono::duration_cast<std::chrono::milliseconds>(
                                Clock::now() - records.front().since);
+}
+
+// --- the numbers of the peer's program ---
+
+// A number reaches this program behind the acknowledgement of the bytes that it counts, so the
+// kernel tells which numbers cannot be true.
+quint64 OnItsWay::arrivedRecords() const
+{
+    const auto first = std::upper_bound(records.begin(), records.end(), arrivedBytes(),
+        [](qint64 bytes, const Record &record) { return bytes < record.end; });
+    return first == records.end() ? takenRecords : first->number - 1;
+}
+
+OnItsWay::Fault OnItsWay::acknowledge(QByteArrayView bytes)
+{
+    if (fault != Fault::None)
+        return fault;
+    reader.append(bytes);
+    fault = readNumbers();
+    const auto next = std::upper_bound(records.begin(), records.end(), stored,
+        [](quint64 number, const Record &record) { return number < record.number; });
+    if (next != records.begin())
+        storedTo = std::prev(next)->end;
+    return fault;
+}
+
+OnItsWay::Fault OnItsWay::readNumbers()
+{
+    const quint64 arrived = arrivedRecords();
+    while (const std::optional<quint64> number = reader.next()) {
+        lastRead = *number;
+        if (*number < stored)
+            return Fault::Backwards;
+        if (*number > arrived)
+            return Fault::Beyond;
+        if (*number > stored)
+            lastStored = Clock::now();
+        stored = *number;
+    }
+    return Fault::None;
+}
+
+// As long as the oldest record is not there, the kernel decides when the link is dead.
+OnItsWay::Fault OnItsWay::checkTime()
+{
+    if (!peerTime || records.empty() || fault != Fault::None)
+        return fault;
+    const Clock::time_point now = Clock::now();
+    if (records.front().end > arrivedBytes())
+        lastStored = now;
+    if (now - std::max(lastStored, records.front().since) >= *peerTime)
+        fault = Fault::Overdue;
+    return fault;
+}
+
+// The socket may have failed in sending, with numbers before the end that were not read yet.
+void OnItsWay::readRest()
+{
+    std::array<char, 65'536> buffer;
+    for (int piece = 0; piece < mostPieces; ++piece) {
+        const ssize_t count = ::recv(link.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (count <= 0 || acknowledge(QByteArrayView(buffer.data(), count)) != Fault::None)
+            return;
+    }
 }
 
 // --- names ---

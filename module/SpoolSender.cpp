@@ -19,6 +19,9 @@ constexpr auto firstLook = 1ms; // at acknowledgements, after something was sent
 constexpr auto longestLook = 250ms; // between two looks while nothing changes
 constexpr int lookShare = 4; // a look comes when a record has waited for a quarter as long again
 constexpr auto lastWait = 50ms; // for acknowledgements when the process ends
+constexpr auto lastPeerWait = 1s; // the same for those of the peer's program
+constexpr auto faultInterval = 1h; // between two lines of the log about a fault that goes on
+constexpr qint64 mostUnread = 65'536; // bytes of numbers; the rest stays in the kernel meanwhile
 constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
 // Bytes that wait in the socket, or one larger record.
 constexpr qint64 maxBuffered = 1'048'576;
@@ -33,14 +36,14 @@ qint64 timeNow()
 } // namespace
 
 SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &counters, Say log,
-    std::chrono::milliseconds deadTime, WriteFile write)
+    const Times &timeLimits, WriteFile write)
     : link(tcpLink)
     , keeper(spoolKeeper)
     , done(counters)
     , say(std::move(log))
-    , deadAfter(deadTime)
+    , times(timeLimits)
     , writeFile(std::move(write))
-    , onItsWay(spoolKeeper, counters)
+    , onItsWay(spoolKeeper, counters, timeLimits.acknowledgement)
     , lock(spoolKeeper.directory().path(), say)
     , quiet(spoolKeeper.directory().path())
 {
@@ -51,6 +54,8 @@ SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters
     connect(&lookTimer, &QTimer::timeout, this, &SpoolSender::lookNow);
     connect(&link, &QAbstractSocket::stateChanged, this, &SpoolSender::linkStateChanged);
     connect(&link, &QIODevice::bytesWritten, this, &SpoolSender::bytesWritten);
+    connect(&link, &QIODevice::readyRead, this, &SpoolSender::readFromPeer);
+    link.setReadBufferSize(times.acknowledgement ? mostUnread : 0);
     connect(&keeper, &SpoolKeeper::gaveBack, this, &SpoolSender::send);
 }
 
@@ -63,7 +68,7 @@ SpoolSender::~SpoolSender()
 
 bool SpoolSender::linkUp()
 {
-    if (!onItsWay.linkUp(link.socketDescriptor(), deadAfter))
+    if (!onItsWay.linkUp(link.socketDescriptor(), times.deadAfter))
         return false;
     if (!keeper.sent().isEmpty() && !keeper.giveBack())
         resendJournal();
@@ -103,7 +108,7 @@ void SpoolSender::bytesWritten()
 
 bool SpoolSender::hasRoomFor(qint64 bytes) const
 {
-    return !onItsWay.isFull()
+    return onItsWay.hasRoomFor(bytes)
         && (link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered);
 }
 
@@ -121,38 +126,96 @@ void SpoolSender::sendKeepAlive()
     commit();
     const QByteArray record = LinkRecord::make(LinkRecord::keepAlive);
     if (write(record))
-        onItsWay.addBytes(record.size());
+        onItsWay.addUnkept(record.size());
 }
 
 // --- acknowledgements ---
 
+// What the peer's program acknowledges comes by itself.
 void SpoolSender::lookSoon()
 {
-    if (!onItsWay.isEmpty()
-        && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > firstLook))
-        lookTimer.start(firstLook);
+    const auto first = times.acknowledgement ? longestLook : firstLook;
+    if (!onItsWay.isEmpty() && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > first))
+        lookTimer.start(first);
 }
 
 void SpoolSender::lookNow()
 {
     const bool hasFreed = onItsWay.look();
-    if (!onItsWay.isEmpty())
-        lookTimer.start(hasFreed ? firstLook
-                                 : std::clamp<std::chrono::milliseconds>(
-                                     onItsWay.age() / lookShare, firstLook, longestLook));
+    if (const OnItsWay::Fault fault = onItsWay.checkTime(); fault != OnItsWay::Fault::None)
+        return endLink(fault);
+    if (onItsWay.isEmpty())
+        lookTimer.stop();
+    else
+        lookTimer.start(nextLook(hasFreed));
     if (hasFreed && !listed.isEmpty() && !work.isActive())
         work.start(0ms); // a file may have waited for one of its name, or for room
+}
+
+std::chrono::milliseconds SpoolSender::nextLook(bool hasFreed) const
+{
+    if (times.acknowledgement)
+        return onItsWay.isBehind() ? firstLook : longestLook;
+    return hasFreed
+        ? firstLook
+        : std::clamp<std::chrono::milliseconds>(onItsWay.age() / lookShare, firstLook, longestLook);
 }
 
 void SpoolSender::stop()
 {
     commit();
-    const auto end = OnItsWay::Clock::now() + lastWait;
-    while (onItsWay.isLinkUp() && !onItsWay.isEmpty() && OnItsWay::Clock::now() < end) {
-        std::ignore = onItsWay.look();
-        std::this_thread::sleep_for(firstLook);
+    const QDeadlineTimer end(times.acknowledgement ? lastPeerWait : lastWait);
+    while (onItsWay.isLinkUp() && !onItsWay.isEmpty() && !end.hasExpired()) {
+        if (!onItsWay.look() && times.acknowledgement)
+            link.waitForReadyRead(int(end.remainingTime()));
+        else
+            std::this_thread::sleep_for(firstLook);
     }
     onItsWay.linkDown();
+}
+
+// Bytes that nobody asked for must be read all the same: they would pile up, or hide that the peer
+// has closed.
+void SpoolSender::readFromPeer()
+{
+    if (!times.acknowledgement || !onItsWay.isLinkUp()) {
+        link.skip(link.bytesAvailable());
+        return;
+    }
+    const OnItsWay::Fault fault = onItsWay.acknowledge(link.readAll());
+    if (fault != OnItsWay::Fault::None)
+        return endLink(fault);
+    lookNow();
+}
+
+void SpoolSender::endLink(OnItsWay::Fault fault)
+{
+    if (fault != saidFault || saidRecently.hasExpired()) {
+        say(textOf(fault));
+        saidFault = fault;
+        saidRecently.setRemainingTime(faultInterval);
+    }
+    link.abort();
+}
+
+QString SpoolSender::textOf(OnItsWay::Fault fault) const
+{
+    const QString stored = QString::number(onItsWay.storedRecords());
+    const QString refused = QString::number(onItsWay.lastNumber());
+    switch (fault) {
+    case OnItsWay::Fault::None:
+        break;
+    case OnItsWay::Fault::Backwards:
+        return tr("The peer acknowledges %1 records after %2: the link is ended")
+            .arg(refused, stored);
+    case OnItsWay::Fault::Beyond:
+        return tr("The peer acknowledges %1 records, which it cannot have: the link is ended")
+            .arg(refused);
+    case OnItsWay::Fault::Overdue:
+        return tr("The peer has acknowledged %1 records and no more in time: the link is ended")
+            .arg(stored);
+    }
+    return {};
 }
 
 // --- records that need no file ---
@@ -362,7 +425,9 @@ SpoolSender::Step SpoolSender::sendFile(const QString &name)
         onItsWay.addKept(name, size);
     else if (taken == SentFolder::Take::NoRoom)
         onItsWay.addListed(name, file.mark(), size);
-    else
+    else {
+        onItsWay.addUnkept(size);
         Q_EMIT fileKept(keeper.directory().pathOf(name));
+    }
     return Step::Done;
 }

@@ -5,6 +5,7 @@
 #include "Record.h"
 #include "SpoolScan.h"
 
+#include <QDeadlineTimer>
 #include <QObject>
 #include <QTimer>
 
@@ -20,7 +21,9 @@ struct Counters;
 // A record that arrives while nothing waits takes a shorter road: it is written to the journal and
 // sent, and never becomes a file unless the link ends before it is acknowledged.
 //
-// At most 1 MiB waits in the socket's buffer; the rest of a listing goes on when it drains.
+// At most 1 MiB waits in the socket's buffer; the rest of a listing goes on when it drains. If the
+// peer's program acknowledges, a peer that says what cannot be true, or nothing for too long, loses
+// the link.
 //
 // Owner:   Morvane, which owns the socket too and makes its connections.
 // Thread:  main thread. A listing is made and sent in pieces of some milliseconds.
@@ -30,10 +33,16 @@ class SpoolSender : public QObject
     Q_OBJECT
 public:
     using WriteFile = std::function<void(const QString &name, const QByteArray &content)>;
+    struct Times
+    {
+        std::chrono::milliseconds deadAfter; // unacknowledged bytes that old mean a dead link
+        // The peer's program has to acknowledge, within that time; otherwise its kernel does.
+        std::optional<std::chrono::milliseconds> acknowledgement;
+    };
 
     // writeFile is called for a record whose shorter road has failed, in the order of arrival.
     SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, Say log,
-        std::chrono::milliseconds deadAfter, WriteFile writeFile);
+        const Times &times, WriteFile writeFile);
     ~SpoolSender() override;
 
     // To be called when the link has come up, before anything else is done with it. False if it
@@ -48,6 +57,7 @@ public:
     void sendKeepAlive();
     // Before the process ends: waits a moment for acknowledgements, then gives the rest back.
     void stop();
+    [[nodiscard]] const OnItsWay &unacknowledged() const { return onItsWay; }
 
 Q_SIGNALS:
     // A sent file is still in the spool, and will be sent again.
@@ -77,17 +87,23 @@ private:
 
     void lookSoon();
     void lookNow();
+    [[nodiscard]] std::chrono::milliseconds nextLook(bool hasFreed) const;
+    void readFromPeer();
+    void endLink(OnItsWay::Fault fault);
+    [[nodiscard]] QString textOf(OnItsWay::Fault fault) const;
 
     QTcpSocket &link;
     SpoolKeeper &keeper;
     Counters &done;
     const Say say;
-    const std::chrono::milliseconds deadAfter; // unacknowledged bytes that old mean a dead link
+    const Times times;
     const WriteFile writeFile;
     OnItsWay onItsWay;
     SpoolLock lock;
     QTimer work; // goes on with a listing
     QTimer lookTimer; // runs while anything is unacknowledged
+    OnItsWay::Fault saidFault = OnItsWay::Fault::None;
+    QDeadlineTimer saidRecently; // the same fault need not be said again
 
     std::optional<SpoolScan> scan; // under way
     std::thread scanner; // has the scan while it is joinable

@@ -101,9 +101,16 @@ void addLink(Page &page, const Status &status)
         double(status.linkChangedAt));
     const Counters &counters = status.counters;
     page.amount("sent", "that the link has taken, repetitions included.", counters.sent);
-    page.amount("acknowledged", "that the peer's kernel has acknowledged.", counters.acknowledged);
+    page.amount("acknowledged", "that the peer has acknowledged.", counters.acknowledged);
     page.amount("given_back", "that the link had taken when it ended.", counters.givenBack);
     page.amount("repeated", "that were sent again.", counters.repeated);
+    page.gauge("unacknowledged_records", "Records that wait for the peer's acknowledgement.",
+        double(status.unacknowledged.records));
+    page.gauge("unacknowledged_bytes", "Bytes of the records that wait for it.",
+        double(status.unacknowledged.bytes));
+    if (status.acknowledgedNumber)
+        page.gauge("acknowledged_number", "Records of this link that the peer says it has stored.",
+            double(*status.acknowledgedNumber));
 }
 
 void addTransfer(Page &page, const TransferCounters &udp, double rate)

@@ -27,6 +27,8 @@ struct Status
     QString lastError;
     qint64 lastErrorAt = 0; // 0: there was none
 
+    Counters::Amount unacknowledged; // TCP: on their way to the peer
+    std::optional<quint64> acknowledgedNumber; // if the peer's program acknowledges: its last one
     SpoolCensus waiting;
     Counters counters;
     std::optional<TransferCounters> udp; // in UDP mode

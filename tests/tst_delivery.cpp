@@ -7,6 +7,8 @@
 
 #include <QTest>
 
+#include <ctime>
+
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
@@ -18,6 +20,10 @@ private Q_SLOTS:
     void cleanCloseCausesNoDuplicate();
     void unreachablePeerLosesNothing();
     void newerRecordOfTheSameNameStands();
+    void programThatAcknowledges_data();
+    void programThatAcknowledges();
+    void keepAlivesCountButEndNoLink();
+    void unacknowledgedRecordsAreBounded();
     void leftoversOfSeveralOwnersGoBackByAge_data();
     void leftoversOfSeveralOwnersGoBackByAge();
     void powerCutPutsYoungFilesInDoubt();
@@ -106,6 +112,94 @@ void TestDelivery::newerRecordOfTheSameNameStands()
     QTRY_COMPARE_WITH_TIMEOUT(peer.bodies.size(), 1, 20'000);
     QCOMPARE(peer.bodies.first().back(), '2');
     QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+}
+
+void TestDelivery::programThatAcknowledges_data()
+{
+    QTest::addColumn<QList<quint64>>("numbers"); // for five records
+    QTest::addColumn<int>("piece"); // bytes of them that arrive at once
+    QTest::addColumn<QString>("said"); // when the link is ended
+    const auto row = [](const char *name, const QList<quint64> &numbers, const char *said = "",
+                         int piece = 8) {
+        QTest::newRow(name) << numbers << piece << QString::fromLatin1(said);
+    };
+    row("late", {5});
+    row("in single bytes", {1, 5}, "", 1);
+    row("again and again", {0, 2, 2, 3, 5, 5, 5}, "", 3);
+    row("never", {}, "has acknowledged 0 records and no more in time");
+    row("too few", {3}, "has acknowledged 3 records and no more in time");
+    row("backwards", {3, 2, 5}, "acknowledges 2 records after 3");
+    row("one too many", {6, 5}, "acknowledges 6 records, which it cannot have");
+    row("far too many", {~quint64(0)}, "acknowledges 18446744073709551615 records, which it c");
+}
+
+void TestDelivery::programThatAcknowledges()
+{
+    QFETCH(const QList<quint64>, numbers);
+    QFETCH(const int, piece);
+    QFETCH(const QString, said);
+    TcpPeer peer;
+    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\nAcknowledgementTimeout=2\n");
+    bench.module.Start();
+    QTRY_VERIFY(peer.socket);
+    Oracle oracle(100);
+    oracle.put(bench, 5);
+    QTRY_COMPARE(peer.bodies.size(), 5);
+    QTest::qWait(100);
+    QCOMPARE(keptRecords(bench.spool).size(), 5); // whatever the kernel says
+    for (const quint64 number : numbers)
+        peer.acknowledge(number, piece);
+    peer.acknowledging = true; // what comes over a new link
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    QCOMPARE(oracle.judge(peer, said.isEmpty() ? 0 : 5), QString());
+    QCOMPARE(peer.linkStarts.size(), said.isEmpty() ? 1 : 2);
+    const QStringList lines = bench.place.logged().filter(u"the link is ended"_s);
+    QCOMPARE(lines.size(), said.isEmpty() ? 0 : 1);
+    QVERIFY2(lines.value(0).contains(said), qPrintable(lines.value(0)));
+}
+
+void TestDelivery::keepAlivesCountButEndNoLink()
+{
+    TcpPeer peer;
+    ModuleBench bench(
+        tcpSettings(peer) + "Acknowledgements=1\nAcknowledgementTimeout=1\nLiveMessageTimeout=1\n");
+    bench.module.Start();
+    QTRY_COMPARE(peer.bodies, QByteArrayList(3, "live"));
+    QCOMPARE(peer.linkStarts.size(), 1);
+    bench.record("error", u"f"_s, "");
+    QTRY_COMPARE(peer.bodies.last(), QByteArray("error"));
+    peer.acknowledge(3);
+    QTRY_COMPARE(peer.linkStarts.size(), 3);
+    QCOMPARE(bench.place.logged().filter(u"no more in time"_s).size(), 1); // of two
+    peer.acknowledging = true;
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+}
+
+void TestDelivery::unacknowledgedRecordsAreBounded()
+{
+    TcpPeer peer;
+    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\n");
+    bench.module.Start();
+    QTRY_VERIFY(peer.socket);
+    Oracle oracle(100'000);
+    oracle.put(bench, 200);
+    QTRY_VERIFY(peer.bodies.size() >= 80);
+    const std::clock_t before = std::clock();
+    QTest::qWait(500);
+    QVERIFY2(std::clock() - before < CLOCKS_PER_SEC / 5, "waiting keeps a core busy");
+    QVERIFY(peer.bodies.size() <= Journal::defaultBytes / 100'000);
+    QCOMPARE(bench.spooled().size() + peer.bodies.size(), 200);
+
+    // A program may not acknowledge what its kernel has not got, though the module has sent it.
+    peer.stopReading();
+    peer.acknowledge(quint64(peer.bodies.size()));
+    QTRY_VERIFY(bench.spooled().size() < 100);
+    peer.acknowledge(quint64(200 - bench.spooled().size()));
+    QTRY_COMPARE(peer.linkStarts.size(), 2);
+    peer.acknowledging = true;
+    peer.resume();
+    QTRY_COMPARE_WITH_TIMEOUT(keptRecords(bench.spool).size(), 0, 20'000);
+    QCOMPARE(oracle.judge(peer, 100), QString());
 }
 
 void TestDelivery::leftoversOfSeveralOwnersGoBackByAge_data()

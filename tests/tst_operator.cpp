@@ -96,6 +96,12 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a name that no socket can have", "a b", "a \xD0\xB1", "6: error: \"\xD0\xB1\" in");
     row("a module that waits for itself", "a b", "a mod", "6: error: \"Connections\" holds");
     row("a module that sends to itself", "192.0.2.1", "127.0.0.1", "12: error: \"LocalPort\" and");
+    row("acknowledgements over UDP", "Timeout=1000", "Acknowledgements=1", "13: warning: \"Ackn");
+    row("acknowledgements that are no number", "Timeout=1000", "Acknowledgements=yes",
+        "13: error: \"Acknowledgements\" = \"yes\" is no number");
+    row("no time to acknowledge", "Timeout=1000\nProtocol=UDP",
+        "Protocol=TCP\nAcknowledgementTimeout=0",
+        "14: warning: \"AcknowledgementTimeout\" of 0 counts as 1 second");
     row("no peer's address", "192.0.2.1", "::ffff:0.0.0.0",
         "10: error: \"Host\" = \"::ffff:0.0.0.0\"");
     row("a limit with its unit", "Timeout=1000", "MaxReceivedBytes=1 GB", "13: error: \"MaxRec");

@@ -242,6 +242,21 @@
     </message>
 </context>
 <context>
+    <name>SpoolSender</name>
+    <message>
+        <source>The peer acknowledges %1 records after %2: the link is ended</source>
+        <translation>Удалённая сторона подтверждает записей: %1, после %2; соединение разорвано</translation>
+    </message>
+    <message>
+        <source>The peer acknowledges %1 records, which it cannot have: the link is ended</source>
+        <translation>Удалённая сторона подтверждает записей: %1, столько она не получала; соединение разорвано</translation>
+    </message>
+    <message>
+        <source>The peer has acknowledged %1 records and no more in time: the link is ended</source>
+        <translation>Удалённая сторона подтвердила записей: %1, и больше ни одной вовремя; соединение разорвано</translation>
+    </message>
+</context>
+<context>
     <name>TConnector</name>
     <message>
         <source>Start server: %1 Ok!!!! 

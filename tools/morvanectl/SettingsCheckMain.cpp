@@ -58,6 +58,8 @@ void SettingsCheck::checkMain()
     checkNumber(MainSettings::timeout);
     checkNumber(MainSettings::reconnectionTimeout);
     checkNumber(MainSettings::liveMessageTimeout);
+    checkNumber(MainSettings::acknowledgements);
+    checkNumber(MainSettings::acknowledgementTimeout);
     checkSpool();
     const QString host = settings.main(MainSettings::host);
     if (QHostAddress(host).isNull())
@@ -116,7 +118,8 @@ void SettingsCheck::checkSpool()
 
 void SettingsCheck::checkTcp()
 {
-    for (const Key &key : {MainSettings::reconnectionTimeout, MainSettings::liveMessageTimeout}) {
+    for (const Key &key : {MainSettings::reconnectionTimeout, MainSettings::liveMessageTimeout,
+             MainSettings::acknowledgementTimeout}) {
         if (settings.number(key) == 0)
             addMain(warning, key, u"\"%1\" of 0 counts as 1 second"_s.arg(key.name));
     }
@@ -124,6 +127,9 @@ void SettingsCheck::checkTcp()
 
 void SettingsCheck::checkUdp()
 {
+    if (settings.number(MainSettings::acknowledgements) != 0)
+        addMain(warning, MainSettings::acknowledgements,
+            u"\"Acknowledgements\" has no effect over UDP"_s);
     const QHostAddress host(settings.main(MainSettings::host));
     const quint16 localPort = settings.number(MainSettings::localPort);
     if (!host.isNull() && PeerAddress::isUnspecified(host))
