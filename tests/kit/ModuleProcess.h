@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Patience.h"
 #include "Workplace.h"
 
 #include <QCoreApplication>

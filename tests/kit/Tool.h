@@ -1,12 +1,12 @@
 #pragma once
 
+#include "Patience.h"
+
 #include <QCoreApplication>
 #include <QDir>
 #include <QProcess>
 
 #include <csignal>
-
-inline constexpr int patience = 30'000; // milliseconds; a loaded machine starts processes slowly
 
 // The tool as a process in the temporary folder, which a Workplace sets. What it has said is
 // gathered.
