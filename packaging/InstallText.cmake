@@ -29,6 +29,8 @@ function(install_text file folder name)
     set(made "${CMAKE_CURRENT_LIST_DIR}/texts/${folder}/${name}")
     file(WRITE "${made}" "${text}")
     file(INSTALL "${made}" DESTINATION "${destination}")
+    # What is removed again later; file(INSTALL) tells the scope of this function only.
+    set(CMAKE_INSTALL_MANIFEST_FILES "${CMAKE_INSTALL_MANIFEST_FILES}" PARENT_SCOPE)
 endfunction()
 
 # An empty folder for the settings of the instances.
