@@ -229,13 +229,17 @@ void TestConsole::badConsoleHarmsNobody()
     for (int i = 0; i < 100; ++i)
         module.write(action);
     module.write(BusFrame::makeName("node3"));
+    while (module.bytesToWrite() > 0)
+        QVERIFY(module.waitForBytesWritten());
     QTRY_VERIFY_WITH_TIMEOUT(service.says("was node1 before"), patience);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // they take their own
     QFile memory(u"/proc/%1/status"_s.arg(service.processId()));
     QVERIFY(memory.open(QIODevice::ReadOnly));
     const QRegularExpression peak(u"VmHWM:\\s+(\\d+) kB"_s);
     const qint64 kilobytes =
         peak.match(QString::fromUtf8(memory.readAll())).captured(1).toLongLong();
     QVERIFY2(kilobytes < 80'000, QByteArray::number(kilobytes));
+#endif
     console.setReadBufferSize(0);
     int read = 0;
     QJsonObject line;

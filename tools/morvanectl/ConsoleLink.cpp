@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 maxUnreadBytes = 1'048'576; // events that wait for a console to read them
+constexpr qint64 maxUnreadBytes = 16'777'216; // events that wait for a console to read them
 
 QString ownerOf(const QLocalSocket &socket)
 {
@@ -75,12 +75,14 @@ qint64 ConsoleLink::unreadBytes() const
     return socket->bytesToWrite();
 }
 
+bool ConsoleLink::isKeepingUp() const
+{
+    return missed == 0 && unreadBytes() <= maxUnreadBytes;
+}
+
 void ConsoleLink::tell(const QByteArray &line)
 {
-    if (missed > 0 || unreadBytes() > maxUnreadBytes)
-        miss();
-    else
-        socket->write(line);
+    socket->write(line);
 }
 
 // With the modules that are there now, for their coming and going may be among the events.
@@ -94,6 +96,8 @@ void ConsoleLink::sayMissed()
 
 void ConsoleLink::sayError(const QString &text)
 {
+    if (!isKeepingUp())
+        return miss();
     tell(ModuleEvent::line(ModuleEvent::make("error", {{u"message"_s, text}})));
 }
 

@@ -25,6 +25,8 @@ public:
 
     // The first line: what the console needs to know of the server with this bus name.
     void greet(const QString &serverName);
+    // Whether it has read nearly all that it was told.
+    [[nodiscard]] bool isKeepingUp() const;
     // One line, its end included.
     void tell(const QByteArray &line);
     // The console does not hear of an event for now.

@@ -8,6 +8,8 @@
 
 #include <QLocalSocket>
 
+#include <algorithm>
+
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -29,13 +31,7 @@ ControlServer::ControlServer(AdminServer &adminServer)
     connect(&bus, &ModuleBus::moduleLeft, this, [this](qint64 module, const QByteArray &left) {
         tellAll(module, ModuleEvent::disconnected(left));
     });
-    connect(&bus, &ModuleBus::actionCame, this, [this](qint64 module, const ModuleAction &action) {
-        if (links.isEmpty())
-            return; // the data may be large
-        ModuleAction passed = action;
-        passed.message.truncate(ControlProtocol::longestMessage);
-        tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
-    });
+    connect(&bus, &ModuleBus::actionCame, this, &ControlServer::tellOfAction);
     connect(&bus, &ModuleBus::trouble, this, [this](const QString &text) {
         tellAll(0, ModuleEvent::make("error", {{u"message"_s, text}}));
     });
@@ -98,17 +94,30 @@ void ControlServer::tellAll(qint64 module, QJsonObject event)
         event.insert(u"key"_s, module);
     const QByteArray line = ModuleEvent::line(event);
     for (ConsoleLink *link : std::as_const(links)) {
-        if (unreadBytes() > maxUnreadBytes)
-            link->miss();
-        else
+        if (canTell(link))
             link->tell(line);
+        else
+            link->miss();
     }
 }
 
-qint64 ControlServer::unreadBytes() const
+// Its data may be large: they become a line only where somebody gets it.
+void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
 {
-    qint64 sum = 0;
-    for (const ConsoleLink *link : links)
-        sum += link->unreadBytes();
-    return sum;
+    if (std::none_of(links.begin(), links.end(), [this](auto *link) { return canTell(link); })) {
+        for (ConsoleLink *link : std::as_const(links))
+            link->miss();
+        return;
+    }
+    ModuleAction passed = action;
+    passed.message.truncate(ControlProtocol::longestMessage);
+    tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
+}
+
+bool ControlServer::canTell(const ConsoleLink *link) const
+{
+    qint64 unread = 0;
+    for (const ConsoleLink *other : links)
+        unread += other->unreadBytes();
+    return link->isKeepingUp() && unread <= maxUnreadBytes;
 }

@@ -7,6 +7,7 @@
 class AdminServer;
 class ConsoleLink;
 class QJsonObject;
+struct ModuleAction;
 
 // Lets consoles attach to an administration server, through a control socket beside it.
 //
@@ -37,7 +38,8 @@ private:
     void accept();
     void forget(ConsoleLink *link);
     void tellAll(qint64 module, QJsonObject event);
-    [[nodiscard]] qint64 unreadBytes() const;
+    void tellOfAction(qint64 module, const ModuleAction &action);
+    [[nodiscard]] bool canTell(const ConsoleLink *link) const;
 
     AdminServer &bus;
     QLocalServer server;
