@@ -20,8 +20,8 @@ constexpr mode_t newFileMode = 0666; // less the umask
 
 QByteArray hiddenBeside(const QString &path)
 {
-    // Made once: the process id would be a system call for every file.
-    static const QByteArray name = incomingPrefix
+    // Made once a thread: the process id would be a system call for every file.
+    thread_local const QByteArray name = incomingPrefix
         + QByteArray::number(QCoreApplication::applicationPid()) + '-'
         + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
     return QFile::encodeName(path.left(path.lastIndexOf(u'/') + 1)) + name;

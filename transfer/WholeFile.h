@@ -30,7 +30,7 @@ void removeLeftoversOfTheDead(const QString &directory);
 // It is written under a hidden name in the same directory and renamed. A crash before that leaves
 // the hidden file only. That one's name holds the process id and a random number, because another
 // process may be writing there at the same time, and in another container it may have the same id;
-// a process writes one file of a directory at a time.
+// each thread has a name of its own, and writes one file of a directory at a time.
 //
 // Owner:   whoever writes it, for one file.
 // Thread:  any one thread.
