@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 using namespace std::chrono_literals;
 using Seconds = RateControl::Seconds;
@@ -24,6 +25,8 @@ constexpr int tailPackets = 25; // few enough for one request
 constexpr int maxTailTries = 3;
 constexpr Seconds leastTailPause{0.005};
 constexpr double clearLoss = 0.02;
+
+constexpr Seconds heldUp{0.005}; // after coming later than that a silence means nothing
 
 constexpr int silentPackets = 4; // that a try in silence sends
 constexpr double silentTimeouts = 4;
@@ -50,6 +53,7 @@ void PacedSender::begin(int last, Time now)
     askAgain.clear();
     requests.clear();
     firstOpen = 0;
+    dueAt.reset();
     isAnnounced = false;
     announceSteps = announceRequests = 0;
     tailTries = 0;
@@ -57,6 +61,20 @@ void PacedSender::begin(int last, Time now)
 }
 
 PacedSender::Step PacedSender::next(Time now)
+{
+    if (const auto due = std::exchange(dueAt, std::nullopt)) {
+        rate.woke(now - *due);
+        if (now - *due > heldUp)
+            return WaitUntil{now}; // answers may be waiting, and are to be taken first
+    }
+    Step step = decide(now);
+    const auto *wait = std::get_if<WaitUntil>(&step);
+    if (wait)
+        dueAt = wait->time;
+    return step;
+}
+
+PacedSender::Step PacedSender::decide(Time now)
 {
     if (!isAnnounced)
         return announce(now);
@@ -77,7 +95,7 @@ PacedSender::Step PacedSender::next(Time now)
     if (!unlisted.empty() || !askAgain.empty())
         return ask(now);
     tryTheTail(now);
-    return lost.empty() && askAgain.empty() ? waitForAnswers(now) : next(now);
+    return lost.empty() && askAgain.empty() ? waitForAnswers(now) : decide(now);
 }
 
 // --- announcing ---
@@ -197,6 +215,8 @@ void PacedSender::acknowledged(std::span<const quint16> numbers, Time now)
     if (numbers.empty())
         return;
     lastAnswer = now;
+    if (dueAt)
+        dueAt = std::min<Time>(*dueAt, now + reaction);
     if (!isAnnounced) {
         if (std::find(numbers.begin(), numbers.end(), 0) != numbers.end())
             takeAnnounced(now);

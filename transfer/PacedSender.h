@@ -3,6 +3,7 @@
 #include "RateControl.h"
 
 #include <deque>
+#include <optional>
 #include <span>
 #include <variant>
 #include <vector>
@@ -71,6 +72,7 @@ private:
         bool isClosed = false; // answered, or not any more
     };
 
+    [[nodiscard]] Step decide(Time now);
     [[nodiscard]] Step announce(Time now);
     void takeAnnounced(Time now);
     [[nodiscard]] Step ask(Time now);
@@ -92,6 +94,7 @@ private:
     [[nodiscard]] double inFlight() const { return flying * RateControl::packetBytes; }
 
     RateControl rate;
+    std::optional<Time> dueAt; // when next() is to be asked, after a wait
     Time lastAnswer; // of any file
     bool knowsPath = false;
 

@@ -19,7 +19,8 @@ constexpr double windowTrips = 2, crowdedTrips = 1.5;
 
 constexpr double initialBytes = 64 * RateControl::packetBytes; // some 18 kB, about TCP's first
 constexpr Seconds unknownTrip{0.1};
-constexpr Seconds longestBurst{0.008}; // what a late timer may make up for
+constexpr Seconds leastBurst{0.008}; // what a late timer may make up for
+constexpr Seconds mostLateness{0.05};
 constexpr Seconds shallowAfter{10}, shallowFor{0.2};
 constexpr Seconds timeoutMargin{0.02};
 constexpr int mostPatience = 4;
@@ -37,9 +38,11 @@ constexpr int groupsInPipe = 4;
 
 void RateControl::restart(Time now, std::optional<Seconds> trip)
 {
-    const unsigned kept = random;
+    const unsigned keptRandom = random;
+    const Seconds keptLateness = lateness;
     *this = {};
-    random = kept;
+    random = keptRandom;
+    lateness = keptLateness;
     knowsTrip = trip.has_value();
     shortestTrip = smoothTrip = trip.value_or(unknownTrip);
     tripSpread = smoothTrip / 2;
@@ -51,6 +54,11 @@ void RateControl::restart(Time now, std::optional<Seconds> trip)
 void RateControl::timedOut()
 {
     patience = std::min(2 * patience, mostPatience);
+}
+
+void RateControl::woke(Seconds late)
+{
+    lateness += (std::clamp(late, Seconds::zero(), mostLateness) - lateness) / 8;
 }
 
 RateControl::Departure RateControl::departure(Time now) const
@@ -120,7 +128,7 @@ void RateControl::noteLoss(const Departure &departure, const Answer &answer, Tim
 
 bool RateControl::isCrowded(Seconds trip) const
 {
-    return trip > shortestTrip * 1.25 + 3 * quantum;
+    return trip > shortestTrip * 1.25 + 2 * quantum + granularity();
 }
 
 void RateControl::beginRound()
@@ -232,7 +240,7 @@ double RateControl::gain() const
 // Bytes that fill the path without a queue, the sender's own granularity included.
 double RateControl::pipe() const
 {
-    return sendingRate() * (shortestTrip + 2 * quantum).count();
+    return sendingRate() * (shortestTrip + 2 * granularity()).count();
 }
 
 double RateControl::window() const
@@ -248,7 +256,7 @@ bool RateControl::mayLeave(double inFlight, Time now)
     const double rate = gain() * sendingRate();
     budget += rate * Seconds(now - budgetAt).count();
     budgetAt = now;
-    budget = std::min(budget, std::max(rate * longestBurst.count(), packetBytes));
+    budget = std::min(budget, std::max(rate * (leastBurst + 2 * lateness).count(), packetBytes));
     return budget > 0 && !isFull(inFlight);
 }
 

@@ -52,6 +52,9 @@ public:
     // No answer came within timeout(). Until one comes the next ones get more time: they may only
     // be late.
     void timedOut();
+    // The sender came so much later than it had asked for. A busy host's timers are late all the
+    // time, which must not count as the path's doing.
+    void woke(Seconds late);
     // There is nothing to send although it might leave.
     void starve(double inFlight) { starvedUntil = delivered + inFlight; }
 
@@ -80,6 +83,8 @@ private:
     static constexpr int roundsKept = 16;
 
     [[nodiscard]] double bandwidth() const;
+    // How far apart the moments are at which the sender can act.
+    [[nodiscard]] Seconds granularity() const { return quantum + lateness; }
     [[nodiscard]] double gain() const;
     [[nodiscard]] double pipe() const;
     [[nodiscard]] double window() const;
@@ -103,6 +108,7 @@ private:
     Time shortestSeen;
     Seconds smoothTrip{}, tripSpread{};
     int patience = 1;
+    Seconds lateness{}; // of the sender's timer, smoothed
     Seconds roundTripNow{}, lastRoundTrip{}; // the shortest of this round, of the last one
     bool knowsTrip = false;
 
