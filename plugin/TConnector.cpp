@@ -397,7 +397,14 @@ void TConnector::releaseSenders()
 void TConnector::readToEnd()
 {
     const QDeadlineTimer deadline(longestEnd);
-    while (server->isListening() && server->waitForNewConnection(0) && !deadline.hasExpired()) { }
+    // From here on nobody connects, and the server closes itself when the last one who has
+    // connected is taken. Those who come between a last look and a close would be told that all was
+    // taken.
+    if (server->isListening())
+        ::shutdown(int(server->socketDescriptor()), SHUT_RD);
+    bool isLast = false;
+    while (server->isListening() && !isLast && !deadline.hasExpired())
+        server->waitForNewConnection(0, &isLast); // its result only counts sockets that it keeps
     server->close();
     const QList<TMyLocalSocket *> sockets = inConnections + outConnections;
     for (TMyLocalSocket *socket : sockets) {

@@ -223,12 +223,15 @@ void TestFaults::stopTakesWhatTheBusHolds()
     TcpLine line;
     line.start();
     QTRY_VERIFY(line.process.isListening());
-    BusFeeder early(line.process.place.path(u"me"_s)), late(line.process.place.path(u"me"_s));
+    const QString bus = line.process.place.path(u"me"_s);
+    BusFeeder early(bus);
     const auto raise = [&](int signal) { ::kill(pid_t(line.process.processId()), signal); };
     raise(SIGSTOP);
-    line.oracle.put(early, 30);
-    line.oracle.put(late, 30);
-    QVERIFY(early.flush() && late.flush() && early.bytesToWrite() + late.bytesToWrite() == 0);
+    BusFeeder late(bus), later(bus), last(bus); // the module has not taken them yet
+    for (BusFeeder *feeder : {&early, &late, &later, &last}) {
+        line.oracle.put(*feeder, 20);
+        QVERIFY(feeder->flush() && feeder->bytesToWrite() == 0);
+    }
     raise(SIGTERM);
     raise(SIGCONT);
     QTRY_COMPARE(line.process.state(), QProcess::NotRunning);
