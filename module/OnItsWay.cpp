@@ -19,6 +19,8 @@ constexpr auto flushAge = 250ms; // a record that waits longer is brought to the
 constexpr size_t mostRecords = 65'536;
 constexpr qint64 mostBytes = Journal::defaultBytes; // for a program that acknowledges
 constexpr int mostPieces = 16; // of the numbers that are read after the end of a link
+// Bytes that the kernel holds unsent. It sends them after a kill too, and then they come twice.
+constexpr int mostUnsent = 131'072;
 
 // The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
 qint64 kernelCount(int socket)
@@ -28,6 +30,11 @@ qint64 kernelCount(int socket)
     if (::getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
         return 0;
     return qint64(info.tcpi_bytes_acked);
+}
+
+bool setOption(int socket, int option, int value)
+{
+    return ::setsockopt(socket, IPPROTO_TCP, option, &value, sizeof(value)) == 0;
 }
 
 } // namespace
@@ -50,8 +57,9 @@ bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
     reader = LinkRecord::AcknowledgementReader();
     fault = Fault::None;
     countAtStart = kernelCount(link.get());
-    const unsigned int timeout = unsigned(deadAfter.count());
-    if (::setsockopt(link.get(), IPPROTO_TCP, TCP_USER_TIMEOUT, &timeout, sizeof(timeout)) == 0)
+    const int timeout = int(deadAfter.count());
+    if (setOption(link.get(), TCP_USER_TIMEOUT, timeout)
+        && setOption(link.get(), TCP_NOTSENT_LOWAT, mostUnsent))
         return true;
     link = Descriptor();
     return false;
