@@ -10,7 +10,7 @@ export DEBIAN_FRONTEND=noninteractive
 unit=morvane@trial.service
 state=/var/lib/morvane/trial
 batchSize=50 # records
-loadPid=
+loadPid= adminPid=
 
 step() {
     echo "* $*"
@@ -103,9 +103,11 @@ endLoad() {
 tryInstallation() {
     installPackages /debs
     getent passwd morvane >/dev/null || fail "there is no user"
-    ! systemctl list-units 'morvane*' --no-legend --state=active | grep . ||
+    ! systemctl list-units 'morvane@*' --no-legend --state=active | grep . ||
         fail "something runs before it was set up"
     writeSettings
+    adminPid=$(systemctl show -P MainPID morvane-admin)
+    [[ $adminPid != 0 ]] || fail "there is no administration server"
 }
 
 tryStart() {
@@ -134,6 +136,18 @@ tryStops() {
     endLoad 6
 }
 
+# tryConsole: one looks in and leaves, and the module runs on.
+tryConsole() {
+    local before
+    before=$(property MainPID)
+    morvanectl check --directory "$state/received" /etc/morvane/trial.ini || fail "check has found something"
+    morvanectl admin admin about | grep -q '^    Версия модуля' || fail "the module does not answer"
+    [[ $(property MainPID) == "$before" ]] || fail "a console has restarted the module"
+    journalctl -q -u morvane-admin | grep -q 'Command About to all (user root' ||
+        fail "the administration server has not written who gave a command"
+    step "Attached a console, which the module survived."
+}
+
 tryUpgrade() {
     local before after
     before=$(property MainPID)
@@ -143,19 +157,22 @@ tryUpgrade() {
     after=$(property MainPID)
     [[ $after != 0 && $after != "$before" ]] || fail "it still runs the old program"
     [[ $(readlink "/proc/$after/exe") == /usr/bin/morvane ]] || fail "it runs a removed program"
+    [[ $(systemctl show -P MainPID morvane-admin) == "$adminPid" ]] ||
+        fail "the administration server was restarted"
     step "Upgraded to $(dpkg-query -W -f '${Version}' morvane) under load."
     endLoad 1
 }
 
 tryRemoval() {
     dpkg --purge morvane morvanectl libharnix-nogui1 >/apt.log 2>&1 || fail "purging ended with $?"
-    ! systemctl --quiet is-active "$unit" || fail "it still runs"
+    ! systemctl --quiet is-active "$unit" morvane-admin || fail "it still runs"
     [[ -d $state/spool && ! -e /var/log/morvane ]] || fail "not what a purge leaves"
     step "Purged: the service has ended, $state is left."
 }
 
 tryInstallation
 tryStart
+tryConsole
 tryStops
 tryUpgrade
 tryRemoval

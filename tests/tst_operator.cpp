@@ -1,3 +1,4 @@
+#include "BusEnds.h"
 #include "Tool.h"
 #include "WholeFile.h"
 #include "Workplace.h"
@@ -91,6 +92,8 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a file that the module would remove", "=mod", "=m.ini", "5: error: ");
     row("no administration server", "AdminServerName=adm\n", "",
         "2: error: \"AdminServerName\" is ");
+    row("an administration server that nobody serves", "=adm", "=gone",
+        "4: warning: nobody serves \"gone\"");
     row("the administration server's name", "=mod", "=adm", "5: error: \"ServerName\" is also");
     row("a doubled blank", "a b", "a  b", "6: error: a doubled or outer blank");
     row("a name that no socket can have", "a b", "a \xD0\xB1", "6: error: \"\xD0\xB1\" in");
@@ -125,6 +128,7 @@ void TestOperator::checkFindsEveryMistake()
     QFETCH(QByteArray, wrong);
     QFETCH(QByteArray, finding);
     const Workplace place;
+    const BusServer admin(u"adm"_s);
     QByteArray text = goodSettings(place);
     place.writeFile(u"m.ini"_s, text.replace(text.indexOf(right), right.size(), wrong));
     Tool tool(u"check m.ini"_s);
@@ -137,6 +141,7 @@ void TestOperator::checkFindsEveryMistake()
 void TestOperator::checkSaysWhatTwoModulesCannotShare()
 {
     const Workplace place;
+    const BusServer admin(u"adm"_s);
     const QByteArray text = goodSettings(place);
     place.writeFile(u"1.ini"_s, text);
     place.writeFile(u"2.ini"_s, text);

@@ -6,7 +6,8 @@
 // What will not work in one settings file, beyond what the module itself says.
 //
 // Owner:   the subcommand check.
-// Errors:  never throws. Nothing is created, bound or connected to.
+// Errors:  never throws. Nothing is created or bound. The only connection is one to the
+//          administration server, on which nothing is sent.
 class SettingsCheck
 {
 public:
@@ -31,6 +32,7 @@ private:
     void checkKeyNames(const QString &path);
     void checkLog();
     void checkBus();
+    void checkAdminServer(const QString &name);
     void checkServerName(const QString &name);
     void checkConnections(const QString &admin, const QString &server);
     void checkBusName(const Key &key, const QString &name);

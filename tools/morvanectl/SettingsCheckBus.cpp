@@ -37,13 +37,29 @@ void SettingsCheck::checkBus()
         addBase(warning, BaseSettings::adminServerName,
             u"\"AdminServerName\" is empty: the module takes no commands and reports nothing"_s);
     else
-        checkBusName(BaseSettings::adminServerName, admin);
+        checkAdminServer(admin);
     checkServerName(server);
     if (!server.isEmpty() && server != BaseSettings::noName && server == admin)
         addBase(error, BaseSettings::serverName,
             u"\"ServerName\" is also the administration server's: one takes it away from the "
             "other"_s);
     checkConnections(admin, server);
+}
+
+void SettingsCheck::checkAdminServer(const QString &name)
+{
+    checkBusName(BaseSettings::adminServerName, name);
+    if (!busNameProblem(name).isEmpty() || !busFolderProblem().isEmpty())
+        return;
+    QLocalSocket probe;
+    probe.connectToServer(name);
+    if (probe.state() != QLocalSocket::UnconnectedState)
+        return;
+    addBase(warning, BaseSettings::adminServerName,
+        probe.error() == QLocalSocket::SocketAccessError
+            ? connectionProblem(name, probe.error())
+            : u"nobody serves \"%1\" (%2), as \"morvanectl admin %1 --serve\" does: until "
+              "somebody does, the module does not listen"_s.arg(name, busSocketPath(name)));
 }
 
 void SettingsCheck::checkServerName(const QString &name)
