@@ -61,6 +61,7 @@ void TestMorvanectl::wrongUsageGivesStatusTwo_data()
     row("a switch without its position", u"admin x watch maybe"_s, "\"watch maybe\"");
     row("names that leave the folder", u"receive 0 --dir in --name ../{number}"_s, "{number}");
     row("names without a number", u"receive 0 --dir in --name x"_s, "{number}");
+    row("acknowledgements of what is not kept", u"receive 0 --acknowledge"_s, "--dir");
     row("a host name as address", u"receive 0 --address localhost"_s, "\"localhost\"");
 }
 

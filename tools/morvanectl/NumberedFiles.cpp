@@ -6,7 +6,7 @@
 #include <QDateTime>
 #include <QFile>
 
-#include <algorithm>
+#include <cerrno>
 
 using namespace Qt::StringLiterals;
 
@@ -17,35 +17,53 @@ bool NumberedFiles::open(const QString &path, const QString &nameTemplate, bool 
     overwrite = overwriting;
     if (!directory.mkpath(u"."_s))
         return false;
-    if (overwrite)
-        return true;
-    const QRegularExpression isOurs = namesFrom(names);
-    const QStringList there = directory.entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
-    for (const QString &name : there)
-        last = std::max(last, isOurs.match(name).captured(1).toLongLong());
+    const QMap<qint64, QString> there = overwrite ? QMap<qint64, QString>() : behind(0);
+    if (!there.isEmpty())
+        startBehind(there.lastKey());
     return true;
 }
 
-QString NumberedFiles::nextPath()
+QMap<qint64, QString> NumberedFiles::behind(qint64 number) const
 {
-    return directory.absoluteFilePath(fillIn(names, ++last, QDateTime::currentDateTime()));
+    QMap<qint64, QString> found;
+    const QRegularExpression isOurs = namesFrom(names);
+    const QStringList there =
+        QDir(directory.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
+    for (const QString &entry : there) {
+        const qint64 numberOfEntry = isOurs.match(entry).captured(1).toLongLong();
+        if (numberOfEntry > number)
+            found.insert(numberOfEntry, entry);
+    }
+    return found;
 }
 
 // A file that is cut short by a crash keeps its hidden name.
 std::optional<qint64> NumberedFiles::add(const QByteArray &content)
 {
-    QFile file(
-        directory.absoluteFilePath(u".incoming-%1"_s.arg(QCoreApplication::applicationPid())));
+    const QString hidden = u".incoming-%1"_s.arg(QCoreApplication::applicationPid());
+    QFile::remove(directory.absoluteFilePath(hidden));
+    return write(hidden, content) ? giveName(hidden) : std::nullopt;
+}
+
+bool NumberedFiles::write(const QString &hidden, const QByteArray &content) const
+{
+    QFile file(directory.absoluteFilePath(hidden));
+    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly)
+        && file.write(content) == content.size() && file.flush())
+        return true;
+    const int reason = errno;
     file.remove();
-    if (!file.open(QIODevice::WriteOnly | QIODevice::NewOnly)
-        || file.write(content) != content.size() || !file.flush()) {
-        file.remove();
-        return std::nullopt;
-    }
-    file.close();
+    errno = reason;
+    return false;
+}
+
+std::optional<qint64> NumberedFiles::giveName(const QString &hidden)
+{
+    QFile file(directory.absoluteFilePath(hidden));
     QString path;
     do {
-        path = nextPath();
+        name = fillIn(names, ++last, QDateTime::currentDateTime());
+        path = directory.absoluteFilePath(name);
         if (overwrite)
             QFile::remove(path);
         if (file.rename(path)) // it never replaces a file

@@ -2,12 +2,15 @@
 
 #include <QByteArray>
 #include <QDir>
+#include <QMap>
 
+#include <algorithm>
 #include <optional>
 
 // Numbered files in one folder, each under a name that a template gives.
 //
-// Errors:  results say what failed; nothing is ever written outside the folder.
+// Errors:  results say what failed, with the reason in errno; nothing is ever written outside the
+//          folder.
 class NumberedFiles
 {
 public:
@@ -17,11 +20,23 @@ public:
     // The number of the new file; nothing if it could not be written.
     [[nodiscard]] std::optional<qint64> add(const QByteArray &content);
 
-private:
-    [[nodiscard]] QString nextPath();
+    // The same in two steps: a file under a hidden name of the folder,
+    [[nodiscard]] bool write(const QString &hidden, const QByteArray &content) const;
+    // which gets the next number and name.
+    [[nodiscard]] std::optional<qint64> giveName(const QString &hidden);
 
+    [[nodiscard]] const QDir &folder() const { return directory; }
+    // Of the file that was named last.
+    [[nodiscard]] const QString &lastName() const { return name; }
+    // The numbers go on behind this one at least.
+    void startBehind(qint64 number) { last = std::max(last, number); }
+    // The files with higher numbers that are there now.
+    [[nodiscard]] QMap<qint64, QString> behind(qint64 number) const;
+
+private:
     QDir directory;
     QString names; // template
     bool overwrite = false;
     qint64 last = 0; // number given
+    QString name;
 };

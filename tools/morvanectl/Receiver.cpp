@@ -37,9 +37,11 @@ Receiver::Receiver(const ReceiveOptions &receiveOptions)
 
 bool Receiver::start()
 {
-    if (!options.directory.isEmpty()
-        && !files.open(options.directory, options.nameTemplate, options.overwrite)) {
-        complain(u"receive: the folder %1 cannot be used"_s.arg(options.directory));
+    if (!openFolder()) {
+        const QString reason = errno == EWOULDBLOCK
+            ? u"another receiver acknowledges what is in it"_s
+            : qt_error_string(errno);
+        complain(u"receive: the folder %1 cannot be used: %2"_s.arg(options.directory, reason));
         return false;
     }
     if (!listen(options.address, options.port)) {
@@ -57,6 +59,15 @@ bool Receiver::start()
     return true;
 }
 
+bool Receiver::openFolder()
+{
+    errno = 0;
+    if (options.acknowledge)
+        return batch.open(options.directory, options.nameTemplate);
+    return options.directory.isEmpty()
+        || files.open(options.directory, options.nameTemplate, options.overwrite);
+}
+
 void Receiver::incomingConnection(qintptr descriptor)
 {
     auto link = std::make_unique<Link>();
@@ -68,6 +79,7 @@ void Receiver::incomingConnection(qintptr descriptor)
         return lose(link->socket->unread());
     }
     ++connections;
+    link->number = batch.newLink();
     sayEvent(u"Connected: "_s + link->peer);
     watchSilence(*link);
     connect(
@@ -99,16 +111,12 @@ void Receiver::noteLife(Link &link) const
 void Receiver::take(Link &link)
 {
     const qint64 before = link.socket->bytesRead();
-    for (int i = 0; i < recordsInARow && !finished && !link.isLeftAlone; ++i) {
-        const std::optional<QByteArray> body = link.socket->next();
-        if (!body)
-            break;
-        takeBody(*body, link);
-        if (!finished)
-            misbehave(link);
-    }
+    readRecords(link);
     if (link.socket->bytesRead() > before)
         noteLife(link);
+    acknowledge(link);
+    if (!finished && !link.isLeftAlone)
+        misbehave(link);
     if (link.socket->refusedLength() != 0)
         return dropOversized(link);
     if (!link.socket->hasEnded() || link.isLeftAlone)
@@ -117,45 +125,104 @@ void Receiver::take(Link &link)
     close(link);
 }
 
+void Receiver::readRecords(Link &link)
+{
+    const int most = options.acknowledge ? RecordBatch::mostRecords : recordsInARow;
+    for (int i = 0; i < most && !finished && !link.isLeftAlone && !batch.isFull(); ++i) {
+        const std::optional<QByteArray> body = link.socket->next();
+        if (!body)
+            return;
+        takeBody(*body, link);
+        if (isToMisbehave(link))
+            return;
+    }
+}
+
 void Receiver::takeBody(const QByteArray &body, Link &link)
 {
     if (body == LinkRecord::keepAlive) {
         ++keepAlives;
+        ++link.taken;
         return sayEvent(u"live"_s);
     }
-    const std::optional<qint64> number = keep(body);
-    if (!number) {
-        complain(u"receive: cannot write a record of %1 into %2"_s.arg(
-            counted(body.size(), u"byte"_s), options.directory));
+    if (!keep(body, link)) {
         lose({body});
-        finished = true;
-        return QCoreApplication::exit(failureStatus);
+        return fail(u"cannot write a record of %1"_s.arg(counted(body.size(), u"byte"_s)));
     }
     ++link.records;
-    ++records;
-    bytes += body.size();
-    sayEvent(u"%1  %2  %3"_s.arg(
-        paddedNumber(*number), counted(body.size(), u"byte"_s), beginningOf(body)));
-    if (records == options.count) {
+    ++link.taken;
+    if (records + inBatch.size() == options.count) {
         finished = true;
         QCoreApplication::exit(0);
     }
 }
 
-// The number of the record, in the folder if there is one; nothing if it could not be written.
-std::optional<qint64> Receiver::keep(const QByteArray &body)
+// False if the record could not be written.
+bool Receiver::keep(const QByteArray &body, const Link &link)
 {
-    return options.directory.isEmpty() ? records + 1 : files.add(body);
+    const Taken record = {body.size(), beginningOf(body)};
+    if (options.acknowledge) {
+        if (!batch.add(body, link.number))
+            return false;
+        inBatch.append(record);
+        return true;
+    }
+    const std::optional<qint64> number =
+        options.directory.isEmpty() ? records + 1 : files.add(body);
+    if (number)
+        noteKept(*number, record);
+    return number.has_value();
+}
+
+void Receiver::noteKept(qint64 number, const Taken &record)
+{
+    ++records;
+    bytes += record.bytes;
+    sayEvent(u"%1  %2  %3"_s.arg(
+        paddedNumber(number), counted(record.bytes, u"byte"_s), record.beginning));
+}
+
+// The module forgets what it hears of here.
+void Receiver::acknowledge(Link &link)
+{
+    if (!options.acknowledge || link.taken == link.acknowledged)
+        return;
+    const std::optional<QList<qint64>> numbers = batch.commit();
+    if (!numbers)
+        return fail(u"cannot bring %1 to the disk"_s.arg(counted(inBatch.size(), u"record"_s)));
+    for (qsizetype i = 0; i < numbers->size(); ++i)
+        noteKept(numbers->at(i), inBatch.at(i));
+    inBatch.clear();
+    link.acknowledged = link.taken;
+    if (link.socket->acknowledge(link.taken))
+        return;
+    complain(u"receive: %1 reads no acknowledgements: dropped"_s.arg(link.peer));
+    close(link);
+}
+
+void Receiver::fail(const QString &what)
+{
+    complain(u"receive: %1 in %2: %3"_s.arg(what, options.directory, qt_error_string(errno)));
+    finished = true;
+    QCoreApplication::exit(failureStatus);
+}
+
+bool Receiver::isToMisbehave(const Link &link) const
+{
+    return link.records > 0
+        && (link.records == options.closeAfter || link.records == options.stopAfter);
 }
 
 // As an operator has asked for it, to see what the modules do then.
 void Receiver::misbehave(Link &link)
 {
+    if (!isToMisbehave(link))
+        return;
     const QString after = counted(link.records, u"record"_s);
-    if (link.records > 0 && link.records == options.closeAfter) {
+    if (link.records == options.closeAfter) {
         sayEvent(u"Closing after %1: %2"_s.arg(after, link.peer));
         close(link);
-    } else if (link.records > 0 && link.records == options.stopAfter) {
+    } else {
         link.isLeftAlone = true;
         link.silence.stop();
         link.socket->leaveAlone();
@@ -191,8 +258,11 @@ void Receiver::close(Link &link)
         this, [closed] {}, Qt::QueuedConnection);
 }
 
+// What nobody has acknowledged comes again.
 void Receiver::lose(const QByteArrayList &bodies)
 {
+    if (options.acknowledge)
+        return;
     for (const QByteArray &body : bodies) {
         ++loss.records;
         loss.bytes += body.size();
@@ -219,8 +289,10 @@ void Receiver::takeLast(Link &link)
 int Receiver::finish(int status)
 {
     QTcpServer::close();
-    for (const auto &link : links)
-        takeLast(*link);
+    for (const auto &link : links) {
+        if (!options.acknowledge)
+            takeLast(*link);
+    }
     links.clear();
     QString lost;
     if (loss.records > 0)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "NumberedFiles.h"
+#include "RecordBatch.h"
 #include "RecordLink.h"
 
 #include <QHostAddress>
@@ -18,6 +19,7 @@ struct ReceiveOptions
     QString directory; // none: records are only shown
     QString nameTemplate; // of the files, with {number}
     bool overwrite = false;
+    bool acknowledge = false; // what is safe in the directory
     qint64 count = 0; // of records to leave after; 0: none
     quint32 longestRecord = 0; // bytes
     int kernelBuffer = 0; // bytes of each connection; 0: what the kernel thinks best
@@ -32,7 +34,8 @@ struct ReceiveOptions
 // Owner:   the subcommand, for the time of its event loop.
 // Thread:  main thread.
 // Errors:  a peer's fault is said and drops its connection; a record that cannot be written ends
-//          the event loop with the tool's failure status.
+//          the event loop with the tool's failure status. What is not safe on the disk is never
+//          acknowledged.
 class Receiver : public QTcpServer
 {
 public:
@@ -49,9 +52,18 @@ private:
         std::unique_ptr<RecordLink> socket;
         QString peer;
         QTimer silence;
+        qint64 number = 0; // in the index
         qint64 records = 0;
+        quint64 taken = 0; // records and keep-alives
+        quint64 acknowledged = 0; // of them
         bool isSilent = false;
         bool isLeftAlone = false; // nothing more is read of it
+    };
+    // A record that is not under its name yet.
+    struct Taken
+    {
+        qint64 bytes;
+        QString beginning;
     };
     // Records that a module has forgotten, and nobody has kept.
     struct Loss
@@ -64,8 +76,14 @@ private:
     void watchSilence(Link &link) const;
     void noteLife(Link &link) const;
     void take(Link &link);
+    [[nodiscard]] bool openFolder();
+    void readRecords(Link &link);
+    [[nodiscard]] bool isToMisbehave(const Link &link) const;
     void takeBody(const QByteArray &body, Link &link);
-    [[nodiscard]] std::optional<qint64> keep(const QByteArray &body);
+    [[nodiscard]] bool keep(const QByteArray &body, const Link &link);
+    void noteKept(qint64 number, const Taken &record);
+    void acknowledge(Link &link);
+    void fail(const QString &what);
     void misbehave(Link &link);
     void dropOversized(Link &link);
     void sayEnd(const Link &link) const;
@@ -75,7 +93,9 @@ private:
     void sayEvent(const QString &what) const;
 
     const ReceiveOptions &options;
-    NumberedFiles files;
+    NumberedFiles files; // that nobody acknowledges
+    RecordBatch batch; // or that are acknowledged
+    QList<Taken> inBatch;
     std::vector<std::unique_ptr<Link>> links;
     bool finished = false;
     qint64 connections = 0;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <limits>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -21,6 +22,9 @@ RecordLink::RecordLink(int socket, quint32 longestRecord, QObject *parent)
     , notifier(socket, QSocketNotifier::Read)
     , reader(longestRecord)
 {
+    // A number that acknowledges must not wait for more bytes to go with it.
+    const int noDelay = 1;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     connect(&notifier, &QSocketNotifier::activated, this, &RecordLink::readable);
 }
 
@@ -59,6 +63,15 @@ std::optional<QByteArray> RecordLink::next()
             return body;
     }
     return std::nullopt;
+}
+
+// That the connection has ended is found by reading on.
+bool RecordLink::acknowledge(quint64 records) const
+{
+    const QByteArray number = LinkRecord::acknowledgement(records);
+    const ssize_t count = ::send(
+        descriptor.get(), number.constData(), size_t(number.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+    return count == number.size() || (count < 0 && errno != EAGAIN);
 }
 
 void RecordLink::close()

@@ -30,6 +30,10 @@ public:
     [[nodiscard]] quint32 refusedLength() const { return reader.refusedLength(); }
     [[nodiscard]] bool isAtRecordBoundary() const { return reader.isAtRecordBoundary(); }
 
+    // Tells the module that so many records of this connection are stored for good. False if it has
+    // not read such numbers for so long that there is no room for another.
+    [[nodiscard]] bool acknowledge(quint64 records) const;
+
     // Reads nothing more; what has come stays unread.
     void leaveAlone() { notifier.setEnabled(false); }
     // Ends the connection at once. Unread bytes make that a reset.

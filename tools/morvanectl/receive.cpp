@@ -30,6 +30,15 @@ A record holds its kind directly followed by its payload, so a kind is shown as 
 record begins: "tempdb..." may also be "tempdb_t...". Keep-alives are shown and counted,
 but not written. Connections may come one after the other or together, up to 16.
 
+With --acknowledge each module hears which of its records are safe; a module with
+Acknowledgements=1 keeps a record until then. The receiver writes the records that have
+come, at most 1,000 and 8 MiB at once, brings them to the disk under their names, and then
+acknowledges them. So kills, power cuts, full disks and tunnels lose nothing, but a record
+that comes again after a lost link is stored twice. DIR/.index has a line for each record:
+number, link, bytes, digest (as b2sum --length=256 prints it) and file. Two lines with one
+digest but different links are a record that came twice, unless it was sent twice. An
+index of 64 MiB is renamed to .index.1, and a new one begins.
+
 To rehearse an outage, --close-after N closes every connection after N of its records,
 and --stop-after N leaves it open, but reads no more of it. With --silence a connection
 on which nothing comes for so long, not even a keep-alive, is reported on standard error.
@@ -43,7 +52,7 @@ follow the last one of --count, --close-after or --stop-after, those behind one 
 kernel's receive buffer; the rest stays with the module. Rehearse with records that may
 be lost. The buffer is small where such an end is to be expected (--buffer). What was
 lost is counted in the summary, and the status is 3, or 1 if a record could not be
-written.)";
+written. With --acknowledge a module that waits for it loses none of them.)";
 
 void addOptions(CommandLine &line)
 {
@@ -53,6 +62,7 @@ void addOptions(CommandLine &line)
     line.addValue(u"name"_s, u"TEXT"_s,
         u"Names of the files, with {number} and {time} (default {number})."_s, u"{number}"_s);
     line.addFlag(u"overwrite"_s, u"Start at 000001 and replace files of earlier runs."_s);
+    line.addFlag(u"acknowledge"_s, u"Tell the modules what is safe on the disk of DIR."_s);
     line.addValue(u"count"_s, u"N"_s, u"Leave after N records."_s);
     line.addValue(u"limit"_s, u"BYTES"_s,
         u"Drop a connection that announces a longer record (default 100000000)."_s, u"100000000"_s);
@@ -61,7 +71,8 @@ void addOptions(CommandLine &line)
     line.addValue(u"stop-after"_s, u"N"_s, u"Read no more of a connection after N records."_s);
     line.addValue(u"buffer"_s, u"BYTES"_s,
         u"Receive buffer of each connection (default: the kernel's least with --count, --limit, "
-        "--close-after or --stop-after; 16384 with --dir; otherwise the kernel's choice)."_s);
+        "--close-after or --stop-after; 16384 with --dir; otherwise, and with --acknowledge, the "
+        "kernel's choice)."_s);
     line.addFlag(u"quiet"_s, u"Do not show every record and connection."_s);
 }
 
@@ -96,6 +107,7 @@ std::optional<int> readNumbers(const CommandLine &line, ReceiveOptions &options)
     const bool endsEarly =
         *count > 0 || *closeAfter > 0 || *stopAfter > 0 || line.isSet(u"limit"_s);
     options.kernelBuffer = *buffer > 0 ? *buffer
+        : line.isSet(u"acknowledge"_s) ? 0
         : endsEarly                    ? leastBuffer
         : line.isSet(u"dir"_s)         ? cautiousBuffer
                                        : 0;
@@ -110,6 +122,7 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
     options.directory = line.value(u"dir"_s);
     options.nameTemplate = line.value(u"name"_s);
     options.overwrite = line.isSet(u"overwrite"_s);
+    options.acknowledge = line.isSet(u"acknowledge"_s);
     options.quiet = line.isSet(u"quiet"_s);
     if (!options.address.setAddress(line.value(u"address"_s)))
         return line.wrongUsage(u"\"%1\" is no numeric address."_s.arg(line.value(u"address"_s)));
@@ -117,14 +130,17 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
         return line.wrongUsage(u"--dir takes a folder, and --overwrite needs it."_s);
     if (options.directory.isEmpty() && line.isSet(u"name"_s))
         return line.wrongUsage(u"--name needs --dir."_s);
+    if (options.acknowledge && (options.directory.isEmpty() || options.overwrite))
+        return line.wrongUsage(u"--acknowledge needs --dir and excludes --overwrite."_s);
     if (const QString problem = templateProblem(options.nameTemplate, {u"number"_s, u"time"_s});
         !problem.isEmpty())
         return line.wrongUsage(u"--name: "_s + problem);
     const QString longest = fillIn(options.nameTemplate, highest, QDateTime::currentDateTime());
     if (options.nameTemplate.count(u"{number}"_s) != 1 || !isPlainName(longest)
-        || longest.toUtf8().size() > longestFileName)
-        return line.wrongUsage(u"--name must hold {number} once, no \"/\", and not begin with a "
-                               "dot; a name has %1 bytes at most."_s.arg(longestFileName));
+        || longest.contains(u'\n') || longest.toUtf8().size() > longestFileName)
+        return line.wrongUsage(
+            u"--name must hold {number} once, no \"/\" and no line feed, and not begin with a dot; "
+            "a name has %1 bytes at most."_s.arg(longestFileName));
     if (options.closeAfter != 0 && options.stopAfter != 0)
         return line.wrongUsage(u"--close-after and --stop-after exclude each other."_s);
     return std::nullopt;

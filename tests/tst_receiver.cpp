@@ -1,0 +1,267 @@
+#include "Oracle.h"
+#include "Record.h"
+#include "SmallDisk.h"
+#include "Tool.h"
+#include "Workplace.h"
+
+#include <QCryptographicHash>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTcpSocket>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 mostUnwritten = 262'144; // bytes in the socket of a sender
+
+void connectTo(Tool &receiver, QTcpSocket &socket)
+{
+    static const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(receiver.says("\n"), patience);
+    const QString port = line.match(QString::fromUtf8(receiver.said)).captured(1);
+    socket.connectToHost(QHostAddress::LocalHost, port.toUShort());
+    QVERIFY(socket.waitForConnected(patience));
+}
+
+// Does what a module does that waits for acknowledgements: it sends record by record, keep-alives
+// between them, and forgets none before its number has come.
+class AcknowledgedSender : public QTcpSocket
+{
+public:
+    AcknowledgedSender()
+    {
+        connect(this, &QIODevice::bytesWritten, this, &AcknowledgedSender::pump);
+        connect(this, &QIODevice::readyRead, this, &AcknowledgedSender::heed);
+    }
+    void record(const char *kind, const QString &, const QByteArray &payload)
+    {
+        bodies.append(kind + payload);
+        pump();
+    }
+    // Sends what it has not forgotten yet.
+    void sendTo(Tool &receiver)
+    {
+        abort();
+        next = forgotten;
+        told = 0;
+        forgottenWith = {forgotten};
+        reader = {};
+        connectTo(receiver, *this);
+        pump();
+    }
+    [[nodiscard]] int forgottenBodies() const { return forgotten; }
+    [[nodiscard]] bool isDone() const { return forgotten == bodies.size(); }
+    // Whether a number went back, or counted what was not sent.
+    [[nodiscard]] bool heardNonsense() const { return nonsense; }
+
+private:
+    void pump()
+    {
+        while (
+            state() == ConnectedState && next < bodies.size() && bytesToWrite() < mostUnwritten) {
+            write(LinkRecord::make(bodies.at(next++)));
+            forgottenWith.append(next);
+            if (next % 10 == 0) {
+                write(LinkRecord::make(LinkRecord::keepAlive));
+                forgottenWith.append(next);
+            }
+        }
+    }
+    void heed()
+    {
+        reader.append(readAll());
+        while (const std::optional<quint64> number = reader.next()) {
+            nonsense |= *number < told || *number >= quint64(forgottenWith.size());
+            if (nonsense)
+                return abort();
+            told = *number;
+            forgotten = forgottenWith.at(qsizetype(told));
+        }
+    }
+
+    QByteArrayList bodies;
+    int next = 0; // body to send
+    int forgotten = 0; // bodies
+    quint64 told = 0; // by the last number of this link
+    QList<int> forgottenWith; // bodies, for each number of this link
+    bool nonsense = false;
+    LinkRecord::AcknowledgementReader reader;
+};
+
+// What a receiver keeps in the folder "in" under its names.
+QByteArrayList keptIn(const Folder &place)
+{
+    QByteArrayList bodies;
+    const QStringList names = QDir(place.path(u"in"_s)).entryList(QDir::Files, QDir::Name);
+    for (const QString &name : names)
+        bodies.append(place.readFile(u"in/"_s + name));
+    return bodies;
+}
+
+QByteArray digestOf(const QByteArray &body)
+{
+    return QCryptographicHash::hash(body, QCryptographicHash::Blake2b_256).toHex();
+}
+
+// What the index there says wrongly of the files, and whether it tells so many doubles.
+QString judgeIndex(const Folder &place, qsizetype doubles)
+{
+    QSet<QByteArray> digests, overOneLink;
+    QByteArrayList lines = place.readFile(u"in/.index"_s).trimmed().split('\n');
+    lines.removeFirst();
+    for (const QByteArray &line : std::as_const(lines)) {
+        const QByteArrayList fields = line.split(' ');
+        const QByteArray body = place.readFile(u"in/"_s + QString::fromUtf8(fields.value(4)));
+        const QByteArray link = fields.value(1) + ' ' + fields.value(3);
+        if (fields.value(3) != digestOf(body) || fields.value(2).toLongLong() != body.size())
+            return u"wrong: "_s + QString::fromUtf8(line);
+        if (fields.value(1) != "0" && overOneLink.contains(link))
+            return u"twice over one link: "_s + QString::fromUtf8(line);
+        doubles -= digests.contains(fields.value(3)) ? 1 : 0;
+        digests.insert(fields.value(3));
+        overOneLink.insert(link);
+    }
+    if (lines.size() != keptIn(place).size())
+        return u"%1 lines for %2 files"_s.arg(lines.size()).arg(keptIn(place).size());
+    return doubles == 0 ? QString() : u"%1 doubles are not told"_s.arg(doubles);
+}
+
+} // namespace
+
+// The receiver that acknowledges, and senders that the tests play.
+class TestReceiver : public QObject
+{
+    Q_OBJECT
+private Q_SLOTS:
+    void acknowledgesWhatItKeepsAndNoMore_data();
+    void acknowledgesWhatItKeepsAndNoMore();
+    void indexIsMendedAndContinued();
+    void hasWhatItAcknowledged_data();
+    void hasWhatItAcknowledged();
+
+private:
+    QRandomGenerator random{7};
+};
+
+void TestReceiver::acknowledgesWhatItKeepsAndNoMore_data()
+{
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<int>("kept"); // records and keep-alives
+    QTest::newRow("everything") << u""_s << 6;
+    QTest::newRow("until it leaves") << u"--count 2"_s << 3;
+    QTest::newRow("until it closes") << u"--close-after 2"_s << 3;
+    QTest::newRow("until it reads no more") << u"--stop-after 2"_s << 3;
+    QTest::newRow("until a record is too long") << u"--limit 5"_s << 2;
+}
+
+void TestReceiver::acknowledgesWhatItKeepsAndNoMore()
+{
+    QFETCH(const QString, options);
+    QFETCH(const int, kept);
+    const Workplace place;
+    Tool tool(u"receive 0 --dir in --acknowledge "_s + options);
+    QTcpSocket sender;
+    connectTo(tool, sender);
+    QByteArray heard;
+    connect(&sender, &QIODevice::readyRead, this, [&] { heard += sender.readAll(); });
+    sender.write(LinkRecord::make("error") + LinkRecord::make("live") + LinkRecord::make("longer")
+        + LinkRecord::make("") + LinkRecord::make("live") + LinkRecord::make("error")
+        + LinkRecord::make("incomplete").chopped(1));
+    const QByteArray last = LinkRecord::acknowledgement(quint64(kept));
+    QTRY_VERIFY_WITH_TIMEOUT(heard.endsWith(last), patience);
+    if (!options.startsWith("--count"_L1))
+        tool.raise(SIGTERM);
+    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience); // nothing is lost
+    QTRY_COMPARE_WITH_TIMEOUT(sender.state(), QAbstractSocket::UnconnectedState, patience);
+    QVERIFY(heard.endsWith(last));
+}
+
+// A kill or a power cut has left files without a line, half a line, and files without a name. What
+// was fetched from the folder keeps its number.
+void TestReceiver::indexIsMendedAndContinued()
+{
+    const Workplace place;
+    place.makeFolder(u"in"_s);
+    const QByteArray before = "# after 4: number, link, bytes, BLAKE2b-256, file\n000005 3 1 "
+        + digestOf("5") + " 000005\n";
+    place.writeFile(
+        u"in/.index"_s, before + "000006 3 1 " + digestOf("6").chopped(1) + "\n000007 3");
+    place.writeFile(u"in/.batch-0"_s, "7");
+    place.writeFile(u"in/000006"_s, "error6");
+    Tool tool(u"receive 0 --dir in --acknowledge"_s);
+    AcknowledgedSender sender;
+    sender.record("error", {}, "7");
+    sender.record("error", {}, "8");
+    sender.sendTo(tool);
+    QTRY_VERIFY_WITH_TIMEOUT(sender.isDone(), patience);
+    const auto line = [](int number, int link) {
+        const QByteArray digit = QByteArray::number(number);
+        return "00000" + digit + ' ' + QByteArray::number(link) + " 6 " + digestOf("error" + digit)
+            + " 00000" + digit + '\n';
+    };
+    QCOMPARE(place.readFile(u"in/.index"_s), before + line(6, 0) + line(7, 4) + line(8, 4));
+    QCOMPARE(QDir(place.path(u"in"_s)).entryList(QDir::Files | QDir::Hidden, QDir::Name),
+        QStringList({u".index"_s, u"000006"_s, u"000007"_s, u"000008"_s}));
+
+    Tool second(u"receive 0 --dir in --acknowledge"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(second.status(), 1, patience);
+    QVERIFY2(second.complains("another receiver acknowledges"), second.complaints);
+}
+
+void TestReceiver::hasWhatItAcknowledged_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::newRow("killed") << u"kill"_s;
+    QTest::newRow("its disk loses power") << u"power"_s;
+    QTest::newRow("its disk is full") << u"full"_s;
+}
+
+// At moments that chance chooses, under load.
+void TestReceiver::hasWhatItAcknowledged()
+{
+    QFETCH(const QString, fault);
+    const bool isKilled = fault == "kill"_L1, isFull = fault == "full"_L1;
+    const Workplace place;
+    const SmallDisk disk(place.makeFolder(u"in"_s));
+    // In memory, so that no flush waits for what others write.
+    if (!disk.make(isFull ? u"3M"_s : u"100M"_s) && !isKilled)
+        QSKIP("only root may mount a file system, and not everywhere");
+    Oracle oracle(300);
+    AcknowledgedSender sender;
+    for (int round = 0; round < (isFull ? 1 : 6); ++round) {
+        Tool tool(u"receive 0 --dir in --acknowledge --quiet"_s);
+        const int before = sender.forgottenBodies();
+        oracle.put(sender, 3'000);
+        sender.sendTo(tool);
+        if (round % 2 == 0)
+            QTRY_VERIFY_WITH_TIMEOUT(sender.forgottenBodies() > before, patience);
+        QTest::qWait(int(random.bounded(60)));
+        if (isKilled)
+            tool.kill();
+        if (fault == "power"_L1 && !disk.cutPower())
+            QSKIP("this kernel cannot shut down a file system");
+        oracle.put(sender, 10);
+        QTRY_COMPARE_WITH_TIMEOUT(tool.state(), QProcess::NotRunning, patience);
+        QCOMPARE(tool.status(), isKilled ? -1 : 1);
+        QVERIFY2(!isFull || tool.complains("No space left on device"), tool.complaints);
+        sender.abort();
+        QVERIFY(fault != "power"_L1 || disk.remount());
+        QVERIFY(!sender.heardNonsense());
+        QCOMPARE(oracle.missing(keptIn(place), sender.forgottenBodies()), QList<int>());
+        QVERIFY(oracle.areWhole(keptIn(place)));
+    }
+    if (isFull)
+        return;
+    Tool tool(u"receive 0 --dir in --acknowledge --quiet"_s);
+    sender.sendTo(tool);
+    QTRY_VERIFY_WITH_TIMEOUT(sender.isDone(), patience);
+    const QByteArrayList kept = keptIn(place);
+    QCOMPARE(oracle.missing(kept, oracle.count()), QList<int>());
+    QCOMPARE(judgeIndex(place, kept.size() - oracle.count()), QString());
+}
+
+QTEST_GUILESS_MAIN(TestReceiver)
+#include "tst_receiver.moc"

@@ -1,0 +1,117 @@
+#include "RecordBatch.h"
+
+#include <QFile>
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype fewRecords = 8; // of a batch, whose files are flushed one by one
+constexpr qint64 mostBytes = 8'388'608; // of a batch; a sender has no more on its way
+const QString hiddenPrefix = u".batch-"_s;
+
+} // namespace
+
+bool RecordBatch::open(const QString &path, const QString &nameTemplate)
+{
+    errno = 0;
+    if (!files.open(path, nameTemplate, false) || !lock())
+        return false;
+    removeLeftovers();
+    const QMap<qint64, QString> there = files.behind(0);
+    if (!index.open(files.folder(), there.isEmpty() ? 0 : there.lastKey())
+        || !indexFilesWithoutLine())
+        return false;
+    files.startBehind(index.lastNumber());
+    lastLink = index.lastLink();
+    return true;
+}
+
+// Some file systems know no locks.
+bool RecordBatch::lock()
+{
+    folder = Descriptor(::open(
+        QFile::encodeName(files.folder().path()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder.isOpen()
+        && (::flock(folder.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK);
+}
+
+void RecordBatch::removeLeftovers() const
+{
+    const QStringList hidden =
+        QDir(files.folder().path()).entryList({hiddenPrefix + u'*'}, QDir::Files | QDir::Hidden);
+    for (const QString &name : hidden)
+        QFile::remove(files.folder().absoluteFilePath(name));
+}
+
+bool RecordBatch::indexFilesWithoutLine()
+{
+    const QMap<qint64, QString> unknown = files.behind(index.lastNumber());
+    for (auto found = unknown.begin(); found != unknown.end(); ++found) {
+        QFile file(files.folder().absoluteFilePath(found.value()));
+        if (!file.open(QIODevice::ReadOnly))
+            continue; // somebody has fetched it
+        QCryptographicHash hash(RecordIndex::algorithm);
+        if (!hash.addData(&file))
+            return false;
+        index.add({found.key(), 0, file.size(), hash.result(), found.value()});
+    }
+    return index.flush();
+}
+
+bool RecordBatch::add(const QByteArray &content, qint64 link)
+{
+    const QString hidden = hiddenPrefix + QString::number(records.size());
+    if (!files.write(hidden, content))
+        return false;
+    records.append({0, link, content.size(),
+        QCryptographicHash::hash(content, RecordIndex::algorithm), hidden});
+    bytes += content.size();
+    return true;
+}
+
+bool RecordBatch::isFull() const
+{
+    return records.size() >= mostRecords || bytes >= mostBytes;
+}
+
+// Many files are brought to the disk much faster with all else that waits to be written there; a
+// few need not wait for what others write.
+bool RecordBatch::flushFiles() const
+{
+    if (records.size() > fewRecords)
+        return ::syncfs(folder.get()) == 0;
+    return std::all_of(records.begin(), records.end(), [this](const RecordIndex::Line &record) {
+        const QByteArray path = QFile::encodeName(files.folder().absoluteFilePath(record.file));
+        const Descriptor file(::open(path.constData(), O_WRONLY | O_CLOEXEC));
+        return file.isOpen() && ::fdatasync(file.get()) == 0;
+    });
+}
+
+std::optional<QList<qint64>> RecordBatch::commit()
+{
+    QList<qint64> numbers;
+    if (records.isEmpty())
+        return numbers;
+    if (!flushFiles())
+        return std::nullopt;
+    for (RecordIndex::Line &record : records) {
+        const std::optional<qint64> number = files.giveName(record.file);
+        if (!number)
+            return std::nullopt;
+        record.number = *number;
+        record.file = files.lastName();
+        index.add(record);
+        numbers.append(*number);
+    }
+    if (!index.flush() || !index.makeRoom())
+        return std::nullopt;
+    records.clear();
+    bytes = 0;
+    return numbers;
+}
