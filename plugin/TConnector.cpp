@@ -6,10 +6,8 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QtEndian>
 
 #include <chrono>
-#include <cstring>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -21,8 +19,6 @@ namespace {
 constexpr auto passInterval = 5'000ms; // one repair pass of the bus
 constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
 constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
-constexpr int maxAnnouncedBytes = 50'000'000; // a longer body still on its way is cut off
-constexpr qsizetype inboxBytes = 16'384; // kept by each connection; a larger body passes it by
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread must make progress
 constexpr qint64 mostUnreadBytes = 67'108'864; // room for one more of the longest frames
@@ -70,38 +66,24 @@ void TMyLocalSocket::processReadyRead()
     Q_EMIT NewData(this);
 }
 
-QByteArrayView TMyLocalSocket::takeSmall(qsizetype size)
+bool TMyLocalSocket::takeFrame(BusFrame &frame)
 {
-    if (inbox.size() - taken < size)
-        fillInbox();
-    if (inbox.size() - taken < size)
-        return {};
-    return QByteArrayView(inbox).sliced(std::exchange(taken, taken + size), size);
+    const FrameReader::Result result = frames.next(frame);
+    if (result == FrameReader::Result::TooLong)
+        abort();
+    return result == FrameReader::Result::Frame;
 }
 
-void TMyLocalSocket::fillInbox()
-{
-    const qsizetype rest = inbox.size() - taken;
-    std::memmove(inbox.data(), inbox.constData() + taken, size_t(rest));
-    taken = 0;
-    inbox.resize(inboxBytes);
-    inbox.truncate(rest + readSome(inbox.data() + rest, inboxBytes - rest));
-}
-
-// Nothing of a socket that was closed meanwhile, which does not like to be read.
-qint64 TMyLocalSocket::readSome(char *to, qint64 size)
+// A socket that is closed prints a warning when it is read.
+qint64 TMyLocalSocket::readBuffered(char *to, qint64 size)
 {
     return bytesAvailable() > 0 ? std::max<qint64>(read(to, size), 0) : 0;
 }
 
-qint64 TMyLocalSocket::takeLarge(char *to, qint64 size)
+// Leaves an end of the stream or an error for Qt to find.
+qint64 TMyLocalSocket::readDirect(char *to, qint64 size)
 {
-    qint64 count = std::min<qint64>(size, inbox.size() - taken);
-    std::memcpy(to, inbox.constData() + taken, size_t(count));
-    taken += count;
-    count += readSome(to + count, size - count);
-    // What arrives from here on is taken past Qt's buffer, which would cost one more copy. An end
-    // or an error is left for Qt to find.
+    qint64 count = 0;
     while (count < size) {
         const ssize_t more = ::read(int(socketDescriptor()), to + count, size_t(size - count));
         if (more <= 0)
@@ -357,7 +339,7 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
     // A slot that hears of a frame may abort the socket: then the rest is lost with it.
     BusFrame frame; // one for all, so that small frames share its memory
     ++readDepth;
-    while (socket->isOpen() && !mustWait(socket) && takeFrame(socket, frame))
+    while (socket->isOpen() && !mustWait(socket) && socket->takeFrame(frame))
         dispatch(frame, socket);
     if (--readDepth == 0)
         Q_EMIT ReadDone();
@@ -414,47 +396,6 @@ void TConnector::readToEnd()
         SlotNewData(socket);
         while (socket->isOpen() && !deadline.hasExpired() && socket->waitForReadyRead(0)) { }
     }
-}
-
-// False while the next frame is incomplete. A length of 0 or less gives an empty one.
-bool TConnector::takeFrame(TMyLocalSocket *socket, BusFrame &frame)
-{
-    if (socket->expectedSize == 0) {
-        const QByteArrayView length = socket->takeSmall(sizeof(qint32));
-        if (length.isEmpty())
-            return false;
-        socket->expectedSize = qFromBigEndian<qint32>(length.data());
-    }
-    if (socket->expectedSize > inboxBytes)
-        return takeLargeFrame(socket, frame);
-    const qsizetype size = std::max(socket->expectedSize, 0);
-    const QByteArrayView body = socket->takeSmall(size);
-    if (body.size() < size)
-        return false;
-    socket->expectedSize = 0;
-    frame.read(body);
-    return true;
-}
-
-// A large body is put together while it is on its way, when the one before it is gone from memory.
-bool TConnector::takeLargeFrame(TMyLocalSocket *socket, BusFrame &frame)
-{
-    frame = {};
-    QByteArray &body = socket->gathered;
-    const qsizetype filled = body.size();
-    const qsizetype missing = socket->expectedSize - filled;
-    if (socket->expectedSize > maxAnnouncedBytes && socket->waitingBytes() < missing) {
-        socket->abort();
-        return false;
-    }
-    body.reserve(socket->expectedSize); // memory that no byte has reached costs nothing
-    body.resize(socket->expectedSize);
-    body.truncate(filled + socket->takeLarge(body.data() + filled, missing));
-    if (body.size() < socket->expectedSize)
-        return false;
-    socket->expectedSize = 0;
-    frame.takeOver(std::exchange(body, {}));
-    return true;
 }
 
 void TConnector::dispatch(BusFrame &frame, TMyLocalSocket *socket)

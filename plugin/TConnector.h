@@ -1,15 +1,16 @@
 #pragma once
 
+#include "FrameReader.h"
+
 #include <QByteArray>
-#include <QByteArrayView>
 #include <QElapsedTimer>
 #include <QList>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 
-#include <QStringList>
 #include <chrono>
 
 struct BusFrame;
@@ -18,7 +19,7 @@ struct BusFrame;
 //
 // Owner:   the server (accepted) or the connector (outgoing, administration).
 // Thread:  main thread.
-class TMyLocalSocket : public QLocalSocket
+class TMyLocalSocket : public QLocalSocket, private ByteSource
 {
     Q_OBJECT
 public:
@@ -28,8 +29,6 @@ public:
     QByteArray name;
     // Length of the frame body that is awaited; 0 while the next thing to read is a length.
     int expectedSize = 0;
-    // What has been taken of a large body so far.
-    QByteArray gathered;
     // The peer does not read, and frames for it are being dropped.
     bool stalled = false;
     // Those frames so far.
@@ -41,14 +40,9 @@ public:
     void judge(std::chrono::milliseconds patience);
     void enqueue(const QByteArray &frame);
 
-    // Bytes that have arrived and have not been taken.
-    [[nodiscard]] qint64 waitingBytes() const { return inbox.size() - taken + bytesAvailable(); }
-    // Takes some bytes, 16 KiB at most, without a copy: the view is valid until the next call.
-    // Nothing is taken, and the view is empty, before so many have arrived.
-    [[nodiscard]] QByteArrayView takeSmall(qsizetype size);
-    // Takes bytes in the order of their arrival, those that arrive meanwhile included; how many
-    // there were to take.
-    qint64 takeLarge(char *to, qint64 size);
+    // Reads the next frame, as FrameReader::next() does; false while it is incomplete. Aborts the
+    // connection when the peer announces too long a frame.
+    [[nodiscard]] bool takeFrame(BusFrame &frame);
 
 Q_SIGNALS:
     // Bytes have arrived; none has been read yet.
@@ -58,14 +52,11 @@ private Q_SLOTS:
     void processReadyRead();
 
 private:
-    void fillInbox();
-    qint64 readSome(char *to, qint64 size);
+    qint64 bufferedBytes() const override { return bytesAvailable(); }
+    qint64 readBuffered(char *to, qint64 size) override;
+    qint64 readDirect(char *to, qint64 size) override;
 
-    // Read from the socket many small frames at a time: each call of read() costs more than all
-    // else that is done with one of them.
-    QByteArray inbox;
-    qsizetype taken = 0; // bytes of the inbox
-
+    FrameReader frames{*this, expectedSize};
     qint64 lastUnread = 0; // bytes that waited for the peer when it was looked at
     QElapsedTimer sinceProgress; // of the peer
 };
@@ -170,8 +161,6 @@ private:
     [[nodiscard]] bool repairOutConnections(const QByteArray &greeting);
     void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);
     void startListening();
-    [[nodiscard]] static bool takeFrame(TMyLocalSocket *socket, BusFrame &frame);
-    [[nodiscard]] static bool takeLargeFrame(TMyLocalSocket *socket, BusFrame &frame);
     void dispatch(BusFrame &frame, TMyLocalSocket *socket);
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
