@@ -23,6 +23,7 @@ private Q_SLOTS:
     void programThatAcknowledges_data();
     void programThatAcknowledges();
     void keepAlivesCountButEndNoLink();
+    void numbersBeforeTheEndCount();
     void unacknowledgedRecordsAreBounded();
     void leftoversOfSeveralOwnersGoBackByAge_data();
     void leftoversOfSeveralOwnersGoBackByAge();
@@ -170,9 +171,30 @@ void TestDelivery::keepAlivesCountButEndNoLink()
     QTRY_COMPARE(peer.bodies.last(), QByteArray("error"));
     peer.acknowledge(3);
     QTRY_COMPARE(peer.linkStarts.size(), 3);
-    QCOMPARE(bench.place.logged().filter(u"no more in time"_s).size(), 1); // of two
+    const QStringList lines = bench.place.logged().filter(u"the link is ended"_s);
+    QCOMPARE(lines.size(), 1); // for both
+    QVERIFY2(
+        lines.first().contains(u" 3 records and no more in time"_s), qPrintable(lines.first()));
     peer.acknowledging = true;
     QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+}
+
+void TestDelivery::numbersBeforeTheEndCount()
+{
+    TcpPeer peer;
+    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\n");
+    bench.module.Start();
+    QTRY_VERIFY(peer.socket);
+    Oracle oracle(100);
+    oracle.put(bench, 5);
+    QTRY_COMPARE(peer.bodies.size(), 5);
+    peer.acknowledge(5);
+    peer.reset();
+    oracle.put(bench, 1); // cannot be sent, and the numbers have not been read yet
+    QCOMPARE(keptRecords(bench.spool).size(), 1);
+    peer.acknowledging = true;
+    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    QCOMPARE(oracle.judge(peer, 0), QString());
 }
 
 void TestDelivery::unacknowledgedRecordsAreBounded()

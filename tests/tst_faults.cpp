@@ -58,12 +58,13 @@ QByteArrayList recordsIn(
 // A process in TCP mode, its peer, and the oracle that knows what goes from one to the other.
 struct TcpLine
 {
-    explicit TcpLine(qsizetype payloadBytes = recordBytes)
+    explicit TcpLine(qsizetype payloadBytes = recordBytes, bool acknowledges = false)
         : oracle(payloadBytes)
     {
         peer.setKernelBuffer(peerBuffer);
-        settings = process.writeSettings(
-            u"m.ini"_s, "AdminServerName=\n", portLine("Port=", peer.serverPort()));
+        peer.acknowledging = acknowledges;
+        settings = process.writeSettings(u"m.ini"_s, "AdminServerName=\n",
+            portLine("Port=", peer.serverPort()) + portLine("Acknowledgements=", acknowledges));
     }
     void start() { process.startWith({u"-settings"_s, settings}); }
 
@@ -145,6 +146,7 @@ private Q_SLOTS:
     void killsLoseNothingOverTcp_data();
     void killsLoseNothingOverTcp();
     void killsLoseNothingOfTheBus();
+    void stopTakesWhatTheBusHolds_data();
     void stopTakesWhatTheBusHolds();
     void killsLoseNothingOverUdp();
     void anotherSenderOfTheFolderIsLeftAlone();
@@ -162,17 +164,21 @@ void TestFaults::killsLoseNothingOverTcp_data()
 {
     QTest::addColumn<bool>("stops");
     QTest::addColumn<bool>("resets");
-    QTest::newRow("a peer that reads") << false << false;
-    QTest::newRow("a peer that stops reading") << true << false;
-    QTest::newRow("a peer that resets") << false << true;
-    QTest::newRow("a peer that dies with unread data") << true << true;
+    QTest::addColumn<bool>("acknowledges");
+    QTest::newRow("a peer that reads") << false << false << false;
+    QTest::newRow("a peer that stops reading") << true << false << false;
+    QTest::newRow("a peer that resets") << false << true << false;
+    QTest::newRow("a peer that dies with unread data") << true << true << false;
+    QTest::newRow("a program that acknowledges and reads") << false << false << true;
+    QTest::newRow("a program that acknowledges and dies") << true << true << true;
 }
 
 void TestFaults::killsLoseNothingOverTcp()
 {
     QFETCH(const bool, stops);
     QFETCH(const bool, resets);
-    TcpLine line;
+    QFETCH(const bool, acknowledges);
+    TcpLine line(recordBytes, acknowledges);
     int resetLinks = 0, ends = 0; // of links, since all was settled
     for (int kill = 1; kill <= kills(); ++kill) {
         const qsizetype waiting = keptCount(line.process.place.path(u"spool"_s));
@@ -186,7 +192,7 @@ void TestFaults::killsLoseNothingOverTcp()
         pause(50);
         if (resets && line.peer.socket && line.peer.socket->isValid()) {
             line.peer.reset();
-            ++resetLinks;
+            resetLinks += acknowledges ? 0 : 1; // nothing is lost
             ++ends;
         }
         pause(kill % 5 == 0 ? 1'500 : 100);
@@ -205,7 +211,9 @@ void TestFaults::killsLoseNothingOverTcp()
 void TestFaults::killsLoseNothingOfTheBus()
 {
     for (int round = 0; round < kills(); round += 6) {
-        std::array<TcpLine, 4> lines; // side by side: a bus takes five seconds to start
+        // Side by side: a bus takes five seconds to start.
+        std::array<TcpLine, 4> lines = {
+            TcpLine(), TcpLine(), TcpLine(recordBytes, true), TcpLine(recordBytes, true)};
         for (TcpLine &line : lines)
             line.start();
         for (TcpLine &line : lines) {
@@ -213,18 +221,33 @@ void TestFaults::killsLoseNothingOfTheBus()
             BusFeeder feeder(line.process.place.path(u"me"_s));
             line.oracle.put(feeder, 20'000);
             pause(300);
+            if (line.peer.acknowledging) { // and dies first: nothing that it has not read is lost
+                line.peer.die();
+                QTRY_COMPARE(line.peer.linkStarts.size(), 2);
+                line.oracle.put(feeder, 1'000);
+                pause(300);
+            }
             line.kill();
             line.countAccepted();
-            line.settle(0, killDuplicates);
+            line.settle(0, line.peer.acknowledging ? INT_MAX : killDuplicates);
             if (QTest::currentTestFailed())
                 return;
         }
     }
 }
 
+void TestFaults::stopTakesWhatTheBusHolds_data()
+{
+    QTest::addColumn<bool>("acknowledges");
+    QTest::newRow("the peer's kernel acknowledges") << false;
+    QTest::newRow("the peer's program acknowledges, late") << true;
+}
+
 void TestFaults::stopTakesWhatTheBusHolds()
 {
-    TcpLine line;
+    QFETCH(const bool, acknowledges);
+    TcpLine line(recordBytes, acknowledges);
+    line.peer.acknowledging = false;
     line.start();
     QTRY_VERIFY(line.process.isListening());
     const QString bus = line.process.place.path(u"me"_s);
@@ -238,6 +261,11 @@ void TestFaults::stopTakesWhatTheBusHolds()
     }
     raise(SIGTERM);
     raise(SIGCONT);
+    if (acknowledges) {
+        QTRY_COMPARE(line.peer.bodies.size(), 80);
+        QTest::qWait(100);
+        line.peer.acknowledge(80);
+    }
     QTRY_COMPARE(line.process.state(), QProcess::NotRunning);
     QCOMPARE(line.process.exitCode(), 0);
     line.kill();

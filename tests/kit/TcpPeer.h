@@ -41,6 +41,15 @@ public:
         socket = nullptr;
     }
 
+    // Ends the connection as a program that is killed with unread bytes, and comes back.
+    void die()
+    {
+        stopReading();
+        socket->waitForReadyRead(20);
+        reset();
+        resume();
+    }
+
     void stopReading()
     {
         reading = false;
@@ -61,7 +70,7 @@ public:
     void acknowledge(quint64 records, qsizetype piece = sizeof(quint64))
     {
         const QByteArray bytes = LinkRecord::acknowledgement(records);
-        for (qsizetype at = 0; at < bytes.size(); at += piece) {
+        for (qsizetype at = 0; at < bytes.size() && socket->isOpen(); at += piece) {
             socket->write(bytes.mid(at, piece));
             socket->flush();
         }
@@ -77,7 +86,7 @@ public:
 private:
     void read()
     {
-        if (!reading)
+        if (!reading || !socket->isOpen())
             return;
         reader.append(socket->readAll());
         while (const auto body = reader.next())
