@@ -1,5 +1,6 @@
 #include "BusEnds.h"
 #include "ServiceSocket.h"
+#include "Terminal.h"
 #include "Tool.h"
 #include "Workplace.h"
 
@@ -92,6 +93,8 @@ private Q_SLOTS:
     void serviceStaysWhateverConsolesDo();
     void badConsoleHarmsNobody();
     void linesCanBeEditedOnATerminal();
+    void longLineStaysWhole();
+    void shellStopsItAndHasItGoOn();
 };
 
 void TestConsole::commandsWaitForWhatTheyDo()
@@ -277,46 +280,86 @@ void TestConsole::noNameIsTakenAway()
 void TestConsole::linesCanBeEditedOnATerminal()
 {
     const Workplace place;
-    if (QProcess::execute(u"script"_s, {u"-qec"_s, u"true"_s, u"/dev/null"_s}) != 0)
+    Terminal terminal({u"morvanectl"_s, u"admin"_s, u"admin"_s}, "xterm");
+    if (!terminal.isThere())
         QSKIP("no terminal can be had here: /dev/pts is missing");
-    QProcess terminal;
-    terminal.start(u"script"_s,
-        {u"-qfec"_s,
-            u"TERM=xterm '%1/morvanectl' admin admin"_s.arg(QCoreApplication::applicationDirPath()),
-            u"/dev/null"_s});
-    QByteArray shown;
-    QTRY_VERIFY_WITH_TIMEOUT((shown += terminal.readAll()).contains("> "), patience);
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.shows("> "), patience);
     AdminLink module("node1");
-    terminal.write("bout\x01"
-                   "a\n"); // to the beginning of the line
+    terminal.type("bout\x01"
+                  "a\n"); // to the beginning of the line
     QByteArray heard = BusFrame::makeCommand("About", "", 1);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    terminal.write("\x1b[A\n"); // the line before this one
+    terminal.type("\x1b[A\n"); // the line before this one
     heard += BusFrame::makeCommand("About", "", 2);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
     // Nothing ends the module but a "stop" with a yes, and no unknown word reaches it.
-    terminal.write(
+    terminal.type(
         "abuot\nquit\nQuitSignal\nstop nobody\nstop node1\nn\nsend-command node1 Raw x\n");
     heard += BusFrame::makeCommand("Raw x", "", 3);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    terminal.write("sto\tnod\t\ny\n"); // the Tab key completes both words
+    terminal.type("sto\tnod\t\ny\n"); // the Tab key completes both words
     heard += BusFrame::makeCommand("QuitSignal", "", 4);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    shown += terminal.readAll();
     for (const char *text : {"is \"about\" meant?", "\"exit\" leaves", "Nothing was stopped"})
-        QVERIFY2(shown.contains(text), shown);
-    terminal.write("\x04"); // the end of the input
+        QVERIFY2(terminal.shows(text), terminal.written);
+    QVERIFY2(terminal.written.contains("\x1b[32m"), "in colour");
+    terminal.type("\x04"); // the end of the input
     QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
     QCOMPARE(terminal.exitCode(), 0);
 
-    terminal.start(u"script"_s,
-        {u"-qfec"_s,
-            u"TERM=dumb '%1/morvanectl' admin dumb"_s.arg(QCoreApplication::applicationDirPath()),
-            u"/dev/null"_s});
-    terminal.write("quit\nexit\n");
-    QTRY_COMPARE_WITH_TIMEOUT(terminal.state(), QProcess::NotRunning, patience);
-    const QByteArray plain = terminal.readAll();
-    QVERIFY2(plain.contains("\"exit\" leaves") && !plain.contains("\x1b["), plain);
+    Terminal plain({u"morvanectl"_s, u"admin"_s, u"admin"_s}, "dumb");
+    plain.type("quit\nexit\n");
+    QTRY_COMPARE_WITH_TIMEOUT(plain.state(), QProcess::NotRunning, patience);
+    QVERIFY2(plain.shows("\"exit\" leaves") && !plain.written.contains('\x1b'), plain.written);
+}
+
+void TestConsole::longLineStaysWhole()
+{
+    const Workplace place;
+    Terminal terminal({u"NO_COLOR=1"_s, u"morvanectl"_s, u"admin"_s, u"admin"_s}, "xterm");
+    if (!terminal.isThere())
+        QSKIP("no terminal can be had here: /dev/pts is missing");
+    terminal.resize(30);
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.shows("> "), patience);
+    AdminLink module("node1");
+    QTRY_VERIFY_WITH_TIMEOUT(terminal.shows("node1"), patience);
+    const QByteArray line = "> about " + QByteArray(64, 'x'); // three rows
+    terminal.type(line.sliced(2));
+    QTRY_COMPARE_WITH_TIMEOUT(terminal.text().right(line.size()), line, patience);
+    // What is said stands above it, also in a window of another width.
+    QByteArrayList names = {"node1"};
+    for (const int columns : {30, 20, 50}) {
+        terminal.resize(columns);
+        names.append("in" + QByteArray::number(columns));
+        module.send(BusFrame::makeName(names.last()));
+        QTRY_VERIFY_WITH_TIMEOUT(terminal.text().contains(names.last() + "  was "), patience);
+        QTRY_COMPARE_WITH_TIMEOUT(terminal.text().right(line.size()), line, patience);
+        for (const QByteArray &name : names)
+            QVERIFY2(terminal.text().contains(name + "  "), terminal.text());
+        QVERIFY2(columns == 50 || terminal.text().count('x') == 64, terminal.text());
+    }
+    QVERIFY2(!terminal.written.contains("\x1b[32m"), "without colour");
+}
+
+void TestConsole::shellStopsItAndHasItGoOn()
+{
+    const Workplace place;
+    Terminal shell({u"sh"_s, u"-i"_s}, "xterm");
+    if (!shell.isThere())
+        QSKIP("no terminal can be had here: /dev/pts is missing");
+    shell.type("morvanectl admin admin\n");
+    QTRY_VERIFY_WITH_TIMEOUT(shell.shows("> "), patience);
+    shell.type("abo");
+    QTRY_VERIFY_WITH_TIMEOUT(shell.shows("> abo"), patience);
+    shell.type("\x1a");
+    QTRY_VERIFY_WITH_TIMEOUT(shell.shows("Stopped"), patience);
+    shell.type("stty -a | grep -o .icanon\n");
+    QTRY_VERIFY_WITH_TIMEOUT(shell.shows("\n icanon"), patience);
+    shell.type("fg\n");
+    QTRY_VERIFY_WITH_TIMEOUT(shell.rows().last().startsWith("> abo"), patience);
+    AdminLink module("node1");
+    shell.type("ut\n");
+    QTRY_COMPARE_WITH_TIMEOUT(module.heard(), BusFrame::makeCommand("About", "", 1), patience);
 }
 
 QTEST_GUILESS_MAIN(TestConsole)

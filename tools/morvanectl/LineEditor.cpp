@@ -1,24 +1,46 @@
 #include "LineEditor.h"
 
+#include "StopSignals.h"
+
 #include <QByteArrayList>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <editline/readline.h>
 #include <memory>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 namespace {
 
 LineEditor *current = nullptr; // the library's callback has no argument for it
-constexpr char toAnEmptyLine[] = "\r\x1b[K";
+constexpr char clearFromHere[] = "\r\x1b[J";
+constexpr int escapedWidth = 2; // of a control character, as in ^X
+constexpr int usualColumns = 80;
 
 bool isHungUp()
 {
     pollfd terminal = {STDIN_FILENO, POLLIN, 0};
     return ::poll(&terminal, 1, 0) > 0 && (terminal.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+}
+
+int editorColumns()
+{
+    int rows = 0, columns = 0;
+    ::rl_get_screen_size(&rows, &columns);
+    return columns > 0 ? columns : usualColumns;
+}
+
+int windowColumns()
+{
+    winsize size = {};
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                             : editorColumns();
 }
 
 } // namespace
@@ -33,6 +55,11 @@ LineEditor::LineEditor(const QByteArray &promptText)
     ::rl_attempted_completion_function = &LineEditor::complete;
     open();
     setOpenLine(this);
+    onSignals({SIGWINCH, SIGTSTP, SIGCONT}, this, [this](int signal) {
+        if (signal == SIGTSTP)
+            return suspend();
+        signal == SIGCONT ? resume() : fitWindow();
+    });
 }
 
 LineEditor::~LineEditor()
@@ -103,9 +130,67 @@ char **LineEditor::complete(const char *word, int start, int)
 
 void LineEditor::hide()
 {
+    hideBelow(rowOfCursor(editorColumns()));
+}
+
+// The cursor stands in this row of the line, which disappears.
+void LineEditor::hideBelow(int row)
+{
+    if (isOpen && row > 0)
+        std::fprintf(stdout, "\x1b[%dA", row);
     if (isOpen)
-        std::fputs(toAnEmptyLine, stdout);
+        std::fputs(clearFromHere, stdout);
     std::fflush(stdout);
+}
+
+// The library knows it, but does not tell.
+int LineEditor::rowOfCursor(int columns) const
+{
+    int row = 0, column = 0;
+    const QByteArray before = prompt + QByteArray(::rl_line_buffer, isOpen ? ::rl_point : 0);
+    for (const uint character : QString::fromUtf8(before).toUcs4()) {
+        const int width = ::wcwidth(wchar_t(character));
+        column += width < 0 ? escapedWidth : width;
+        if (column < columns)
+            continue;
+        ++row;
+        column = column > columns ? width : 0; // a wide character does not stand in two rows
+    }
+    return row;
+}
+
+// Some terminals wrap their lines anew and others do not. The fewer rows are cleared: what a line
+// leaves behind is ugly, but nothing that was said may go.
+void LineEditor::fitWindow()
+{
+    hideBelow(std::min(rowOfCursor(editorColumns()), rowOfCursor(windowColumns())));
+    ::rl_resize_terminal();
+    show();
+}
+
+void LineEditor::suspend()
+{
+    hide();
+    ::rl_deprep_terminal();
+    sigset_t stop, pending;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTSTP);
+    ::pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
+    ::raise(SIGTSTP); // returns when a shell has the process go on; at once if there is none
+    ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+    ::sigpending(&pending);
+    if (!sigismember(&pending, SIGCONT))
+        resume();
+}
+
+// The shell had the terminal in between: the line begins anew where the cursor is.
+void LineEditor::resume()
+{
+    ::rl_deprep_terminal(); // what is done already would not be done again
+    ::rl_prep_terminal(0);
+    hideBelow(0);
+    ::rl_resize_terminal();
+    show();
 }
 
 void LineEditor::show()

@@ -9,7 +9,7 @@
 #include <functional>
 
 // Lines that a person types on the terminal, with editing and a history. What is said meanwhile
-// stands above the line.
+// stands above the line, which may be longer than the window is wide.
 //
 // Owner:   whoever wants the lines. There can be one at a time, for the library has one state.
 // Thread:  main thread.
@@ -38,6 +38,11 @@ private:
     static char **complete(const char *word, int start, int end);
     void hide() override;
     void show() override;
+    void hideBelow(int row);
+    [[nodiscard]] int rowOfCursor(int columns) const;
+    void fitWindow();
+    void suspend();
+    void resume();
 
     const QByteArray prompt;
     QSocketNotifier keys;
