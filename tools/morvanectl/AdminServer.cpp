@@ -14,18 +14,9 @@ constexpr qint64 maxUnreadBytes = 1'048'576; // commands that wait for one modul
 } // namespace
 
 AdminServer::AdminServer()
-    : connector(new TConnector(this))
-    , server(new TMyLocalServer(this))
+    : server(new TMyLocalServer(this))
 {
     connect(server, &TMyLocalServer::newConnection, this, &AdminServer::accept);
-    connect(connector, &TConnector::NewAction, this, &AdminServer::noteAction);
-}
-
-// The sockets report their end while they are destroyed, when nobody is left to hear of it.
-AdminServer::~AdminServer()
-{
-    for (TMyLocalSocket *socket : connector->incoming())
-        socket->disconnect(this);
 }
 
 QString AdminServer::listen(const QString &name)
@@ -42,26 +33,25 @@ QString AdminServer::repair()
 void AdminServer::accept(TMyLocalSocket *socket)
 {
     keys.insert(socket, ++lastKey);
-    connector->newInConnection(socket);
-    // The connector was connected first: it has read the frames when this runs.
-    connect(socket, &TMyLocalSocket::NewData, this, &AdminServer::readName);
-    connect(
-        socket, &QLocalSocket::disconnected, this, [this, socket] { noteLoss(keys.take(socket)); });
+    connect(socket, &TMyLocalSocket::NewData, this, &AdminServer::read);
+    connect(socket, &QLocalSocket::errorOccurred, socket, &QLocalSocket::abort);
+    connect(socket, &QLocalSocket::disconnected, this, [this, socket] {
+        socket->deleteLater();
+        noteLoss(keys.take(socket));
+    });
 }
 
-void AdminServer::readName(TMyLocalSocket *socket)
+void AdminServer::read(TMyLocalSocket *socket)
 {
-    // A command that goes out in between may have ended the connection.
-    if (keys.contains(socket) && socket->state() == QLocalSocket::ConnectedState
-        && socket->name != rawNameOf(keys.value(socket)))
-        noteName(keys.value(socket), socket->name);
-}
-
-void AdminServer::noteAction(const QByteArray &action, const QByteArray &message,
-    const QByteArray &data, int id, TMyLocalSocket *socket)
-{
-    readName(socket); // its name frame may have come in the same piece
-    Q_EMIT actionCame(keys.value(socket), {action, message, data, id});
+    // A command that goes out in between may end the connection.
+    BusFrame frame;
+    while (socket->isOpen() && socket->takeFrame(frame)) {
+        const Key key = keys.value(socket);
+        if (frame.kind == BusFrame::Name && frame.name != rawNameOf(key))
+            noteName(key, frame.name);
+        else if (frame.kind == BusFrame::Action)
+            Q_EMIT actionCame(key, {frame.name, frame.message, frame.data, frame.id});
+    }
 }
 
 qint32 AdminServer::send(const QByteArray &command, const QByteArray &name)

@@ -5,7 +5,6 @@
 
 #include <QHash>
 
-class TConnector;
 class TMyLocalServer;
 class TMyLocalSocket;
 
@@ -21,7 +20,6 @@ class AdminServer : public ModuleBus
     Q_OBJECT
 public:
     AdminServer();
-    ~AdminServer() override;
 
     // Listens at once. Otherwise the reason why not: a name that is in use is not taken away.
     [[nodiscard]] QString listen(const QString &name);
@@ -36,11 +34,8 @@ public:
 
 private:
     void accept(TMyLocalSocket *socket);
-    void readName(TMyLocalSocket *socket);
-    void noteAction(const QByteArray &action, const QByteArray &message, const QByteArray &data,
-        int id, TMyLocalSocket *socket);
+    void read(TMyLocalSocket *socket);
 
-    TConnector *connector; // cuts the frames; its own passes and its own server stay unused
     TMyLocalServer *server;
     QHash<TMyLocalSocket *, Key> keys;
     QString ownName;
