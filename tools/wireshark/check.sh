@@ -190,6 +190,18 @@ writeLink() {
     writeCapture
 }
 
+# Numbers: one alone, one and a half, the rest in single bytes, the largest.
+writeNumbers() {
+    beginCapture
+    addTcp 7071 40000 0100000000000000
+    addTcp 7071 40000 030000000000000004010000
+    addTcp 7071 40000 0000
+    addTcp 7071 40000 00
+    addTcp 7071 40000 00
+    addTcp 7071 40000 ffffffffffffffff
+    writeCapture
+}
+
 checkLink() {
     local ports="-o morvane_tcp.ports:7071"
     writeLink
@@ -203,10 +215,19 @@ checkLink() {
 EXPECTED
     same "a length that cannot be one" \
         "$(fields "$ports" "morvane_tcp.too_long" frame.number)" <<<"6"
-    same "bytes from the peer" "$(fields "$ports" "morvane_tcp.unused" frame.number \
-        morvane_tcp.unused)" <<<"3|68656c6c6f"
+    same "bytes from the peer, of which the module takes no notice" \
+        "$(fields "$ports -o morvane_tcp.acknowledgements:FALSE" "morvane_tcp.unused" \
+            frame.number morvane_tcp.unused)" <<<"3|68656c6c6f"
     same "other ports are left alone" \
         "$(fields "-o morvane_tcp.ports:5000" "morvane_tcp" frame.number)" <<<""
+    writeNumbers
+    same "numbers of the peer, put together over segments" "$(fields "$ports" \
+        "morvane_tcp.stored" frame.number morvane_tcp.stored)" <<'EXPECTED'
+1|1
+2|3
+5|260
+6|18446744073709551615
+EXPECTED
 }
 
 if ! command -v tshark >/dev/null; then

@@ -1,5 +1,5 @@
--- Wireshark and tshark: the file transfer over UDP (filter "morvane") and the records of the TCP link
--- (filter "morvane_tcp"). docs/udp-transfer.md and docs/tcp-link.md describe both.
+-- Wireshark and tshark: the file transfer over UDP (filter "morvane"), the records of the TCP link and the
+-- numbers that acknowledge them ("morvane_tcp"). docs/udp-transfer.md and docs/tcp-link.md describe both.
 --
 --     wireshark -X lua_script:morvane.lua
 --     tshark -X lua_script:morvane.lua -o morvane.ports:9000 -Y morvane -r capture.pcap
@@ -20,6 +20,8 @@ link.prefs.ports = Pref.range("TCP ports", "7071",
     "Ports on which peers listen: the setting Port", highestPort)
 link.prefs.longest_record = Pref.uint("Longest record", 50000000,
     "A longer body is taken for a sign that the records are read from a wrong place")
+link.prefs.acknowledgements = Pref.bool("Acknowledgements", true,
+    "The peer writes numbers of eight bytes; otherwise the module throws away what it writes")
 
 local registered = {}
 
@@ -264,16 +266,18 @@ end
 -- The TCP link ------------------------------------------------------------------------------------
 
 local lengthSize = 4 -- bytes in front of every body
+local numberSize = 8 -- bytes of an acknowledgement
 
 local linkLength = ProtoField.uint32("morvane_tcp.length", "Length")
 local body = ProtoField.bytes("morvane_tcp.body", "Body")
 local keepAlive = ProtoField.bool("morvane_tcp.keep_alive", "Keep-alive")
 local recordKind = ProtoField.string("morvane_tcp.kind", "Kind")
+local stored = ProtoField.uint64("morvane_tcp.stored", "Stored records")
 local unused = ProtoField.bytes("morvane_tcp.unused", "Bytes that the module throws away")
 local tooLong = ProtoExpert.new("morvane_tcp.too_long", "The length is too large for a record",
     expert.group.MALFORMED, expert.severity.ERROR)
 
-link.fields = { linkLength, body, keepAlive, recordKind, unused }
+link.fields = { linkLength, body, keepAlive, recordKind, stored, unused }
 link.experts = { tooLong }
 
 -- A kind is not marked off from the payload behind it.
@@ -340,11 +344,32 @@ local function isFromPeer(pinfo)
     return isInRange(pinfo.src_port, ports) and not isInRange(pinfo.dst_port, ports)
 end
 
+local function addNumber(buffer, pinfo, root)
+    local tree = root:add(link, buffer(), "Morvane acknowledgement")
+    tree:add_le(stored, buffer(0, numberSize))
+    local info = "stored " .. tostring(buffer(0, numberSize):le_uint64())
+    tree:append_text(": " .. info)
+    pinfo.cols.info:append(" [" .. info .. "]")
+    return buffer:len()
+end
+
+local function numberLength()
+    return numberSize
+end
+
+local function addFromPeer(buffer, root)
+    if link.prefs.acknowledgements then
+        dissect_tcp_pdus(buffer, root, numberSize, numberLength, addNumber)
+    else
+        root:add(link, buffer()):add(unused, buffer())
+    end
+    return buffer:len()
+end
+
 function link.dissector(buffer, pinfo, root)
     pinfo.cols.protocol = "Morvane"
     if isFromPeer(pinfo) then
-        root:add(link, buffer()):add(unused, buffer())
-        return buffer:len()
+        return addFromPeer(buffer, root)
     end
     dissect_tcp_pdus(buffer, root, lengthSize, recordSize, addRecord)
     return buffer:len()
