@@ -1,48 +1,18 @@
 #!/bin/bash
 # Tries the packages that scripts/package.sh has made, in a clean Debian system made for that, as root:
-# installs them, runs the service under systemd in a container and puts it through starts, stops, an
-# upgrade and kills while records flow, and removes the packages. Where no container can boot, it
-# installs them, runs the demonstration and removes them. Takes a minute or two and 700 MB in the
-# folder for temporary files.
+# installs them, runs the service under systemd in a container, puts it through stops, reloads, kills,
+# a hang and an upgrade while records flow and are counted, and removes the packages. Where no
+# container can boot, it installs them, runs the demonstration and removes them. Takes three minutes
+# and 700 MB in the folder for temporary files.
 #
 #     scripts/try-packages.sh
 #
-# BARE_SYSTEM=FOLDER in the environment keeps the bare system in that folder, for the next run.
+# PREVIOUS_PACKAGES=FOLDER in the environment has them installed as an upgrade of those in the folder.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+source "$root/scripts/clean-lib.sh"
 
-clean= # root folder of the clean system
-longestTrial=300 # seconds
-
-removeCleanSystem() {
-    umount "$clean/proc" 2>/dev/null || true
-    rm -rf --one-file-system "$clean"
-}
-
-# From the mirror that this machine uses itself.
-mirror() {
-    apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
-        awk '$2 == "bookworm" { print $1; exit }'
-}
-
-# makeBareSystem FOLDER
-makeBareSystem() {
-    note "Making a clean system ..."
-    quietly "$root/build/debootstrap.log" debootstrap --variant=minbase \
-        --include=dbus,systemd-sysv bookworm "$1" "$(mirror)"
-}
-
-makeCleanSystem() {
-    clean=$(mktemp -d)
-    trap removeCleanSystem EXIT
-    if [[ -n ${BARE_SYSTEM-} ]]; then
-        [[ -e $BARE_SYSTEM/etc/os-release ]] || makeBareSystem "$BARE_SYSTEM"
-        cp -a "$BARE_SYSTEM/." "$clean"
-    else
-        makeBareSystem "$clean"
-    fi
-    chmod 755 "$clean"
-}
+longestTrial=480 # seconds
 
 # newerPackages FOLDER: the same packages as an upgrade of them.
 newerPackages() {
@@ -57,14 +27,16 @@ newerPackages() {
 
 fillCleanSystem() {
     mkdir "$clean/debs" "$clean/newer" "$clean/project"
-    cp "$root"/build/package/{morvane,morvanectl,libharnix-nogui1}_*.deb "$clean/debs"
-    version=$(dpkg-deb -f "$clean"/debs/morvane_*.deb Version)
-    quietly "$root/build/newer.log" newerPackages "$clean/newer"
+    local -r made=("$root"/build/package/{morvane,morvanectl,libharnix-nogui1}_*.deb)
+    if [[ -n ${PREVIOUS_PACKAGES-} ]]; then
+        cp "$PREVIOUS_PACKAGES"/*.deb "$clean/debs"
+        cp "${made[@]}" "$clean/newer"
+    else
+        cp "${made[@]}" "$clean/debs"
+        version=$(dpkg-deb -f "$clean"/debs/morvane_*.deb Version)
+        quietly "$root/build/newer.log" newerPackages "$clean/newer"
+    fi
     cp -r "$root/scripts" "$root/docs" "$root/module" "$clean/project"
-}
-
-inCleanSystem() {
-    chroot "$clean" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"
 }
 
 # What the packages need; the container has no network. With all that they recommend, too, no mail
@@ -72,11 +44,14 @@ inCleanSystem() {
 fetchDependencies() {
     mount -t proc proc "$clean/proc"
     quietly "$root/build/fetch.log" inCleanSystem apt-get update
-    inCleanSystem sh -c 'apt-get install -s --install-recommends /debs/*.deb' >"$root/build/fetch.log"
+    inCleanSystem sh -c 'apt-get install -s --install-recommends /newer/*.deb' >"$root/build/fetch.log"
     ! grep -E '^Inst .*(exim|postfix|mail|cron)' "$root/build/fetch.log" ||
         die "The packages pull a mail server."
-    quietly "$root/build/fetch.log" inCleanSystem sh -c \
-        'apt-get install -y --no-install-recommends --download-only /debs/*.deb'
+    local folder
+    for folder in debs newer; do
+        quietly "$root/build/fetch.log" inCleanSystem sh -c \
+            "apt-get install -y --no-install-recommends --download-only /$folder/*.deb"
+    done
     umount "$clean/proc"
 }
 
@@ -119,9 +94,7 @@ tryInChroot() {
     quietly "$root/build/remove.log" inCleanSystem dpkg --purge morvane morvanectl libharnix-nogui1
 }
 
-((EUID == 0)) || die "Only root can make a clean system: run it as root."
-installMissing debootstrap systemd-container
-makeCleanSystem
+makeCleanSystem systemd-container
 fillCleanSystem
 fetchDependencies
 note "Booting it ..."
