@@ -1,11 +1,51 @@
-// The receive loop of the bus, over a real connection. The bytes behind the first one arrive in two
-// pieces, cut where that one says.
+// What arrives on the bus: cut into frames from two pieces in memory, which must give the same
+// frames as one piece, and dispatched by the receive loop over a real connection. The bytes behind
+// the first one arrive in two pieces, cut where that one says.
+#include "BusFrame.h"
 #include "Fuzzing.h"
 #include "Record.h"
 #include "TConnector.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
+
+namespace {
+
+struct Memory : ByteSource
+{
+    qint64 bufferedBytes() const override { return bytes.size(); }
+    qint64 readBuffered(char *to, qint64 size) override
+    {
+        const QByteArrayView taken = bytes.first(std::min<qint64>(size, bytes.size()));
+        std::copy(taken.begin(), taken.end(), to);
+        bytes = bytes.sliced(taken.size());
+        return taken.size();
+    }
+    QByteArrayView bytes;
+};
+
+QByteArray cutFrames(const QByteArray &stream, qsizetype firstPiece)
+{
+    Memory source;
+    int expectedSize = 0;
+    FrameReader reader(source, expectedSize);
+    QByteArray frames;
+    BusFrame frame;
+    for (const QByteArrayView piece :
+        {QByteArrayView(stream).first(firstPiece), QByteArrayView(stream).sliced(firstPiece)}) {
+        source.bytes = piece;
+        FrameReader::Result result;
+        while ((result = reader.next(frame)) == FrameReader::Result::Frame)
+            frames += BusFrame::makeAction(frame.name, frame.message, frame.data, frame.id)
+                + char(frame.kind);
+        if (result == FrameReader::Result::TooLong)
+            break;
+        require(source.bytes.isEmpty());
+    }
+    return frames;
+}
+
+} // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -27,6 +67,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const QByteArray bytes = bytesOf(data + 1, size - 1);
     const qsizetype cut = std::min<qsizetype>(data[0], bytes.size());
+    require(cutFrames(bytes, cut) == cutFrames(bytes, bytes.size()));
     for (const QByteArray &piece : {bytes.first(cut), bytes.sliced(cut)}) {
         if (::send(ends[1], piece.data(), size_t(piece.size()), MSG_NOSIGNAL) > 0)
             socket->waitForReadyRead(0);
