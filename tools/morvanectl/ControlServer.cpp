@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype mostConsoles = 32;
+constexpr qsizetype mostConsoles = 16;
 constexpr qint64 maxUnreadBytes = 67'108'864; // events that wait for all consoles to read them
 
 } // namespace
@@ -114,8 +114,11 @@ void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
     tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
 }
 
+// Those that do not read keep nothing from one that does.
 bool ControlServer::canTell(const ConsoleLink *link) const
 {
+    if (link->unreadBytes() == 0)
+        return true;
     qint64 unread = 0;
     for (const ConsoleLink *other : links)
         unread += other->unreadBytes();

@@ -21,7 +21,7 @@ struct Subcommand
 };
 
 const Subcommand subcommands[] = {
-    {u"admin"_s, u"be the administration server: show actions, send commands"_s, runAdmin},
+    {u"admin"_s, u"show what modules report, send them commands; or be their server"_s, runAdmin},
     {u"send"_s, u"put files on a module's bus name as records"_s, runSend},
     {u"receive"_s, u"be the TCP peer: take records from a module's link"_s, runReceive},
     {u"check"_s, u"say what will not work in a module's settings file"_s, runCheck},
