@@ -309,7 +309,8 @@ void TestConsole::linesCanBeEditedOnATerminal()
     terminal.type("sto\tnod\t\ny\n"); // the Tab key completes both words
     heard += BusFrame::makeCommand("QuitSignal", "", 4);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves", "Nothing was stopped"})
+    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves this tool: the modules end",
+             "Nothing was stopped"})
         QVERIFY2(terminal.shows(text), terminal.written);
     QVERIFY2(terminal.written.contains("\x1b[32m"), "in colour");
     terminal.type("\x04"); // the end of the input

@@ -28,6 +28,10 @@ public:
     [[nodiscard]] QString problem() const { return reason; }
 
     qint32 send(const QByteArray &command, const QByteArray &name) override;
+    [[nodiscard]] QString fateOfModules() const override
+    {
+        return QStringLiteral("the modules stay");
+    }
 
 Q_SIGNALS:
     void lost();

@@ -38,6 +38,9 @@ public:
     // Sends to the modules of a name, or to all; the result is the id that the command bears.
     virtual qint32 send(const QByteArray &command, const QByteArray &name) = 0;
 
+    // What becomes of the modules when this process leaves.
+    [[nodiscard]] virtual QString fateOfModules() const = 0;
+
 Q_SIGNALS:
     void moduleCame(qint64 module);
     void moduleRenamed(qint64 module, const QByteArray &before);

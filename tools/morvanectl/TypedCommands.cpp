@@ -21,9 +21,9 @@ arrows on|off [MODULE]         reports of every data frame
 modules                        the modules that are connected
 send-command MODULE|all TEXT   any other command, as it stands
 stop MODULE|all                ends modules, after a question
-exit, Ctrl-D                   leaves this tool)";
+exit, Ctrl-D                   leaves this tool: %1)";
 constexpr char quitExplained[] =
-    "\"exit\" leaves this tool; \"stop MODULE\" and \"stop all\" end modules.";
+    "\"exit\" leaves this tool: %1. \"stop MODULE\" and \"stop all\" end modules with status 0.";
 constexpr qsizetype mostWaiting = 1'000; // commands typed before a module is there
 
 } // namespace
@@ -85,9 +85,9 @@ void TypedCommands::takeTyped(const QByteArray &line)
     if (first == "exit"_L1)
         return QCoreApplication::exit(0);
     if (first == "help"_L1)
-        return say(QString::fromLatin1(help));
+        return say(QString::fromLatin1(help).arg(bus.fateOfModules()));
     if (first == "quit"_L1 || first == "QuitSignal"_L1)
-        return say(QString::fromLatin1(quitExplained));
+        return say(QString::fromLatin1(quitExplained).arg(bus.fateOfModules()));
     if (first == "modules"_L1) {
         for (const qint64 module : bus.modules())
             say(bus.nameOf(module));
