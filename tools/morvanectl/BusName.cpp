@@ -32,6 +32,8 @@ QString clearName(const QString &name)
         return u"a live server has this name"_s;
     if (probe.error() == QLocalSocket::ServerNotFoundError)
         return {};
+    if (probe.error() == QLocalSocket::SocketAccessError)
+        return connectionProblem(name, probe.error());
     const QString path = busSocketPath(name);
     struct stat info;
     if (probe.error() != QLocalSocket::ConnectionRefusedError
@@ -81,8 +83,9 @@ QString busNameProblem(const QString &name)
 
 QString listenOnBus(QLocalServer &server, const QString &name)
 {
-    const QString problem = clearName(name);
-    if (!problem.isEmpty())
+    if (const QString problem = busFolderProblem(); !problem.isEmpty())
+        return problem;
+    if (const QString problem = clearName(name); !problem.isEmpty())
         return problem;
     // The modules of a service have a user of their own, and this one's group in common.
     const mode_t mask = ::umask(othersMask);
