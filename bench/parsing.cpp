@@ -4,7 +4,6 @@
 
 #include "Memory.h"
 #include "TConnector.h"
-#include "TLog.h"
 
 #include <QCoreApplication>
 #include <QTimerEvent>
@@ -207,7 +206,6 @@ int main(int argc, char *argv[])
     QCoreApplication application(argc, argv);
     const RamFolder folder;
     qputenv("TMPDIR", QByteArray::fromStdString(folder.path()));
-    pLog = new TLog(QString::fromStdString(folder.path("log")));
     Subject subject(folder);
     Probe probe(folder);
     measure(options, subject, probe, "bus parsing, 300 B frames", ">= 0.5",

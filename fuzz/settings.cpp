@@ -6,7 +6,7 @@
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    static const Fuzzing fuzzing;
+    static Fuzzing fuzzing;
     // A person may have the log written anywhere; a fuzzer may not.
     QByteArray bytes = bytesOf(data, size);
     bytes.replace('/', '|').replace('\\', '|').replace('%', '|');
@@ -20,6 +20,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         module.LoadSettings(path);
     }
     QFile::remove(pLog->filePath());
-    delete std::exchange(pLog, nullptr);
+    delete std::exchange(pLog, &fuzzing.log);
     return 0;
 }

@@ -80,7 +80,7 @@ void rebuildSettingsByTemplate(QSettings &settings, QSettings &templateSettings)
         settings.endGroup();
 
         for (const QString &key : present) {
-            if (!known.contains(key) && pLog)
+            if (!known.contains(key))
                 pLog->Message(u"Unknown key \"%1\" in group [%2] of %3: it has no effect"_s.arg(
                                   key, group, settings.fileName()),
                     TLog::Priority::Warning);

@@ -16,8 +16,6 @@
 
 using namespace Qt::StringLiterals;
 
-TLog *pLog = nullptr;
-
 namespace {
 
 const QString journalName = u"journal"_s;
@@ -62,6 +60,14 @@ QString timeStamp()
 }
 
 } // namespace
+
+namespace {
+
+TLog *const disabledLog = new TLog(u"early"_s); // never destroyed: others may log until the end
+
+} // namespace
+
+TLog *pLog = disabledLog;
 
 TLog::TLog(QString name)
     : path(pathOf(name))

@@ -74,5 +74,5 @@ private:
     bool complained = false;
 };
 
-// The log of this process; null until the first load of the settings.
+// The log of this process, never null: a disabled one until the first load of the settings.
 extern TLog *pLog;

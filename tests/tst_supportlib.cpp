@@ -38,6 +38,8 @@ void TestSupportLib::entryStaysOnOneLine()
 
 void TestSupportLib::logNameGivesPath()
 {
+    pLog->Message(u"before the settings are loaded, nobody hears it"_s);
+    QVERIFY(!QFile::exists(pLog->filePath()));
     const QString here = QDir::currentPath() + u'/';
     QCOMPARE(TLog(u"a.b"_s).filePath(), here + u"a.b.log"_s);
     QCOMPARE(TLog(u"sub/x"_s).filePath(), here + u"sub/x.log"_s);

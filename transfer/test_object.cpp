@@ -434,7 +434,6 @@ void ScanThread::say(const QString &line)
 {
     if (isDebugOn())
         qDebug() << line;
-    if (pLog)
-        pLog->Message(line, TLog::Priority::Warning);
+    pLog->Message(line, TLog::Priority::Warning);
     Q_EMIT LogMessage(line.toUtf8());
 }

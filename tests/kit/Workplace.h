@@ -74,7 +74,7 @@ public:
     {
         if (pLog != &log)
             delete pLog; // of a module that has loaded its settings
-        pLog = nullptr;
+        pLog = logBefore;
         qunsetenv("TMPDIR");
     }
 
@@ -82,6 +82,7 @@ public:
     void forgetLog() const { QFile::remove(path(logName)); }
 
 private:
+    TLog *const logBefore = pLog;
     const QString logName = QStringLiteral("test.log");
     TLog log{path(logName)};
 };

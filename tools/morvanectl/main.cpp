@@ -2,7 +2,6 @@
 #include "Morvane.h"
 #include "NameGuess.h"
 #include "Output.h"
-#include "TLog.h"
 #include "Version.h"
 
 #include <QCoreApplication>
@@ -68,7 +67,6 @@ int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
     std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
-    pLog = new TLog(u"morvanectl"_s); // never enabled, but the bus classes write to it
     const QStringList arguments = QCoreApplication::arguments();
     const QString chosen = arguments.value(1);
     const bool isHelp = isHelpWord(chosen);
