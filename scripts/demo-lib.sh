@@ -14,6 +14,7 @@ pids=() # of all processes that still run
 declare -A modules=() # those of them that are modules: process id to what to call it
 evidence=()
 adminPid= modulePid= port=
+runner=() # in front of the module's command
 
 # --- the terminal ---
 
@@ -217,7 +218,7 @@ startAdmin() {
 # startModule WHAT FOLDER SETTINGS ERRORS: in that working directory, with standard error to the file
 # ERRORS; WHAT is what to call it.
 startModule() {
-    (cd "$work/$2" && exec "$bin/morvane" -settings "$3" >/dev/null 2>"$work/$4" 3>&-) &
+    (cd "$work/$2" && exec "${runner[@]}" "$bin/morvane" -settings "$3" >/dev/null 2>"$work/$4" 3>&-) &
     modulePid=$!
     pids=("$modulePid" "${pids[@]}") # it goes first
     modules[$modulePid]=$1

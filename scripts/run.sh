@@ -1,10 +1,11 @@
 #!/bin/bash
 # Builds the program in release mode. Without arguments it then runs the demonstration, with --udp
-# the one of the transfer over UDP; with other arguments it runs the module with them, in the
-# caller's working directory:
+# the one of the transfer over UDP, with --tunnel the one of tunnels; with other arguments it runs the
+# module with them, in the caller's working directory:
 #
 #     scripts/run.sh
 #     scripts/run.sh --udp
+#     scripts/run.sh --tunnel
 #     scripts/run.sh -settings my.ini
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
@@ -14,5 +15,6 @@ build release
 case ${1-} in
 "") exec "$root/scripts/demo.sh" ;;
 --udp) exec "$root/scripts/demo-udp.sh" ;;
+--tunnel) exec "$root/scripts/demo-tunnel.sh" ;;
 *) exec "$root/build/release/bin/morvane" "$@" ;;
 esac
