@@ -117,6 +117,7 @@ tryStart() {
     echo "=first" | morvanectl send trial --wait 20 --quiet --name first - || fail "nothing was sent"
     waitFor 10 "the first record" grep -qrx tempdb=first /received
     find /received -type f -delete
+    tryWords
     step "Installed; the service starts, takes a record and delivers it."
 }
 
@@ -183,6 +184,25 @@ tryHang() {
     step "Stopped answering: the watchdog had it started again."
 }
 
+# What a person or a monitor is told of the service.
+tryWords() {
+    [[ $(property StatusText) == *"link up"* ]] || fail "its status is: $(property StatusText)"
+    journalctl -q MORVANE_INSTANCE=trial | grep -q 'Start server: trial' || fail "nothing is in the journal"
+    waitFor 15 "counters" grep -q '^morvane_records_accepted_total{module="trial"} [1-9]' \
+        /var/cache/morvane/trial.prom
+}
+
+# Settings with errors end the service once and for all, with the reason in the journal.
+tryBadSettings() {
+    sed 's/^Host=.*/Host=peer.example/' /etc/morvane/trial.ini >/etc/morvane/bad.ini
+    ! systemctl start morvane@bad 2>/dev/null || fail "it starts with bad settings"
+    sleep 7 # longer than a restart takes
+    [[ $(systemctl show -P ExecMainStatus morvane@bad) == 78 &&
+        $(systemctl show -P NRestarts morvane@bad) == 0 ]] || fail "it is started again with bad settings"
+    journalctl -q -u morvane@bad | grep -q 'error: "Host" = "peer.example"' || fail "no reason is given"
+    step "Refused to start with bad settings, and said why."
+}
+
 # tryConsole: one looks in and leaves, and the module runs on.
 tryConsole() {
     local before
@@ -227,6 +247,7 @@ tryRemoval() {
 
 tryInstallation
 tryStart
+tryBadSettings
 tryConsole
 tryStops
 tryKills

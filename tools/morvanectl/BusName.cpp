@@ -13,6 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+const QString serviceBus = u"/run/morvane"_s; // the folder that packaging/morvane@.service names
 constexpr qsizetype longestPath = 106; // bytes that the kernel's socket address takes here
 
 constexpr mode_t othersMask = 0007; // the user and the group may connect
@@ -65,8 +66,13 @@ QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError er
     if (error == QLocalSocket::SocketAccessError)
         return u"permission denied for %1: only the module's user, its group and root may connect"_s
             .arg(path);
-    const QString problem = busFolderProblem();
-    return problem.isEmpty() ? u"no module listens under this name (%1)"_s.arg(path) : problem;
+    if (const QString problem = busFolderProblem(); !problem.isEmpty())
+        return problem;
+    const bool mayBeService =
+        qEnvironmentVariableIsEmpty("TMPDIR") && QFileInfo(serviceBus).isDir();
+    return u"no module listens under this name (%1)"_s.arg(path)
+        + (mayBeService ? u"; those of the service do with TMPDIR=%1"_s.arg(serviceBus)
+                        : QString());
 }
 
 QString busNameProblem(const QString &name)
