@@ -1,11 +1,58 @@
 // Bus to TCP while the link is up and nothing waits: records a second from a bus connection to the
-// peer's socket.
+// peer's socket, and to a file of a peer that acknowledges or does not.
 
 #include "Kit.h"
+#include "Record.h"
 
+#include <array>
+#include <fcntl.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
+
+constexpr size_t linkHeader = 4; // bytes in front of every record
+constexpr off_t storeBytes = 16 * 1024 * 1024; // of a peer's file, which begins anew then
+
+// A peer's program: writes each read to a file, and acknowledges its whole records if it is to.
+class StoringPeer
+{
+public:
+    StoringPeer(Socket link, const std::string &path, bool shallAcknowledge)
+        : socket(std::move(link))
+        , file(int(check(::open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600), "open")))
+        , acknowledges(shallAcknowledge)
+    {
+    }
+
+    void take(size_t records, size_t recordBytes)
+    {
+        for (size_t taken = 0; taken < records * recordBytes;) {
+            const ssize_t count = check(::read(socket.get(), buffer.data(), buffer.size()), "read");
+            if (count == 0)
+                fail("the module has ended the link");
+            check(::pwrite(file.get(), buffer.data(), size_t(count), at), "pwrite");
+            at = at + count < storeBytes ? at + count : 0;
+            taken += size_t(count);
+            if (acknowledges)
+                acknowledge(stored + taken / recordBytes);
+        }
+        stored += records;
+    }
+
+private:
+    void acknowledge(size_t number) const
+    {
+        const QByteArray bytes = LinkRecord::acknowledgement(number);
+        writeAll(socket.get(), bytes.constData(), size_t(bytes.size()));
+    }
+
+    Socket socket, file;
+    const bool acknowledges;
+    size_t stored = 0; // records of all runs
+    off_t at = 0; // of the file
+    std::array<char, 1 << 18> buffer;
+};
 
 // A carrier of records, the module or the bare program, with both its ends in our hands.
 struct Road
@@ -37,14 +84,16 @@ QByteArray makeFrames(int records, int fileBytes)
     return frames;
 }
 
+std::string sizeText(int bytes)
+{
+    return bytes < 1024 ? std::to_string(bytes) + " B" : std::to_string(bytes / 1024) + " KiB";
+}
+
 void measure(const Options &options, Road &subject, Road &probe, int records, int fileBytes)
 {
     const QByteArray frames = makeFrames(records, fileBytes);
-    const size_t linkBytes = size_t(records) * size_t(4 + fileBytes);
-    const std::string size = fileBytes < 1024 ? " B" : " KiB";
-    const std::string title = "bus to TCP, "
-        + std::to_string(fileBytes < 1024 ? fileBytes : fileBytes / 1024) + size + " records";
-    Figure rate(title, "1/s", ">= 0.35");
+    const size_t linkBytes = size_t(records) * (linkHeader + size_t(fileBytes));
+    Figure rate("bus to TCP, " + sizeText(fileBytes) + " records", "1/s", ">= 0.35");
     Figure cost("  processor time a record", "us");
     for (int run = 0; run < options.runs(); ++run) {
         const double bare = probe.run(frames, linkBytes);
@@ -54,6 +103,46 @@ void measure(const Options &options, Road &subject, Road &probe, int records, in
     }
     rate.print();
     cost.print();
+}
+
+// A module with its bus and a peer that stores.
+struct StoredRoad
+{
+    StoredRoad(const std::string &lines, bool acknowledges)
+        : module((folder.makeFolder("spool"), folder),
+            "Protocol=TCP\nReconnectionTimeout=1\nPort=" + std::to_string(listener.port()) + '\n'
+                + lines)
+        , bus(connectLocal(folder.path("me")))
+        , peer(listener.accept(), folder.path("stored"), acknowledges)
+    {
+    }
+
+    double run(const QByteArray &frames, int records, int fileBytes)
+    {
+        const double start = seconds();
+        std::thread feeder([&] { writeAll(bus.get(), frames.constData(), size_t(frames.size())); });
+        peer.take(size_t(records), linkHeader + size_t(fileBytes));
+        feeder.join();
+        return seconds() - start;
+    }
+
+    const RamFolder folder;
+    const Listener listener;
+    const Module module;
+    const Socket bus;
+    StoringPeer peer;
+};
+
+void measureAcknowledged(
+    const Options &options, StoredRoad &subject, StoredRoad &probe, int records, int fileBytes)
+{
+    const QByteArray frames = makeFrames(records, fileBytes);
+    Figure rate("acknowledged by the peer's program, " + sizeText(fileBytes), "1/s", ">= 0.8");
+    for (int run = 0; run < options.runs(); ++run) {
+        const double byKernel = probe.run(frames, records, fileBytes);
+        rate.add(records / subject.run(frames, records, fileBytes), records / byKernel);
+    }
+    rate.print();
 }
 
 } // namespace
@@ -74,4 +163,8 @@ int main(int argc, char *argv[])
     Road subject = {module, connectLocal(own.path("me")), listener.accept()};
     measure(options, subject, probe, options.amount(200'000, 500), 300);
     measure(options, subject, probe, options.amount(6'000, 50), 65'536);
+
+    StoredRoad byKernel("", false), byProgram("Acknowledgements=1\n", true);
+    measureAcknowledged(options, byProgram, byKernel, options.amount(200'000, 500), 300);
+    measureAcknowledged(options, byProgram, byKernel, options.amount(6'000, 50), 65'536);
 }
