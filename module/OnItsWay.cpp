@@ -53,7 +53,7 @@ bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
     if (!link.isOpen())
         return false;
     taken = flushedTo = storedTo = 0;
-    takenRecords = stored = lastRead = 0;
+    takenRecords = stored = arrived = lastRead = 0;
     reader = LinkRecord::AcknowledgementReader();
     fault = Fault::None;
     countAtStart = kernelCount(link.get());
@@ -213,11 +213,12 @@ OnItsWay::Fault OnItsWay::acknowledge(QByteArrayView bytes)
 
 OnItsWay::Fault OnItsWay::readNumbers()
 {
-    const quint64 arrived = arrivedRecords();
     while (const std::optional<quint64> number = reader.next()) {
         lastRead = *number;
         if (*number < stored)
             return Fault::Backwards;
+        if (*number > arrived)
+            arrived = arrivedRecords();
         if (*number > arrived)
             return Fault::Beyond;
         if (*number > stored)

@@ -123,6 +123,7 @@ private:
     quint64 stored = 0; // records of this link, as the peer says
     qint64 storedTo = 0; // in the stream: up to there the records are stored
     Clock::time_point lastStored; // when the number grew, or what it waits for had not arrived yet
+    quint64 arrived = 0; // so many at least, when the kernel was asked last
     quint64 lastRead = 0;
     Fault fault = Fault::None;
 

@@ -141,9 +141,15 @@ void SpoolSender::lookSoon()
 
 void SpoolSender::lookNow()
 {
-    const bool hasFreed = onItsWay.look();
-    if (const OnItsWay::Fault fault = onItsWay.checkTime(); fault != OnItsWay::Fault::None)
+    const OnItsWay::Fault fault = onItsWay.checkTime();
+    if (fault != OnItsWay::Fault::None)
         return endLink(fault);
+    freeAcknowledged();
+}
+
+void SpoolSender::freeAcknowledged()
+{
+    const bool hasFreed = onItsWay.look();
     if (onItsWay.isEmpty())
         lookTimer.stop();
     else
@@ -185,7 +191,7 @@ void SpoolSender::readFromPeer()
     const OnItsWay::Fault fault = onItsWay.acknowledge(link.readAll());
     if (fault != OnItsWay::Fault::None)
         return endLink(fault);
-    lookNow();
+    freeAcknowledged();
 }
 
 void SpoolSender::endLink(OnItsWay::Fault fault)

@@ -87,6 +87,7 @@ private:
 
     void lookSoon();
     void lookNow();
+    void freeAcknowledged();
     [[nodiscard]] std::chrono::milliseconds nextLook(bool hasFreed) const;
     void readFromPeer();
     void endLink(OnItsWay::Fault fault);
