@@ -261,9 +261,11 @@ void TestConsole::badConsoleHarmsNobody()
     }
     QCOMPARE(line[u"count"].toInt() + read, 103);
     QCOMPARE(line[u"modules"][0][u"module"].toString(), u"node4"_s);
-    console.send("{\"command\":\"About\",\"id\":1000002}\n");
+    console.send("{\"command\":\"one\\ntwo\",\"id\":1000002}\n");
     QTRY_COMPARE_WITH_TIMEOUT(
-        module.heard(), BusFrame::makeCommand("About", "", 1'000'002), patience);
+        module.heard(), BusFrame::makeCommand("one\ntwo", "", 1'000'002), patience);
+    QTRY_VERIFY2_WITH_TIMEOUT(
+        service.says("Command one\\ntwo to all (user "), service.said, patience);
 }
 
 void TestConsole::noNameIsTakenAway()

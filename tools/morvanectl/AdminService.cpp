@@ -12,6 +12,12 @@ constexpr auto repairInterval = 2s;
 constexpr int signsInTime = 3; // of life, in the time in which the service manager wants one
 constexpr qsizetype mostNames = 10; // of modules in the status line
 
+// A console must not write other lines than its own.
+QString onOneLine(const QByteArray &text)
+{
+    return printable(text).replace(u'\n', u"\\n"_s);
+}
+
 } // namespace
 
 AdminService::AdminService(bool asJson)
@@ -31,8 +37,8 @@ AdminService::AdminService(bool asJson)
     });
     connect(&control, &ControlServer::commandTaken, this,
         [this](const QString &who, const QByteArray &command, const QByteArray &module) {
-            const QString to = module.isEmpty() ? u"all"_s : printable(module);
-            events.show(u"Command %1 to %2 (%3)"_s.arg(printable(command), to, who), "command",
+            const QString to = module.isEmpty() ? u"all"_s : onOneLine(module);
+            events.show(u"Command %1 to %2 (%3)"_s.arg(onOneLine(command), to, who), "command",
                 {{u"command"_s, QString::fromUtf8(command)}, {u"to"_s, to}, {u"who"_s, who}});
         });
 }
@@ -54,10 +60,11 @@ QString AdminService::listen(const QString &name)
 
 void AdminService::repair()
 {
-    for (const QString &problem : {server.repair(), control.repair()}) {
-        if (!problem.isEmpty() && std::exchange(trouble, problem) != problem)
-            complain(u"admin: cannot listen any more, trying again: "_s + problem);
-    }
+    QString problem = server.repair();
+    if (const QString other = control.repair(); problem.isEmpty())
+        problem = other;
+    if (std::exchange(trouble, problem) != problem && !problem.isEmpty())
+        complain(u"admin: cannot listen any more, trying again: "_s + problem);
 }
 
 void AdminService::showStatus()

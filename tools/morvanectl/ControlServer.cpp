@@ -110,6 +110,7 @@ void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
         return;
     }
     ModuleAction passed = action;
+    passed.name.truncate(ControlProtocol::longestMessage);
     passed.message.truncate(ControlProtocol::longestMessage);
     tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
 }
