@@ -30,7 +30,7 @@ constexpr char recordField[] = "MORVANE_RECORD"; // of the journal
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
 
-void sayToLog(const QString &text)
+void logWarning(const QString &text)
 {
     pLog->Message(text, TLog::Priority::Warning);
 }
@@ -93,13 +93,13 @@ void Morvane::LoadSettings(QString path)
 void Morvane::keepSpool()
 {
     spoolSender.reset();
-    keeper = std::make_unique<SpoolKeeper>(tempDir, sayToLog);
+    keeper = std::make_unique<SpoolKeeper>(tempDir, logWarning);
     const SpoolSender::Times times = {std::max<std::chrono::milliseconds>(leastDeadTime,
                                           2 * std::chrono::seconds(liveMessageTimeout)),
         acknowledgements ? std::optional<std::chrono::milliseconds>(
             std::chrono::seconds(std::max(acknowledgementTimeout, shortestTimer)))
                          : std::nullopt};
-    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, sayToLog, times,
+    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, logWarning, times,
         [this](const QString &name, const QByteArray &content) {
             MakeTmpFile(tempDir + u'/' + name, content);
         });

@@ -35,16 +35,16 @@ qint64 timeNow()
 
 } // namespace
 
-SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &counters, Say log,
-    const Times &timeLimits, WriteFile write)
+SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &counters,
+    MessageSink log, const Times &timeLimits, WriteFile write)
     : link(tcpLink)
     , keeper(spoolKeeper)
     , done(counters)
-    , say(std::move(log))
+    , report(std::move(log))
     , times(timeLimits)
     , writeFile(std::move(write))
     , onItsWay(spoolKeeper, counters, timeLimits.acknowledgement)
-    , lock(spoolKeeper.directory().path(), say)
+    , lock(spoolKeeper.directory().path(), report)
     , quiet(spoolKeeper.directory().path())
 {
     work.setSingleShot(true);
@@ -197,7 +197,7 @@ void SpoolSender::readFromPeer()
 void SpoolSender::endLink(OnItsWay::Fault fault)
 {
     if (fault != saidFault || saidRecently.hasExpired()) {
-        say(textOf(fault));
+        report(textOf(fault));
         saidFault = fault;
         saidRecently.setRemainingTime(faultInterval);
     }

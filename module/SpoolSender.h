@@ -41,7 +41,7 @@ public:
     };
 
     // writeFile is called for a record whose shorter road has failed, in the order of arrival.
-    SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, Say log,
+    SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, MessageSink log,
         const Times &times, WriteFile writeFile);
     ~SpoolSender() override;
 
@@ -96,7 +96,7 @@ private:
     QTcpSocket &link;
     SpoolKeeper &keeper;
     Counters &done;
-    const Say say;
+    const MessageSink report;
     const Times times;
     const WriteFile writeFile;
     OnItsWay onItsWay;

@@ -277,7 +277,7 @@ void TConnector::DisconnectOutConnection()
     auto *socket = qobject_cast<TMyLocalSocket *>(sender());
     if (!socket)
         return;
-    sayDropped(socket);
+    logDropped(socket);
     pLog->Message(
         tr("Connnection Disconnect: %0\n").arg(shownNameOf(socket)), TLog::Priority::Warning);
     socket->abort();
@@ -294,7 +294,7 @@ void TConnector::connectionAdminError(QLocalSocket::LocalSocketError)
 
 void TConnector::DisconnectAdminConnection()
 {
-    sayDropped(adminConnection);
+    logDropped(adminConnection);
     pLog->Message(tr("Admin connection is closed. Stopping application."), TLog::Priority::Warning);
     QCoreApplication::exit(adminLostStatus);
 }
@@ -317,7 +317,7 @@ void TConnector::DisconnectInConnection()
     socket->setParent(nullptr);
     socket->deleteLater();
     pLog->Message(tr("Connection in disconnection: %0\n").arg(shownNameOf(socket)));
-    sayDropped(socket);
+    logDropped(socket);
 }
 
 void TConnector::connectionInError(QLocalSocket::LocalSocketError)
@@ -485,10 +485,10 @@ void TConnector::judge(TMyLocalSocket *socket)
         pLog->Message(
             tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)));
     else if (!socket->stalled)
-        sayDropped(socket);
+        logDropped(socket);
 }
 
-void TConnector::sayDropped(TMyLocalSocket *socket)
+void TConnector::logDropped(TMyLocalSocket *socket)
 {
     if (socket->droppedFrames == 0)
         return;

@@ -165,7 +165,7 @@ private:
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
     void judge(TMyLocalSocket *socket);
-    void sayDropped(TMyLocalSocket *socket);
+    void logDropped(TMyLocalSocket *socket);
     [[nodiscard]] bool mustWait(const TMyLocalSocket *socket);
     void releaseSenders();
 

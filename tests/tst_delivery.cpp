@@ -296,9 +296,9 @@ void TestDelivery::powerCutPutsYoungFilesInDoubt()
     }
     write(u"young"_s);
     QStringList said;
-    const Say say = [&](const QString &text) { said.append(text); };
+    const MessageSink report = [&](const QString &text) { said.append(text); };
     QCOMPARE(ageJournals(spool), 1);
-    QVERIFY(Leftovers(spool, say).giveBack());
+    QVERIFY(Leftovers(spool, report).giveBack());
     QCOMPARE(QDir(spool).entryList(QDir::Files, QDir::Name), QStringList({u"old"_s, u"whole"_s}));
     QCOMPARE(QDir(spool + u"/refused"_s).entryList(QDir::Files, QDir::Name),
         QStringList({u"taken"_s, u"young"_s}));

@@ -35,11 +35,11 @@ struct Spool
     const SpoolDirectory directory{folder};
     QStringList said;
 
-    const Say say = [this](const QString &text) { said.append(text); };
+    const MessageSink report = [this](const QString &text) { said.append(text); };
 
     [[nodiscard]] bool writes(const QString &name, const QByteArray &content)
     {
-        return directory.write(name, content, say) == SpoolDirectory::WriteResult::Written;
+        return directory.write(name, content, report) == SpoolDirectory::WriteResult::Written;
     }
 };
 
@@ -152,7 +152,7 @@ void TestSpool::onlyFilesThatCanBeSentAreListedInOrder()
     QCOMPARE(listed, order);
     QCOMPARE(oneByOne, order);
     bool hasFailed = false;
-    spool.directory.setForeignNamesAside(spool.say, hasFailed);
+    spool.directory.setForeignNamesAside(spool.report, hasFailed);
     for (const QByteArray &name : foreign) // QTemporaryDir cannot remove them
         QCOMPARE(::unlink((spool.folder.toUtf8() + "/refused" + name).constData()), 0);
     QCOMPARE(spool.said.filter(u"1: its name is no UTF-8 text"_s),
@@ -234,7 +234,7 @@ void TestSpool::staleLockIsRemoved()
     QFETCH(bool, removed);
     Spool spool;
     setAge(spool.place.writeFile(u"spool/.lock"_s, {}), age);
-    SpoolLock lock(spool.folder, spool.say);
+    SpoolLock lock(spool.folder, spool.report);
     const auto start = SpoolLock::Clock::now();
     std::ignore = lock.look(start);
     QCOMPARE(lock.look(start + waited) == SpoolLock::State::Free, removed);
@@ -245,11 +245,11 @@ void TestSpool::staleLockIsRemoved()
 void TestSpool::lockOfAKilledWriterIsRemovedAtOnce()
 {
     Spool spool;
-    SpoolLock waiter(spool.folder, spool.say);
+    SpoolLock waiter(spool.folder, spool.report);
     const auto start = SpoolLock::Clock::now();
     mode_t mark = 0;
     {
-        SpoolLock writer(spool.folder, spool.say);
+        SpoolLock writer(spool.folder, spool.report);
         QVERIFY(writer.tryAcquire());
         struct stat info;
         QCOMPARE(::stat(qPrintable(spool.lockPath), &info), 0);
@@ -268,7 +268,7 @@ void TestSpool::lockOfAKilledWriterIsRemovedAtOnce()
 void TestSpool::longWaitIsSaidOnce()
 {
     Spool spool;
-    SpoolLock lock(spool.folder, spool.say);
+    SpoolLock lock(spool.folder, spool.report);
     const auto start = SpoolLock::Clock::now();
     for (const auto after : {0s, 1s, 2s, 40s}) {
         // Writers come and go: each has a lock of its own.
@@ -283,15 +283,15 @@ void TestSpool::lockThatCannotBeRemovedDoesNotHang()
     Spool spool;
     spool.place.makeFolder(u"spool/.lock/full"_s);
     setAge(spool.lockPath, 60s);
-    QCOMPARE(spool.directory.write(u"f"_s, "x", spool.say), SpoolDirectory::WriteResult::NoLock);
+    QCOMPARE(spool.directory.write(u"f"_s, "x", spool.report), SpoolDirectory::WriteResult::NoLock);
 }
 
 void TestSpool::ownerOfABrokenLockLeavesTheNextOneAlone()
 {
     Spool spool;
-    SpoolLock next(spool.folder, spool.say);
+    SpoolLock next(spool.folder, spool.report);
     {
-        SpoolLock slow(spool.folder, spool.say);
+        SpoolLock slow(spool.folder, spool.report);
         QVERIFY(slow.acquire());
         setAge(spool.lockPath, 60s);
         QVERIFY(next.acquire());
@@ -305,7 +305,7 @@ void TestSpool::onlyOneWaiterRemovesAStaleLock()
     setAge(spool.place.writeFile(u"spool/.lock"_s, {}), 60s);
     const Descriptor other(::open(qPrintable(spool.folder), O_RDONLY));
     QCOMPARE(::flock(other.get(), LOCK_EX), 0);
-    QCOMPARE(SpoolLock(spool.folder, spool.say).look(), SpoolLock::State::Held);
+    QCOMPARE(SpoolLock(spool.folder, spool.report).look(), SpoolLock::State::Held);
 }
 
 QTEST_GUILESS_MAIN(TestSpool)

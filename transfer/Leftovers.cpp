@@ -75,10 +75,10 @@ struct Leftovers::Folder
     }
 };
 
-Leftovers::Leftovers(const QString &spoolPath, Say sayTo)
+Leftovers::Leftovers(const QString &spoolPath, MessageSink messageSink)
     : directory(spoolPath)
     , spool(QFile::encodeName(spoolPath))
-    , say(std::move(sayTo))
+    , report(std::move(messageSink))
 {
 }
 
@@ -109,7 +109,7 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
     folder->descriptor = Descriptor(::open(path.constData(), folderFlags));
     if (!folder->descriptor.isOpen()) {
         if (errno == EACCES || errno == EPERM)
-            sayOnce(name, tr("Records in %1 belong to another user and are not sent"));
+            reportOnce(name, tr("Records in %1 belong to another user and are not sent"));
         return nullptr;
     }
     const bool isLocked = ::flock(folder->descriptor.get(), LOCK_EX | LOCK_NB) == 0;
@@ -117,12 +117,12 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
         return nullptr; // its owner lives
     std::ignore = folder->journal.open(folder->descriptor.get());
     if (folder->isFromOtherHost()) {
-        sayOnce(name, tr("Records in %1 belong to another host and are not sent from here"));
+        reportOnce(name, tr("Records in %1 belong to another host and are not sent from here"));
         return nullptr;
     }
     // Without kernel locks only a start of the system proves that the owner has ended.
     if (!isLocked && !folder->isFromEarlierBoot()) {
-        sayOnce(name,
+        reportOnce(name,
             tr("Records in %1 are not sent: this file system has no locks to tell "
                "whether their module runs"));
         return nullptr;
@@ -173,7 +173,7 @@ bool Leftovers::giveRecordsBack(Folder &folder)
         return true;
     });
     if (folder.failure != 0) {
-        sayOnce(folder.name,
+        reportOnce(folder.name,
             tr("Records in %1 cannot go back into the spool yet: ")
                 + qt_error_string(folder.failure));
         return false;
@@ -200,15 +200,15 @@ void Leftovers::setDoubtfulAside(qint64 cut)
     for (const QByteArray &name : std::as_const(doubtful)) {
         const QString shown = QFile::decodeName(name);
         if (directory.setAside(shown) == SpoolDirectory::SetAside::Moved)
-            say(tr("Refused file %1: the system went down before it was surely on the disk")
-                    .arg(directory.pathOf(shown)));
+            report(tr("Refused file %1: the system went down before it was surely on the disk")
+                       .arg(directory.pathOf(shown)));
     }
 }
 
-void Leftovers::sayOnce(const QByteArray &folder, const QString &text)
+void Leftovers::reportOnce(const QByteArray &folder, const QString &text)
 {
     if (named.contains(folder))
         return;
     named.insert(folder);
-    say(text.arg(directory.pathOf(QFile::decodeName(folder))));
+    report(text.arg(directory.pathOf(QFile::decodeName(folder))));
 }

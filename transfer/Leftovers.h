@@ -24,7 +24,7 @@ class Leftovers
 {
     Q_DECLARE_TR_FUNCTIONS(Leftovers)
 public:
-    Leftovers(const QString &spool, Say say);
+    Leftovers(const QString &spool, MessageSink report);
     ~Leftovers();
 
     // False if something remains that could go back later.
@@ -42,11 +42,11 @@ private:
     void giveFilesBack(Folder &folder);
     void setDoubtfulAside(qint64 cut);
     [[nodiscard]] bool giveRecordsBack(Folder &folder);
-    void sayOnce(const QByteArray &folder, const QString &text);
+    void reportOnce(const QByteArray &folder, const QString &text);
 
     const SpoolDirectory directory;
     const QByteArray spool; // file system encoding
-    const Say say;
+    const MessageSink report;
     qint64 lastSync = std::numeric_limits<qint64>::max();
     QSet<QByteArray> named; // folders that something was said of
 };

@@ -113,10 +113,10 @@ bool isForeignName(QByteArrayView name)
 
 // --- SpoolLock ---
 
-SpoolLock::SpoolLock(const QString &directoryPath, Say sayTo)
+SpoolLock::SpoolLock(const QString &directoryPath, MessageSink messageSink)
     : directory(QFile::encodeName(directoryPath))
     , path(directory + '/' + fileName)
-    , say(std::move(sayTo))
+    , report(std::move(messageSink))
 {
 }
 
@@ -167,7 +167,7 @@ SpoolLock::State SpoolLock::look(Clock::time_point now)
         return removeStale(*mark, tr("its writer was killed"));
     if (!saidHeld && now - waitingSince > longWait) {
         saidHeld = true;
-        say(tr("Waiting for the lock file %1").arg(QFile::decodeName(path)));
+        report(tr("Waiting for the lock file %1").arg(QFile::decodeName(path)));
     }
     return State::Held;
 }
@@ -202,7 +202,7 @@ SpoolLock::State SpoolLock::removeStale(const Mark &stale, const QString &reason
     if (std::remove(path.constData()) != 0)
         return State::Stuck;
     seen.reset();
-    say(tr("Removed the lock file %1: %2").arg(QFile::decodeName(path), reason));
+    report(tr("Removed the lock file %1: %2").arg(QFile::decodeName(path), reason));
     return State::Free;
 }
 
@@ -290,9 +290,9 @@ SpoolDirectory::SpoolDirectory(QString directoryPath)
 }
 
 SpoolDirectory::WriteResult SpoolDirectory::write(
-    const QString &name, const QByteArray &content, const Say &say) const
+    const QString &name, const QByteArray &content, const MessageSink &report) const
 {
-    SpoolLock lock(directory, say);
+    SpoolLock lock(directory, report);
     if (!lock.acquire() && errno != EBUSY)
         return WriteResult::NoLock;
     // Behind a lock that is never free the file is written all the same: it appears whole.
@@ -382,7 +382,7 @@ SpoolDirectory::SetAside SpoolDirectory::setAside(const QByteArray &name) const
     return SetAside::Moved;
 }
 
-void SpoolDirectory::setForeignNamesAside(const Say &say, bool &hasFailed) const
+void SpoolDirectory::setForeignNamesAside(const MessageSink &report, bool &hasFailed) const
 {
     QByteArrayList foreign;
     forEachName(directory, [&](QByteArrayView name, auto isFile) {
@@ -396,9 +396,9 @@ void SpoolDirectory::setForeignNamesAside(const Say &say, bool &hasFailed) const
         // Only what can be printed of the name, and the bytes of the rest.
         const QString shown = QString::fromLatin1(name.toPercentEncoding(" !#$&'()*+,:;=?@[]"));
         if (result == SetAside::Moved)
-            say(tr("Refused file %1: its name is no UTF-8 text").arg(pathOf(shown)));
+            report(tr("Refused file %1: its name is no UTF-8 text").arg(pathOf(shown)));
         else if (result == SetAside::Failed && !hadFailed)
-            say(tr("Can't move file %1, whose name is no UTF-8 text").arg(pathOf(shown)));
+            report(tr("Can't move file %1, whose name is no UTF-8 text").arg(pathOf(shown)));
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "MessageSink.h"
 #include "SpoolListing.h"
 #include "WholeFile.h"
 
@@ -18,9 +19,6 @@ struct dirent;
 // Whether a name in file system encoding is one that a QString cannot hold: no UTF-8, or with a
 // byte order mark in front. It would be read as another file's.
 [[nodiscard]] bool isForeignName(QByteArrayView name);
-
-// Where a room without a log of its own puts what an operator should hear.
-using Say = std::function<void(const QString &)>;
 
 // The lock file of a spool directory, as one waiting writer or reader sees it.
 //
@@ -45,7 +43,7 @@ public:
 
     static constexpr char fileName[] = ".lock";
 
-    SpoolLock(const QString &directory, Say say);
+    SpoolLock(const QString &directory, MessageSink report);
     ~SpoolLock();
     SpoolLock(const SpoolLock &) = delete;
     SpoolLock &operator=(const SpoolLock &) = delete;
@@ -75,7 +73,7 @@ private:
 
     const QByteArray directory; // file system encoding, as path
     const QByteArray path;
-    const Say say;
+    const MessageSink report;
     Clock::time_point waitingSince;
     Clock::time_point unchangedSince;
     std::optional<Clock::time_point> abandonedSince; // its writer's kernel lock is not held
@@ -139,7 +137,7 @@ public:
     // Writes a file under the lock, whole or not at all, replacing one of the same name. Only plain
     // names can be written: not empty, no "/" or zero character, no dot in front.
     [[nodiscard]] WriteResult write(
-        const QString &name, const QByteArray &content, const Say &say) const;
+        const QString &name, const QByteArray &content, const MessageSink &report) const;
 
     // All files that wait, in the order of sending: by name, ignoring letter case. SpoolScan lists
     // them in pieces.
@@ -174,7 +172,7 @@ public:
     // cannot be told from those of other files, and neither list() nor first() gives them. Says so
     // for each. One that cannot be moved is said when the last call had no such failure; the
     // caller keeps hasFailed from call to call, false at first.
-    void setForeignNamesAside(const Say &say, bool &hasFailed) const;
+    void setForeignNamesAside(const MessageSink &report, bool &hasFailed) const;
 
     // Removes what writers have left behind that were killed. False, and nothing done, while a
     // writer may be at work; the lock is the caller's own, which has not been acquired.

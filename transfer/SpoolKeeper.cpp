@@ -21,24 +21,24 @@ qint64 timeNow()
 
 } // namespace
 
-SpoolKeeper::SpoolKeeper(const QString &path, Say sayTo)
+SpoolKeeper::SpoolKeeper(const QString &path, MessageSink messageSink)
     : spool(path)
-    , say(std::move(sayTo))
+    , report(std::move(messageSink))
     , folder(path)
-    , leftovers(path, say)
+    , leftovers(path, report)
     , disk(
           path, [this] { return folder.journal().descriptor(); }, [this] { return holdsFiles(); })
-    , lock(path, say)
+    , lock(path, report)
 {
     retry.setInterval(retryInterval);
     connect(&retry, &QTimer::timeout, this, &SpoolKeeper::tryAgain);
     tidy.setInterval(tidyInterval);
     connect(&tidy, &QTimer::timeout, this, &SpoolKeeper::removeLeftFiles);
     connect(&disk, &Flusher::failed, this, [this](const QString &reason) {
-        say(tr("Can't bring the files of %1 to the disk: %2").arg(spool.path(), reason));
+        report(tr("Can't bring the files of %1 to the disk: %2").arg(spool.path(), reason));
     });
     connect(&disk, &Flusher::recovered, this,
-        [this] { say(tr("The files of %1 are brought to the disk again").arg(spool.path())); });
+        [this] { report(tr("The files of %1 are brought to the disk again").arg(spool.path())); });
 }
 
 // What earlier processes of the running system have written may not be on the disk yet either.
@@ -67,7 +67,7 @@ bool SpoolKeeper::holdsFiles() const
 
 SpoolDirectory::WriteResult SpoolKeeper::write(const QString &name, const QByteArray &content)
 {
-    const SpoolDirectory::WriteResult result = spool.write(name, content, say);
+    const SpoolDirectory::WriteResult result = spool.write(name, content, report);
     if (result == SpoolDirectory::WriteResult::Written)
         disk.filesWritten();
     return result;
@@ -87,7 +87,7 @@ bool SpoolKeeper::giveBack()
     const bool wasStranded = std::exchange(hasStranded, !folder.giveAllBack());
     disk.filesWritten();
     if (hasStranded && !wasStranded) {
-        say(tr("Records cannot go back into %1 yet: %2").arg(spool.path(), qt_error_string()));
+        report(tr("Records cannot go back into %1 yet: %2").arg(spool.path(), qt_error_string()));
         retry.start();
     }
     return !hasStranded;

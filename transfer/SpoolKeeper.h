@@ -17,7 +17,7 @@ class SpoolKeeper : public QObject
 {
     Q_OBJECT
 public:
-    SpoolKeeper(const QString &spool, Say say);
+    SpoolKeeper(const QString &spool, MessageSink report);
 
     // Before anything is sent.
     void start();
@@ -45,7 +45,7 @@ private:
     [[nodiscard]] bool holdsFiles() const;
 
     const SpoolDirectory spool;
-    const Say say;
+    const MessageSink report;
     SentFolder folder;
     Leftovers leftovers;
     Flusher disk;

@@ -79,8 +79,9 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     connect(udpSocket, &QIODevice::readyRead, this, &ScanThread::UdpDatagrams);
     connect(&bindTimer, &QTimer::timeout, this, &ScanThread::bindSocket);
     if (isSpoolReceived)
-        sayAnywhere(tr("Nothing is sent or received: the spool directory is the working directory, "
-                       "and received files would be sent back"));
+        reportFromAnyThread(
+            tr("Nothing is sent or received: the spool directory is the working directory, "
+               "and received files would be sent back"));
     else
         bindSocket();
     deliveryTimer.setSingleShot(true);
@@ -97,7 +98,7 @@ void ScanThread::connectEngine()
     connect(fileTransfer, &TFileTransfer::FileUnreadable, this, &ScanThread::on_FileUnreadable);
     connect(fileTransfer, &TFileTransfer::FileForgotten, this, &ScanThread::on_FileForgotten);
     connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
-    connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::sayOfPeer);
+    connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::reportOfPeer);
     connect(fileTransfer, &TFileTransfer::FileReceived, this, [this] { ++done.filesReceived; });
 }
 
@@ -147,7 +148,7 @@ void ScanThread::scan()
     if (isSpoolReceived)
         return;
     removeLeftoversOfTheDead(u"."_s); // of received files
-    SpoolLock lock(spoolDir, [this](const QString &line) { sayAnywhere(line); });
+    SpoolLock lock(spoolDir, [this](const QString &line) { reportFromAnyThread(line); });
     // Transfer numbers begin anew with every engine. What a killed process has sent may still be
     // answered; an engine that is not sending ignores that.
     nextScan = Clock::now() + scanInterval;
@@ -175,7 +176,7 @@ bool ScanThread::isSpoolFree(SpoolLock &lock)
     const SpoolLock::State state = lock.look();
     const bool isStuck = state == SpoolLock::State::Stuck;
     if (isStuck && !saidStuckLock)
-        sayAnywhere(tr("Can't remove the lock file of %1, nothing is sent").arg(spoolDir));
+        reportFromAnyThread(tr("Can't remove the lock file of %1, nothing is sent").arg(spoolDir));
     saidStuckLock = isStuck;
     return state == SpoolLock::State::Free;
 }
@@ -189,7 +190,7 @@ void ScanThread::handOverFirstFile()
         [this](const QString &candidate) { return isPassedOver(candidate); }, hasForeign);
     if (hasForeign)
         spool.setForeignNamesAside(
-            [this](const QString &line) { sayAnywhere(line); }, hasFailedForeign);
+            [this](const QString &line) { reportFromAnyThread(line); }, hasFailedForeign);
     const std::optional<Mark> mark = name.isEmpty() ? std::nullopt : spool.mark(name);
     if (!mark)
         return;
@@ -248,7 +249,7 @@ void ScanThread::on_FileUnreadable(QString, int error)
     const bool isKnown = passedOver.contains(currentName);
     if (isShortage(error) ? !std::exchange(saidShortage, true)
                           : error != ENOENT && !isKnown && passedOver.size() < maxSaidUnreadable)
-        say(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
+        report(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
     if (!isShortage(error) && error != ENOENT)
         passedOver[currentName] = {currentMark, Clock::now() + unreadableInterval};
     release();
@@ -280,7 +281,7 @@ void ScanThread::setAside(const QString &reason)
         passedOver.insert(currentName, {currentMark, Clock::time_point::max()});
     const QString text =
         isMoved ? tr("Refused file %1: %2") : tr("Refused file %1, and can't move it: %2");
-    say(text.arg(currentPath, reason));
+    report(text.arg(currentPath, reason));
 }
 
 // The next scan takes the file again, with the next transfer id.
@@ -289,7 +290,7 @@ void ScanThread::sendAfresh(const QString &text)
     fileTransfer->StopSending();
     const QString path = currentPath;
     release();
-    say(text.arg(path));
+    report(text.arg(path));
 }
 
 // --- the socket ---
@@ -302,11 +303,12 @@ void ScanThread::bindSocket()
         udpSocket->setSocketOption(
             QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBufferBytes);
         if (saidNoPort)
-            sayAnywhere(tr("Using UDP port %1 now").arg(localPort));
+            reportFromAnyThread(tr("Using UDP port %1 now").arg(localPort));
         return;
     }
     if (!saidNoPort)
-        sayAnywhere(tr("Can't use UDP port %1: %2").arg(localPort).arg(udpSocket->errorString()));
+        reportFromAnyThread(
+            tr("Can't use UDP port %1: %2").arg(localPort).arg(udpSocket->errorString()));
     saidNoPort = true;
     bindTimer.start(bindInterval);
 }
@@ -331,7 +333,7 @@ bool ScanThread::mayReach()
     nextObstacleLook = Clock::now() + obstacleInterval;
     const QString now = obstacle();
     if (std::exchange(lastObstacle, now) != now && !now.isEmpty())
-        say(now);
+        report(now);
     return now.isEmpty();
 }
 
@@ -380,7 +382,7 @@ bool ScanThread::isHeeded(const QHostAddress &sender)
     if (sender.isEqual(peerAddress, QHostAddress::ConvertV4MappedToIPv4))
         return true;
     if (!std::exchange(saidStranger, true))
-        say(tr("Datagrams from %1 are dropped: it is not the peer").arg(sender.toString()));
+        report(tr("Datagrams from %1 are dropped: it is not the peer").arg(sender.toString()));
     return false;
 }
 
@@ -398,15 +400,15 @@ void ScanThread::takeDatagram(int size)
 // --- what an operator should hear ---
 
 // From any thread; heard a moment later.
-void ScanThread::sayAnywhere(const QString &line)
+void ScanThread::reportFromAnyThread(const QString &line)
 {
     const std::lock_guard lock(mutex);
     pendingLines.append(line);
     // By name for the same reason as in the engine: nothing is shared outside the mutex.
-    QMetaObject::invokeMethod(this, "sayPending", Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, "reportPending", Qt::QueuedConnection);
 }
 
-void ScanThread::sayPending()
+void ScanThread::reportPending()
 {
     QStringList lines;
     {
@@ -414,23 +416,23 @@ void ScanThread::sayPending()
         lines.swap(pendingLines);
     }
     for (const QString &line : std::as_const(lines))
-        say(line);
+        report(line);
 }
 
 // A peer that sends one bad file behind the other must not fill the log.
-void ScanThread::sayOfPeer(const QString &line)
+void ScanThread::reportOfPeer(const QString &line)
 {
     if (Clock::now() >= peerLinesUntil) {
         peerLinesUntil = Clock::now() + peerLinesTime;
         peerLines = 0;
     }
     if (++peerLines <= maxPeerLines)
-        say(line);
+        report(line);
     else if (peerLines == maxPeerLines + 1)
-        say(tr("Further lines about received files are left out for a minute"));
+        report(tr("Further lines about received files are left out for a minute"));
 }
 
-void ScanThread::say(const QString &line)
+void ScanThread::report(const QString &line)
 {
     if (isDebugOn())
         qDebug() << line;

@@ -106,10 +106,10 @@ private:
     [[nodiscard]] bool isHeeded(const QHostAddress &sender);
     void takeDatagram(int size);
     void count(const Packet &sent, qint64 bytes);
-    void sayAnywhere(const QString &line);
-    Q_INVOKABLE void sayPending();
-    void say(const QString &line);
-    void sayOfPeer(const QString &line);
+    void reportFromAnyThread(const QString &line);
+    Q_INVOKABLE void reportPending();
+    void report(const QString &line);
+    void reportOfPeer(const QString &line);
 
     const quint16 remotePort;
     const QString remoteHost;
