@@ -29,5 +29,14 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }
     require(bytes.startsWith(read));
     require(reader.refusedLength() == 0 || reader.refusedLength() > 1'000);
+
+    LinkRecord::AcknowledgementReader numbers;
+    QByteArray numbersRead;
+    for (const QByteArray &piece : {bytes.first(cut), bytes.sliced(cut)}) {
+        numbers.append(piece);
+        while (const auto number = numbers.next())
+            numbersRead += LinkRecord::acknowledgement(*number);
+    }
+    require(numbersRead == bytes.first(bytes.size() - bytes.size() % 8));
     return 0;
 }
