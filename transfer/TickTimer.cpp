@@ -35,7 +35,7 @@ TickTimer::~TickTimer()
 
 void TickTimer::start(std::chrono::milliseconds interval)
 {
-    maxDue = 1 + int(std::min<qint64>(maxLate, maxLateTime / interval));
+    maxDue = 1 + int(maxLateTime / interval);
     arm(interval, interval);
 }
 

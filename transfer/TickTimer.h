@@ -16,8 +16,8 @@ class TickTimer : public QObject
 {
     Q_OBJECT
 public:
-    // Late ticks that are made up for at most, and for how long at most.
-    static constexpr int maxLate = 32;
+    // Of how long a delay the ticks are made up for at most. At a tick each millisecond the burst
+    // still fits the receive buffer that a kernel grants unless asked for more.
     static constexpr std::chrono::milliseconds maxLateTime{100};
 
     explicit TickTimer(QObject *parent = nullptr);
