@@ -161,6 +161,8 @@ class tst_pace : public QObject
 private Q_SLOTS:
     void runsAsFastAsThePathCarries_data();
     void runsAsFastAsThePathCarries();
+    void twoShareABottleneck_data();
+    void twoShareABottleneck();
 };
 
 void tst_pace::runsAsFastAsThePathCarries_data()
@@ -193,6 +195,33 @@ void tst_pace::runsAsFastAsThePathCarries()
     QVERIFY2(story.outage > 0 || transfer.packets < (story.last + 10) / (1 - story.loss) * 1.15,
         qPrintable(QString::number(transfer.packets)));
     QVERIFY(transfer.longestRequest <= 25);
+}
+
+void tst_pace::twoShareABottleneck_data()
+{
+    QTest::addColumn<double>("megabits");
+    QTest::addColumn<double>("start"); // of the second one; seconds
+    for (const double megabits : {1, 10, 50}) {
+        for (const double start : {0.0, 0.5, 1.0})
+            QTest::addRow("%g Mb/s, %g s apart", megabits, start) << megabits << start;
+    }
+}
+
+void tst_pace::twoShareABottleneck()
+{
+    QFETCH(double, megabits);
+    QFETCH(double, start);
+    Path path({.megabits = megabits, .last = int(std::min(megabits * 5'000, 65'000.0))});
+    Transfer one(path, 0), two(path, start);
+    path.runUntil([&] { return path.now > start + 1; });
+    const size_t before[] = {one.held.size(), two.held.size()};
+    path.runUntil([&] { return one.isDone() || two.isDone(); });
+    const double parts[] = {
+        double(one.held.size() - before[0]), double(two.held.size() - before[1])};
+    const double ratio = std::max(parts[0], parts[1]) / std::min(parts[0], parts[1]);
+    QVERIFY2(ratio <= 2, qPrintable(QString::number(ratio)));
+    // A newcomer to a full queue takes some rounds to find its place.
+    QVERIFY2(path.overflowed <= path.arrived * 0.08, qPrintable(QString::number(path.overflowed)));
 }
 
 QTEST_GUILESS_MAIN(tst_pace)

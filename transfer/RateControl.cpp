@@ -11,6 +11,10 @@ constexpr double startupGain = 2.77; // 4 ln 2: the least that doubles the rate 
 constexpr double drainGain = 1 / startupGain;
 // More for the slow: two that share a path come to equal parts.
 constexpr double upPackets = 5, leastUp = 0.1, mostUp = 0.5;
+constexpr double enoughFound = 0.5; // of what Up has tried; then it tries more
+constexpr double mostBoost = 8, mostUpEver = 1;
+// When another flow shows, the fast give up more than the slow, for the same reason.
+constexpr double leastKept = 0.65, mostKept = 0.95, keptByShare = 0.6;
 constexpr double downGain = 0.75;
 constexpr double yielding = 1.2, leastYield = 0.5; // while a queue stands that nobody probes for
 constexpr double growth = 1.25; // of a round in Startup; less is none
@@ -78,6 +82,8 @@ void RateControl::answered(
     lastAnsweredLeft = std::max(lastAnsweredLeft, departure.left);
     if (departure.delivered >= roundEnd) {
         beginRound();
+        if (isContested())
+            giveWay();
         nextPhase(inFlight, now);
     }
 }
@@ -141,6 +147,25 @@ void RateControl::beginRound()
     roundEnd = delivered;
 }
 
+// Whether a queue stands that this flow's own probing does not explain.
+bool RateControl::isContested() const
+{
+    if (phase == Phase::Cruise)
+        return isCrowded(lastRoundTrip);
+    const bool hasProbed = phase == Phase::Weigh || phase == Phase::Down;
+    return hasProbed && isCrowded(lastRoundTrip - (upGain() - 1) * shortestTrip);
+}
+
+// Somebody else has made the queue: this flow's own probing is over. What it gives up goes to those
+// that have less, because they give up less; it soon finds again what nobody takes.
+void RateControl::giveWay()
+{
+    const double keep =
+        std::clamp(leastKept + keptByShare * (growthShare() - leastUp), leastKept, mostKept);
+    for (Round &each : rounds)
+        each.rate *= keep;
+}
+
 void RateControl::enter(Phase next, Time now)
 {
     phase = next;
@@ -152,38 +177,72 @@ void RateControl::enter(Phase next, Time now)
 
 void RateControl::nextPhase(double inFlight, Time now)
 {
-    const bool isDrained = inFlight <= pipe();
     switch (phase) {
     case Phase::Startup:
-        if (delivered < starvedUntil)
-            break;
-        plateauRounds = bandwidth() >= growth * plateau ? 0 : plateauRounds + 1;
-        plateau = std::max(plateau, bandwidth());
-        if (plateauRounds >= (isCrowded(lastRoundTrip) ? crowdedPlateau : plainPlateau))
+        if (hasFoundAll())
             enter(Phase::Drain, now);
         break;
     case Phase::Drain:
-        if (isDrained || phaseRounds >= 2)
+    case Phase::Down:
+        if (inFlight <= pipe() || phaseRounds >= 2)
             enter(Phase::Cruise, now);
         break;
     case Phase::Up:
-        enter(Phase::Down, now);
+        enter(Phase::Weigh, now);
         break;
-    case Phase::Down:
-        if (isDrained || phaseRounds >= 2)
-            enter(Phase::Cruise, now);
+    case Phase::Weigh:
+        weigh(now);
         break;
     case Phase::Cruise:
         if (phaseRounds >= cruiseRounds)
-            enter(Phase::Up, now);
+            probe(1, now);
         break;
     case Phase::Shallow:
         if (now - phaseBegan > shallowFor && phaseRounds >= 2) {
             shortestSeen = now;
-            enter(Phase::Up, now);
+            probe(1, now);
         }
         break;
     }
+}
+
+// In Startup: whether some rounds have found no more.
+bool RateControl::hasFoundAll()
+{
+    if (delivered < starvedUntil)
+        return false;
+    plateauRounds = bandwidth() >= growth * plateau ? 0 : plateauRounds + 1;
+    plateau = std::max(plateau, bandwidth());
+    return plateauRounds >= (isCrowded(lastRoundTrip) ? crowdedPlateau : plainPlateau);
+}
+
+void RateControl::probe(double boost, Time now)
+{
+    upBoost = boost;
+    rateBeforeUp = bandwidth();
+    enter(Phase::Up, now);
+}
+
+// Only now the answers to what left in Up have come.
+void RateControl::weigh(Time now)
+{
+    const double found = bandwidth() / rateBeforeUp - 1;
+    if (!isCrowded(lastRoundTrip) && found > (upGain() - 1) * enoughFound)
+        probe(std::min(upBoost * 2, mostBoost), now);
+    else
+        enter(Phase::Down, now);
+}
+
+// The more the slower this flow is.
+double RateControl::growthShare() const
+{
+    return upPackets / std::sqrt(pipe() / packetBytes);
+}
+
+double RateControl::upGain() const
+{
+    const double more = std::clamp(growthShare(), leastUp, mostUp);
+    return 1 + std::min(more * upBoost, mostUpEver);
 }
 
 double RateControl::bandwidth() const
@@ -224,13 +283,14 @@ double RateControl::gain() const
     case Phase::Drain:
         return drainGain;
     case Phase::Up:
-        return 1 + std::clamp(upPackets / std::sqrt(pipe() / packetBytes), leastUp, mostUp);
+        return upGain();
     case Phase::Down:
         return downGain;
     case Phase::Cruise:
         return isCrowded(lastRoundTrip)
             ? std::max(yielding * (shortestTrip / lastRoundTrip), leastYield)
             : 1;
+    case Phase::Weigh:
     case Phase::Shallow:
         return 1;
     }

@@ -11,9 +11,10 @@
 // The path is known by three figures: the highest rate at which it has delivered lately, its
 // shortest round trip, and the share that it loses at its best. Packets leave at the rate that
 // makes it deliver the first, and at most about two round trips' worth of them are on their way.
-// Now and then a round is sent faster, to find more, and one slower, to empty the queue that this
-// may have made. Loss alone never lowers the rate: a path that loses a third of everything is sent
-// half as much again.
+// Now and then a round is sent faster, to find more, and again faster as long as that finds some;
+// then one slower, to empty the queue that this may have made. A queue that this flow's own probing
+// does not explain is another flow's doing, and makes it give up a part of its rate. Loss alone
+// never lowers the rate: a path that loses a third of everything is sent half as much again.
 //
 // Knows no socket, no timer and no clock. Sizes are bytes on the wire.
 class RateControl
@@ -74,7 +75,7 @@ public:
     [[nodiscard]] double sendingRate() const; // bytes a second, without the gain of the phase
 
 private:
-    enum class Phase { Startup, Drain, Up, Down, Cruise, Shallow };
+    enum class Phase { Startup, Drain, Up, Weigh, Down, Cruise, Shallow };
     struct Round
     {
         double rate = 0; // the highest that was measured
@@ -97,11 +98,20 @@ private:
     void beginRound();
     void enter(Phase next, Time now);
     void nextPhase(double inFlight, Time now);
+    [[nodiscard]] bool hasFoundAll();
+    void probe(double boost, Time now);
+    void weigh(Time now);
+    [[nodiscard]] bool isContested() const;
+    void giveWay();
+    [[nodiscard]] double growthShare() const;
+    [[nodiscard]] double upGain() const;
 
     Phase phase = Phase::Startup;
     Time phaseBegan;
     int phaseRounds = 0; // begun since then
     int cruiseRounds = 0; // to stay for
+    double rateBeforeUp = 0;
+    double upBoost = 1; // of the gain in Up, while it goes on finding more
     unsigned random = 1; // spreads the probing of flows that share a path
 
     Seconds shortestTrip{};
