@@ -215,6 +215,21 @@ tryConsole() {
     step "Attached a console, which the module survived."
 }
 
+hasRestarted() {
+    [[ $(property NRestarts) != "$1" && -S /run/morvane/trial ]]
+}
+
+# The module ends with its administration server, and comes back by itself.
+tryAdminRestart() {
+    local before
+    before=$(property NRestarts)
+    rm /run/morvane/trial # which the module makes when it listens again
+    systemctl restart morvane-admin
+    adminPid=$(systemctl show -P MainPID morvane-admin)
+    waitFor 40 "the module after its administration server" hasRestarted "$before"
+    step "Restarted the administration server, and with it the module."
+}
+
 tryUpgrade() {
     local before after
     before=$(property MainPID)
@@ -249,6 +264,7 @@ tryInstallation
 tryStart
 tryBadSettings
 tryConsole
+tryAdminRestart
 tryStops
 tryKills
 tryHang
