@@ -94,6 +94,7 @@ void Morvane::keepSpool()
 {
     spoolSender.reset();
     keeper = std::make_unique<SpoolKeeper>(tempDir, logWarning);
+    connect(keeper.get(), &SpoolKeeper::ready, this, &Morvane::startTransport);
     const SpoolSender::Times times = {std::max<std::chrono::milliseconds>(leastDeadTime,
                                           2 * std::chrono::seconds(liveMessageTimeout)),
         acknowledgements ? std::optional<std::chrono::milliseconds>(
@@ -132,13 +133,6 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 
 void Morvane::Start()
 {
-    keeper->start();
-    if (protocol == "UDP")
-        StartScanning();
-    else if (protocol == "TCP")
-        connectToPeer();
-    restartTimer(reconnectTimerId, reconnectionTimeout);
-    restartTimer(liveTimerId, liveMessageTimeout);
     monitor.start([this](Status &status) {
         status.counters = done;
         status.unacknowledged = spoolSender->unacknowledged().waiting();
@@ -146,6 +140,20 @@ void Morvane::Start()
             status.acknowledgedNumber = spoolSender->unacknowledged().storedRecords();
         status.udp = scanThread ? std::optional(scanThread->counters()) : std::nullopt;
     });
+    if (keeper->isReady())
+        startTransport();
+    else
+        keeper->start();
+}
+
+void Morvane::startTransport()
+{
+    if (protocol == "UDP")
+        StartScanning();
+    else if (protocol == "TCP")
+        connectToPeer();
+    restartTimer(reconnectTimerId, reconnectionTimeout);
+    restartTimer(liveTimerId, liveMessageTimeout);
 }
 
 void Morvane::beforeEnd()

@@ -65,6 +65,7 @@ private:
     void logDropped(const QString &name, qsizetype size, const QString &reason) const;
     void setUpMonitor(const QString &settingsFile, const QString &statusFile);
     void keepSpool();
+    void startTransport();
     void busRead();
     void stop();
     void connectToPeer();

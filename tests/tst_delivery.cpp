@@ -7,10 +7,26 @@
 
 #include <QTest>
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <ctime>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
+
+static bool areLocksMissing = false; // on the file system
+
+// Stands in for the C library's flock().
+int lockOrFail(int file, int operation) noexcept __asm__("flock");
+int lockOrFail(int file, int operation) noexcept
+{
+    if (!areLocksMissing)
+        return int(::syscall(SYS_flock, file, operation));
+    errno = ENOLCK;
+    return -1;
+}
 
 class TestDelivery : public QObject
 {
@@ -27,6 +43,8 @@ private Q_SLOTS:
     void unacknowledgedRecordsAreBounded();
     void leftoversOfSeveralOwnersGoBackByAge_data();
     void leftoversOfSeveralOwnersGoBackByAge();
+    void leftoversOfOthersStay_data();
+    void leftoversOfOthersStay();
     void powerCutPutsYoungFilesInDoubt();
 };
 
@@ -40,7 +58,7 @@ void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
     oracle.put(bench, 500);
     bench.module.Start();
     // 1 MiB waits in the socket, and the kernel takes what it likes.
-    QTRY_VERIFY(bench.spooled().size() < 490);
+    QTRY_VERIFY(bench.spooled().size() < 495);
     oracle.put(bench, 1);
     QVERIFY2(bench.spooled().size() > 350, qPrintable(QString::number(bench.spooled().size())));
     QCOMPARE(keptRecords(bench.spool).size(), 501);
@@ -271,6 +289,47 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
     QCOMPARE(said, QStringList());
     QCOMPARE(QDir(spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
         QStringList({u".sent-torn"_s, u"f"_s, u"j"_s}));
+}
+
+void TestDelivery::leftoversOfOthersStay_data()
+{
+    QTest::addColumn<QString>("whose");
+    QTest::newRow("another host's") << u"another host"_s;
+    QTest::newRow("another user's") << u"another user"_s;
+    QTest::newRow("nobody can tell") << u"no locks"_s;
+}
+
+void TestDelivery::leftoversOfOthersStay()
+{
+    QFETCH(const QString, whose);
+    const Workplace place;
+    const QString spool = place.makeFolder(u"spool"_s);
+    {
+        SentFolder dead(spool);
+        QVERIFY(dead.open());
+        dead.journal().add("j", 1, "error", "x");
+        QVERIFY(dead.journal().commit());
+    }
+    QStringList said;
+    Leftovers leftovers(spool, [&](const QString &text) { said.append(text); });
+    if (whose == u"another host")
+        QCOMPARE(ageJournals(spool, {Journal::here().boot, Journal::here().host}), 1);
+    const QString folder =
+        QDir(spool).entryInfoList({u".sent-*"_s}, QDir::Dirs | QDir::Hidden)[0].filePath();
+    if (whose == u"another user")
+        QVERIFY(::chmod(qPrintable(QDir::tempPath()), 0755) == 0
+            && ::chmod(qPrintable(folder), 0) == 0);
+    constexpr uid_t nobody = 65'534;
+    std::ignore = whose == u"another user" ? ::seteuid(nobody) : 0; // root would see all
+    areLocksMissing = whose == u"no locks";
+    QVERIFY(leftovers.giveBack() && leftovers.giveBack());
+    areLocksMissing = false;
+    std::ignore = ::seteuid(::getuid());
+    QCOMPARE(::chmod(qPrintable(folder), 0700), 0);
+    QCOMPARE(said.size(), 1);
+    QVERIFY2(said.first().contains(whose), qPrintable(said.first()));
+    QCOMPARE(keptRecords(spool).size(), 1);
+    QVERIFY(QDir(spool).entryList(QDir::Files).isEmpty());
 }
 
 void TestDelivery::powerCutPutsYoungFilesInDoubt()

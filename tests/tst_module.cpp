@@ -198,9 +198,9 @@ void TestModule::startSwitchesTheScanThreadOnAndOff()
     for (const char *line : {"Start Scanning", "Stop Scanning", "Start Scanning"}) {
         QTest::ignoreMessage(QtDebugMsg, line);
         bench.module.Reconnect();
-        const QList<QThread *> threads = bench.module.findChildren<QThread *>();
-        QCOMPARE(threads.size(), line[2] == 'a' ? 1 : 0);
-        QVERIFY(threads.isEmpty() || threads.first()->isRunning());
+        const auto threads = [&] { return bench.module.findChildren<QThread *>(); };
+        QTRY_COMPARE(threads().size(), line[2] == 'a' ? 1 : 0);
+        QVERIFY(threads().isEmpty() || threads().first()->isRunning());
     }
 }
 

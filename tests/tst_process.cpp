@@ -60,7 +60,8 @@ private:
     QElapsedTimer started;
 
     ModuleProcess orphan; // two settings files; loses its administration server
-    std::optional<BusServer> orphanAdmin;
+    ModuleProcess parting; // the same together with its stop
+    std::optional<BusServer> orphanAdmin, partingAdmin;
 
     TcpPeer silentPeer;
     ModuleProcess stuck; // its peer takes no bytes
@@ -87,6 +88,10 @@ void TestProcess::initTestCase()
     orphan.startWith({u"-settings"_s, orphan.writeSettings(u"a.ini"_s, "LogName=a\n", ""),
         u"--settings"_s, u"-settings"_s,
         orphan.writeSettings(u"b.ini"_s, "LogName=b\nAdminServerName=admin\n", "")});
+
+    partingAdmin.emplace(parting.place.path(u"admin"_s));
+    parting.startWith(
+        {u"-settings"_s, parting.writeSettings(u"m.ini"_s, "AdminServerName=admin\n", "")});
 
     silentPeer.stopReading();
     silentPeer.setKernelBuffer(65'536);
@@ -169,6 +174,14 @@ void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
     QTRY_COMPARE(orphan.state(), QProcess::NotRunning);
     QCOMPARE(orphan.exitCode(), 5);
     QCOMPARE(orphan.place.logged(u"b.log"_s).last(), u"Stopped, exit status 5"_s);
+
+    QTRY_COMPARE(partingAdmin->sockets.size(), 1);
+    ::kill(pid_t(parting.processId()), SIGSTOP);
+    partingAdmin.reset();
+    ::kill(pid_t(parting.processId()), SIGTERM);
+    ::kill(pid_t(parting.processId()), SIGCONT);
+    QTRY_COMPARE(parting.state(), QProcess::NotRunning);
+    QCOMPARE(parting.exitCode(), 0);
 }
 
 void TestProcess::filesCrossABadLinkBothWays()

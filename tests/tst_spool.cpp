@@ -55,6 +55,7 @@ private Q_SLOTS:
     void onlyFilesThatCanBeSentAreListedInOrder();
     void onlyPlainNamesAreWritten();
     void onlyTheDeadLeaveLeftovers();
+    void leftoverThatStaysKeepsNoLock();
     void fileIsTheSameWhateverItsNumber_data();
     void fileIsTheSameWhateverItsNumber();
 
@@ -186,6 +187,15 @@ void TestSpool::onlyTheDeadLeaveLeftovers()
     QCOMPARE(filesBelow(folder.path()), 2);
     QVERIFY(living.commit(WholeFile::Flush::Yes));
     QCOMPARE(folder.readFile(u"f"_s), "whole");
+}
+
+void TestSpool::leftoverThatStaysKeepsNoLock()
+{
+    const Spool spool;
+    spool.place.makeFolder(u"spool/.incoming-x"_s);
+    SpoolLock lock(spool.folder, spool.say);
+    QVERIFY(!spool.directory.removeLeftovers(lock));
+    QVERIFY(!QFile::exists(spool.lockPath));
 }
 
 void TestSpool::fileIsTheSameWhateverItsNumber_data()

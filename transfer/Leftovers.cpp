@@ -11,6 +11,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,12 +21,14 @@ namespace {
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr unsigned int timesMask = STATX_TYPE | STATX_BTIME | STATX_CTIME;
 
-// Calls visit(name) for every entry of a folder whose descriptor stays the caller's.
-template <typename Visit> void forEachEntry(int folder, Visit visit)
+// Calls visit(name) for every entry of a folder, whose descriptor stays the caller's, until the end
+// is asked for.
+template <typename Visit>
+void forEachEntry(int folder, const std::atomic<bool> &shallEnd, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> entries(
         ::fdopendir(::openat(folder, ".", folderFlags)), ::closedir);
-    while (const dirent *entry = entries ? ::readdir(entries.get()) : nullptr)
+    while (const dirent *entry = entries && !shallEnd ? ::readdir(entries.get()) : nullptr)
         visit(entry->d_name);
 }
 
@@ -73,6 +76,13 @@ struct Leftovers::Folder
     {
         return isFromEarlierBoot() && differ(journal.identity().host, Journal::here().host);
     }
+    // An owner that has not noted a time yet found everything on the disk when it began.
+    [[nodiscard]] qint64 syncedUntil() const
+    {
+        const qint64 noted = journal.syncedUntil();
+        return noted > 0 ? noted
+                         : std::max(birthOf(descriptor.get(), Journal::fileName), qint64(1));
+    }
 };
 
 Leftovers::Leftovers(const QString &spoolPath, MessageSink messageSink)
@@ -86,14 +96,15 @@ Leftovers::~Leftovers() = default;
 
 // --- whose folders they are ---
 
-Leftovers::Folders Leftovers::endedOwners()
+Leftovers::Folders Leftovers::endedOwners(const QByteArray &own)
 {
     Folders folders;
-    const Descriptor own(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
-    if (!own.isOpen())
+    const Descriptor around(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
+    if (!around.isOpen())
         return folders;
-    forEachEntry(own.get(), [&](const char *name) {
-        if (std::strncmp(name, SentFolder::prefix, std::strlen(SentFolder::prefix)) != 0)
+    forEachEntry(around.get(), shallEnd, [&](const char *name) {
+        if (std::strncmp(name, SentFolder::prefix, std::strlen(SentFolder::prefix)) != 0
+            || own == name)
             return;
         if (std::unique_ptr<Folder> folder = openIfEnded(name))
             folders.push_back(std::move(folder));
@@ -134,29 +145,31 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
 
 // Files first: only then are all that a power cut may have damaged in one place. A record of a
 // journal is whole or was not found.
-bool Leftovers::giveBack()
+bool Leftovers::giveBack(const QByteArray &own, const NoteSynced &note)
 {
-    const Folders folders = endedOwners();
+    const Folders folders = endedOwners(own);
     qint64 cut = 0; // nanoseconds since the epoch: what is as young as this may be damaged
+    qint64 lastSync = std::numeric_limits<qint64>::max();
     for (const std::unique_ptr<Folder> &folder : folders) {
         giveFilesBack(*folder);
-        const qint64 synced = folder->journal.isOpen() ? folder->journal.syncedUntil() : 0;
         if (folder->isFromEarlierBoot())
-            cut = std::max({cut, synced, qint64(1)});
-        else if (synced > 0)
-            lastSync = std::min(lastSync, synced);
+            cut = std::max(cut, folder->syncedUntil());
+        else if (folder->journal.isOpen())
+            lastSync = std::min(lastSync, folder->syncedUntil());
     }
     if (cut > 0)
         setDoubtfulAside(cut);
+    if (note)
+        note(lastSync);
     bool isDone = true;
     for (const std::unique_ptr<Folder> &folder : folders)
-        isDone = giveRecordsBack(*folder) && isDone;
+        isDone = !shallEnd && giveRecordsBack(*folder) && isDone;
     return isDone;
 }
 
 void Leftovers::giveFilesBack(Folder &folder)
 {
-    forEachEntry(folder.descriptor.get(), [&](const char *name) {
+    forEachEntry(folder.descriptor.get(), shallEnd, [&](const char *name) {
         if (name[0] != '.' && !GiveBack::file(folder.descriptor.get(), name, spool, name))
             folder.failure = errno;
     });
@@ -178,7 +191,7 @@ bool Leftovers::giveRecordsBack(Folder &folder)
                 + qt_error_string(folder.failure));
         return false;
     }
-    forEachEntry(folder.descriptor.get(),
+    forEachEntry(folder.descriptor.get(), shallEnd,
         [&](const char *name) { ::unlinkat(folder.descriptor.get(), name, 0); });
     ::rmdir((spool + '/' + folder.name).constData());
     return true;
@@ -192,7 +205,7 @@ void Leftovers::setDoubtfulAside(qint64 cut)
         startOfSystem() > cut ? startOfSystem() : std::numeric_limits<qint64>::max();
     const Descriptor own(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
     QByteArrayList doubtful;
-    forEachEntry(own.get(), [&](const char *name) {
+    forEachEntry(own.get(), shallEnd, [&](const char *name) {
         const qint64 birth = name[0] != '.' ? birthOf(own.get(), name) : 0;
         if (birth >= cut && birth < start)
             doubtful.append(name);

@@ -5,7 +5,8 @@
 #include <QByteArray>
 #include <QSet>
 
-#include <limits>
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -18,26 +19,30 @@
 // are younger than what the owner knew to be on the disk are set aside as refused.
 //
 // Owner:   SpoolKeeper.
-// Thread:  any one thread. The first call after a power cut looks at every waiting file.
+// Thread:  any one thread at a time. A call reads the whole directory, and after a power cut looks
+//          at every waiting file; end() may be called on another thread.
 // Errors:  never throws. What cannot be given back stays where it is; everything is reported once.
 class Leftovers
 {
     Q_DECLARE_TR_FUNCTIONS(Leftovers)
 public:
+    using NoteSynced = std::function<void(qint64 time)>;
+
     Leftovers(const QString &spool, MessageSink report);
     ~Leftovers();
 
-    // False if something remains that could go back later.
-    [[nodiscard]] bool giveBack();
-    // Nanoseconds since the epoch: what an ended owner of the running system knew to be on the
-    // disk.
-    [[nodiscard]] qint64 syncedUntil() const { return lastSync; }
+    // Gives back the content of every folder but our own. Returns false if something remains that
+    // could go back later. Calls note, before a folder goes, with the time up to which ended owners
+    // of the running system knew the files to be on the disk (nanoseconds since the epoch).
+    [[nodiscard]] bool giveBack(const QByteArray &own = {}, const NoteSynced &note = {});
+    // Has a call return soon, with most of its work left for another one.
+    void end() { shallEnd = true; }
 
 private:
     struct Folder;
     using Folders = std::vector<std::unique_ptr<Folder>>;
 
-    [[nodiscard]] Folders endedOwners();
+    [[nodiscard]] Folders endedOwners(const QByteArray &own);
     [[nodiscard]] std::unique_ptr<Folder> openIfEnded(const QByteArray &name);
     void giveFilesBack(Folder &folder);
     void setDoubtfulAside(qint64 cut);
@@ -47,6 +52,6 @@ private:
     const SpoolDirectory directory;
     const QByteArray spool; // file system encoding
     const MessageSink report;
-    qint64 lastSync = std::numeric_limits<qint64>::max();
+    std::atomic<bool> shallEnd = false;
     QSet<QByteArray> named; // folders that something was said of
 };

@@ -50,6 +50,8 @@ public:
     [[nodiscard]] bool holds(const QString &name) const { return kept.contains(name); }
 
     [[nodiscard]] Journal &journal() { return records; }
+    // Empty before open(); file system encoding.
+    [[nodiscard]] QByteArray name() const { return path.mid(spool.size() + 1); }
 
 private:
     [[nodiscard]] bool make();

@@ -25,15 +25,13 @@ SpoolKeeper::SpoolKeeper(const QString &path, MessageSink messageSink)
     : spool(path)
     , report(std::move(messageSink))
     , folder(path)
-    , leftovers(path, report)
     , disk(
           path, [this] { return folder.journal().descriptor(); }, [this] { return holdsFiles(); })
-    , lock(path, report)
+    , leftovers(path, [this](const QString &text) { remarks.append(text); })
+    , lock(path, [this](const QString &text) { remarks.append(text); })
 {
-    retry.setInterval(retryInterval);
+    retry.setSingleShot(true);
     connect(&retry, &QTimer::timeout, this, &SpoolKeeper::tryAgain);
-    tidy.setInterval(tidyInterval);
-    connect(&tidy, &QTimer::timeout, this, &SpoolKeeper::removeLeftFiles);
     connect(&disk, &Flusher::failed, this, [this](const QString &reason) {
         report(tr("Can't bring the files of %1 to the disk: %2").arg(spool.path(), reason));
     });
@@ -41,21 +39,24 @@ SpoolKeeper::SpoolKeeper(const QString &path, MessageSink messageSink)
         [this] { report(tr("The files of %1 are brought to the disk again").arg(spool.path())); });
 }
 
-// What earlier processes of the running system have written may not be on the disk yet either.
+SpoolKeeper::~SpoolKeeper()
+{
+    leftovers.end();
+    waitForRound();
+}
+
+// Our own folder comes first: from then on a power cut puts in doubt what is written.
 void SpoolKeeper::start()
 {
-    hasLeftovers = !leftovers.giveBack();
-    if (hasLeftovers)
-        retry.start();
-    removeLeftFiles();
-    if (folder.open() && folder.journal().isOpen())
-        std::ignore = Journal::noteSynced(
-            folder.journal().descriptor(), std::min(leftovers.syncedUntil(), timeNow()));
-    disk.filesWritten();
+    startTime = timeNow();
+    std::ignore = folder.open();
+    beginRound();
 }
 
 void SpoolKeeper::stop()
 {
+    leftovers.end();
+    waitForRound();
     if (!disk.isPending() || !holdsFiles())
         folder.close();
 }
@@ -88,28 +89,65 @@ bool SpoolKeeper::giveBack()
     disk.filesWritten();
     if (hasStranded && !wasStranded) {
         report(tr("Records cannot go back into %1 yet: %2").arg(spool.path(), qt_error_string()));
-        retry.start();
+        retry.start(retryInterval);
     }
     return !hasStranded;
 }
 
 void SpoolKeeper::tryAgain()
 {
-    const bool hadStranded = hasStranded;
-    if (hasLeftovers)
-        hasLeftovers = !leftovers.giveBack();
-    if (hasStranded)
-        std::ignore = giveBack();
-    if (!hasLeftovers && !hasStranded)
-        retry.stop();
-    if (!hasLeftovers || (hadStranded && !hasStranded))
+    if (hasStranded && giveBack())
+        Q_EMIT gaveBack();
+    if (!worker.joinable() && (hasLeftovers || hasLeftFiles))
+        beginRound();
+    else if (hasStranded)
+        retry.start(retryInterval);
+}
+
+// --- what killed processes have left ---
+
+void SpoolKeeper::beginRound()
+{
+    if (worker.joinable())
+        return;
+    worker = std::thread([this, own = folder.name(), journal = folder.journal().descriptor()] {
+        round(own, journal);
+        QMetaObject::invokeMethod(this, "endRound", Qt::QueuedConnection);
+    });
+}
+
+// Runs on the other thread. What earlier processes of the running system have written may not be on
+// the disk yet either.
+void SpoolKeeper::round(const QByteArray &own, int journal)
+{
+    hasLeftovers = !leftovers.giveBack(own, [&](qint64 lastSync) {
+        if (!hasStarted)
+            std::ignore = Journal::noteSynced(journal, std::min(lastSync, startTime));
+    });
+    hasLeftFiles = !spool.removeLeftovers(lock);
+}
+
+void SpoolKeeper::endRound()
+{
+    if (!worker.joinable())
+        return; // the process ends
+    waitForRound();
+    disk.filesWritten();
+    if (hasLeftovers || hasStranded)
+        retry.start(retryInterval);
+    else if (hasLeftFiles)
+        retry.start(tidyInterval);
+    if (!std::exchange(hasStarted, true))
+        Q_EMIT ready();
+    else if (!hasLeftovers)
         Q_EMIT gaveBack();
 }
 
-void SpoolKeeper::removeLeftFiles()
+void SpoolKeeper::waitForRound()
 {
-    if (spool.removeLeftovers(lock))
-        tidy.stop();
-    else
-        tidy.start();
+    if (worker.joinable())
+        worker.join();
+    const QStringList texts = std::exchange(remarks, {});
+    for (const QString &text : texts)
+        report(text);
 }

@@ -5,22 +5,29 @@
 #include "SentFolder.h"
 
 #include <QObject>
+#include <QStringList>
 #include <QTimer>
+
+#include <thread>
 
 // What a process does for the safety of a spool directory, whatever the transport: gives back what
 // killed processes have left, writes files, and brings them to the disk.
 //
 // Owner:   the module.
-// Thread:  main thread. Waiting for the spool's lock blocks it.
+// Thread:  main thread. Waiting for the spool's lock blocks it. What reads the whole directory runs
+//          on a thread of its own.
 // Errors:  never throws. What fails is tried again every few seconds, and reported once.
 class SpoolKeeper : public QObject
 {
     Q_OBJECT
 public:
     SpoolKeeper(const QString &spool, MessageSink report);
+    ~SpoolKeeper() override;
 
-    // Before anything is sent.
+    // Begins to give back what killed processes have left. Nothing may be sent before ready() is
+    // emitted; files may be written.
     void start();
+    [[nodiscard]] bool isReady() const { return hasStarted; }
     // Before the process ends: leaves nothing behind that the next start would not need.
     void stop();
 
@@ -36,21 +43,32 @@ public:
     [[nodiscard]] const SpoolDirectory &directory() const { return spool; }
 
 Q_SIGNALS:
+    // What killed processes have left lies in the spool, as far as possible.
+    void ready();
     // Records that could not go back into the spool lie there now.
     void gaveBack();
 
 private:
     void tryAgain();
-    void removeLeftFiles();
+    void beginRound();
+    void round(const QByteArray &own, int journal);
+    Q_INVOKABLE void endRound();
+    void waitForRound();
     [[nodiscard]] bool holdsFiles() const;
 
     const SpoolDirectory spool;
     const MessageSink report;
     SentFolder folder;
-    Leftovers leftovers;
     Flusher disk;
-    SpoolLock lock; // for all attempts to remove left files: it must be seen unchanged for a while
-    QTimer retry, tidy;
-    bool hasLeftovers = false, hasStranded = false;
+    QTimer retry;
+    bool hasStarted = false, hasStranded = false;
     qint64 lastChange = 0; // of the directory, nanoseconds since the epoch
+
+    // The other thread has these while it is joinable.
+    std::thread worker;
+    QStringList remarks;
+    Leftovers leftovers;
+    SpoolLock lock; // for all attempts to remove left files: it must be seen unchanged for a while
+    qint64 startTime = 0; // nanoseconds since the epoch
+    bool hasLeftovers = false, hasLeftFiles = false;
 };

@@ -33,7 +33,8 @@ inline QMultiMap<QString, QByteArray> keptRecords(
 }
 
 // Has the journals of a spool seem to be from before the last start of the system; how many.
-[[nodiscard]] inline int ageJournals(const QString &spool)
+[[nodiscard]] inline int ageJournals(
+    const QString &spool, const QByteArrayList &identity = {Journal::here().boot})
 {
     int count = 0;
     for (QDirIterator it(spool, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
@@ -42,8 +43,10 @@ inline QMultiMap<QString, QByteArray> keptRecords(
         if (it.fileName() != QLatin1StringView(Journal::fileName)
             || !file.open(QIODevice::ReadWrite))
             continue;
-        const qint64 at = file.read(4'096).indexOf(Journal::here().boot);
-        count += at > 0 && file.seek(at) && file.write("another") > 0 ? 1 : 0;
+        const QByteArray head = file.read(4'096);
+        count += std::all_of(identity.begin(), identity.end(), [&](const QByteArray &id) {
+            return file.seek(head.indexOf(id)) && file.write("another") > 0;
+        });
     }
     return count;
 }
