@@ -381,7 +381,7 @@ void Morvane::OnFileReceived(QString name)
     qDebug() << "File received" << name;
 }
 
-// Slots that other modules of the family fill.
+// The family names these two slots. They do nothing here: ScanThread sends and receives.
 void Morvane::UdpDatagrams()
 {
 }

@@ -3,15 +3,15 @@
 #include <QSettings>
 #include <QString>
 
-// One key of a module's settings file, and what it reads as when it is absent.
+// One key of a module's settings file, and the text that stands for an absent key.
 struct SettingKey
 {
     QString name;
     QString defaultText;
 };
 
-// A value as the person wrote it, from the group that the settings have entered. QSettings takes an
-// unquoted comma for a list of values.
+// Returns a value of the current group as the person wrote it. QSettings makes a list of a value
+// with an unquoted comma; this joins it again.
 [[nodiscard]] inline QString settingText(const QSettings &settings, const SettingKey &key)
 {
     return settings.value(key.name, key.defaultText).toStringList().join(u',');
@@ -21,7 +21,7 @@ struct SettingKey
 namespace BaseSettings {
 
 inline const QString group = QStringLiteral("Base");
-inline const QString noName = QStringLiteral("NoName"); // what an absent name reads as
+inline const QString noName = QStringLiteral("NoName"); // stands for an absent name
 
 inline const SettingKey logName = {QStringLiteral("LogName"), QString()};
 inline const SettingKey log = {QStringLiteral("Log"), QStringLiteral("0")};

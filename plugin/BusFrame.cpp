@@ -14,7 +14,7 @@ constexpr qint8 actionFlag = 1;
 constexpr qint16 actionFields[] = {-1, -1, 0, 0, 0};
 constexpr qsizetype dataAt = sizeof(uchar) + sizeof(quint32); // offset of the data in a data frame
 
-bool hasName(uchar kind)
+bool isControlKind(uchar kind)
 {
     return kind == BusFrame::Name || kind == BusFrame::Action || kind == BusFrame::Command
         || kind == BusFrame::BusMessage;
@@ -32,7 +32,7 @@ template <typename... Fields> QByteArray frame(uchar kind, const Fields &...fiel
     return bytes;
 }
 
-// Takes one field after the other off the front of a body.
+// Reads one field after the other from the front of a body.
 class Fields
 {
 public:
@@ -40,7 +40,7 @@ public:
         : rest(body)
     {
     }
-    // Too few bytes are taken too, and read as 0.
+    // If too few bytes are left, consumes them and returns 0.
     template <typename Number> Number number()
     {
         const QByteArrayView bytes = take(sizeof(Number));
@@ -63,7 +63,7 @@ private:
     QByteArrayView rest;
 };
 
-// Uses the field's memory again.
+// Copies into the memory that the field has already, if it is large enough.
 void assign(QByteArray &field, QByteArrayView bytes)
 {
     if (field.size() != bytes.size())
@@ -78,12 +78,12 @@ void BusFrame::read(QByteArrayView body)
 {
     Fields fields(body);
     kind = fields.number<uchar>();
-    assign(name, hasName(kind) ? fields.bytes() : QByteArrayView());
+    assign(name, isControlKind(kind) ? fields.bytes() : QByteArrayView());
     assign(message, kind == Action ? fields.bytes() : QByteArrayView());
     assign(data, kind != Name ? fields.bytes() : QByteArrayView());
     if (kind == Action)
         fields.skipActionFields();
-    id = hasName(kind) && kind != Name ? fields.number<qint32>() : 0;
+    id = isControlKind(kind) && kind != Name ? fields.number<qint32>() : 0;
 }
 
 void BusFrame::takeOver(QByteArray body)
@@ -91,7 +91,7 @@ void BusFrame::takeOver(QByteArray body)
     Fields fields(body);
     const uchar first = fields.number<uchar>();
     const qsizetype size = fields.bytes().size();
-    if (size == 0 || hasName(first))
+    if (size == 0 || isControlKind(first))
         return read(body);
     read(QByteArrayView(body).first(sizeof(kind)));
     body.truncate(dataAt + size);

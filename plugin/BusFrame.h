@@ -29,16 +29,15 @@ struct BusFrame
     QByteArray name; // of the sender, the action, the command or the interface
     QByteArray message; // of an action
     QByteArray data;
-    qint32 id = 0; // connection id of a command, an action or a bus message
+    qint32 id = 0; // the connection id; not in name and data frames
 
-    // Reads a frame's body: everything behind the length. Lenient: a field that runs past the end
-    // reads as empty or 0, and so do all later ones; surplus bytes are ignored. The memory of
-    // earlier data is used again.
+    // Reads a frame's body: everything behind the length. A field that runs past the end reads as
+    // empty or 0, and so do all later fields; surplus bytes are ignored. Reuses the fields' memory.
     void read(QByteArrayView body);
-    // The same; the data of a data frame take over the body's memory.
+    // The same, but the data of a data frame takes over the memory of `body`.
     void takeOver(QByteArray body);
 
-    // Whole frames, length included, ready for one write. A null byte array is written as null.
+    // Return a whole frame, length included. A null byte array is written as a null string.
     [[nodiscard]] static QByteArray makeName(const QByteArray &name);
     [[nodiscard]] static QByteArray makeAction(
         const QByteArray &name, const QByteArray &message, const QByteArray &data, qint32 id);

@@ -9,7 +9,7 @@
 
 namespace {
 
-int endedBy = 0;
+int endingSignal = 0;
 
 } // namespace
 
@@ -23,7 +23,7 @@ void onSignals(
     const int descriptor = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     if (descriptor < 0)
         return qErrnoWarning("Signals end this program at once");
-    // Blocked, they wait in the descriptor, and only the event loop hears of them.
+    // Blocked signals wait in the descriptor, so only the event loop gets them.
     ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
     auto *notifier = new QSocketNotifier(descriptor, QSocketNotifier::Read, context);
     QObject::connect(
@@ -37,12 +37,12 @@ void onSignals(
 void endLoopOnStopSignals(QObject *context)
 {
     onSignals({SIGINT, SIGTERM}, context, [](int signal) {
-        endedBy = signal;
+        endingSignal = signal;
         QCoreApplication::exit(0);
     });
 }
 
 int stopSignal()
 {
-    return endedBy;
+    return endingSignal;
 }

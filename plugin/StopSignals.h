@@ -5,21 +5,18 @@
 
 class QObject;
 
-// Has the event loop call the handler for each of these signals that arrives, also where the shell
-// had them ignored, as it does for background jobs.
+// Calls `handler` from the event loop for each of these signals, even if the shell ignores them for
+// background jobs, as long as `context` lives. Call it before any other thread is started.
 //
 // A signal that comes while the main thread waits (for the spool's lock or a connection of the bus,
-// up to 30 seconds each) is handled after that wait.
-//
-// Owner:   a program that runs until it is stopped. It stays in force as long as the context lives.
-// Thread:  main thread, before any other is started.
-// Errors:  without a descriptor for the signals they keep their usual effect, which is said.
+// up to 30 seconds each) is handled after that wait. If the kernel gives no descriptor for the
+// signals, prints a warning; they end the process at once then.
 void onSignals(
     std::initializer_list<int> signals, QObject *context, std::function<void(int signal)> handler);
 
-// Turns SIGINT and SIGTERM into the end of the event loop with status 0. Nothing is torn down: what
-// must be kept is on the disk already.
+// Quits the event loop with status 0 on SIGINT or SIGTERM. Nothing is torn down: what must be kept
+// is on the disk already.
 void endLoopOnStopSignals(QObject *context);
 
-// The signal that has ended the event loop; 0 if none has.
+// Returns the signal that has ended the event loop, or 0.
 [[nodiscard]] int stopSignal();

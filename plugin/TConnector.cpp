@@ -18,13 +18,13 @@ namespace {
 
 constexpr auto passInterval = 5'000ms; // one repair pass of the bus
 constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
-constexpr auto connectPoll = 50ms; // between two looks at a server whose queue is full
-constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; an accepted peer waits beyond it
+constexpr auto connectPoll = 50ms; // between two checks of a server whose queue is full
+constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; when it is full, the peer waits
 constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread must make progress
 constexpr qint64 mostUnreadBytes = 67'108'864; // room for one more of the longest frames
-constexpr qint64 resumeBytes = maxUnreadBytes / 2; // the backlog has been read
-constexpr auto holdInterval = 250ms; // between two looks whether senders may go on
-constexpr auto longestEnd = 5'000ms; // for what is left to read when the process ends
+constexpr qint64 resumeBytes = maxUnreadBytes / 2; // so few that the peer counts as reading again
+constexpr auto holdInterval = 250ms; // between two checks whether senders may continue
+constexpr auto maxFinalRead = 5'000ms; // of all connections, before the process ends
 constexpr int adminLostStatus = 5; // exit status of the process
 
 constexpr char watchReport[] = "Watch_Arrow";
@@ -41,7 +41,7 @@ QString shownNameOf(const TMyLocalSocket *socket)
     return QString::fromUtf8(socket->name);
 }
 
-// Qt's own wait spins at full load while the server's queue is full, so it is asked in steps.
+// Polls: Qt's own wait uses a whole core while the server's queue is full.
 bool waitUntilConnected(TMyLocalSocket *socket)
 {
     const QDeadlineTimer deadline(maxWait);
@@ -74,13 +74,13 @@ bool TMyLocalSocket::takeFrame(BusFrame &frame)
     return result == FrameReader::Result::Frame;
 }
 
-// A socket that is closed prints a warning when it is read.
+// Does not read a closed socket, which would print a warning.
 qint64 TMyLocalSocket::readBuffered(char *to, qint64 size)
 {
     return bytesAvailable() > 0 ? std::max<qint64>(read(to, size), 0) : 0;
 }
 
-// Leaves an end of the stream or an error for Qt to find.
+// Stops at an end of the stream or an error, which Qt finds and reports.
 qint64 TMyLocalSocket::readDirect(char *to, qint64 size)
 {
     qint64 count = 0;
@@ -93,26 +93,26 @@ qint64 TMyLocalSocket::readDirect(char *to, qint64 size)
     return count;
 }
 
-void TMyLocalSocket::judge(std::chrono::milliseconds patience)
+void TMyLocalSocket::updateStalled(std::chrono::milliseconds patience)
 {
-    // What the kernel can take now counts, however long this process was busy.
+    // Write what the kernel takes now: the peer is not to blame while this process was busy.
     if (bytesToWrite() > maxUnreadBytes)
         flush();
     const qint64 unread = bytesToWrite();
-    if (unread < lastUnread || unread <= maxUnreadBytes)
-        sinceProgress.start();
-    lastUnread = unread;
+    if (unread < lastUnreadBytes || unread <= maxUnreadBytes)
+        sincePeerProgress.start();
+    lastUnreadBytes = unread;
     if (stalled)
         stalled = unread > resumeBytes;
     else
         stalled = unread > mostUnreadBytes
-            || (unread > maxUnreadBytes && sinceProgress.hasExpired(patience.count()));
+            || (unread > maxUnreadBytes && sincePeerProgress.hasExpired(patience.count()));
 }
 
 void TMyLocalSocket::enqueue(const QByteArray &frame)
 {
     write(frame);
-    lastUnread = bytesToWrite();
+    lastUnreadBytes = bytesToWrite();
 }
 
 TMyLocalServer::TMyLocalServer(QObject *parent)
@@ -141,7 +141,7 @@ TConnector::TConnector(QObject *parent)
     connect(adminConnection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
     connect(server, &TMyLocalServer::newConnection, this, &TConnector::newInConnection);
     connect(&holdTimer, &QTimer::timeout, this, &TConnector::releaseSenders);
-    // Queued: the signal comes while a frame is written, which may be inside the receive loop.
+    // Queued, because the signal is emitted inside write(), possibly inside the receive loop.
     connect(adminConnection, &QLocalSocket::bytesWritten, this, &TConnector::releaseSenders,
         Qt::QueuedConnection);
 }
@@ -194,8 +194,8 @@ void TConnector::pass()
 
 bool TConnector::repairOutConnections(const QByteArray &greeting)
 {
-    // A connection that is lost during the walk is replaced in the list, so a copy is walked. Lost
-    // sockets live until control is back in the event loop.
+    // Walk a copy: a connection that is lost meanwhile is replaced in the list. Its socket lives
+    // until control is back in the event loop.
     const QList<TMyLocalSocket *> sockets = outConnections;
     bool allWereUp = true;
     for (TMyLocalSocket *socket : sockets) {
@@ -234,8 +234,8 @@ QStringList TConnector::absentServers() const
 
 QString TConnector::absentAdmin() const
 {
-    const bool isThere = adminConnection->state() == QLocalSocket::ConnectedState;
-    return isThere ? QString() : shownNameOf(adminConnection);
+    const bool isConnected = adminConnection->state() == QLocalSocket::ConnectedState;
+    return isConnected ? QString() : shownNameOf(adminConnection);
 }
 
 bool TConnector::isListening() const
@@ -336,8 +336,8 @@ void TConnector::connectionInError(QLocalSocket::LocalSocketError)
 
 void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
-    // A slot that hears of a frame may abort the socket: then the rest is lost with it.
-    BusFrame frame; // one for all, so that small frames share its memory
+    // A slot that receives a frame may abort the socket, which loses the frames behind it.
+    BusFrame frame; // one for the whole loop, so that small frames share its memory
     ++readDepth;
     while (socket->isOpen() && !mustWait(socket) && socket->takeFrame(frame))
         dispatch(frame, socket);
@@ -345,7 +345,7 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
         Q_EMIT ReadDone();
 }
 
-// The administration server's own commands never wait: one of them may switch a watch off.
+// Never holds back the administration server's own commands: one of them may switch a watch off.
 bool TConnector::mustWait(const TMyLocalSocket *socket)
 {
     if (socket == adminConnection)
@@ -362,7 +362,7 @@ void TConnector::releaseSenders()
 {
     if (!holdsSenders)
         return;
-    judge(adminConnection);
+    checkStalled(adminConnection);
     if (adminConnection->isOpen() && !adminConnection->stalled
         && adminConnection->bytesToWrite() > resumeBytes)
         return;
@@ -375,13 +375,12 @@ void TConnector::releaseSenders()
     }
 }
 
-// What is in the sockets would be lost with them, although the senders were told that it was taken.
+// The senders were told that what is in the sockets was taken; without this it would be lost.
 void TConnector::readToEnd()
 {
-    const QDeadlineTimer deadline(longestEnd);
-    // From here on nobody connects, and the server closes itself when the last one who has
-    // connected is taken. Those who come between a last look and a close would be told that all was
-    // taken.
+    const QDeadlineTimer deadline(maxFinalRead);
+    // Nobody can connect from here on, and the server closes itself after it has accepted those who
+    // already have. A client that connected between a last check and a close would be lost.
     if (server->isListening())
         ::shutdown(int(server->socketDescriptor()), SHUT_RD);
     bool isLast = false;
@@ -462,13 +461,13 @@ void TConnector::sendToAdmin(const QByteArray &frame)
     send(adminConnection, frame);
 }
 
-// Puts a frame into the socket's buffer. A frame for a closed socket is lost, and so is one for a
-// peer that has stopped reading: memory must not follow its backlog.
+// Puts a frame into the socket's buffer. Drops it if the socket is closed or the peer has stopped
+// reading: memory must not grow with the peer's backlog.
 void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
 {
     if (!socket->isOpen())
         return;
-    judge(socket);
+    checkStalled(socket);
     if (!socket->isOpen())
         return;
     if (!socket->stalled)
@@ -477,10 +476,10 @@ void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
     socket->droppedBytes += frame.size();
 }
 
-void TConnector::judge(TMyLocalSocket *socket)
+void TConnector::checkStalled(TMyLocalSocket *socket)
 {
     const bool wasStalled = socket->stalled;
-    socket->judge(patience);
+    socket->updateStalled(patience);
     if (socket->stalled && !wasStalled)
         pLog->Message(
             tr("Connection %1 does not read: frames for it are dropped").arg(shownNameOf(socket)));

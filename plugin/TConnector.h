@@ -15,10 +15,8 @@
 
 struct BusFrame;
 
-// One connection of the local bus.
-//
-// Owner:   the server (accepted) or the connector (outgoing, administration).
-// Thread:  main thread.
+// One connection of the local bus. Its parent is the server (accepted) or the connector (outgoing,
+// administration).
 class TMyLocalSocket : public QLocalSocket, private ByteSource
 {
     Q_OBJECT
@@ -29,15 +27,15 @@ public:
     QByteArray name;
     // Length of the frame body that is awaited; 0 while the next thing to read is a length.
     int expectedSize = 0;
-    // The peer does not read, and frames for it are being dropped.
+    // The peer does not read: frames for it are dropped, and counted.
     bool stalled = false;
-    // Those frames so far.
     qint64 droppedFrames = 0;
     qint64 droppedBytes = 0;
 
-    // Judges the peer by what it takes: it is stalled after it has taken no byte for so long, while
-    // more than 16 MiB wait for it, or when more than 64 MiB wait, until 8 MiB are left.
-    void judge(std::chrono::milliseconds patience);
+    // Sets `stalled` when more than 64 MiB wait for the peer, or more than 16 MiB of which it has
+    // read nothing for the time `patience`. Clears it when 8 MiB or less are left.
+    void updateStalled(std::chrono::milliseconds patience);
+    // Writes to the socket's buffer without a flush.
     void enqueue(const QByteArray &frame);
 
     // Reads the next frame, as FrameReader::next() does; false while it is incomplete. Aborts the
@@ -57,14 +55,11 @@ private:
     qint64 readDirect(char *to, qint64 size) override;
 
     FrameReader frames{*this, expectedSize};
-    qint64 lastUnread = 0; // bytes that waited for the peer when it was looked at
-    QElapsedTimer sinceProgress; // of the peer
+    qint64 lastUnreadBytes = 0; // at the last check or write
+    QElapsedTimer sincePeerProgress;
 };
 
-// Listens under a bus name and hands out every accepted connection, open, by signal.
-//
-// Owner:   the connector.
-// Thread:  main thread.
+// Listens under a bus name and emits every accepted connection, open.
 class TMyLocalServer : public QLocalServer
 {
     Q_OBJECT
@@ -78,16 +73,15 @@ protected:
     void incomingConnection(quintptr socketDescriptor) override;
 };
 
-// A module's gateway to the local bus: brings its connections up, keeps them up, cuts what arrives
-// into frames and writes frames.
+// A module's gateway to the local bus: opens its connections, repairs them, dispatches the frames
+// that arrive and sends frames.
 //
 // Every 5 seconds one pass repairs what is down. At start-up the passes keep an order: all outgoing
 // connections, then the administration connection, then listening.
 //
-// Owner:   the plugin base.
-// Thread:  main thread. A pass blocks it for as long as a server makes it wait, 30 seconds each.
-// Errors:  never throws. They are logged and the next pass tries again; only the loss of an
-//          established administration connection ends the event loop, with exit status 5.
+// A pass blocks the main thread while a server lets it wait, 30 seconds for each. What fails is
+// logged and tried again by the next pass; only the loss of an established administration
+// connection ends the event loop, with exit status 5.
 class TConnector : public QObject
 {
     Q_OBJECT
@@ -100,19 +94,19 @@ public:
     // Adds a server to connect out to, unless it is on the list already.
     void addOutServerName(QString name);
 
-    // Each sends one data frame; receivers that are not connected miss it. The version must not
-    // be one of the kinds of BusFrame.
+    // Each sends one data frame to the receivers that are connected. The version must not be one of
+    // the kinds of BusFrame.
     void SetData(uchar version, QString targetName, QByteArray &data);
     void SetDataAll(uchar version, QByteArray &data);
     void SetOutDataAll(uchar version, QByteArray &data);
 
-    // Before the process ends: takes all that other modules have sent so far, and no more. Returns
-    // after some seconds at the latest.
+    // Reads what other modules have sent so far, then nothing more. Call it before the process
+    // ends. Returns after 5 seconds at the latest.
     void readToEnd();
-    // Whether frames of one read are being dispatched: ReadDone() follows.
+    // True while the frames of one read are dispatched: ReadDone() follows.
     [[nodiscard]] bool isReading() const { return readDepth > 0; }
 
-    // How long a peer may read nothing before frames for it are dropped.
+    // Sets how long a peer may read nothing before frames for it are dropped.
     void setPatience(std::chrono::milliseconds time) { patience = time; }
 
     // Sends a whole frame to the administration server at once; lost if it is not connected.
@@ -121,7 +115,8 @@ public:
     [[nodiscard]] const QList<TMyLocalSocket *> &incoming() const { return inConnections; }
     [[nodiscard]] const QList<TMyLocalSocket *> &outgoing() const { return outConnections; }
 
-    // Servers to connect out to that are not connected, and the administration server if it is not.
+    // The servers that are not connected. absentAdmin() is empty while the administration server
+    // is.
     [[nodiscard]] QStringList absentServers() const;
     [[nodiscard]] QString absentAdmin() const;
     [[nodiscard]] bool isListening() const;
@@ -133,10 +128,10 @@ Q_SIGNALS:
     void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void NewAction(QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection,
         TMyLocalSocket *socket);
-    // All frames that have arrived on a connection were dispatched.
+    // All frames that had arrived on a connection have been dispatched.
     void ReadDone();
     void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
-    // A repair pass has done what it could.
+    // A repair pass has ended, whatever it could repair.
     void passEnded();
 
 public Q_SLOTS:
@@ -152,19 +147,19 @@ public Q_SLOTS:
     void SlotNewData(TMyLocalSocket *socket);
 
 protected:
-    // One repair pass, whatever timer it comes from.
+    // Does one repair pass, whichever timer the event comes from.
     void timerEvent(QTimerEvent *event) override;
 
 private:
     void pass();
-    // True when all outgoing connections were up before the pass.
+    // Returns true if all outgoing connections were up before the pass.
     [[nodiscard]] bool repairOutConnections(const QByteArray &greeting);
     void reconnect(TMyLocalSocket *socket, const QByteArray &greeting);
     void startListening();
     void dispatch(BusFrame &frame, TMyLocalSocket *socket);
     void post(TMyLocalSocket *socket, const QByteArray &frame);
     void send(TMyLocalSocket *socket, const QByteArray &frame);
-    void judge(TMyLocalSocket *socket);
+    void checkStalled(TMyLocalSocket *socket);
     void logDropped(TMyLocalSocket *socket);
     [[nodiscard]] bool mustWait(const TMyLocalSocket *socket);
     void releaseSenders();
@@ -173,12 +168,12 @@ private:
     TMyLocalServer *server;
     QString serverName;
     bool watchArrow = false;
-    int readDepth = 0; // a slot may have another connection read
+    int readDepth = 0; // more than 1 when a slot of a receive loop runs another one
     QList<TMyLocalSocket *> inConnections;
     QList<TMyLocalSocket *> outConnections;
     std::chrono::milliseconds patience{5'000};
-    // Frames of the other connections wait until the administration server has read its backlog,
-    // which they would lengthen.
+    // The other connections are not read until the administration server has read its backlog,
+    // which their frames would make longer.
     bool holdsSenders = false;
     QTimer holdTimer;
 

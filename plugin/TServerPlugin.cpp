@@ -57,7 +57,7 @@ void TServerPlugin::loadLog(const QSettings &settings)
     if (name.isEmpty())
         name =
             TLog::getDirPathDefault(QFileInfo(QCoreApplication::applicationFilePath()).baseName());
-    // The log of an earlier load stays: somebody may still hold it.
+    // Logs of earlier loads are kept: other code may still point to one.
     static auto *const logs = new QList<TLog *>;
     pLog = logs->emplaceBack(new TLog(name));
     pLog->level = settingText(settings, BaseSettings::log).toInt();

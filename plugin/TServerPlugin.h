@@ -7,12 +7,9 @@
 class QSettings;
 class TConnector;
 
-// The base of every module of the family: its bus connector, its group "Base" of the settings file
-// and its way to the administration server.
-//
-// Owner:   the process entry.
-// Thread:  main thread.
-// Errors:  never throws; they go to the log. A missing settings file means defaults everywhere.
+// The base of every module of the family: owns the bus connector, reads the group "Base" of the
+// settings file and sends to the administration server. A missing settings file means defaults
+// everywhere.
 class TServerPlugin : public QObject
 {
     Q_OBJECT
@@ -23,19 +20,19 @@ public:
     // Called once, after the settings are loaded and before the event loop runs.
     virtual void Start();
 
-    // Reads the group "Base" of a settings file, makes the log and sets up the connector. An empty
-    // path means the default file. Always true.
+    // Reads the group "Base" of a settings file, creates the log and sets up the connector. An
+    // empty path means the default file. Always returns true.
     bool LoadSettings(QString path);
 
-    // The settings that hold all known keys with their defaults, made at the first call. They and
-    // their file go with this object.
+    // Returns the settings that hold all known keys with their defaults; creates them at the first
+    // call. The destructor removes them and their file.
     QSettings *prepareTemplateSettings();
 
-    // Opens a database as a group of the settings says; false after logging why it failed.
+    // Opens the database that a group of the settings describes. Logs why if it returns false.
     bool openDataBaseBySettings(
         QString &connectionName, QSettings &settings, const QString &group, QString databaseName);
 
-    // Send to the administration server; lost while it is not connected.
+    // Send to the administration server. While it is not connected, nothing is sent or kept.
     void SetAction(
         QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection);
     void SendBusMessage(const QByteArray &iface, const QByteArray &data, int idConnect);
