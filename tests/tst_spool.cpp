@@ -193,7 +193,7 @@ void TestSpool::leftoverThatStaysKeepsNoLock()
 {
     const Spool spool;
     spool.place.makeFolder(u"spool/.incoming-x"_s);
-    SpoolLock lock(spool.folder, spool.say);
+    SpoolLock lock(spool.folder, spool.report);
     QVERIFY(!spool.directory.removeLeftovers(lock));
     QVERIFY(!QFile::exists(spool.lockPath));
 }
