@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -224,6 +225,17 @@ void readBytes(int socket, size_t count)
 }
 
 // --- folders and programs ---
+
+void writeNoise(const std::string &path, size_t bytes)
+{
+    std::vector<char> noise(bytes);
+    std::mt19937 random(1);
+    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+    std::FILE *file = std::fopen(path.c_str(), "w");
+    if (!file || std::fwrite(noise.data(), 1, noise.size(), file) != noise.size())
+        fail("cannot write " + path);
+    std::fclose(file);
+}
 
 RamFolder::RamFolder()
 {

@@ -93,6 +93,9 @@ void writeAll(int socket, const char *bytes, size_t size);
 // Reads so many bytes and forgets them.
 void readBytes(int socket, size_t count);
 
+// Makes a file of so many bytes that cannot be compressed.
+void writeNoise(const std::string &path, size_t bytes);
+
 // A folder on the RAM disk that goes with the object.
 class RamFolder
 {

@@ -35,6 +35,7 @@ Socket boundUdp(int &port)
 
 Relay::Relay(const PathSettings &settings)
     : path(settings)
+    , random(settings.seed)
 {
 }
 

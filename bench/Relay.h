@@ -19,6 +19,7 @@ struct PathSettings
     double delay = 0.025; // seconds
     double bitsPerSecond = 0; // of the bottleneck, counting the datagrams' bytes; 0 for none
     double queue = 0.1; // seconds that a datagram waits there at most; a longer queue overflows
+    unsigned seed = 1; // of what is lost
 };
 
 // A path between ports of the loopback address, on a thread of its own. All transfers of one
@@ -71,7 +72,7 @@ private:
     const PathSettings path;
     std::vector<std::unique_ptr<Road>> roads;
     Link links[2];
-    std::mt19937 random{1};
+    std::mt19937 random;
     std::uniform_real_distribution<double> share{0, 1};
     std::atomic<bool> isStopping = false;
     std::thread thread;

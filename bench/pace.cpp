@@ -13,18 +13,9 @@
 namespace {
 
 constexpr double settle = 1; // second after which the bottleneck is to be used
+constexpr double apart =
+    0.25; // seconds by which the second transfer starts later, in each run more
 constexpr size_t fixedBytes = 600'000; // three seconds at a Timeout of 1
-
-void writeNoise(const std::string &path, size_t bytes)
-{
-    std::vector<char> noise(bytes);
-    std::mt19937 random(1);
-    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
-    std::FILE *file = std::fopen(path.c_str(), "w");
-    if (!file || std::fwrite(noise.data(), 1, noise.size(), file) != noise.size())
-        fail("cannot write " + path);
-    std::fclose(file);
-}
 
 int freePort()
 {
@@ -86,18 +77,30 @@ double waitForFirst(const Relay &relay, size_t road)
     return seconds();
 }
 
-// Bytes of a file of 1 MB that arrive in a second, counted from its first packet.
+// A file under way through a path of its own.
+struct Crossing
+{
+    Crossing(const PathSettings &path, int timeout, size_t bytes)
+        : relay(path)
+        , pair(&relay, timeout)
+    {
+        relay.start();
+        pair.put(bytes);
+        pair.start();
+        begin = waitForFirst(relay, 0);
+    }
+    Relay relay;
+    Pair pair;
+    double begin; // when the first packet left
+};
+
+// Bytes of the file that arrive in a second, counted from its first packet.
 double goodput(const PathSettings &path, int timeout, size_t bytes)
 {
-    Relay relay(path);
-    Pair pair(&relay, timeout);
-    relay.start();
-    pair.put(bytes);
-    pair.start();
-    const double begin = waitForFirst(relay, 0);
-    while (!pair.hasArrived())
+    const Crossing crossing(path, timeout, bytes);
+    while (!crossing.pair.hasArrived())
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-    return double(bytes) / (seconds() - begin);
+    return double(bytes) / (seconds() - crossing.begin);
 }
 
 void measureLoss(const Options &options)
@@ -116,8 +119,10 @@ void measureLoss(const Options &options)
         Figure figure("UDP, 1 MB, 25 ms and " + std::to_string(int(row.loss * 100))
                 + " % lost each way: Timeout 0 to 1",
             "bytes/s", goal);
-        for (int run = 0; run < options.runs(); ++run)
+        for (int run = 0; run < options.runs(); ++run) {
+            path.seed = unsigned(run) + 1;
             figure.add(goodput(path, 0, bytes), goodput(path, 1, bytes));
+        }
         figure.print();
     }
 }
@@ -132,15 +137,11 @@ Use useOf(double megabits, int timeout, size_t bytes)
 {
     PathSettings path;
     path.bitsPerSecond = megabits * 1e6;
-    Relay relay(path);
-    Pair pair(&relay, timeout);
-    relay.start();
-    pair.put(bytes);
-    pair.start();
-    const double begin = waitForFirst(relay, 0);
+    const Crossing crossing(path, timeout, bytes);
+    const Relay &relay = crossing.relay;
     std::this_thread::sleep_for(std::chrono::duration<double>(settle));
     const double before = relay.bytes(0), from = seconds();
-    while (!pair.hasArrived() && seconds() < begin + 30)
+    while (!crossing.pair.hasArrived() && seconds() < crossing.begin + 30)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return {(relay.bytes(0) - before) * 8 / (seconds() - from) / path.bitsPerSecond,
         relay.overflowShare(Relay::Forth)};
@@ -186,11 +187,12 @@ void measureSharing(const Options &options)
             Relay relay(path);
             Pair one(&relay, 0), two(&relay, 0);
             relay.start();
-            for (Pair *pair : {&one, &two}) {
-                pair->put(bytesFor(options, megabits));
-                pair->start();
-            }
+            one.put(bytesFor(options, megabits));
+            two.put(bytesFor(options, megabits));
+            one.start();
             waitForFirst(relay, 0);
+            std::this_thread::sleep_for(std::chrono::duration<double>(apart * run));
+            two.start();
             waitForFirst(relay, 2);
             std::this_thread::sleep_for(std::chrono::duration<double>(settle));
             const double first = relay.bytes(0), second = relay.bytes(2), from = seconds();

@@ -30,17 +30,11 @@ constexpr int never =
     86'400'000; // milliseconds; an engine with that interval never ticks by itself
 
 // A file of noise, which makes so many data packets: deflate stores it in blocks.
-void writeNoise(const std::string &path, int packets)
+void writePackets(const std::string &path, int packets)
 {
     constexpr int blockBytes = 16'383; // of deflate at its least; each costs 5 bytes
     const int bytes = packets * payloadBytes - 6 - 5 * (packets * payloadBytes / blockBytes + 2);
-    std::vector<char> noise(size_t(std::max(bytes, 1)));
-    std::mt19937 random(1);
-    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
-    std::FILE *file = std::fopen(path.c_str(), "w");
-    if (!file || std::fwrite(noise.data(), 1, noise.size(), file) != noise.size())
-        fail("cannot write " + path);
-    std::fclose(file);
+    writeNoise(path, size_t(std::max(bytes, 1)));
 }
 
 // --- two engines back to back ---
@@ -108,7 +102,7 @@ int leastTicks(int packets)
 void measureCleanPath(const Options &options, const RamFolder &folder)
 {
     for (const int wanted : {1, 100, options.amount(65'400, 1'000)}) {
-        writeNoise(folder.path("clean"), wanted);
+        writePackets(folder.path("clean"), wanted);
         Link link(folder, 0, 1);
         link.open(folder.path("clean"));
         const int ticks = link.ticksToTheEnd();
@@ -143,8 +137,8 @@ double tickCost(const RamFolder &folder, const std::string &file, int leastTotal
 
 void measureTickCost(const Options &options, const RamFolder &folder)
 {
-    writeNoise(folder.path("few"), 100);
-    writeNoise(folder.path("many"), options.amount(65'400, 1'000));
+    writePackets(folder.path("few"), 100);
+    writePackets(folder.path("many"), options.amount(65'400, 1'000));
     const int total = options.amount(80'000, 1'000);
     Figure figure("UDP processor time a tick, 65,400 packets to 100", "us", "<= 1.5");
     for (int run = 0; run < options.runs(); ++run) {
@@ -248,7 +242,7 @@ private:
 
 void measureLoss(const Options &options, const RamFolder &folder)
 {
-    writeNoise(folder.path("lossy"), options.amount(2'000, 200));
+    writePackets(folder.path("lossy"), options.amount(2'000, 200));
     for (const int percentage : {10, 33, 50}) {
         const double loss = percentage / 100.0;
         const std::string share = std::to_string(percentage) + " % lost each way";
@@ -338,7 +332,7 @@ void measurePace(const Options &options)
 {
     const RamFolder folder;
     folder.makeFolder("spool");
-    writeNoise(folder.path("spool/file"), 60'000);
+    writePackets(folder.path("spool/file"), 60'000);
     PeerOfModule peer(folder);
     int localPort = 0;
     boundUdp(localPort); // closed again: free for the module
