@@ -69,6 +69,8 @@ private Q_SLOTS:
     void unwritableFileIsTriedUntilTheNextBegins();
     void forgetfulPeerIsToldFromASlowOne_data();
     void forgetfulPeerIsToldFromASlowOne();
+    void forgetfulPeerIsToldAtASlowPace_data();
+    void forgetfulPeerIsToldAtASlowPace();
     void ticksGiveTheseBytes();
     void waitsForQuietTicksAndEndsWhenStopped();
     void idsRunTo127AndGoOnWith0();
@@ -248,6 +250,39 @@ void tst_engine::forgetfulPeerIsToldFromASlowOne()
             hears(data(quint16(number.digitValue()), "0123"), second);
     }
     QCOMPARE(second - 1, taken + patience + 1); // longer than that
+}
+
+void tst_engine::forgetfulPeerIsToldAtASlowPace_data()
+{
+    QTest::addColumn<int>("answered"); // one request of so many
+    QTest::addColumn<int>("patience"); // seconds
+    QTest::newRow("all answered") << 1 << 25;
+    QTest::newRow("many lost") << 4 << 85;
+}
+
+// At a tick a second: a request, of two datagrams, every five seconds.
+void tst_engine::forgetfulPeerIsToldAtASlowPace()
+{
+    QFETCH(int, answered);
+    QFETCH(int, patience);
+    AnswerWatch watch;
+    AnswerWatch::Clock::time_point now{std::chrono::hours(1)};
+    const auto isInVain = [&] {
+        now += std::chrono::seconds(5);
+        const bool isFirst = watch.isInVain(41, now);
+        return watch.isInVain(41, now) || isFirst;
+    };
+    for (int request = 1; request <= 100; ++request) {
+        QVERIFY(!isInVain());
+        if (request % answered == 0)
+            watch.received(*Packet::read(acknowledgement(41, {0})), now);
+    }
+    int waited = 5;
+    for (; !isInVain() && waited < 1'000; waited += 5) {
+        for (const quint16 number : {quint16(0), quint16(1)})
+            watch.received(*Packet::read(data(number, "0123")), now + std::chrono::seconds(4));
+    }
+    QCOMPARE(waited, patience);
 }
 
 void tst_engine::ticksGiveTheseBytes()

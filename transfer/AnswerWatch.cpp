@@ -7,6 +7,7 @@ bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
     if (requestId != id) {
         id = requestId;
         isAnnounced = false;
+        longestUnanswered = answers = 0;
     }
     if (!isAnnounced)
         return false;
@@ -16,10 +17,19 @@ bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
         isAlive ? std::min<std::chrono::milliseconds>(patience, patienceIfAlive) : patience;
     const Clock::duration limit =
         isHeard ? least : std::max<Clock::duration>(least, lastAnswer - firstAnswer);
-    if (unanswered <= (isAlive ? maxUnansweredIfAlive : maxUnanswered) || now - lastAnswer <= limit)
+    if (unanswered <= (isAlive ? mostUnansweredIfAlive() : maxUnanswered)
+        || now - lastAnswer <= limit)
         return false;
     isAnnounced = false;
     return true;
+}
+
+int AnswerWatch::mostUnansweredIfAlive() const
+{
+    if (answers < enoughAnswers)
+        return maxUnansweredIfAlive;
+    return std::clamp(
+        timesTheLongest * longestUnanswered, leastUnansweredIfAlive, maxUnansweredIfAlive);
 }
 
 void AnswerWatch::received(const Packet &packet, Clock::time_point now)
@@ -38,6 +48,8 @@ void AnswerWatch::answered(Clock::time_point now)
         firstAnswer = now;
     isAnnounced = true;
     isHeard = false;
+    answers += unanswered > 0;
+    longestUnanswered = std::max(longestUnanswered, unanswered);
     unanswered = 0;
     lastAnswer = now;
 }
@@ -49,6 +61,7 @@ void AnswerWatch::noteAlive(const Packet &packet, Clock::time_point now)
         return;
     const bool wasAnnouncing = std::exchange(isPeerAnnouncing, packet.number == 0);
     // The answer that it has got may be older than what has come between us since.
-    if (wasAnnouncing && !isPeerAnnouncing && unanswered > maxUnansweredIfAlive / 2)
+    const bool isRecent = unanswered <= maxUnansweredIfAlive / 2 && now - lastAnswer <= longestTrip;
+    if (wasAnnouncing && !isPeerAnnouncing && !isRecent)
         isHeard = true;
 }

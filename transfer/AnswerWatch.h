@@ -22,6 +22,14 @@ public:
     // The same while packets of the peer itself keep coming.
     static constexpr std::chrono::seconds patienceIfAlive{5};
     static constexpr int maxUnansweredIfAlive = 40;
+    // Fewer datagrams are enough where answers have never failed to come for long: a multiple of
+    // the longest row so far, once there have been enough of them to tell. Where a tick takes a
+    // second, 40 datagrams take more than a minute and a half.
+    static constexpr int leastUnansweredIfAlive = 8;
+    static constexpr int timesTheLongest = 4;
+    static constexpr int enoughAnswers = 20;
+    // After that an answer of ours that the peer shows to have got is not one from before.
+    static constexpr std::chrono::seconds longestTrip{2};
 
     // For every request sent. True once when the peer has acknowledged something of this file, but
     // nothing for too long. The time is also at least as long as the file took until the last
@@ -32,12 +40,15 @@ public:
     void received(const Packet &packet, Clock::time_point now = Clock::now());
 
 private:
+    [[nodiscard]] int mostUnansweredIfAlive() const;
     void answered(Clock::time_point now);
     void noteAlive(const Packet &packet, Clock::time_point now);
 
     char id = -1; // of the last request
     bool isAnnounced = false; // something of this file was acknowledged
     int unanswered = 0;
+    int longestUnanswered = 0; // that an answer has ended
+    int answers = 0; // that came after something unanswered
     Clock::time_point firstAnswer;
     Clock::time_point lastAnswer;
 
