@@ -28,7 +28,8 @@ sent that the peer has not acknowledged yet, and the lock of a writer.
 
 In UDP mode it also compresses the files, as the module does, to tell the packets and the
 time that they take at the "Timeout" of the settings. Beyond 100 MB in one look the rest
-counts uncompressed, and the figures are upper bounds.
+counts uncompressed, and the figures are upper bounds. At a "Timeout" of 0 the time depends
+on the link: none is shown, and "seconds" is null with --json.
 
 Where the settings name a status file, its counters follow as the module has written them
 last, within ten seconds.
