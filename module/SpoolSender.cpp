@@ -93,6 +93,7 @@ void SpoolSender::linkStateChanged()
         return;
     dropListing();
     work.stop();
+    lookTimer.stop();
     onItsWay.linkDown();
 }
 
@@ -134,25 +135,22 @@ void SpoolSender::sendKeepAlive()
 // What the peer's program acknowledges comes by itself.
 void SpoolSender::lookSoon()
 {
-    const auto first = times.acknowledgement ? longestLook : firstLook;
-    if (!onItsWay.isEmpty() && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > first))
-        lookTimer.start(first);
+    lookWithin(times.acknowledgement ? longestLook : firstLook);
+}
+
+void SpoolSender::lookWithin(std::chrono::milliseconds time)
+{
+    if (!onItsWay.isEmpty() && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > time))
+        lookTimer.start(time);
 }
 
 void SpoolSender::lookNow()
 {
-    const OnItsWay::Fault fault = onItsWay.checkTime();
+    const bool hasFreed = onItsWay.look();
+    const OnItsWay::Fault fault = hasFreed ? OnItsWay::Fault::None : onItsWay.checkTime();
     if (fault != OnItsWay::Fault::None)
         return endLink(fault);
-    freeAcknowledged();
-}
-
-void SpoolSender::freeAcknowledged()
-{
-    const bool hasFreed = onItsWay.look();
-    if (onItsWay.isEmpty())
-        lookTimer.stop();
-    else
+    if (!onItsWay.isEmpty())
         lookTimer.start(nextLook(hasFreed));
     if (hasFreed && !listed.isEmpty() && !work.isActive())
         work.start(0ms); // a file may have waited for one of its name, or for room
@@ -191,7 +189,7 @@ void SpoolSender::readFromPeer()
     const OnItsWay::Fault fault = onItsWay.acknowledge(link.readAll());
     if (fault != OnItsWay::Fault::None)
         return endLink(fault);
-    freeAcknowledged();
+    lookWithin(firstLook); // not for each of many numbers
 }
 
 void SpoolSender::endLink(OnItsWay::Fault fault)

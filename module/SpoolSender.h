@@ -86,8 +86,8 @@ private:
     void resendJournal();
 
     void lookSoon();
+    void lookWithin(std::chrono::milliseconds time);
     void lookNow();
-    void freeAcknowledged();
     [[nodiscard]] std::chrono::milliseconds nextLook(bool hasFreed) const;
     void readFromPeer();
     void endLink(OnItsWay::Fault fault);
