@@ -40,7 +40,7 @@ QSqlError openDataBaseBySettings(
             return {};
         error = database.lastError();
     }
-    // Only after the last copy of the connection object is gone may the connection be removed.
+    // A connection may be removed only after the last copy of its object is gone.
     QSqlDatabase::removeDatabase(connection);
     return error;
 }

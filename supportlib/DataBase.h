@@ -5,13 +5,12 @@
 
 class QSettings;
 
-// Opens a database as a group of the settings says, and registers it with Qt's SQL module under
-// the given connection name (an empty name is the default connection). An open connection of that
-// name is replaced.
+// Opens the database that a group of the settings describes, and registers it with Qt's SQL module
+// as `connectionName` (if empty, as the default connection). Replaces a connection of that name.
 //
-// Keys of the group: "Driver" (default "QSQLITE"), "Host", "Port", "Name" (default: the
-// databaseName that is passed here), "User" and "Password".
+// Keys of the group: "Driver" (default "QSQLITE"), "Host", "Port", "Name" (default: the argument
+// databaseName), "User" and "Password".
 //
-// The result is a valid error when the database could not be opened; no connection is left then.
+// Returns a valid error if the database cannot be opened, and leaves no connection then.
 [[nodiscard]] QSqlError openDataBaseBySettings(
     QString &connectionName, QSettings &settings, const QString &group, QString databaseName);

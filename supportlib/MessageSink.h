@@ -4,6 +4,6 @@
 
 #include <functional>
 
-// Receives the messages for the operator from code that may not call TLog, which is main-thread only.
-// It may be called on whatever thread that code runs on.
+// Receives the messages for the operator from code that may not call TLog, which is main-thread
+// only. It may be called on whatever thread that code runs on.
 using MessageSink = std::function<void(const QString &text)>;

@@ -8,10 +8,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int keepEnvironment = 0; // later messages need it too
+constexpr int keepEnvironment = 0; // later messages need its variables
 constexpr auto leastInterval = 1s; // between two signs of life
 constexpr char signOfLife[] = "WATCHDOG=1";
-// A start that takes long, but goes on, gets this much longer.
+// Asks for 90 seconds more for a start that takes long.
 constexpr char signOfStart[] = "EXTEND_TIMEOUT_USEC=90000000";
 
 bool isReady = false;

@@ -4,26 +4,25 @@
 
 #include <chrono>
 
-// What a service manager that has started this process wants to hear of it. Without one nothing
-// happens.
+// Messages to the service manager that has started this process; without one, these do nothing. A
+// message that cannot be sent is dropped: the manager notices by itself.
 //
-// Thread:  main thread only: what is alive there is what counts.
-// Errors:  ignored. A manager that cannot be told will notice by itself.
+// Call them on the main thread only, because the sign of life must prove that this thread runs.
 namespace ServiceManager {
 
 [[nodiscard]] bool isThere();
 
-// The process does what it was started for.
+// The process is ready for work.
 void sayReady();
-// The end has begun.
+// The process has begun to stop.
 void sayStopping();
-// One line for a person who looks at the service.
+// Shows one line to a person who looks at the service.
 void showStatus(const QString &line);
 
-// The process goes on. The event loop says it by a timer; a wait that holds the event loop up and
-// has an end of its own says it too. Costs next to nothing when it comes more than once a second.
+// Sends a sign of life, at most one a second, so it may be called often. A timer of the event loop
+// calls it, and so does each bounded wait that blocks the event loop.
 void sayAlive();
-// How long the manager waits for that before it ends the process; 0: for ever.
+// Returns the time without a sign of life after which the manager kills the process; 0 means never.
 [[nodiscard]] std::chrono::milliseconds watchdogTime();
 
 } // namespace ServiceManager

@@ -30,7 +30,7 @@ QString settingsFile()
     return QDir(QStandardPaths::writableLocation(QStandardPaths::ConfigLocation)).filePath(name);
 }
 
-// Without XDG_RUNTIME_DIR Qt would make up a runtime folder and complain on standard error.
+// Does not ask Qt if XDG_RUNTIME_DIR is not set: Qt would make a folder up and print a warning.
 QString runtimeFolder()
 {
     if (qEnvironmentVariableIsEmpty("XDG_RUNTIME_DIR"))
@@ -39,7 +39,7 @@ QString runtimeFolder()
     return QFileInfo(folder).isWritable() ? folder : QDir::tempPath();
 }
 
-// A module normally ends without removing its template, so every start removes those of the dead.
+// A module normally ends without removing its template, so every start does it for ended processes.
 void removeTemplatesOfEndedProcesses(QDir folder, const QString &prefix, const QString &suffix)
 {
     const QStringList names = folder.entryList({prefix + u'*' + suffix}, QDir::Files);

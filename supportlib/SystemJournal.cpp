@@ -1,6 +1,6 @@
 #include "SystemJournal.h"
 
-#define SD_JOURNAL_SUPPRESS_LOCATION // this file is nowhere that anybody wants to look
+#define SD_JOURNAL_SUPPRESS_LOCATION // this file would stand in every entry as its origin
 #include <systemd/sd-journal.h>
 
 #include <sys/uio.h>

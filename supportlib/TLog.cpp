@@ -115,7 +115,7 @@ void TLog::JournalOnly(const QString &text, Priority priority)
 
 bool TLog::isJournal() const
 {
-    return path == journalName; // the path of a file is absolute
+    return path == journalName; // a file's path is absolute
 }
 
 void TLog::SetCommonFields(const Fields &fields)
@@ -146,19 +146,20 @@ void TLog::write(const QString &text)
     if (!isStillInPlace())
         closeFile();
     if (descriptor < 0 && !openFile())
-        return complainOnce("open");
+        return warnOnce("open");
 
-    // One write in append mode: entries of several processes do not mix, and a kill loses none.
+    // One write in append mode, so that entries of several processes do not mix and a kill loses
+    // none.
     const QByteArray line = (timeStamp() + u' ' + text + u'\n').toUtf8();
     if (::write(descriptor, line.constData(), size_t(line.size())) != line.size())
-        return complainOnce("write");
-    complained = false;
+        return warnOnce("write");
+    hasWarned = false;
 }
 
 void TLog::Reopen()
 {
     closeFile();
-    complained = false;
+    hasWarned = false;
 }
 
 bool TLog::openFile()
@@ -168,7 +169,7 @@ bool TLog::openFile()
     return descriptor >= 0;
 }
 
-// False once the file was renamed or removed, as log rotation does.
+// Returns false once log rotation has renamed or removed the file.
 bool TLog::isStillInPlace() const
 {
     struct stat opened, named;
@@ -184,10 +185,10 @@ void TLog::closeFile()
     descriptor = -1;
 }
 
-void TLog::complainOnce(const char *action)
+void TLog::warnOnce(const char *action)
 {
-    if (!complained)
+    if (!hasWarned)
         std::fprintf(stderr, "Cannot %s the log file \"%s\": %s\n", action,
             QFile::encodeName(path).constData(), std::strerror(errno));
-    complained = true;
+    hasWarned = true;
 }

@@ -2,5 +2,5 @@
 
 #include <QString>
 
-// The version of this library, one line.
+// Returns the version of this library, on one line.
 [[nodiscard]] QString getHarnixVersion();
