@@ -68,6 +68,7 @@ void assign(QByteArray &field, QByteArrayView bytes)
 {
     if (field.size() != bytes.size())
         field.resize(bytes.size());
+    Q_ASSERT(field.size() == bytes.size());
     if (!bytes.isEmpty())
         std::copy(bytes.begin(), bytes.end(), field.data());
 }
@@ -123,5 +124,6 @@ QByteArray BusFrame::makeBusMessage(const QByteArray &iface, const QByteArray &d
 
 QByteArray BusFrame::makeData(uchar version, const QByteArray &data)
 {
+    Q_ASSERT(!isControlKind(version));
     return frame(version, data);
 }

@@ -1,5 +1,7 @@
 #include "StopSignals.h"
 
+#include "MainThread.h"
+
 #include <QCoreApplication>
 #include <QSocketNotifier>
 
@@ -16,6 +18,7 @@ int endingSignal = 0;
 void onSignals(
     std::initializer_list<int> signals, QObject *context, std::function<void(int signal)> handler)
 {
+    Q_ASSERT(isMainThread());
     sigset_t set;
     sigemptyset(&set);
     for (const int signal : signals)

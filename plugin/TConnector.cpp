@@ -6,6 +6,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QThread>
 
 #include <chrono>
 #include <sys/socket.h>
@@ -172,6 +173,7 @@ void TConnector::addOutServerName(QString name)
 
 void TConnector::timerEvent(QTimerEvent *)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     pass();
     Q_EMIT passEnded();
 }
@@ -337,6 +339,7 @@ void TConnector::connectionInError(QLocalSocket::LocalSocketError)
 void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
     // A slot that receives a frame may abort the socket, which loses the frames behind it.
+    Q_ASSERT(thread() == QThread::currentThread());
     BusFrame frame; // one for the whole loop, so that small frames share its memory
     ++readDepth;
     while (socket->isOpen() && !mustWait(socket) && socket->takeFrame(frame))
@@ -465,6 +468,7 @@ void TConnector::sendToAdmin(const QByteArray &frame)
 // reading: memory must not grow with the peer's backlog.
 void TConnector::post(TMyLocalSocket *socket, const QByteArray &frame)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (!socket->isOpen())
         return;
     checkStalled(socket);

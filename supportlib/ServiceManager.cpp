@@ -1,5 +1,7 @@
 #include "ServiceManager.h"
 
+#include "MainThread.h"
+
 #include <QByteArray>
 
 #include <systemd/sd-daemon.h>
@@ -18,6 +20,7 @@ bool isReady = false;
 
 void tell(const char *message)
 {
+    Q_ASSERT(isMainThread());
     std::ignore = ::sd_notify(keepEnvironment, message);
 }
 
@@ -46,6 +49,7 @@ void ServiceManager::showStatus(const QString &line)
 
 void ServiceManager::sayAlive()
 {
+    Q_ASSERT(isMainThread());
     using Clock = std::chrono::steady_clock;
     static Clock::time_point last;
     const Clock::time_point now = Clock::now();

@@ -1,5 +1,6 @@
 #include "TLog.h"
 
+#include "MainThread.h"
 #include "SystemJournal.h"
 
 #include <QDateTime>
@@ -96,6 +97,7 @@ void TLog::Message(QString text)
 
 void TLog::Message(QString text, Priority priority, const Fields &fields)
 {
+    Q_ASSERT(isMainThread());
     if (observer && priority <= Priority::Warning)
         observer(onOneLine(text));
     if (!enabled)
@@ -158,6 +160,7 @@ void TLog::write(const QString &text)
 
 void TLog::Reopen()
 {
+    Q_ASSERT(isMainThread());
     closeFile();
     hasWarned = false;
 }

@@ -13,12 +13,8 @@
 class TLog
 {
 public:
-    enum class Priority {
-        Error = 3,
-        Warning = 4,
-        Notice = 5,
-        Information = 6
-    }; // as syslog has them
+    // The numbers of syslog.
+    enum class Priority { Error = 3, Warning = 4, Notice = 5, Information = 6 };
     using Fields = QHash<QByteArray, QString>; // of the journal, names in capitals
     using Observer = std::function<void(const QString &text)>;
 
