@@ -247,7 +247,7 @@ tryUpgrade() {
 
 # What bears the name of the packages, but for the trial's own.
 leftovers() {
-    find / -xdev \( -path /proc -o -path /project -o -path /debs -o -path /newer -o -path "$state" \
+    find / -xdev \( -path /proc -o -path /project -o -path /debs -o -path /newer -o -path "${state%/*}/*" \
         -o -path /var/cache/apt \) -prune -o \( -iname '*morvane*' -o -iname '*harnix*' \) -print
 }
 
