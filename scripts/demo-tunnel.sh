@@ -48,7 +48,7 @@ makeCertificates() {
 # runs as this user.
 adaptTunnel() {
     sed -e "s|/etc/stunnel/morvane/|$work/tls/|; /^set[ug]id/d" \
-        -e "s|192\.0\.2\.7:7443|127.0.0.1:${ports[outside]}|; s|accept = 7443|accept = 127.0.0.1:${ports[outside]}|" \
+        -e "s|192\.0\.2\.7:7443|127.0.0.1:${ports[outside]}|; s|0\.0\.0\.0:7443|127.0.0.1:${ports[outside]}|" \
         -e "s|connect = 127\.0\.0\.1:7071|connect = 127.0.0.1:${ports[receiver]}|" \
         -e "s|accept = 127\.0\.0\.1:7071|accept = 127.0.0.1:${ports[module]}|" \
         "$examples/stunnel-$1.conf" >"$work/$1.conf"

@@ -1,4 +1,4 @@
-#include "BusEnds.h"
+#include "BusFeeder.h"
 #include "KeptRecords.h"
 #include "ModuleProcess.h"
 #include "Oracle.h"
@@ -120,16 +120,6 @@ struct UdpEnd
     const quint16 port = freeUdpPort();
     ModuleProcess process;
     Oracle oracle{udpRecordBytes}; // of what it sends
-};
-
-// Hands records to a process over its bus.
-struct BusFeeder : BusClient
-{
-    using BusClient::BusClient;
-    void record(const char *kind, const QString &name, const QByteArray &payload)
-    {
-        write(BusFrame::makeData(1, DataRecord{kind, name, payload}.write()));
-    }
 };
 
 } // namespace

@@ -1,3 +1,6 @@
+#include "BusFeeder.h"
+#include "KeptRecords.h"
+#include "ModuleProcess.h"
 #include "Oracle.h"
 #include "Record.h"
 #include "SmallDisk.h"
@@ -5,9 +8,11 @@
 #include "Workplace.h"
 
 #include <QCryptographicHash>
+#include <QNetworkProxy>
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSet>
+#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -17,14 +22,62 @@ namespace {
 
 constexpr qint64 mostUnwritten = 262'144; // bytes in the socket of a sender
 
-void connectTo(Tool &receiver, QTcpSocket &socket)
+quint16 portOf(Tool &receiver)
 {
     static const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(receiver.says("\n"), patience);
-    const QString port = line.match(QString::fromUtf8(receiver.said)).captured(1);
-    socket.connectToHost(QHostAddress::LocalHost, port.toUShort());
+    if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, patience))
+        qFatal("nobody listens");
+    return line.match(QString::fromUtf8(receiver.said)).captured(1).toUShort();
+}
+
+void connectTo(Tool &receiver, QTcpSocket &socket)
+{
+    socket.connectToHost(QHostAddress::LocalHost, portOf(receiver));
     QVERIFY(socket.waitForConnected(patience));
 }
+
+// Takes connections in a receiver's place and holds what it has not carried on yet.
+class Tunnel : public QTcpServer
+{
+public:
+    Tunnel()
+    {
+        setProxy(QNetworkProxy::NoProxy);
+        connect(this, &QTcpServer::newConnection, this, [this] { join(nextPendingConnection()); });
+        if (!listen(QHostAddress::LocalHost))
+            qFatal("cannot listen");
+    }
+    [[nodiscard]] bool isUp() const
+    {
+        return inner && inner->state() == QTcpSocket::ConnectedState;
+    }
+    // What it holds is gone.
+    void kill()
+    {
+        for (QTcpSocket *socket : findChildren<QTcpSocket *>())
+            socket->abort();
+    }
+
+    quint16 target = 0;
+
+private:
+    void join(QTcpSocket *outer)
+    {
+        inner = new QTcpSocket(this);
+        inner->setProxy(QNetworkProxy::NoProxy);
+        carry(outer, inner);
+        carry(inner, outer);
+        inner->connectToHost(QHostAddress::LocalHost, target);
+    }
+    static void carry(QTcpSocket *from, QTcpSocket *to)
+    {
+        connect(from, &QIODevice::readyRead, to, [=] { to->write(from->readAll()); });
+        connect(from, &QAbstractSocket::disconnected, to, &QAbstractSocket::abort);
+        connect(from, &QAbstractSocket::errorOccurred, to, &QAbstractSocket::abort);
+    }
+
+    QTcpSocket *inner = nullptr; // of the newest connection
+};
 
 // Does what a module does that waits for acknowledgements: it sends record by record, keep-alives
 // between them, and forgets none before its number has come.
@@ -141,6 +194,7 @@ private Q_SLOTS:
     void indexIsMendedAndContinued();
     void hasWhatItAcknowledged_data();
     void hasWhatItAcknowledged();
+    void nothingIsLostBetweenBusAndDisk();
 
 private:
     QRandomGenerator random{7};
@@ -185,8 +239,8 @@ void TestReceiver::indexIsMendedAndContinued()
 {
     const Workplace place;
     place.makeFolder(u"in"_s);
-    const QByteArray before = "# after 4: number, link, bytes, BLAKE2b-256, file\n000005 3 1 "
-        + digestOf("5") + " 000005\n";
+    const QByteArray before = "# after 3: number, link, bytes, BLAKE2b-256, file\n000004 3 1 "
+        + digestOf("4") + " 000004\n000005 0 1 " + digestOf("5") + " 000005\n";
     place.writeFile(
         u"in/.index"_s, before + "000006 3 1 " + digestOf("6").chopped(1) + "\n000007 3");
     place.writeFile(u"in/.batch-0"_s, "7");
@@ -261,6 +315,45 @@ void TestReceiver::hasWhatItAcknowledged()
     const QByteArrayList kept = keptIn(place);
     QCOMPARE(oracle.missing(kept, oracle.count()), QList<int>());
     QCOMPARE(judgeIndex(place, kept.size() - oracle.count()), QString());
+}
+
+// A module under load, a tunnel, the receiver and its disk: in turn one of the latter three fails.
+void TestReceiver::nothingIsLostBetweenBusAndDisk()
+{
+    const Workplace place;
+    const SmallDisk disk(place.makeFolder(u"in"_s));
+    const bool hasDisk = disk.make(u"100M"_s);
+    Tunnel tunnel;
+    ModuleProcess module;
+    module.startWith({u"-settings"_s,
+        module.writeSettings(u"m.ini"_s, "AdminServerName=\n",
+            "Acknowledgements=1\nPort=" + QByteArray::number(tunnel.serverPort()) + '\n')});
+    QTRY_VERIFY_WITH_TIMEOUT(module.isListening(), patience);
+    BusFeeder feeder(module.place.path(u"me"_s));
+    Oracle oracle(300);
+    std::optional<Tool> tool;
+    for (int round = 0; round <= 6; ++round) { // the receiver outlives the last one
+        if (!tool)
+            tunnel.target = portOf(tool.emplace(u"receive 0 --dir in --acknowledge --quiet"_s));
+        oracle.put(feeder, 1'000);
+        QTRY_VERIFY_WITH_TIMEOUT(tunnel.isUp(), patience);
+        QTest::qWait(int(random.bounded(60)));
+        if (round % 3 == 0)
+            tunnel.kill();
+        else if (round % 3 == 1)
+            tool.reset();
+        else if (hasDisk && disk.cutPower()) {
+            tool.reset();
+            QVERIFY(disk.remount());
+        }
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(module.spooled().isEmpty(), patience);
+    QTRY_COMPARE_WITH_TIMEOUT(keptRecords(module.place.path(u"spool"_s)).size(), 0, patience);
+    const QByteArrayList kept = keptIn(place);
+    QCOMPARE(oracle.missing(kept, oracle.count()), QList<int>());
+    QVERIFY(oracle.areWhole(kept));
+    QCOMPARE(judgeIndex(place, kept.size() - oracle.count()), QString());
+    module.killNow();
 }
 
 QTEST_GUILESS_MAIN(TestReceiver)

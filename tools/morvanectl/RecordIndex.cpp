@@ -70,10 +70,21 @@ bool RecordIndex::mend()
         if (!line)
             continue;
         last = *line;
+        noteLinks(tail.first(end));
         size = start + end + 1;
         return ::ftruncate(file.get(), size) == 0;
     }
     return false;
+}
+
+// The newest link need not be that of the last line.
+void RecordIndex::noteLinks(const QByteArray &lines)
+{
+    const QByteArrayList all = lines.split('\n');
+    for (const QByteArray &text : all) {
+        if (const std::optional<Line> line = readLine(text))
+            last.link = std::max(last.link, line->link);
+    }
 }
 
 bool RecordIndex::begin(qint64 number)

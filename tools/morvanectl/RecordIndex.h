@@ -41,6 +41,7 @@ public:
     [[nodiscard]] bool open(const QDir &folder, qint64 number);
     // Of the last line, or the heading's.
     [[nodiscard]] qint64 lastNumber() const { return last.number; }
+    // The newest one that the end of the file tells.
     [[nodiscard]] qint64 lastLink() const { return last.link; }
 
     void add(const Line &line);
@@ -52,12 +53,13 @@ public:
 private:
     [[nodiscard]] bool begin(qint64 number);
     [[nodiscard]] bool mend();
+    void noteLinks(const QByteArray &lines);
     [[nodiscard]] QByteArray path(const char *name) const;
 
     QDir directory;
     Descriptor folder;
     Descriptor file;
     qint64 size = 0; // of the file
-    Line last; // its number and link count
+    Line last; // its number and the newest link count
     QByteArray added;
 };
