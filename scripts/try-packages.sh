@@ -7,7 +7,7 @@
 #
 #     scripts/try-packages.sh
 #
-# PREVIOUS_PACKAGES=FOLDER in the environment has them installed as an upgrade of those in the folder.
+# BARE_SYSTEM=FOLDER in the environment keeps the bare system in that folder, for the next run.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 source "$root/scripts/clean-lib.sh"
@@ -27,15 +27,9 @@ newerPackages() {
 
 fillCleanSystem() {
     mkdir "$clean/debs" "$clean/newer" "$clean/project"
-    local -r made=("$root"/build/package/{morvane,morvanectl,libharnix-nogui1}_*.deb)
-    if [[ -n ${PREVIOUS_PACKAGES-} ]]; then
-        cp "$PREVIOUS_PACKAGES"/*.deb "$clean/debs"
-        cp "${made[@]}" "$clean/newer"
-    else
-        cp "${made[@]}" "$clean/debs"
-        version=$(dpkg-deb -f "$clean"/debs/morvane_*.deb Version)
-        quietly "$root/build/newer.log" newerPackages "$clean/newer"
-    fi
+    cp "$root"/build/package/{morvane,morvanectl,libharnix-nogui1}_*.deb "$clean/debs"
+    version=$(dpkg-deb -f "$clean"/debs/morvane_*.deb Version)
+    quietly "$root/build/newer.log" newerPackages "$clean/newer"
     cp -r "$root/scripts" "$root/docs" "$root/module" "$clean/project"
 }
 
