@@ -13,6 +13,7 @@ struct Story
     double loss = 0, megabits = 0; // 0 for no bottleneck; else one with a queue of 100 ms
     double outage = 0; // begins after a second; nothing passes
     double stall = 0; // begins after 0.3 seconds; the sender's host does nothing
+    double longer = 0; // each way, from a second on
     double late = 0; // by which the sender's timer comes late at most
     int last = 4'000; // number of the last packet
     double within = 0; // seconds that the transfer may take
@@ -53,15 +54,16 @@ public:
         const bool isDown = now >= 1 && now < 1 + story.outage;
         if (isDown || random.generateDouble() < story.loss)
             return 0;
+        const double delay = 0.025 + (now < 1 ? 0 : story.longer);
         if (!isForth || story.megabits == 0)
-            return now + 0.025;
+            return now + delay;
         ++arrived;
         if (freeAt - now > 0.1) {
             ++overflowed;
             return 0;
         }
         freeAt = std::max(freeAt, now) + bytes * 8e-6 / story.megabits;
-        return freeAt + 0.025;
+        return freeAt + delay;
     }
 
     const Story story;
@@ -178,6 +180,8 @@ void tst_pace::runsAsFastAsThePathCarries_data()
     QTest::newRow("10 Mb/s, a tenth lost")
         << Story{.loss = 0.1, .megabits = 10, .last = 20'000, .within = 6.5};
     QTest::newRow("an outage") << Story{.megabits = 10, .outage = 3, .last = 20'000, .within = 9};
+    QTest::newRow("a path that becomes longer")
+        << Story{.megabits = 10, .longer = 0.015, .last = 20'000, .within = 6};
     QTest::newRow("announced only") << Story{.loss = 0.6, .last = 0, .within = 1.5};
     QTest::newRow("a busy host") << Story{
         .megabits = 10, .late = 0.02, .last = 20'000, .within = 5};

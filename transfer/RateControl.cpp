@@ -32,6 +32,7 @@ constexpr int mostPatience = 4;
 constexpr int bandwidthRounds = 8; // that the figures look back on
 constexpr int yieldingRounds = 2; // so that what another one takes is soon given up
 constexpr int lossRounds = 10;
+constexpr int longestCrowd = 10; // rounds
 constexpr int enoughForLoss = 16; // packets
 constexpr double highestLoss = 0.7;
 
@@ -82,6 +83,7 @@ void RateControl::answered(
     lastAnsweredLeft = std::max(lastAnsweredLeft, departure.left);
     if (departure.delivered >= roundEnd) {
         beginRound();
+        noteCrowd(now);
         if (isContested())
             giveWay();
         nextPhase(inFlight, now);
@@ -145,6 +147,22 @@ void RateControl::beginRound()
     roundTripNow = {};
     at(round) = {};
     roundEnd = delivered;
+}
+
+// A queue that stays although this flow gives way round by round is none: the path has become
+// longer.
+void RateControl::noteCrowd(Time now)
+{
+    if (phase == Phase::Startup || !isCrowded(lastRoundTrip)) {
+        crowdedRounds = 0;
+        return;
+    }
+    leastCrowded = crowdedRounds == 0 ? lastRoundTrip : std::min(leastCrowded, lastRoundTrip);
+    if (++crowdedRounds < longestCrowd)
+        return;
+    crowdedRounds = 0;
+    shortestTrip = leastCrowded;
+    shortestSeen = now;
 }
 
 // Whether a queue stands that this flow's own probing does not explain.

@@ -101,6 +101,7 @@ private:
     [[nodiscard]] bool hasFoundAll();
     void probe(double boost, Time now);
     void weigh(Time now);
+    void noteCrowd(Time now);
     [[nodiscard]] bool isContested() const;
     void giveWay();
     [[nodiscard]] double growthShare() const;
@@ -120,6 +121,8 @@ private:
     int patience = 1;
     Seconds lateness{}; // of the sender's timer, smoothed
     Seconds roundTripNow{}, lastRoundTrip{}; // the shortest of this round, of the last one
+    int crowdedRounds = 0; // in a row
+    Seconds leastCrowded{}; // the shortest round trip in them
     bool knowsTrip = false;
 
     std::array<Round, roundsKept> rounds;
