@@ -190,9 +190,9 @@ void measureSharing(const Options &options)
             one.put(bytesFor(options, megabits));
             two.put(bytesFor(options, megabits));
             one.start();
-            waitForFirst(relay, 0);
             std::this_thread::sleep_for(std::chrono::duration<double>(apart * run));
             two.start();
+            waitForFirst(relay, 0);
             waitForFirst(relay, 2);
             std::this_thread::sleep_for(std::chrono::duration<double>(settle));
             const double first = relay.bytes(0), second = relay.bytes(2), from = seconds();
