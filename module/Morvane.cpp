@@ -1,6 +1,7 @@
 #include "Morvane.h"
 
 #include "MainSettings.h"
+#include "ModuleVersion.h"
 #include "Record.h"
 #include "Settings.h"
 #include "TConnector.h"
@@ -25,7 +26,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr char moduleVersion[] = MORVANE_VERSION ":eb0bac411f09";
 constexpr char recordField[] = "MORVANE_RECORD"; // of the journal
 constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
 constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
@@ -52,11 +52,6 @@ Morvane::Morvane()
 }
 
 Morvane::~Morvane() = default;
-
-QString Morvane::version()
-{
-    return QString::fromLatin1(moduleVersion);
-}
 
 // --- settings and start ---
 
@@ -113,7 +108,7 @@ void Morvane::setUpMonitor(const QString &settingsFile, const QString &statusFil
     const QString busName = connector->GetServerName();
     Status &status = monitor.status;
     status.module = busName.isEmpty() ? QFileInfo(settingsFile).completeBaseName() : busName;
-    status.version = version();
+    status.version = moduleVersion();
     status.protocol = QString::fromLatin1(protocol);
     status.peer = u"%1 port %2"_s.arg(host).arg(port);
     monitor.setSpool(tempDir);
@@ -231,7 +226,7 @@ QString Morvane::aboutText() const
            "Локальный UDP-порт: %3\n"
            "Удаленный UDP-порт: %4\n"
            "Удаленный хост: %5\n"
-           "Таймаут передачи: %7\n"_s.arg(version())
+           "Таймаут передачи: %7\n"_s.arg(moduleVersion())
                .arg(localPort)
                .arg(port)
                .arg(host)

@@ -26,8 +26,6 @@ public:
     Morvane();
     ~Morvane() override;
 
-    [[nodiscard]] static QString version();
-
     // Reads a settings file, both groups. An empty path means the default file.
     void LoadSettings(QString path);
     // Adds the known keys to the template settings and has the file's keys checked against them.

@@ -1,5 +1,6 @@
 #include "Arguments.h"
 #include "Memory.h"
+#include "ModuleVersion.h"
 #include "Morvane.h"
 #include "Settings.h"
 #include "StopSignals.h"
@@ -28,7 +29,7 @@ int show(const QString &text)
 
 QString version()
 {
-    return u"morvane %1, support library %2"_s.arg(Morvane::version(), getHarnixVersion());
+    return u"morvane %1, support library %2"_s.arg(moduleVersion(), getHarnixVersion());
 }
 
 void logStart(const QStringList &settingsFiles)

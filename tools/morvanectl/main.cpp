@@ -1,5 +1,5 @@
 #include "Commands.h"
-#include "Morvane.h"
+#include "ModuleVersion.h"
 #include "NameGuess.h"
 #include "Output.h"
 #include "Version.h"
@@ -75,7 +75,7 @@ int main(int argc, char *argv[])
         return honestStatus(0);
     }
     if (chosen == u"--version"_s) {
-        say(u"morvanectl %1, support library %2"_s.arg(Morvane::version(), getHarnixVersion()));
+        say(u"morvanectl %1, support library %2"_s.arg(moduleVersion(), getHarnixVersion()));
         return honestStatus(0);
     }
     // "help COMMAND" is "COMMAND --help".
