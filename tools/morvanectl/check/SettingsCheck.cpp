@@ -12,8 +12,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr bool error = true;
-constexpr bool warning = false;
 const QString rotatedLogs = u"/var/log/morvane/*.log"_s;
 
 QByteArray contentOf(const QString &path)
@@ -65,42 +63,45 @@ SettingsCheck::SettingsCheck(const QString &path, const QString &workingDirector
     , content(contentOf(path))
     , text(content)
 {
-    if (const QString problem = settings.problem(); !problem.isEmpty()) {
-        found.append(
-            {1, error, u"the file cannot be read, every setting has its default: "_s + problem});
-        return;
-    }
-    for (const SettingsText::Remark &remark : text.remarks())
-        found.append({remark.line, warning, remark.text});
-    if (const qsizetype zero = content.indexOf('\0'); zero >= 0)
-        found.append({int(content.first(zero).count('\n')) + 1, error,
-            u"a zero byte: what stands behind it in its line may be lost"_s});
+}
+
+QList<SettingsCheck::Finding> SettingsCheck::run()
+{
+    found.clear();
+    if (const QString problem = settings.problem(); !problem.isEmpty())
+        return {{1, Severity::Error,
+            u"the file cannot be read, every setting has its default: "_s + problem}};
+    checkText();
     checkNames();
     checkLog();
     checkBus();
     checkMain();
     checkWhatLiesInSpool();
-}
-
-QList<SettingsCheck::Finding> SettingsCheck::findings() const
-{
-    QList<Finding> sorted = found;
-    std::stable_sort(sorted.begin(), sorted.end(),
+    std::stable_sort(found.begin(), found.end(),
         [](const Finding &a, const Finding &b) { return a.line < b.line; });
-    return sorted;
+    return found;
 }
 
-void SettingsCheck::addBase(bool isError, const Key &key, const QString &finding)
+void SettingsCheck::checkText()
 {
-    found.append({text.lineOf(BaseSettings::group, key.name), isError, finding});
+    for (const SettingsText::Remark &remark : text.remarks())
+        found.append({remark.line, Severity::Warning, remark.text});
+    if (const qsizetype zero = content.indexOf('\0'); zero >= 0)
+        found.append({int(content.first(zero).count('\n')) + 1, Severity::Error,
+            u"a zero byte: what stands behind it in its line may be lost"_s});
 }
 
-void SettingsCheck::addMain(bool isError, const Key &key, const QString &finding)
+void SettingsCheck::addBase(Severity severity, const Key &key, const QString &finding)
 {
-    found.append({text.lineOf(MainSettings::group, key.name), isError, finding});
+    found.append({text.lineOf(BaseSettings::group, key.name), severity, finding});
 }
 
-bool SettingsCheck::knowsSpool() const
+void SettingsCheck::addMain(Severity severity, const Key &key, const QString &finding)
+{
+    found.append({text.lineOf(MainSettings::group, key.name), severity, finding});
+}
+
+bool SettingsCheck::isSpoolKnown() const
 {
     return isDirectoryKnown || QDir::isAbsolutePath(settings.main(MainSettings::tempDir));
 }
@@ -119,7 +120,7 @@ void SettingsCheck::checkNames()
             unknownGroups.append(group);
     }
     for (const QString &group : std::as_const(unknownGroups))
-        found.append({text.lineOf(group), warning,
+        found.append({text.lineOf(group), Severity::Warning,
             u"the module knows no group [%1]: nothing in it has an effect%2"_s.arg(
                 group, guessHint(group, {BaseSettings::group, MainSettings::group}))});
 }
@@ -131,7 +132,7 @@ void SettingsCheck::checkKeyNames(const QString &path)
     const QString key = path.sliced(slash + 1);
     const int line = text.lineOf(group, key);
     if (settings.isList(path))
-        found.append({line, warning,
+        found.append({line, Severity::Warning,
             u"\"%1\" holds a comma and no quotes: blanks beside the "
             "comma are lost"_s.arg(key)});
     if (keysOf(group).contains(key))
@@ -141,7 +142,7 @@ void SettingsCheck::checkKeyNames(const QString &path)
         : otherGroup(group);
     const QString hint = keysOf(home).contains(key) ? u", it belongs in [%1]"_s.arg(home)
                                                     : guessHint(key, keysOf(group));
-    found.append({line, warning,
+    found.append({line, Severity::Warning,
         u"\"%1\" has no effect %2%3"_s.arg(
             key, group.isEmpty() ? u"outside of a group"_s : u"in [%1]"_s.arg(group), hint)});
 }
@@ -153,17 +154,17 @@ void SettingsCheck::checkLog()
     const QString level = settings.base(BaseSettings::log);
     bool isNumber = false;
     if (level.toInt(&isNumber) == 0 && isNumber)
-        return addBase(warning, BaseSettings::log,
+        return addBase(Severity::Warning, BaseSettings::log,
             u"the log is off: the module says nowhere what goes wrong"_s);
     if (!isNumber)
-        return addBase(error, BaseSettings::log,
+        return addBase(Severity::Error, BaseSettings::log,
             u"\"Log\" = \"%1\" is no number: the log is off"_s.arg(level));
     const QString name = settings.base(BaseSettings::logName);
     if (name == u"journal")
         return;
     const QString folder = QFileInfo(QDir(directory).absoluteFilePath(name)).path();
     if (const QString problem = folderProblem(folder); name.contains(u'/') && !problem.isEmpty())
-        addBase(error, BaseSettings::logName, u"the log cannot be written: "_s + problem);
+        addBase(Severity::Error, BaseSettings::logName, u"the log cannot be written: "_s + problem);
 }
 
 // Whatever lies in the spool directory itself is sent, and removed then.
@@ -178,15 +179,15 @@ void SettingsCheck::checkWhatLiesInSpool()
     };
     const QString logName = settings.base(BaseSettings::logName);
     if (logName.contains(u'/') && isInSpool(logName))
-        addBase(error, BaseSettings::logName,
+        addBase(Severity::Error, BaseSettings::logName,
             u"the log lies in the spool folder: it would be sent and removed"_s);
     else if (logName.contains(u'/')
         && !QDir::match(rotatedLogs, TLog(QDir(directory).absoluteFilePath(logName)).filePath()))
-        addBase(warning, BaseSettings::logName,
+        addBase(Severity::Warning, BaseSettings::logName,
             u"the service rotates %1 only: the log grows without end unless somebody else rotates "
             "it"_s.arg(rotatedLogs));
     if (QFileInfo(QFileInfo(file).absolutePath()).canonicalFilePath() == spool)
-        addMain(error, MainSettings::tempDir,
+        addMain(Severity::Error, MainSettings::tempDir,
             u"this settings file lies in the spool folder: it would be sent and removed"_s);
     const QString statusFile = settings.main(MainSettings::statusFile);
     if (statusFile.isEmpty())
@@ -194,11 +195,11 @@ void SettingsCheck::checkWhatLiesInSpool()
     const QString problem =
         folderProblem(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
     if (isInSpool(statusFile))
-        addMain(error, MainSettings::statusFile,
+        addMain(Severity::Error, MainSettings::statusFile,
             u"the status file lies in the spool folder: it would be sent and removed"_s);
     else if (!problem.isEmpty())
-        addMain(
-            warning, MainSettings::statusFile, u"the status file cannot be written: "_s + problem);
+        addMain(Severity::Warning, MainSettings::statusFile,
+            u"the status file cannot be written: "_s + problem);
 }
 
 // --- what two modules cannot share ---
@@ -206,24 +207,25 @@ void SettingsCheck::checkWhatLiesInSpool()
 QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &other) const
 {
     QList<Finding> clashes;
-    const auto add = [&](bool isError, const QString &group, const Key &key, const QString &what) {
-        clashes.append({text.lineOf(group, key.name), isError, what.arg(other.file)});
+    const auto add = [&](Severity severity, const QString &group, const Key &key,
+                         const QString &what) {
+        clashes.append({text.lineOf(group, key.name), severity, what.arg(other.file)});
     };
     const QString name = settings.base(BaseSettings::serverName);
     if (name != BaseSettings::noName && name == other.settings.base(BaseSettings::serverName))
-        add(error, BaseSettings::group, BaseSettings::serverName,
+        add(Severity::Error, BaseSettings::group, BaseSettings::serverName,
             u"%1 has the same \"ServerName\": each module takes it away from the other"_s);
     const QString statusFile = settings.main(MainSettings::statusFile);
     if (!statusFile.isEmpty() && statusFile == other.settings.main(MainSettings::statusFile))
-        add(error, MainSettings::group, MainSettings::statusFile,
+        add(Severity::Error, MainSettings::group, MainSettings::statusFile,
             u"%1 has the same \"StatusFile\": each module replaces that of the other"_s);
     const Key &port = MainSettings::localPort;
     if (settings.isUdp() && other.settings.isUdp()
         && settings.number(port) == other.settings.number(port))
-        add(error, MainSettings::group, port,
+        add(Severity::Error, MainSettings::group, port,
             u"%1 has the same \"LocalPort\": only one of both modules gets it"_s);
-    if (knowsSpool() && other.knowsSpool() && spoolPath() == other.spoolPath())
-        add(warning, MainSettings::group, MainSettings::tempDir,
+    if (isSpoolKnown() && other.isSpoolKnown() && spoolPath() == other.spoolPath())
+        add(Severity::Warning, MainSettings::group, MainSettings::tempDir,
             u"%1 has the same \"TempDir\": each module sends what both take"_s);
     return clashes;
 }

@@ -3,31 +3,37 @@
 #include "ModuleSettings.h"
 #include "SettingsText.h"
 
-// What will not work in one settings file, beyond what the module itself says.
+// Finds what will not work in one settings file, beyond what the module itself reports.
 //
 // Owner:   the subcommand check.
-// Errors:  never throws. Nothing is created or bound. The only connection is one to the
-//          administration server, on which nothing is sent.
+// Errors:  creates and binds nothing. run() connects to the administration server and to nobody
+//          else, and sends nothing there.
 class SettingsCheck
 {
 public:
+    enum class Severity {
+        Warning, // the module works, but hardly as the operator means it
+        Error,
+    };
     struct Finding
     {
         int line;
-        bool isError; // or a warning: it works, but hardly as it is meant
+        Severity severity;
         QString text;
     };
 
-    // The working directory of the module; empty if it is not known, then the current one counts.
+    // Reads the file. The working directory is the module's; if it is empty, paths are resolved
+    // against the current one.
     SettingsCheck(const QString &file, const QString &workingDirectory);
 
-    // In the order of the lines.
-    [[nodiscard]] QList<Finding> findings() const;
-    // Of what this file and one that was checked before cannot both have.
+    // Returns what is wrong, in the order of the lines.
+    [[nodiscard]] QList<Finding> run();
+    // Returns what this file and one that was checked before cannot both have.
     [[nodiscard]] QList<Finding> clashesWith(const SettingsCheck &other) const;
 
 private:
     using Key = SettingKey;
+    void checkText();
     void checkNames();
     void checkKeyNames(const QString &path);
     void checkLog();
@@ -45,9 +51,9 @@ private:
     void checkPace();
     void checkWhatLiesInSpool();
 
-    void addBase(bool isError, const Key &key, const QString &text);
-    void addMain(bool isError, const Key &key, const QString &text);
-    [[nodiscard]] bool knowsSpool() const; // or guesses where it is, from the current directory
+    void addBase(Severity severity, const Key &key, const QString &text);
+    void addMain(Severity severity, const Key &key, const QString &text);
+    [[nodiscard]] bool isSpoolKnown() const; // not only guessed from the current directory
     [[nodiscard]] QString spoolPath() const { return settings.spoolPath(directory); }
 
     const QString file;

@@ -11,9 +11,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr bool error = true;
-constexpr bool warning = false;
-
 // The module makes room for its socket by removing whatever bears the name.
 bool isInTheWay(const QString &path)
 {
@@ -26,21 +23,21 @@ bool isInTheWay(const QString &path)
 void SettingsCheck::checkBus()
 {
     if (const QString problem = busFolderProblem(); !problem.isEmpty())
-        addBase(error, BaseSettings::serverName, problem);
+        addBase(Severity::Error, BaseSettings::serverName, problem);
     const QString admin = settings.base(BaseSettings::adminServerName);
     const QString server = settings.base(BaseSettings::serverName);
     if (admin == BaseSettings::noName)
-        addBase(error, BaseSettings::adminServerName,
+        addBase(Severity::Error, BaseSettings::adminServerName,
             u"\"AdminServerName\" is missing: the module listens only after it has reached its "
             "administration server"_s);
     else if (admin.isEmpty())
-        addBase(warning, BaseSettings::adminServerName,
+        addBase(Severity::Warning, BaseSettings::adminServerName,
             u"\"AdminServerName\" is empty: the module takes no commands and reports nothing"_s);
     else
         checkAdminServer(admin);
     checkServerName(server);
     if (!server.isEmpty() && server != BaseSettings::noName && server == admin)
-        addBase(error, BaseSettings::serverName,
+        addBase(Severity::Error, BaseSettings::serverName,
             u"\"ServerName\" is also the administration server's: one takes it away from the "
             "other"_s);
     checkConnections(admin, server);
@@ -55,7 +52,7 @@ void SettingsCheck::checkAdminServer(const QString &name)
     probe.connectToServer(name);
     if (probe.state() != QLocalSocket::UnconnectedState)
         return;
-    addBase(warning, BaseSettings::adminServerName,
+    addBase(Severity::Warning, BaseSettings::adminServerName,
         probe.error() == QLocalSocket::SocketAccessError
             ? connectionProblem(name, probe.error())
             : u"nobody serves \"%1\" (%2), as \"morvanectl admin %1 --serve\" does: until "
@@ -65,12 +62,12 @@ void SettingsCheck::checkAdminServer(const QString &name)
 void SettingsCheck::checkServerName(const QString &name)
 {
     if (name == BaseSettings::noName)
-        return addBase(error, BaseSettings::serverName,
+        return addBase(Severity::Error, BaseSettings::serverName,
             u"\"ServerName\" is missing: the module neither listens on the bus nor connects to "
             "anybody"_s);
     checkBusName(BaseSettings::serverName, name);
     if (!name.isEmpty() && isInTheWay(busSocketPath(name)))
-        addBase(error, BaseSettings::serverName,
+        addBase(Severity::Error, BaseSettings::serverName,
             u"%1 is no socket, and the module would remove it"_s.arg(busSocketPath(name)));
 }
 
@@ -81,29 +78,29 @@ void SettingsCheck::checkConnections(const QString &admin, const QString &server
         return;
     QStringList seen;
     if (list.contains(u','))
-        addBase(error, BaseSettings::connections,
+        addBase(Severity::Error, BaseSettings::connections,
             u"\"Connections\" holds a comma: names are separated by one blank, and nobody has a "
             u"name "
             "like that"_s);
     const QStringList names = list.split(u' ');
     for (const QString &name : names) {
         if (name.isEmpty() && !seen.contains(name))
-            addBase(error, BaseSettings::connections,
+            addBase(Severity::Error, BaseSettings::connections,
                 u"a doubled or outer blank in \"Connections\" is an empty name: nobody has it, and "
                 "the module never gets as far as to listen"_s);
         else if (seen.contains(name) && !name.isEmpty())
-            addBase(warning, BaseSettings::connections,
+            addBase(Severity::Warning, BaseSettings::connections,
                 u"\"%1\" stands more than once in \"Connections\""_s.arg(name));
         else if (!name.isEmpty())
             checkBusName(BaseSettings::connections, name);
         seen.append(name);
     }
     if (!server.isEmpty() && seen.contains(server))
-        addBase(error, BaseSettings::connections,
+        addBase(Severity::Error, BaseSettings::connections,
             u"\"Connections\" holds the module's own \"ServerName\": it waits for itself and never "
             "listens"_s);
     if (!admin.isEmpty() && seen.contains(admin))
-        addBase(warning, BaseSettings::connections,
+        addBase(Severity::Warning, BaseSettings::connections,
             u"\"Connections\" holds the \"AdminServerName\", which is connected to anyway"_s);
 }
 
@@ -114,6 +111,6 @@ void SettingsCheck::checkBusName(const Key &key, const QString &name)
     if (problem.isEmpty() && !QFileInfo(folder).isDir())
         problem = u"the folder %1 for its socket does not exist"_s.arg(folder);
     if (!problem.isEmpty())
-        addBase(
-            error, key, u"\"%1\" in \"%2\" can be no bus name: %3"_s.arg(name, key.name, problem));
+        addBase(Severity::Error, key,
+            u"\"%1\" in \"%2\" can be no bus name: %3"_s.arg(name, key.name, problem));
 }

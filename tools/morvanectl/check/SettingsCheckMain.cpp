@@ -18,8 +18,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr bool error = true;
-constexpr bool warning = false;
 constexpr int usualFreePort = 1'024;
 constexpr qint64 oneMegabyte = 1'000'000;
 constexpr std::chrono::milliseconds tooLong = 24h; // for the largest file that can be sent
@@ -63,16 +61,16 @@ void SettingsCheck::checkMain()
     checkSpool();
     const QString host = settings.main(MainSettings::host);
     if (QHostAddress(host).isNull())
-        addMain(error, MainSettings::host,
+        addMain(Severity::Error, MainSettings::host,
             u"\"Host\" = \"%1\" is no numeric address, and names are not looked up"_s.arg(host));
     if (settings.number(MainSettings::port) == 0)
-        addMain(error, MainSettings::port, u"no peer can be reached on port 0"_s);
+        addMain(Severity::Error, MainSettings::port, u"no peer can be reached on port 0"_s);
     if (settings.isUdp())
         return checkUdp();
     if (settings.isTcp())
         return checkTcp();
     const QString protocol = settings.main(MainSettings::protocol);
-    addMain(error, MainSettings::protocol,
+    addMain(Severity::Error, MainSettings::protocol,
         u"\"Protocol\" = \"%1\" is neither \"TCP\" nor \"UDP\": nothing is sent, and every record "
         "is dropped%2"_s.arg(protocol, guessHint(protocol, {u"TCP"_s, u"UDP"_s})));
 }
@@ -83,7 +81,7 @@ void SettingsCheck::checkNumber(const Key &key)
     bool isNumber = false;
     const int number = value.toInt(&isNumber);
     if (!isNumber || number != settings.number(key))
-        addMain(error, key,
+        addMain(Severity::Error, key,
             u"\"%1\" = \"%2\" is no number from 0 to 65535: it becomes %3"_s.arg(
                 key.name, value, QString::number(settings.number(key))));
 }
@@ -93,25 +91,25 @@ void SettingsCheck::checkSpool()
     const Key &key = MainSettings::tempDir;
     const QString name = settings.main(key);
     if (name.isEmpty())
-        return addMain(error, key, u"\"TempDir\" is empty: that is the root folder"_s);
+        return addMain(Severity::Error, key, u"\"TempDir\" is empty: that is the root folder"_s);
     const QString path = spoolPath();
-    if (!knowsSpool())
-        addMain(warning, key,
+    if (!isSpoolKnown())
+        addMain(Severity::Warning, key,
             u"\"TempDir\" = \"%1\" is relative to the working directory of the "
             "module, taken to be %2 here (see --directory)"_s.arg(name, directory));
     const QFileInfo folder(path);
     if (!folder.exists())
-        addMain(error, key,
+        addMain(Severity::Error, key,
             u"the spool folder %1 does not exist, and the module does not make it: "
             "every record is dropped"_s.arg(path));
     else if (!folder.isDir())
-        addMain(error, key, u"%1 is no folder: every record is dropped"_s.arg(path));
+        addMain(Severity::Error, key, u"%1 is no folder: every record is dropped"_s.arg(path));
     else if (!folder.isWritable() || !folder.isReadable() || !folder.isExecutable())
-        addMain(error, key,
+        addMain(Severity::Error, key,
             u"the spool folder %1 cannot be read and written to by this user"_s.arg(path));
     else if ((isDirectoryKnown || QDir::isRelativePath(name))
         && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
-        addMain(error, key,
+        addMain(Severity::Error, key,
             u"the spool folder is the working directory: nothing is sent or received, for received "
             "files would be sent back"_s);
 }
@@ -121,32 +119,32 @@ void SettingsCheck::checkTcp()
     for (const Key &key : {MainSettings::reconnectionTimeout, MainSettings::liveMessageTimeout,
              MainSettings::acknowledgementTimeout}) {
         if (settings.number(key) == 0)
-            addMain(warning, key, u"\"%1\" of 0 counts as 1 second"_s.arg(key.name));
+            addMain(Severity::Warning, key, u"\"%1\" of 0 counts as 1 second"_s.arg(key.name));
     }
 }
 
 void SettingsCheck::checkUdp()
 {
     if (settings.number(MainSettings::acknowledgements) != 0)
-        addMain(warning, MainSettings::acknowledgements,
+        addMain(Severity::Warning, MainSettings::acknowledgements,
             u"\"Acknowledgements\" has no effect over UDP"_s);
     const QHostAddress host(settings.main(MainSettings::host));
     const quint16 localPort = settings.number(MainSettings::localPort);
     if (!host.isNull() && PeerAddress::isUnspecified(host))
-        addMain(error, MainSettings::host,
+        addMain(Severity::Error, MainSettings::host,
             u"\"Host\" = \"%1\" is no peer's address: nothing is sent"_s.arg(host.toString()));
     if (localPort == 0)
-        addMain(error, MainSettings::localPort,
+        addMain(Severity::Error, MainSettings::localPort,
             u"\"LocalPort\" of 0 is another port at every start, on which no peer expects us"_s);
     else if (localPort == settings.number(MainSettings::port) && PeerAddress::isThisHost(host))
-        addMain(error, MainSettings::localPort,
+        addMain(Severity::Error, MainSettings::localPort,
             u"\"LocalPort\" and \"Port\" are both %1 on this machine, which is the module itself: "
             "nothing is sent"_s.arg(localPort));
     checkNumber(MainSettings::onlyPeer);
     const QString limit = settings.main(MainSettings::maxReceivedBytes);
     bool isNumber = false;
     if (limit.toLongLong(&isNumber) < 0 || !isNumber)
-        addMain(error, MainSettings::maxReceivedBytes,
+        addMain(Severity::Error, MainSettings::maxReceivedBytes,
             u"\"MaxReceivedBytes\" = \"%1\" is no number of bytes: there is no limit"_s.arg(limit));
     checkPort(MainSettings::localPort);
     checkPace();
@@ -157,7 +155,7 @@ void SettingsCheck::checkPort(const Key &key)
     const quint16 port = settings.number(key);
     if (port == 0 || port >= firstFreePort() || mayBindAnyPort())
         return;
-    addMain(error, key,
+    addMain(Severity::Error, key,
         u"\"%1\" = %2 is below %3, and this user may not have such a port"_s.arg(
             key.name, QString::number(port), QString::number(firstFreePort())));
 }
@@ -168,7 +166,7 @@ void SettingsCheck::checkPace()
     const auto longest = UdpPace::duration(Packet::maxNumber, timeout);
     if (!longest || *longest < tooLong)
         return;
-    addMain(warning, MainSettings::timeout,
+    addMain(Severity::Warning, MainSettings::timeout,
         u"\"Timeout\" = %1 makes a transfer very slow: 1 MB, compressed, takes %2 and the largest "
         "file %3"_s.arg(QString::number(timeout),
             UdpPace::text(*UdpPace::duration(UdpPace::packets(oneMegabyte), timeout)),

@@ -30,11 +30,11 @@ Exit status: 0 nothing found, 1 warnings only, 2 errors (or wrong usage). With
 int report(const QString &file, const QList<SettingsCheck::Finding> &findings, int worst)
 {
     for (const SettingsCheck::Finding &finding : findings) {
+        const bool isError = finding.severity == SettingsCheck::Severity::Error;
         const QString place = file + u':' + QString::number(finding.line) + u": "_s;
-        const QString line =
-            place + (finding.isError ? u"error: "_s : u"warning: "_s) + finding.text;
+        const QString line = place + (isError ? u"error: "_s : u"warning: "_s) + finding.text;
         say(printable(line.toUtf8()).replace(u'\n', u"\\n"_s));
-        worst = std::max(worst, finding.isError ? errorStatus : warningStatus);
+        worst = std::max(worst, isError ? errorStatus : warningStatus);
     }
     return worst;
 }
@@ -54,7 +54,7 @@ int runCheck(const QStringList &arguments)
     const QStringList files = line.positionals();
     for (const QString &file : files) {
         auto check = std::make_unique<SettingsCheck>(file, line.value(u"directory"_s));
-        QList<SettingsCheck::Finding> findings = check->findings();
+        QList<SettingsCheck::Finding> findings = check->run();
         for (const auto &other : checks)
             findings += check->clashesWith(*other);
         worst = report(file, findings, worst);
