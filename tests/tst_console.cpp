@@ -154,7 +154,7 @@ void TestConsole::typedCommandsAreTakenAndActionsShown()
         tool.command("About", 2) + tool.command("watching all", 3) + tool.command("QuitSignal", 4);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), typed, patience);
     QVERIFY(tool->complains("no module \"node0\" is connected"));
-    QVERIFY(tool->complains("\"watch\" is no command"));
+    QVERIFY(tool->complains("\"watch\" is not a command"));
     QVERIFY(tool->complains("a line of more than 4096 bytes"));
     module.write(BusFrame::makeAction("About", "one\n\x1b[2Jtwo\n", "", 1)
         + BusFrame::makeAction("Watch_Arrow", "7", "data", -1));
@@ -311,8 +311,8 @@ void TestConsole::linesCanBeEditedOnATerminal()
     terminal.type("sto\tnod\t\ny\n"); // the Tab key completes both words
     heard += BusFrame::makeCommand("QuitSignal", "", 4);
     QTRY_COMPARE_WITH_TIMEOUT(module.heard(), heard, patience);
-    for (const char *text : {"is \"about\" meant?", "\"exit\" leaves this tool: the modules end",
-             "Nothing was stopped"})
+    for (const char *text : {"; did you mean \"about\"?",
+             "\"exit\" leaves this tool: the modules end", "Nothing was stopped"})
         QVERIFY2(terminal.shows(text), terminal.written);
     QVERIFY2(terminal.written.contains("\x1b[32m"), "in colour");
     terminal.type("\x04"); // the end of the input

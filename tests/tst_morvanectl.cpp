@@ -50,11 +50,12 @@ void TestMorvanectl::wrongUsageGivesStatusTwo_data()
     const auto row = [](const char *name, const QString &arguments, const char *complaint) {
         QTest::newRow(name) << arguments << QByteArray(complaint);
     };
-    row("an option that does not exist", u"admin x --fro 1"_s, "\"--fro\", is \"--for\" meant?");
+    row("an option that does not exist", u"admin x --fro 1"_s,
+        "\"--fro\"; did you mean \"--for\"?");
     row("nothing to send", u"send mod"_s, "MODULE FILE");
     row("a kind that modules drop", u"send mod /etc/passwd --kind Error"_s, "\"Error\"");
     row("a word that stands for nothing", u"send mod /etc/passwd --name {nmae}"_s,
-        "\"{nmae}\", is \"{name}\" meant?");
+        "\"{nmae}\" stands for nothing; did you mean \"{name}\"?");
     row("a name too long for a file", u"send mod /etc/passwd --name "_s + QString(256, u'n'),
         "256 bytes");
     row("a record name with a folder", u"send mod /etc/passwd --name a/b"_s, "\"a/b\"");

@@ -69,25 +69,25 @@ void TestOperator::checkFindsEveryMistake_data()
     };
     row("a good file", "", "", "");
     row("a key that is nearly right", "Port=7071\nL", "Port=7071\nport=1\nL",
-        "12: warning: \"port\" has no effect in [Main], is \"Port\" meant?");
+        "12: warning: \"port\" has no effect in [Main]; did you mean \"Port\"?");
     row("a key in the wrong group", "Log=1", "Log=1\nTimeout=7",
-        "4: warning: \"Timeout\" has no effect in [Base], it belongs in [Main]");
+        "4: warning: \"Timeout\" has no effect in [Base]; it belongs in [Main]");
     row("a key outside of all groups", "; all is well", "Log=2", "1: warning: \"Log\" has no");
     row("an unknown group", "[Main]", "[Mein]\nPort=1\n[Main]", "8: warning: the module knows no");
     row("a key that is set twice", "Host", "Port=1\nHost",
-        "10: warning: \"Port\" has no effect, l");
+        "10: warning: \"Port\" has no effect; l");
     row("a remark of another language", "; all", "# all", "1: warning: \"#\"");
     row("a quote that is not closed", "\nServerName", "\nLogName=\"log\n\"\nServerName",
         "5: warning: the value of \"LogName\" goes on");
     row("a number that wraps", "Port=7071", "Port=70000",
-        "11: error: \"Port\" = \"70000\" is no number from 0 to 65535: it becomes 4464");
+        "11: error: \"Port\" = \"70000\" is not a number from 0 to 65535: it becomes 4464");
     row("a number with its unit", "Timeout=1000", "LiveMessageTimeout=1 min", "13: error: \"Live");
     row("an unknown protocol", "=UDP", "=udp", "14: error: \"Protocol\" = \"udp\" is neither");
     row("a host name", "192.0.2.1", "localhost", "10: error: \"Host\" = \"localhost\"");
     row("a folder that is missing", "/spool", "/no", "9: error: the spool folder ");
     row("a relative folder", "Dir=", "Dir=spool\n;", "9: warning: \"TempDir\" = \"spool\" is rela");
-    row("a comma without quotes", "Log=1", "Log=1\nLogName=a , b", "4: warning: \"LogName\" holds");
-    row("a log that is no number", "Log=1", "Log=on", "3: error: \"Log\" = \"on\" is no number");
+    row("a comma without quotes", "Log=1", "Log=1\nLogName=a , b", "4: warning: \"LogName\" has a");
+    row("a log that is no number", "Log=1", "Log=on", "3: error: \"Log\" = \"on\" is not a number");
     row("no name on the bus", "ServerName=mod\n", "", "2: error: \"ServerName\" is missing");
     row("a file that the module would remove", "=mod", "=m.ini", "5: error: ");
     row("no administration server", "AdminServerName=adm\n", "",
@@ -101,7 +101,7 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a module that sends to itself", "192.0.2.1", "127.0.0.1", "12: error: \"LocalPort\" and");
     row("acknowledgements over UDP", "Timeout=1000", "Acknowledgements=1", "13: warning: \"Ackn");
     row("acknowledgements that are no number", "Timeout=1000", "Acknowledgements=yes",
-        "13: error: \"Acknowledgements\" = \"yes\" is no number");
+        "13: error: \"Acknowledgements\" = \"yes\" is not a number");
     row("no time to acknowledge", "Timeout=1000\nProtocol=UDP",
         "Protocol=TCP\nAcknowledgementTimeout=0",
         "14: warning: \"AcknowledgementTimeout\" of 0 counts as 1 second");
@@ -110,7 +110,7 @@ void TestOperator::checkFindsEveryMistake_data()
     row("a limit with its unit", "Timeout=1000", "MaxReceivedBytes=1 GB", "13: error: \"MaxRec");
     row("names with a comma between", "a b", "\"a,b\"", "6: error: \"Connections\" holds a comma");
     row("a log that would be sent", "Log=1", "Log=1\nLogName=spool/m.log",
-        "4: error: the log lies in the spool folder");
+        "4: error: the log is in the spool folder");
     row("a log that nobody rotates", "Log=1", "Log=1\nLogName=./m.txt",
         "4: warning: the service r");
     row("the journal", "Log=1", "Log=1\nLogName=journal", "");
@@ -165,7 +165,7 @@ void TestOperator::misspeltSubcommandGetsAHint()
     const Workplace place;
     Tool tool(u"chek m.ini"_s), help(u"help spool"_s);
     QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 2, patience);
-    QVERIFY2(tool.complains("\"chek\", is \"check\" meant? See"), tool.complaints);
+    QVERIFY2(tool.complains("\"chek\"; did you mean \"check\"? See"), tool.complaints);
     QTRY_COMPARE_WITH_TIMEOUT(help.status(), 0, patience);
     QVERIFY2(help.says("Usage: morvanectl spool "), help.said);
 }

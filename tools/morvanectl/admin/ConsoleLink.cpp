@@ -32,12 +32,12 @@ QString ownerOf(const QLocalSocket &socket)
 QString problemWith(const QJsonObject &object, const CommandIds &ids)
 {
     if (object[u"command"].toString().isEmpty())
-        return u"\"command\" is missing or no text"_s;
+        return u"\"command\" is missing or not a string"_s;
     if (!ids.contains(object[u"id"].toInteger()))
-        return u"\"id\" is no number from %1 to %2"_s.arg(
+        return u"\"id\" is not a number from %1 to %2"_s.arg(
             QString::number(ids.first()), QString::number(ids.last()));
     if (object.contains(u"module") && !object[u"module"].isString())
-        return u"\"module\" is no text"_s;
+        return u"\"module\" is not a string"_s;
     return {};
 }
 
@@ -111,7 +111,7 @@ void ConsoleLink::take(const QByteArray &line)
 {
     const QJsonDocument document = QJsonDocument::fromJson(line);
     if (!document.isObject())
-        return sayError(u"a line is no JSON object"_s);
+        return sayError(u"a line is not a JSON object"_s);
     const QJsonObject object = document.object();
     if (const QString problem = problemWith(object, ids); !problem.isEmpty())
         return sayError(problem);

@@ -61,7 +61,7 @@ void TypedCommands::read()
     const bool allFit = lines.feed({bytes, count},
         [&](const QByteArray &line) { isTyped ? takeTyped(line) : takeLine(line); });
     if (!allFit)
-        complain(u"admin: a line of more than %1 bytes is no command"_s.arg(longestCommand));
+        complain(u"admin: a line of more than %1 bytes was dropped"_s.arg(longestCommand));
 }
 
 void TypedCommands::takeLine(const QByteArray &line)
@@ -71,7 +71,7 @@ void TypedCommands::takeLine(const QByteArray &line)
         return;
     waiting.append(command);
     if (bus.modules().isEmpty())
-        complain(u"admin: no module is connected, \"%1\" waits for one"_s.arg(printable(command)));
+        complain(u"admin: no module is connected; \"%1\" waits for one"_s.arg(printable(command)));
     sendWaiting();
 }
 
@@ -122,7 +122,7 @@ void TypedCommands::askToStop(const AdminCommand &command)
     for (const qint64 module : bus.modules(command.module))
         names += bus.nameOf(module);
     if (names.isEmpty())
-        return complain(u"admin: no such module is connected, see \"modules\""_s);
+        return complain(u"admin: no such module is connected; see \"modules\""_s);
     asked = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
     say(u"Ends %1 with status 0; a service manager does not start it again. Sure? [y/N]"_s.arg(
         names.join(u", "_s)));
@@ -147,7 +147,7 @@ void TypedCommands::send(const QByteArray &line)
 {
     const std::optional<AdminCommand> command = AdminCommand::read(QString::fromUtf8(line));
     if (!command)
-        complain(u"admin: \"%1\" is no command, see --help"_s.arg(printable(line)));
+        complain(u"admin: \"%1\" is not a command; see --help"_s.arg(printable(line)));
     else if (bus.modules(command->module).isEmpty())
         complain(u"admin: no module \"%1\" is connected"_s.arg(printable(command->module)));
     else

@@ -74,7 +74,7 @@ void warnOfOrphans(const AdminServer &server)
 {
     const QStringList names = namesOf(server);
     if (!names.isEmpty())
-        complain(u"admin: leaving; with their administration server gone these modules end with "
+        complain(u"admin: leaving; without their administration server these modules end with "
                  "status 5: "_s
             + names.join(u", "_s));
 }
@@ -164,7 +164,7 @@ std::optional<int> readOptions(const CommandLine &line, AdminOptions &options)
     for (const QString &text : texts) {
         const std::optional<AdminCommand> command = AdminCommand::read(text);
         if (!command)
-            return line.wrongUsage(u"\"%1\" is no command."_s.arg(text));
+            return line.wrongUsage(u"\"%1\" is not a command."_s.arg(text));
         options.commands.append(*command);
     }
     const std::optional<int> wait = line.number(u"wait"_s, 1, longestSeconds);

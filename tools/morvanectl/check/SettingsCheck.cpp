@@ -45,9 +45,9 @@ QString folderProblem(const QString &path)
 {
     const QFileInfo folder(path);
     if (!folder.exists())
-        return u"there is no folder %1"_s.arg(path);
+        return u"the folder %1 does not exist"_s.arg(path);
     if (!folder.isDir())
-        return u"%1 is no folder"_s.arg(path);
+        return u"%1 is not a folder"_s.arg(path);
     return folder.isWritable() && folder.isExecutable()
         ? QString()
         : u"permission denied for the folder %1"_s.arg(path);
@@ -70,7 +70,7 @@ QList<SettingsCheck::Finding> SettingsCheck::run()
     found.clear();
     if (const QString problem = settings.problem(); !problem.isEmpty())
         return {{1, Severity::Error,
-            u"the file cannot be read, every setting has its default: "_s + problem}};
+            u"the file cannot be read, so every setting has its default: "_s + problem}};
     checkText();
     checkNames();
     checkLog();
@@ -88,7 +88,7 @@ void SettingsCheck::checkText()
         found.append({remark.line, Severity::Warning, remark.text});
     if (const qsizetype zero = content.indexOf('\0'); zero >= 0)
         found.append({int(content.first(zero).count('\n')) + 1, Severity::Error,
-            u"a zero byte: what stands behind it in its line may be lost"_s});
+            u"a zero byte: the rest of its line may be lost"_s});
 }
 
 void SettingsCheck::addBase(Severity severity, const Key &key, const QString &finding)
@@ -133,18 +133,18 @@ void SettingsCheck::checkKeyNames(const QString &path)
     const int line = text.lineOf(group, key);
     if (settings.isList(path))
         found.append({line, Severity::Warning,
-            u"\"%1\" holds a comma and no quotes: blanks beside the "
+            u"\"%1\" has a comma but no quotes: blanks next to the "
             "comma are lost"_s.arg(key)});
     if (keysOf(group).contains(key))
         return;
     const QString home = group.isEmpty() && keysOf(MainSettings::group).contains(key)
         ? MainSettings::group
         : otherGroup(group);
-    const QString hint = keysOf(home).contains(key) ? u", it belongs in [%1]"_s.arg(home)
+    const QString hint = keysOf(home).contains(key) ? u"; it belongs in [%1]"_s.arg(home)
                                                     : guessHint(key, keysOf(group));
     found.append({line, Severity::Warning,
         u"\"%1\" has no effect %2%3"_s.arg(
-            key, group.isEmpty() ? u"outside of a group"_s : u"in [%1]"_s.arg(group), hint)});
+            key, group.isEmpty() ? u"outside a group"_s : u"in [%1]"_s.arg(group), hint)});
 }
 
 // --- the group Base: the log and the bus ---
@@ -155,10 +155,10 @@ void SettingsCheck::checkLog()
     bool isNumber = false;
     if (level.toInt(&isNumber) == 0 && isNumber)
         return addBase(Severity::Warning, BaseSettings::log,
-            u"the log is off: the module says nowhere what goes wrong"_s);
+            u"the log is off: the module reports its problems nowhere"_s);
     if (!isNumber)
         return addBase(Severity::Error, BaseSettings::log,
-            u"\"Log\" = \"%1\" is no number: the log is off"_s.arg(level));
+            u"\"Log\" = \"%1\" is not a number: the log is off"_s.arg(level));
     const QString name = settings.base(BaseSettings::logName);
     if (name == u"journal")
         return;
@@ -180,15 +180,15 @@ void SettingsCheck::checkWhatLiesInSpool()
     const QString logName = settings.base(BaseSettings::logName);
     if (logName.contains(u'/') && isInSpool(logName))
         addBase(Severity::Error, BaseSettings::logName,
-            u"the log lies in the spool folder: it would be sent and removed"_s);
+            u"the log is in the spool folder: it would be sent and removed"_s);
     else if (logName.contains(u'/')
         && !QDir::match(rotatedLogs, TLog(QDir(directory).absoluteFilePath(logName)).filePath()))
         addBase(Severity::Warning, BaseSettings::logName,
-            u"the service rotates %1 only: the log grows without end unless somebody else rotates "
+            u"the service rotates only %1: this log grows without bound unless you rotate "
             "it"_s.arg(rotatedLogs));
     if (QFileInfo(QFileInfo(file).absolutePath()).canonicalFilePath() == spool)
         addMain(Severity::Error, MainSettings::tempDir,
-            u"this settings file lies in the spool folder: it would be sent and removed"_s);
+            u"this settings file is in the spool folder: it would be sent and removed"_s);
     const QString statusFile = settings.main(MainSettings::statusFile);
     if (statusFile.isEmpty())
         return;
@@ -196,7 +196,7 @@ void SettingsCheck::checkWhatLiesInSpool()
         folderProblem(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
     if (isInSpool(statusFile))
         addMain(Severity::Error, MainSettings::statusFile,
-            u"the status file lies in the spool folder: it would be sent and removed"_s);
+            u"the status file is in the spool folder: it would be sent and removed"_s);
     else if (!problem.isEmpty())
         addMain(Severity::Warning, MainSettings::statusFile,
             u"the status file cannot be written: "_s + problem);
@@ -218,14 +218,14 @@ QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &ot
     const QString statusFile = settings.main(MainSettings::statusFile);
     if (!statusFile.isEmpty() && statusFile == other.settings.main(MainSettings::statusFile))
         add(Severity::Error, MainSettings::group, MainSettings::statusFile,
-            u"%1 has the same \"StatusFile\": each module replaces that of the other"_s);
+            u"%1 has the same \"StatusFile\": each module overwrites the other's"_s);
     const Key &port = MainSettings::localPort;
     if (settings.isUdp() && other.settings.isUdp()
         && settings.number(port) == other.settings.number(port))
         add(Severity::Error, MainSettings::group, port,
-            u"%1 has the same \"LocalPort\": only one of both modules gets it"_s);
+            u"%1 has the same \"LocalPort\": only one of the two modules gets it"_s);
     if (isSpoolKnown() && other.isSpoolKnown() && spoolPath() == other.spoolPath())
         add(Severity::Warning, MainSettings::group, MainSettings::tempDir,
-            u"%1 has the same \"TempDir\": each module sends what both take"_s);
+            u"%1 has the same \"TempDir\": each module also sends what the other has accepted"_s);
     return clashes;
 }

@@ -55,8 +55,8 @@ void SettingsCheck::checkAdminServer(const QString &name)
     addBase(Severity::Warning, BaseSettings::adminServerName,
         probe.error() == QLocalSocket::SocketAccessError
             ? connectionProblem(name, probe.error())
-            : u"nobody serves \"%1\" (%2), as \"morvanectl admin %1 --serve\" does: until "
-              "somebody does, the module does not listen"_s.arg(name, busSocketPath(name)));
+            : u"nobody serves \"%1\" (%2), as \"morvanectl admin %1 --serve\" does: the "
+              "module does not listen until somebody does"_s.arg(name, busSocketPath(name)));
 }
 
 void SettingsCheck::checkServerName(const QString &name)
@@ -68,7 +68,7 @@ void SettingsCheck::checkServerName(const QString &name)
     checkBusName(BaseSettings::serverName, name);
     if (!name.isEmpty() && isInTheWay(busSocketPath(name)))
         addBase(Severity::Error, BaseSettings::serverName,
-            u"%1 is no socket, and the module would remove it"_s.arg(busSocketPath(name)));
+            u"%1 is not a socket, and the module would remove it"_s.arg(busSocketPath(name)));
 }
 
 void SettingsCheck::checkConnections(const QString &admin, const QString &server)
@@ -79,18 +79,17 @@ void SettingsCheck::checkConnections(const QString &admin, const QString &server
     QStringList seen;
     if (list.contains(u','))
         addBase(Severity::Error, BaseSettings::connections,
-            u"\"Connections\" holds a comma: names are separated by one blank, and nobody has a "
-            u"name "
-            "like that"_s);
+            u"\"Connections\" holds a comma: one blank separates two names, and no name holds "
+            "a comma"_s);
     const QStringList names = list.split(u' ');
     for (const QString &name : names) {
         if (name.isEmpty() && !seen.contains(name))
             addBase(Severity::Error, BaseSettings::connections,
-                u"a doubled or outer blank in \"Connections\" is an empty name: nobody has it, and "
-                "the module never gets as far as to listen"_s);
+                u"a doubled or outer blank in \"Connections\" is an empty name: nobody has it, so "
+                "the module never listens"_s);
         else if (seen.contains(name) && !name.isEmpty())
             addBase(Severity::Warning, BaseSettings::connections,
-                u"\"%1\" stands more than once in \"Connections\""_s.arg(name));
+                u"\"%1\" is in \"Connections\" more than once"_s.arg(name));
         else if (!name.isEmpty())
             checkBusName(BaseSettings::connections, name);
         seen.append(name);
@@ -101,7 +100,7 @@ void SettingsCheck::checkConnections(const QString &admin, const QString &server
             "listens"_s);
     if (!admin.isEmpty() && seen.contains(admin))
         addBase(Severity::Warning, BaseSettings::connections,
-            u"\"Connections\" holds the \"AdminServerName\", which is connected to anyway"_s);
+            u"\"Connections\" holds the \"AdminServerName\", which the module connects to anyway"_s);
 }
 
 void SettingsCheck::checkBusName(const Key &key, const QString &name)
@@ -112,5 +111,5 @@ void SettingsCheck::checkBusName(const Key &key, const QString &name)
         problem = u"the folder %1 for its socket does not exist"_s.arg(folder);
     if (!problem.isEmpty())
         addBase(Severity::Error, key,
-            u"\"%1\" in \"%2\" can be no bus name: %3"_s.arg(name, key.name, problem));
+            u"\"%1\" in \"%2\" cannot be a bus name: %3"_s.arg(name, key.name, problem));
 }

@@ -62,7 +62,7 @@ void SettingsCheck::checkMain()
     const QString host = settings.main(MainSettings::host);
     if (QHostAddress(host).isNull())
         addMain(Severity::Error, MainSettings::host,
-            u"\"Host\" = \"%1\" is no numeric address, and names are not looked up"_s.arg(host));
+            u"\"Host\" = \"%1\" is not a numeric address, and names are not looked up"_s.arg(host));
     if (settings.number(MainSettings::port) == 0)
         addMain(Severity::Error, MainSettings::port, u"no peer can be reached on port 0"_s);
     if (settings.isUdp())
@@ -82,7 +82,7 @@ void SettingsCheck::checkNumber(const Key &key)
     const int number = value.toInt(&isNumber);
     if (!isNumber || number != settings.number(key))
         addMain(Severity::Error, key,
-            u"\"%1\" = \"%2\" is no number from 0 to 65535: it becomes %3"_s.arg(
+            u"\"%1\" = \"%2\" is not a number from 0 to 65535: it becomes %3"_s.arg(
                 key.name, value, QString::number(settings.number(key))));
 }
 
@@ -96,22 +96,22 @@ void SettingsCheck::checkSpool()
     if (!isSpoolKnown())
         addMain(Severity::Warning, key,
             u"\"TempDir\" = \"%1\" is relative to the working directory of the "
-            "module, taken to be %2 here (see --directory)"_s.arg(name, directory));
+            "module, assumed to be %2 here (see --directory)"_s.arg(name, directory));
     const QFileInfo folder(path);
     if (!folder.exists())
         addMain(Severity::Error, key,
-            u"the spool folder %1 does not exist, and the module does not make it: "
+            u"the spool folder %1 does not exist, and the module does not create it: "
             "every record is dropped"_s.arg(path));
     else if (!folder.isDir())
-        addMain(Severity::Error, key, u"%1 is no folder: every record is dropped"_s.arg(path));
+        addMain(Severity::Error, key, u"%1 is not a folder: every record is dropped"_s.arg(path));
     else if (!folder.isWritable() || !folder.isReadable() || !folder.isExecutable())
         addMain(Severity::Error, key,
-            u"the spool folder %1 cannot be read and written to by this user"_s.arg(path));
+            u"this user cannot read and write the spool folder %1"_s.arg(path));
     else if ((isDirectoryKnown || QDir::isRelativePath(name))
         && folder.canonicalFilePath() == QFileInfo(directory).canonicalFilePath())
         addMain(Severity::Error, key,
-            u"the spool folder is the working directory: nothing is sent or received, for received "
-            "files would be sent back"_s);
+            u"the spool folder is the working directory: nothing is sent or received, because "
+            "received files would be sent back"_s);
 }
 
 void SettingsCheck::checkTcp()
@@ -132,20 +132,22 @@ void SettingsCheck::checkUdp()
     const quint16 localPort = settings.number(MainSettings::localPort);
     if (!host.isNull() && PeerAddress::isUnspecified(host))
         addMain(Severity::Error, MainSettings::host,
-            u"\"Host\" = \"%1\" is no peer's address: nothing is sent"_s.arg(host.toString()));
+            u"\"Host\" = \"%1\" is not the address of a peer: nothing is sent"_s.arg(
+                host.toString()));
     if (localPort == 0)
         addMain(Severity::Error, MainSettings::localPort,
-            u"\"LocalPort\" of 0 is another port at every start, on which no peer expects us"_s);
+            u"\"LocalPort\" of 0 takes another port at each start, which no peer knows"_s);
     else if (localPort == settings.number(MainSettings::port) && PeerAddress::isThisHost(host))
         addMain(Severity::Error, MainSettings::localPort,
-            u"\"LocalPort\" and \"Port\" are both %1 on this machine, which is the module itself: "
-            "nothing is sent"_s.arg(localPort));
+            u"\"LocalPort\" and \"Port\" are both %1 on this machine: the module would send to "
+            "itself, so nothing is sent"_s.arg(localPort));
     checkNumber(MainSettings::onlyPeer);
     const QString limit = settings.main(MainSettings::maxReceivedBytes);
     bool isNumber = false;
     if (limit.toLongLong(&isNumber) < 0 || !isNumber)
         addMain(Severity::Error, MainSettings::maxReceivedBytes,
-            u"\"MaxReceivedBytes\" = \"%1\" is no number of bytes: there is no limit"_s.arg(limit));
+            u"\"MaxReceivedBytes\" = \"%1\" is not a number of bytes: there is no limit"_s.arg(
+                limit));
     checkPort(MainSettings::localPort);
     checkPace();
 }
@@ -156,7 +158,7 @@ void SettingsCheck::checkPort(const Key &key)
     if (port == 0 || port >= firstFreePort() || mayBindAnyPort())
         return;
     addMain(Severity::Error, key,
-        u"\"%1\" = %2 is below %3, and this user may not have such a port"_s.arg(
+        u"\"%1\" = %2 is below %3, and this user may not bind such a port"_s.arg(
             key.name, QString::number(port), QString::number(firstFreePort())));
 }
 

@@ -65,7 +65,7 @@ void SettingsText::read(const Line &line)
     else if (equals >= 0)
         readKey(line, equals);
     else if (line.text.startsWith('#'))
-        allRemarks.append({line.number, u"\"#\" begins no comment, \";\" does"_s});
+        allRemarks.append({line.number, u"\"#\" does not begin a comment; \";\" does"_s});
     else
         allRemarks.append(
             {line.number, u"\"%1\" has no \"=\" and sets nothing"_s.arg(shown(line.text))});
@@ -91,11 +91,11 @@ void SettingsText::readKey(const Line &line, qsizetype equals)
     const QString path = currentGroup + u'/' + key;
     if (const int earlier = places.value(path))
         allRemarks.append({earlier,
-            u"\"%1\" has no effect, line %2 sets it again"_s.arg(
+            u"\"%1\" has no effect; line %2 sets it again"_s.arg(
                 key, QString::number(line.number))});
     if (line.goesOn)
         allRemarks.append({line.number,
-            u"the value of \"%1\" goes on over the end of its line, because of an open quote or a backslash"_s
+            u"the value of \"%1\" goes on past the end of its line, because of an open quote or a backslash"_s
                 .arg(key)});
     places.insert(path, line.number);
 }

@@ -39,7 +39,7 @@ bool Receiver::start()
 {
     if (!openFolder()) {
         const QString reason = errno == EWOULDBLOCK
-            ? u"another receiver acknowledges what is in it"_s
+            ? u"another receiver acknowledges the records in it"_s
             : qt_error_string(errno);
         complain(u"receive: the folder %1 cannot be used: %2"_s.arg(options.directory, reason));
         return false;
@@ -196,7 +196,7 @@ void Receiver::acknowledge(Link &link)
     link.acknowledged = link.taken;
     if (link.socket->acknowledge(link.taken))
         return;
-    complain(u"receive: %1 reads no acknowledgements: dropped"_s.arg(link.peer));
+    complain(u"receive: %1 does not read its acknowledgements: dropped"_s.arg(link.peer));
     close(link);
 }
 

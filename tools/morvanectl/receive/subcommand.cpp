@@ -125,7 +125,7 @@ std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
     options.acknowledge = line.isSet(u"acknowledge"_s);
     options.quiet = line.isSet(u"quiet"_s);
     if (!options.address.setAddress(line.value(u"address"_s)))
-        return line.wrongUsage(u"\"%1\" is no numeric address."_s.arg(line.value(u"address"_s)));
+        return line.wrongUsage(u"\"%1\" is not a numeric address."_s.arg(line.value(u"address"_s)));
     if (options.directory.isEmpty() && (line.isSet(u"dir"_s) || options.overwrite))
         return line.wrongUsage(u"--dir takes a folder, and --overwrite needs it."_s);
     if (options.directory.isEmpty() && line.isSet(u"name"_s))

@@ -44,10 +44,10 @@ QString problemWith(const QString &file)
     const Descriptor opened(openRegularFile(file, info));
     if (!opened.isOpen())
         return u"cannot be read: "_s
-            + (errno == EINVAL ? u"it is no file; \"-\" takes what is piped in"_s
+            + (errno == EINVAL ? u"it is not a regular file; \"-\" reads standard input"_s
                                : qt_error_string());
     if (info.st_size > longestBody)
-        return u"has %1 bytes, more than the %2 of a frame"_s.arg(
+        return u"has %1 bytes, more than the %2 that a frame holds"_s.arg(
             QString::number(info.st_size), QString::number(longestBody));
     return {};
 }
@@ -89,14 +89,15 @@ QString nameProblem(const SendOptions &options, bool areGiven)
         if (file == standardInput && (options.items.size() > 1 || !areGiven))
             return u"Standard input is one record, and --name must name it."_s;
         if (!isPlainName(name))
-            return u"No module keeps a record of the name \"%1\": it must not be empty, hold \"/\" "
+            return u"No module keeps a record with the name \"%1\": it must not be empty, hold "
+                   u"\"/\" "
                    "or begin with a dot. --name gives another."_s.arg(name);
         if (const qsizetype bytes = name.toUtf8().size(); bytes > longestFileName)
             return u"No module keeps a record whose name has %1 bytes, more than the %2 of a "
-                   "file: \"%3...\". --name gives another."_s.arg(QString::number(bytes),
+                   "file name: \"%3...\". --name gives another."_s.arg(QString::number(bytes),
                        QString::number(longestFileName), name.left(shownOfLongName));
         if (names.contains(name))
-            return u"Two records would have the name \"%1\", and one replace the other."_s.arg(
+            return u"Two records would have the name \"%1\": one would replace the other."_s.arg(
                 name);
         names.insert(name);
     }

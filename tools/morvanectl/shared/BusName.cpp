@@ -57,7 +57,7 @@ QString busFolderProblem()
     const QString folder = qEnvironmentVariable("TMPDIR");
     if (folder.isEmpty() || QFileInfo(folder).isDir())
         return {};
-    return u"TMPDIR names %1, which is no folder: the bus would lie in /"_s.arg(folder);
+    return u"TMPDIR names %1, which is not a folder: the bus sockets would be in /"_s.arg(folder);
 }
 
 QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError error)
@@ -71,17 +71,17 @@ QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError er
     const bool mayBeService =
         qEnvironmentVariableIsEmpty("TMPDIR") && QFileInfo(serviceBus).isDir();
     return u"no module listens under this name (%1)"_s.arg(path)
-        + (mayBeService ? u"; those of the service do with TMPDIR=%1"_s.arg(serviceBus)
+        + (mayBeService ? u"; to reach those of the service, set TMPDIR=%1"_s.arg(serviceBus)
                         : QString());
 }
 
 QString busNameProblem(const QString &name)
 {
     if (name.isEmpty() || !isPlainAscii(name))
-        return u"a bus name is made of ASCII characters without blanks"_s;
+        return u"a bus name may hold only ASCII characters and no blanks"_s;
     const QByteArray path = busSocketPath(name).toLocal8Bit();
     if (path.size() > longestPath)
-        return u"the socket's path %1 has %2 bytes, at most %3 are possible (see TMPDIR)"_s.arg(
+        return u"the socket's path %1 has %2 bytes; the limit is %3 (see TMPDIR)"_s.arg(
             QString::fromLocal8Bit(path), QString::number(path.size()),
             QString::number(longestPath));
     return {};

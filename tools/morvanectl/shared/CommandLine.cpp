@@ -38,9 +38,9 @@ std::optional<int> CommandLine::parse(
     if (!understood)
         return wrongUsage(parserProblem());
     if (positionals().size() < fewest)
-        return wrongUsage(u"Too few arguments: %1 is expected."_s.arg(synopsis));
+        return wrongUsage(u"Too few arguments: expected %1."_s.arg(synopsis));
     if (positionals().size() > most)
-        return wrongUsage(u"Too many arguments: %1 is expected."_s.arg(synopsis));
+        return wrongUsage(u"Too many arguments: expected %1."_s.arg(synopsis));
     return std::nullopt;
 }
 

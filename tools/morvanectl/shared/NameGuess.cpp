@@ -40,7 +40,7 @@ QString guessHint(const QString &name, const QStringList &known)
         fewest = slips;
         best = candidate;
     }
-    return best.isEmpty() ? QString() : u", is \"%1\" meant?"_s.arg(best);
+    return best.isEmpty() ? QString() : u"; did you mean \"%1\"?"_s.arg(best);
 }
 
 QString guessSentence(const QString &statement, const QString &name, const QStringList &known)

@@ -2,9 +2,9 @@
 
 #include <QStringList>
 
-// ", is \"NAME\" meant?" for the known name that a person most likely misspelt; empty if none is
-// like it.
+// Returns "; did you mean \"NAME\"?" with the known name that is most like the given one, or nothing
+// if none is like it.
 [[nodiscard]] QString guessHint(const QString &name, const QStringList &known);
-// A statement about the name as a whole sentence, which ends with such a hint where there is one.
+// Returns the statement about the name as a sentence, with such a hint if there is one.
 [[nodiscard]] QString guessSentence(
     const QString &statement, const QString &name, const QStringList &known);

@@ -41,7 +41,7 @@ QString templateProblem(const QString &text, const QStringList &words)
         const QString hint =
             words.contains(match.captured(1)) ? QString() : guessHint(match.captured(0), fields);
         if (!hint.isEmpty())
-            return u"nothing stands for \"%1\"%2"_s.arg(match.captured(0), hint);
+            return u"\"%1\" stands for nothing%2"_s.arg(match.captured(0), hint);
     }
     return {};
 }

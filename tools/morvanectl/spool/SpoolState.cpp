@@ -84,11 +84,11 @@ void addTransfer(Table &table, const SpoolState::Transfer &transfer)
 QString toText(const SpoolState::Unacknowledged &sent)
 {
     if (!sent.problem.isEmpty())
-        return u"%1 cannot be looked into: %2"_s.arg(shownName(sent.folder), sent.problem);
+        return u"%1 cannot be read: %2"_s.arg(shownName(sent.folder), sent.problem);
     return u"%1 in %2, not acknowledged; %3"_s.arg(shownSize(sent.files, sent.bytes),
         shownName(sent.folder),
         sent.hasOwner ? u"the module that sent them runs"_s
-                      : u"their module has ended, the next start gives them back"_s);
+                      : u"their module has ended; its next start puts them back into the spool"_s);
 }
 
 } // namespace
@@ -103,8 +103,7 @@ QString SpoolState::toText() const
     for (const Refused &aside : refused)
         table.add(u"refused"_s,
             u"%1  %2  %3"_s.arg(shownName(aside.file.name), counted(aside.file.bytes, u"byte"_s),
-                aside.reason.isEmpty() ? u"for a reason that cannot be told any more"_s
-                                       : aside.reason));
+                aside.reason.isEmpty() ? u"for a reason that is no longer known"_s : aside.reason));
     if (lock)
         table.add(u"lock"_s, u"held, %1 old"_s.arg(shownAge(*lock)));
     if (transfer)
