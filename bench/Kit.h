@@ -96,7 +96,7 @@ void readBytes(int socket, size_t count);
 // Makes a file of so many bytes that cannot be compressed.
 void writeNoise(const std::string &path, size_t bytes);
 
-// A folder on the RAM disk that goes with the object.
+// A folder that goes with the object: on the RAM disk, or in the folder that BENCH_FOLDER names.
 class RamFolder
 {
 public:
