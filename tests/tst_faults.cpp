@@ -3,16 +3,12 @@
 #include "ModuleProcess.h"
 #include "Oracle.h"
 #include "SmallDisk.h"
-#include "TcpPeer.h"
 #include "UdpRelay.h"
 
 #include <QRandomGenerator>
-#include <QTest>
 
 #include <csignal>
 #include <sys/resource.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 

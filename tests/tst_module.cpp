@@ -4,10 +4,7 @@
 #include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QSettings>
-#include <QTest>
 #include <QThread>
-
-using namespace Qt::StringLiterals;
 
 class TestModule : public QObject
 {

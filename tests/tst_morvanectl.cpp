@@ -6,11 +6,8 @@
 #include <QHostAddress>
 #include <QRegularExpression>
 #include <QTcpSocket>
-#include <QTest>
 
 #include <unistd.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -20,7 +17,7 @@ class PeerLink : public QTcpSocket
 public:
     explicit PeerLink(Tool &receiver)
     {
-        if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, patience))
+        if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, longestWait))
             qFatal("nobody listens");
         const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
         const QString port = line.match(QString::fromUtf8(receiver.said)).captured(1);
@@ -71,8 +68,7 @@ void TestMorvanectl::wrongUsageGivesStatusTwo()
     QFETCH(QString, arguments);
     QFETCH(QByteArray, complaint);
     Tool tool(arguments);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 2, patience);
-    QVERIFY2(tool.complains(complaint), tool.complaints);
+    QVERIFY2(tool.endsComplaining(2, complaint), tool.complaints);
     QCOMPARE(tool.complaints.count('\n'), 1);
 }
 
@@ -94,9 +90,9 @@ void TestMorvanectl::sendWaitsForTheModuleAndKeepsTheOrder()
     place.writeFile(u"b"_s, large);
     place.writeFile(u"{number}"_s, "");
     Tool tool(u"send mod b {number} --wait 20 --name {time}-{number}-{name}"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("Waiting for mod"), patience);
+    QTRY_VERIFY(tool.says("Waiting for mod"));
     const BusServer module(u"mod"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
+    QTRY_COMPARE(tool.status(), 0);
     QVERIFY(tool.says("2 records sent to mod"));
 
     const QRegularExpression line(u"Sent (\\d{8}T\\d{6}Z)-000001-b "_s);
@@ -110,7 +106,7 @@ void TestMorvanectl::sendWaitsForTheModuleAndKeepsTheOrder()
     Tool piped(u"send mod - --name p"_s);
     piped.write(large); // many times what a pipe holds
     piped.closeWriteChannel();
-    QTRY_COMPARE_WITH_TIMEOUT(piped.status(), 0, patience);
+    QTRY_COMPARE(piped.status(), 0);
     const DataRecord whole{"tempdb", u"p"_s, large};
     QTRY_VERIFY(module.received.endsWith(BusFrame::makeData(1, whole.write())));
 }
@@ -121,30 +117,26 @@ void TestMorvanectl::sendSaysWhatKeepsItFromSending()
     QVERIFY(QFile::resize(place.writeFile(u"fits"_s, {}), 40'000'000));
     QVERIFY(QFile::resize(place.writeFile(u"long"_s, {}), 50'000'000));
     Tool unheard(u"send mod fits"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(unheard.status(), 1, patience);
-    QVERIFY2(unheard.complains("no module listens"), unheard.complaints);
+    QVERIFY2(unheard.endsComplaining(1, "no module listens"), unheard.complaints);
 
     BusServer module(u"mod"_s);
     if (::geteuid() != 0) { // root may connect to everything
         const QString socket = QDir::tempPath() + u"/mod"_s;
         QVERIFY(QFile::setPermissions(socket, {}));
         Tool denied(u"send mod fits --wait 20"_s);
-        QTRY_COMPARE_WITH_TIMEOUT(denied.status(), 1, patience);
-        QVERIFY2(denied.complains("permission denied"), denied.complaints);
+        QVERIFY2(denied.endsComplaining(1, "permission denied"), denied.complaints);
         QVERIFY(QFile::setPermissions(socket, QFile::ReadUser | QFile::WriteUser));
     }
     module.reading = false;
     Tool tooLong(u"send mod long"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tooLong.status(), 1, patience);
-    QVERIFY2(tooLong.complains("50000000"), tooLong.complaints);
+    QVERIFY2(tooLong.endsComplaining(1, "50000000"), tooLong.complaints);
     Tool givenUp(u"send mod fits --timeout 1"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(givenUp.status(), 1, patience);
-    QVERIFY2(givenUp.complains("has read nothing for 1 second;"), givenUp.complaints);
+    QVERIFY2(givenUp.endsComplaining(1, "has read nothing for 1 second;"), givenUp.complaints);
     Tool cutOff(u"send mod fits"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(module.sockets.size(), 3, patience);
+    QTRY_COMPARE(module.sockets.size(), 3);
     module.dropConnections();
-    QTRY_COMPARE_WITH_TIMEOUT(cutOff.status(), 1, patience);
-    QVERIFY2(cutOff.complains("closed the connection; 0 of 1 record had left"), cutOff.complaints);
+    QVERIFY2(cutOff.endsComplaining(1, "closed the connection; 0 of 1 record had left"),
+        cutOff.complaints);
 }
 
 void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
@@ -160,16 +152,16 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
     brief.write(LinkRecord::make("tempdb_t1") + LinkRecord::make("live")
         + LinkRecord::make("tempdb") + LinkRecord::make("cut off").chopped(1));
     brief.disconnectFromHost();
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("in the middle of a record"), patience);
+    QTRY_VERIFY(tool.says("in the middle of a record"));
     PeerLink liar(tool);
     liar.write(LinkRecord::make(large + 'x') + LinkRecord::make("x"));
-    QTRY_VERIFY_WITH_TIMEOUT(tool.complains("3000006 bytes, more than 3000005"), patience);
-    QTRY_COMPARE_WITH_TIMEOUT(liar.state(), QAbstractSocket::UnconnectedState, patience);
+    QTRY_VERIFY(tool.complains("3000006 bytes, more than 3000005"));
+    QTRY_COMPARE(liar.state(), QAbstractSocket::UnconnectedState);
     PeerLink honest(tool);
     honest.write(LinkRecord::make(large) + LinkRecord::make("x"));
 
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
-    QVERIFY2(tool.says("4 records of 3000021 bytes, 1 keep-alive, 3 connections\n"), tool.said);
+    QVERIFY2(
+        tool.endsSaying(0, "4 records of 3000021 bytes, 1 keep-alive, 3 connections\n"), tool.said);
     QByteArrayList files;
     for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden))
         files.append(name.toUtf8() + ' ' + place.readFile(u"in/"_s + name));
@@ -181,8 +173,8 @@ void TestMorvanectl::receiveWritesEveryRecordToAFileOfItsOwn()
     PeerLink hopeful(full);
     QDir(place.path(u"in"_s)).removeRecursively();
     hopeful.write(LinkRecord::make("tempdb1") + LinkRecord::make("tempdb2"));
-    QTRY_COMPARE_WITH_TIMEOUT(full.status(), 1, patience);
-    QVERIFY2(full.says(" 0 keep-alives, 1 connection, 2 records of 14 bytes lost\n"), full.said);
+    QVERIFY2(full.endsSaying(1, " 0 keep-alives, 1 connection, 2 records of 14 bytes lost\n"),
+        full.said);
 }
 
 void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
@@ -191,27 +183,27 @@ void TestMorvanectl::receiveReportsSilenceAndClosesOrStopsOnRequest()
         + LinkRecord::make("tempdb2") + LinkRecord::make("tempdb3");
     Tool closing(u"receive 0 --silence 1 --close-after 2"_s);
     PeerLink closed(closing);
-    QTRY_VERIFY_WITH_TIMEOUT(closing.complains("has been silent for 1 second\n"), patience);
+    QTRY_VERIFY(closing.complains("has been silent for 1 second\n"));
     closing.complaints.clear();
     closed.write(LinkRecord::make("live"));
-    QTRY_VERIFY_WITH_TIMEOUT(closing.says("Heard of again"), patience);
-    QTRY_VERIFY_WITH_TIMEOUT(closing.complains("has been silent"), patience);
+    QTRY_VERIFY(closing.says("Heard of again"));
+    QTRY_VERIFY(closing.complains("has been silent"));
     closed.write(records);
-    QTRY_COMPARE_WITH_TIMEOUT(closed.state(), QAbstractSocket::UnconnectedState, patience);
+    QTRY_COMPARE(closed.state(), QAbstractSocket::UnconnectedState);
     closing.raise(SIGTERM);
-    QTRY_COMPARE_WITH_TIMEOUT(closing.status(), 3, patience);
-    QVERIFY2(closing.says("2 records of 14 bytes, 2 keep-alives, 1 connection, 1 record of 7 bytes "
-                          "lost\n"),
+    QVERIFY2(closing.endsSaying(3,
+                 "2 records of 14 bytes, 2 keep-alives, 1 connection, 1 record of 7 bytes "
+                 "lost\n"),
         closing.said);
 
     Tool stopping(u"receive 0 --stop-after 1"_s);
     PeerLink stopped(stopping);
     stopped.write(records);
-    QTRY_VERIFY_WITH_TIMEOUT(stopping.says("Reading no more after 1 record"), patience);
+    QTRY_VERIFY(stopping.says("Reading no more after 1 record"));
     stopping.raise(SIGINT);
-    QTRY_COMPARE_WITH_TIMEOUT(stopping.status(), 3, patience);
-    QVERIFY2(stopping.says("1 record of 7 bytes, 1 keep-alive, 1 connection, 2 records of 14 bytes "
-                           "lost\n"),
+    QVERIFY2(stopping.endsSaying(3,
+                 "1 record of 7 bytes, 1 keep-alive, 1 connection, 2 records of 14 bytes "
+                 "lost\n"),
         stopping.said);
     QVERIFY(!stopping.says("Disconnected"));
 }

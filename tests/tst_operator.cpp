@@ -6,12 +6,9 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTest>
 
 #include <fcntl.h>
 #include <sys/file.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -133,7 +130,7 @@ void TestOperator::checkFindsEveryMistake()
     place.writeFile(u"m.ini"_s, text.replace(text.indexOf(right), right.size(), wrong));
     Tool tool(u"check m.ini"_s);
     const int expected = finding.isEmpty() ? 0 : finding.contains("error: ") ? 2 : 1;
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), expected, patience);
+    QTRY_COMPARE(tool.status(), expected);
     QVERIFY2(finding.isEmpty() || tool.says("m.ini:" + finding), tool.said);
     QCOMPARE(tool.said.count('\n'), finding.isEmpty() ? 0 : 1);
 }
@@ -146,28 +143,25 @@ void TestOperator::checkSaysWhatTwoModulesCannotShare()
     place.writeFile(u"1.ini"_s, text);
     place.writeFile(u"2.ini"_s, text);
     Tool tool(u"check 1.ini 2.ini"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 2, patience);
+    QTRY_COMPARE(tool.status(), 2);
     for (const char *line : {"2.ini:5: error: ", "2.ini:12: error: ", "2.ini:9: warning: "})
         QVERIFY2(tool.says(line), tool.said);
     QCOMPARE(tool.said.count('\n'), 3);
     place.writeFile(
         u"3.ini"_s, QByteArray(text).replace("=mod", "=mod3").replace("=7071", "=7072"));
     Tool tolerant(u"check --errors-only 1.ini 3.ini"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tolerant.status(), 0, patience);
-    QVERIFY2(tolerant.says("3.ini:9: warning: "), tolerant.said);
+    QVERIFY2(tolerant.endsSaying(0, "3.ini:9: warning: "), tolerant.said);
     Tool atHome(u"check --directory spool 1.ini"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(atHome.status(), 2, patience);
-    QVERIFY2(atHome.says(":9: error: the spool folder is the working directory"), atHome.said);
+    QVERIFY2(
+        atHome.endsSaying(2, ":9: error: the spool folder is the working directory"), atHome.said);
 }
 
 void TestOperator::misspeltSubcommandGetsAHint()
 {
     const Workplace place;
     Tool tool(u"chek m.ini"_s), help(u"help spool"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 2, patience);
-    QVERIFY2(tool.complains("\"chek\"; did you mean \"check\"? See"), tool.complaints);
-    QTRY_COMPARE_WITH_TIMEOUT(help.status(), 0, patience);
-    QVERIFY2(help.says("Usage: morvanectl spool "), help.said);
+    QVERIFY2(tool.endsComplaining(2, "\"chek\"; did you mean \"check\"? See"), tool.complaints);
+    QVERIFY2(help.endsSaying(0, "Usage: morvanectl spool "), help.said);
 }
 
 void TestOperator::spoolShowsWhatWaits()
@@ -191,7 +185,7 @@ void TestOperator::spoolShowsWhatWaits()
     QCOMPARE(::flock(owner.get(), LOCK_EX), 0);
 
     Tool tool(u"spool --json m.ini"_s);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
+    QTRY_COMPARE(tool.status(), 0);
     QVERIFY(tool.says("\n"));
     const QJsonObject shown = QJsonDocument::fromJson(tool.said).object();
     QCOMPARE(shown[u"files"].toInt(), 12);
@@ -219,16 +213,16 @@ void TestOperator::spoolWatchesUntilItIsStopped()
     const Workplace place;
     place.writeFile(u"m.ini"_s, goodSettings(place));
     Tool tool(u"spool --watch m.ini"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("waiting  0 files, 0 bytes\n"), patience);
+    QTRY_VERIFY(tool.says("waiting  0 files, 0 bytes\n"));
     place.makeFolder(u"spool/.sent-new"_s);
     place.writeFile(u"spool/f\x1b"_s, "12345");
-    QTRY_VERIFY_WITH_TIMEOUT(tool.says("waiting  1 file, 5 bytes\n"), patience);
+    QTRY_VERIFY(tool.says("waiting  1 file, 5 bytes\n"));
     QVERIFY2(tool.says("first    f\\x1b  5 bytes  "), tool.said);
     QVERIFY2(
         tool.says(" in .sent-new, not acknowledged; the module that sent them runs"), tool.said);
     QVERIFY2(!tool.says("\x1b"), "a plain pipe gets plain text");
     tool.raise(SIGTERM);
-    QTRY_COMPARE_WITH_TIMEOUT(tool.status(), 0, patience);
+    QTRY_COMPARE(tool.status(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestOperator)

@@ -7,12 +7,9 @@
 #include "UdpRelay.h"
 
 #include <QElapsedTimer>
-#include <QTest>
 
 #include <csignal>
 #include <cstring>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 

@@ -1,20 +1,16 @@
 #include "kit/Channel.h"
 #include "kit/DamagedDatagram.h"
 #include "kit/UdpRelay.h"
-#include "kit/Waiting.h"
 #include "test_object.h"
 
 #include <QElapsedTimer>
 #include <QLoggingCategory>
 #include <QNetworkProxyFactory>
-#include <QTest>
 
 #include <atomic>
 #include <ctime>
 #include <sys/stat.h>
 #include <unistd.h>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -290,11 +286,13 @@ void tst_scanthread::withoutAFixedPaceFilesCrossBothWays()
     Node right(rightPort, leftPort, u"right"_s, u"127.0.0.1"_s, 0);
     const Bytes content = noise(4'000'000, 1), other = noise(4'000'000, 2);
     left.put(u"f"_s, content);
+    left.put(u"second"_s, other.first(10'000));
     right.put(u"g"_s, other);
     left.thread.start();
     right.thread.start();
     QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(u"f"_s) && QFile::exists(u"g"_s), 10'000); // takes 2 s
     QVERIFY(folder->readFile(u"f"_s) == content && folder->readFile(u"g"_s) == other);
+    QTRY_VERIFY(folder->readFile(u"second"_s) == other.first(10'000));
 }
 
 QTEST_GUILESS_MAIN(tst_scanthread)

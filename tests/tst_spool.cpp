@@ -2,15 +2,12 @@
 #include "SpoolDirectory.h"
 #include "Workplace.h"
 
-#include <QTest>
-
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
 namespace {

@@ -5,9 +5,6 @@
 #include <QSettings>
 #include <QSqlDatabase>
 #include <QSqlError>
-#include <QTest>
-
-using namespace Qt::StringLiterals;
 
 class TestSupportLib : public QObject
 {

@@ -1,9 +1,6 @@
 #include "ModuleProcess.h"
 
 #include <QRegularExpression>
-#include <QTest>
-
-using namespace Qt::StringLiterals;
 
 namespace {
 

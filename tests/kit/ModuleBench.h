@@ -9,8 +9,6 @@
 #include <QCoreApplication>
 #include <QTimerEvent>
 
-using namespace Qt::StringLiterals;
-
 // A module with an administration server, its settings file and its spool.
 class ModuleBench
 {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include "Patience.h"
 #include "Workplace.h"
 
 #include <QCoreApplication>
@@ -8,8 +7,6 @@
 #include <QProcess>
 
 #include <unistd.h>
-
-using namespace Qt::StringLiterals;
 
 // A module process with a folder of its own, which is also its bus.
 class ModuleProcess : public QProcess

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Patience.h"
+#include "Waiting.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -35,6 +35,16 @@ public:
     {
         complaints += readAllStandardError();
         return complaints.contains(text);
+    }
+    [[nodiscard]] bool endsSaying(int wanted, const char *text)
+    {
+        return QTest::qWaitFor([&] { return says(text) && status() >= 0; }, longestWait)
+            && status() == wanted;
+    }
+    [[nodiscard]] bool endsComplaining(int wanted, const char *text)
+    {
+        return QTest::qWaitFor([&] { return complains(text) && status() >= 0; }, longestWait)
+            && status() == wanted;
     }
     void raise(int signal) const { ::kill(pid_t(processId()), signal); }
     // -1 while it runs, or if it did not end by itself.
