@@ -14,7 +14,9 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr qsizetype mostRemembered = 100'000; // names that were given back, only to be counted
-constexpr int mostFreed = 4'096; // records in one look: removing many files takes its time
+constexpr int mostFreed = 4'096; // records in one look
+constexpr auto longestFreeing = 10ms; // in one look: removing files takes its time
+constexpr int freedPerGlance = 64; // records between two glances at the clock
 constexpr auto flushAge = 250ms; // a record that waits longer is brought to the disk
 constexpr size_t mostRecords = 65'536;
 constexpr qint64 mostBytes = Journal::defaultBytes; // for a program that acknowledges
@@ -137,9 +139,11 @@ bool OnItsWay::look()
     if (records.empty())
         return false;
     const qint64 acknowledged = peerTime ? storedTo : arrivedBytes();
+    const Clock::time_point end = Clock::now() + longestFreeing;
     quint64 journalEnd = 0;
     int freed = 0;
-    for (; !records.empty() && records.front().end <= acknowledged && freed < mostFreed;
+    for (; !records.empty() && records.front().end <= acknowledged && freed < mostFreed
+         && (freed % freedPerGlance != 0 || Clock::now() < end);
          records.pop_front(), ++freed) {
         done.acknowledged.add(records.front().size);
         waitingBytes -= records.front().size;

@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto sliceTime = 20ms; // of a listing, between two turns of the event loop
+constexpr auto sliceTime = 10ms; // of a listing, between two turns of the event loop
 constexpr auto shortScan = 5ms; // a longer one is left to another thread
 constexpr auto lockInterval = 100ms; // between two looks at a lock that somebody holds
 constexpr auto firstLook = 1ms; // at acknowledgements, after something was sent
