@@ -20,23 +20,24 @@ struct Subcommand
 };
 
 const Subcommand subcommands[] = {
-    {u"admin"_s, u"show what modules report, send them commands; or be their server"_s, runAdmin},
-    {u"send"_s, u"put files on a module's bus name as records"_s, runSend},
-    {u"receive"_s, u"be the TCP peer: take records from a module's link"_s, runReceive},
-    {u"check"_s, u"say what will not work in a module's settings file"_s, runCheck},
+    {u"admin"_s, u"show what modules report and send them commands, or be their server"_s,
+        runAdmin},
+    {u"send"_s, u"send files to a module as records"_s, runSend},
+    {u"receive"_s, u"be the TCP peer that takes a module's records"_s, runReceive},
+    {u"check"_s, u"find the mistakes in a module's settings file"_s, runCheck},
     {u"spool"_s, u"show what waits in a module's spool"_s, runSpool},
 };
 
 QString overview()
 {
     QString text = u"Usage: morvanectl SUBCOMMAND [options] ...\n"
-                   "The other ends of a transfer module, to try it and to operate it.\n\n"_s;
+                   "Operates a transfer module, and plays the programs that it talks to.\n\n"_s;
     for (const Subcommand &subcommand : subcommands)
         text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
     return text
-        + u"\n\"morvanectl help SUBCOMMAND\" tells more about each, --version the version.\n"
+        + u"\n\"morvanectl help SUBCOMMAND\" describes one; --version prints the version.\n"
           "Exit status: 0 done, 1 failed, 2 wrong usage, 3 received records were\n"
-          "not kept; that of check tells what it found."_s;
+          "not kept; check has its own, see its help."_s;
 }
 
 const Subcommand *find(const QString &name)

@@ -18,9 +18,9 @@ constexpr char help[] =
     R"(about [MODULE]                 the module describes itself
 watch on|off [MODULE]          reports of records and link events
 arrows on|off [MODULE]         reports of every data frame
-modules                        the modules that are connected
+modules                        lists the connected modules
 send-command MODULE|all TEXT   any other command, as it stands
-stop MODULE|all                ends modules, after a question
+stop MODULE|all                ends modules, but asks first
 exit, Ctrl-D                   leaves this tool: %1)";
 constexpr char quitExplained[] =
     "\"exit\" leaves this tool: %1. \"stop MODULE\" and \"stop all\" end modules with status 0.";
@@ -124,7 +124,7 @@ void TypedCommands::askToStop(const AdminCommand &command)
     if (names.isEmpty())
         return complain(u"admin: no such module is connected; see \"modules\""_s);
     asked = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
-    say(u"Ends %1 with status 0; a service manager does not start it again. Sure? [y/N]"_s.arg(
+    say(u"This ends %1 with status 0; a service manager does not start it again. Sure? [y/N]"_s.arg(
         names.join(u", "_s)));
 }
 

@@ -24,13 +24,14 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr char description[] =
-    R"(Shows every module at the administration server NAME of the local bus and every
-action that the modules send, and sends them commands.
+    R"(Shows every module at the administration server NAME of the local bus and every action
+that the modules send, and sends them commands.
 
-With --serve this is the administration server, for good: it takes no commands, writes
-what happens to standard output, and lets consoles attach to it. Without --serve this is a
-console. It attaches to such a server if there is one; any number can, and leaving has no
-effect on the modules. If there is none, it is the administration server itself.
+With --serve this is the administration server itself, until it is stopped. It takes no
+commands, writes what happens to standard output, and lets consoles attach to it. Without
+--serve this is a console. It attaches to such a server if there is one; any number can,
+and leaving has no effect on the modules. If there is none, the console is the
+administration server itself.
 
   NOTE: a module ends with status 5 when its administration server goes.
 
@@ -41,25 +42,26 @@ Every argument COMMAND and every line on standard input is one command:
   stop MODULE|all   the module ends with status 0       (QuitSignal)
   quit              the same as "stop all", but not on a terminal
   send-command MODULE|all TEXT   any other command, as it stands
-A module's name behind it sends a command to that one only, as in "about NAME"; as an
-argument that is one, in quotes. The modules' own names, in brackets above, and any
-other text are sent to all as they stand; modules ignore what they do not know.
+A command that is followed by the name of a module goes to that module only, as in
+"about NAME"; as an argument that needs quotes. The modules' own names for the commands,
+in brackets above, and any other text go to all modules as they are. Modules ignore what
+they do not know.
 
-COMMANDs as arguments are sent in order, once the first module, or the one meant, has
-connected. "about" waits for the answers, "quit" until the modules have gone. Then the
-console leaves, unless --stay or --for keep it.
+COMMANDs as arguments are sent in order, as soon as the first module, or the named one,
+has connected. "about" waits for the answers, "quit" until the modules have ended. Then the
+console exits, unless --stay or --for keep it.
 
 Commands on standard input that come before any module wait for the first one. On a
-terminal a line can be edited, and the arrow keys bring earlier ones back; the Tab key
-completes words and names of modules; "exit" and Ctrl-D leave, "stop" asks first, unknown
-words are not sent, and "help" tells more. The end of standard input ends the console only
-on a terminal; in a script it stays until --for is over, SIGINT or SIGTERM, each with
-status 0. The bus lies in the temporary folder: TMPDIR must be the same for all its
-processes.
+terminal you can edit a line; the arrow keys bring earlier lines back, and the Tab key
+completes words and names of modules. "exit" and Ctrl-D leave, "stop" asks first, unknown
+words are not sent, and "help" explains more. On a terminal the end of standard input ends
+the console. In a script the console stays until --for is over, or until SIGINT or SIGTERM;
+its exit status is 0 then. The bus sockets are in the temporary folder, so TMPDIR must be
+the same for all processes on the bus.
 
-With --json everything that happens is one object a line: time, event ("listening" or
-"attached", "connected", "renamed", "disconnected" or "action"), module, and for actions
-action, id, message and base64, the data.)";
+With --json each event is one line with an object: time, event ("listening" or "attached",
+"connected", "renamed", "disconnected" or "action") and module, and for an action also
+action, id, message and base64, which is the data.)";
 
 QStringList namesOf(const ModuleBus &bus)
 {
@@ -196,10 +198,10 @@ int runAdmin(const QStringList &arguments)
     line.addValue(u"wait"_s, u"SECONDS"_s,
         u"How long to wait for a module, and for each effect of a COMMAND (default 30)."_s,
         u"30"_s);
-    line.addValue(u"for"_s, u"SECONDS"_s, u"Stay so long after the COMMANDs, then leave."_s);
+    line.addValue(u"for"_s, u"SECONDS"_s, u"Stay for SECONDS after the COMMANDs, then exit."_s);
     line.addFlag(u"stay"_s, u"Stay after the COMMANDs until stopped."_s);
     line.addFlag(u"serve"_s, u"Be the administration server until stopped, without a console."_s);
-    line.addFlag(u"json"_s, u"Print one JSON object a line."_s);
+    line.addFlag(u"json"_s, u"Print each event as one line with a JSON object."_s);
     if (const std::optional<int> status = line.parse(arguments, 1))
         return *status;
     AdminOptions options;

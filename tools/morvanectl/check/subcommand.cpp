@@ -16,15 +16,15 @@ constexpr int warningStatus = 1;
 constexpr int errorStatus = 2;
 
 constexpr char description[] =
-    R"(Reads settings files as the module does and says what will not work in them, one
-line each: FILE:LINE: error|warning: text. Where a key is missing, the line is that of
-its group, or the first one. Of several files it also says what the modules cannot share.
+    R"(Reads settings files as the module does and prints one line for each thing that will not
+work: FILE:LINE: error|warning: text. If a key is missing, the line is that of its group,
+or the first one. For several files it also prints what the modules cannot share.
 
 Run it as the module's user, in its environment (TMPDIR) and for its working directory:
-what can be written and where the bus lies depend on them.
+they decide what can be written and where the bus sockets are.
 
-Exit status: 0 nothing found, 1 warnings only, 2 errors (or wrong usage). With
---errors-only warnings do not count, for a service manager that must not stop at them.)";
+Exit status: 0 nothing found, 1 warnings only, 2 errors or wrong usage. With --errors-only
+warnings do not count, for a service manager that must not stop at them.)";
 
 // The worse of two statuses.
 int report(const QString &file, const QList<SettingsCheck::Finding> &findings, int worst)
@@ -45,7 +45,7 @@ int runCheck(const QStringList &arguments)
 {
     CommandLine line(u"check"_s, u"SETTINGS..."_s, QString::fromLatin1(description));
     addDirectoryOption(line);
-    line.addFlag(u"errors-only"_s, u"Leave with status 0 unless there are errors."_s);
+    line.addFlag(u"errors-only"_s, u"Exit with status 0 unless there are errors."_s);
     if (const std::optional<int> status = line.parse(arguments, 1))
         return *status;
 

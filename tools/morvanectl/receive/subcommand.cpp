@@ -15,22 +15,21 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr char description[] =
-    R"(Listens on TCP port PORT as the peer of modules and takes the records of their links.
+    R"(Listens on TCP port PORT as the peer of modules, and takes the records of their links.
 Port 0 takes any free port; the first line says which.
 
-With --dir each record becomes one file in DIR, which is made if it is missing: 000001,
-000002 and so on, in the order of arrival. Another scheme is --name, as in
-"site7-{time}-{number}.rec", in which {number} stands for that number and {time} for when
-the record came, in UTC: 20301231T235959Z. Numbering goes on behind the highest number
-that is already there, and no file is overwritten, unless --overwrite starts again at
-000001. A file gets its name when it is complete. Without --dir records are shown and
-forgotten.
+With --dir each record becomes one file in DIR, which is created if it is missing: 000001,
+000002 and so on, in the order of arrival. --name gives other names, such as
+"site7-{time}-{number}.rec": {number} stands for that number, and {time} for when the
+record came, in UTC (20301231T235959Z). The numbers follow the highest number that is
+already there, and no file is overwritten, unless --overwrite starts again at 000001. A
+file gets its name when it is complete. Without --dir records are shown and not kept.
 
-A record holds its kind directly followed by its payload, so a kind is shown as how the
-record begins: "tempdb..." may also be "tempdb_t...". Keep-alives are shown and counted,
-but not written. Connections may come one after the other or together, up to 16.
+A record holds its kind directly followed by its payload, so its kind is shown as the
+beginning of the record: "tempdb..." may also be "tempdb_t...". Keep-alives are shown and
+counted, but not written. Up to 16 connections can be open at once.
 
-With --acknowledge each module hears which of its records are safe; a module with
+With --acknowledge each module is told which of its records are safe; a module with
 Acknowledgements=1 keeps a record until then. The receiver writes the records that have
 come, at most 1,000 and 8 MiB at once, brings them to the disk under their names, and then
 acknowledges them. So kills, power cuts, full disks and tunnels lose nothing, but a record
@@ -40,19 +39,19 @@ digest but different links are a record that came twice, unless it was sent twic
 index of 64 MiB is renamed to .index.1, and a new one begins.
 
 To rehearse an outage, --close-after N closes every connection after N of its records,
-and --stop-after N leaves it open, but reads no more of it. With --silence a connection
-on which nothing comes for so long, not even a keep-alive, is reported on standard error.
+and --stop-after N leaves it open, but reads no more of it. --silence reports on standard
+error each connection on which nothing has come for that time, not even a keep-alive.
 
---count N leaves after N records. SIGINT and SIGTERM end it after what has come whole by
-then. It ends with a summary.
+--count N exits after N records. On SIGINT and SIGTERM the receiver takes the records that
+have arrived whole, and exits. The last line is a summary.
 
-A module forgets a record once this host's kernel has it, read or not. So records that
-follow the last one of --count, --close-after or --stop-after, those behind one that
---limit refuses, and those that a full DIR cannot take are lost as far as they are in the
-kernel's receive buffer; the rest stays with the module. Rehearse with records that may
-be lost. The buffer is small where such an end is to be expected (--buffer). What was
-lost is counted in the summary, and the status is 3, or 1 if a record could not be
-written. With --acknowledge a module that waits for it loses none of them.)";
+A module forgets a record when the kernel of this host has it, read or not. So some
+records can be lost: those that follow the last one of --count, --close-after or
+--stop-after, those after one that --limit refuses, and those that a full DIR cannot take.
+Of these, the records in the kernel's receive buffer are lost; the module keeps the rest.
+With these options the buffer is small (--buffer). Rehearse with records that may be lost.
+The summary counts the lost records, and the exit status is 3, or 1 if a record could not
+be written. With --acknowledge a module that waits for acknowledgements loses none.)";
 
 void addOptions(CommandLine &line)
 {
@@ -62,18 +61,19 @@ void addOptions(CommandLine &line)
     line.addValue(u"name"_s, u"TEXT"_s,
         u"Names of the files, with {number} and {time} (default {number})."_s, u"{number}"_s);
     line.addFlag(u"overwrite"_s, u"Start at 000001 and replace files of earlier runs."_s);
-    line.addFlag(u"acknowledge"_s, u"Tell the modules what is safe on the disk of DIR."_s);
-    line.addValue(u"count"_s, u"N"_s, u"Leave after N records."_s);
+    line.addFlag(
+        u"acknowledge"_s, u"Tell the modules which records are safe on the disk of DIR."_s);
+    line.addValue(u"count"_s, u"N"_s, u"Exit after N records."_s);
     line.addValue(u"limit"_s, u"BYTES"_s,
         u"Drop a connection that announces a longer record (default 100000000)."_s, u"100000000"_s);
-    line.addValue(u"silence"_s, u"SECONDS"_s, u"Report a connection that is silent so long."_s);
+    line.addValue(u"silence"_s, u"SECONDS"_s, u"Report a connection that is silent for SECONDS."_s);
     line.addValue(u"close-after"_s, u"N"_s, u"Close each connection after N of its records."_s);
     line.addValue(u"stop-after"_s, u"N"_s, u"Read no more of a connection after N records."_s);
     line.addValue(u"buffer"_s, u"BYTES"_s,
-        u"Receive buffer of each connection (default: the kernel's least with --count, --limit, "
+        u"Receive buffer of each connection (default: the smallest possible with --count, --limit, "
         "--close-after or --stop-after; 16384 with --dir; otherwise, and with --acknowledge, the "
         "kernel's choice)."_s);
-    line.addFlag(u"quiet"_s, u"Do not show every record and connection."_s);
+    line.addFlag(u"quiet"_s, u"Do not show each record and connection."_s);
 }
 
 constexpr int leastBuffer = 1; // bytes; the kernel makes its own least of it

@@ -22,20 +22,21 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr char description[] =
-    R"(Puts files, or standard input with "-", on the bus name MODULE as data records, in
-the order given, and leaves when every byte has left this process.
+    R"(Sends files, or standard input with "-", to the module with the bus name MODULE, as data
+records in the order given. It exits when every byte has left this process.
 
-A record carries a name, under which the module keeps it in its spool: the file's base
-name, or the one that --name gives, in which {name} stands for the base name, {number}
-for the file's place on the command line, 000001 and so on, and {time} for when the run
-began, in UTC: 20301231T235959Z. A record replaces one of the same name that still
-waits, so names must differ. Nothing is sent if any file cannot be. Standard input is
-read to its end before anything is sent. The bus takes frames of up to 50,000,000
-bytes; a longer input is refused.
+A record has a name, under which the module keeps it in its spool. This is the file's base
+name, or the one that --name gives: {name} stands for the base name, {number} for the
+file's place on the command line (000001 and so on), and {time} for the start of the run,
+in UTC (20301231T235959Z). A record replaces a waiting one with the same name, so names
+must differ. If any file cannot be sent, nothing is. Standard input is read to its end
+before anything is sent. The bus takes frames of up to 50,000,000 bytes; a longer input is
+refused.
 
-A module that reads nothing for five seconds is reported, and waited for; --timeout
-gives up. That all bytes have left does not prove that the module has stored them. The bus lies
-in the temporary folder: TMPDIR must be the same for all its processes.)";
+If the module reads nothing for five seconds, a line reports it, and the tool goes on
+waiting; --timeout gives up. That all bytes have left does not prove that the module has
+stored them. The bus sockets are in the temporary folder, so TMPDIR must be the same for
+all processes on the bus.)";
 
 // What can be known before anything is sent; empty if nothing is wrong.
 QString problemWith(const QString &file)
@@ -89,9 +90,8 @@ QString nameProblem(const SendOptions &options, bool areGiven)
         if (file == standardInput && (options.items.size() > 1 || !areGiven))
             return u"Standard input is one record, and --name must name it."_s;
         if (!isPlainName(name))
-            return u"No module keeps a record with the name \"%1\": it must not be empty, hold "
-                   u"\"/\" "
-                   "or begin with a dot. --name gives another."_s.arg(name);
+            return u"No module keeps a record with the name \"%1\": it must not be empty, "
+                   "hold \"/\" or begin with a dot. --name gives another."_s.arg(name);
         if (const qsizetype bytes = name.toUtf8().size(); bytes > longestFileName)
             return u"No module keeps a record whose name has %1 bytes, more than the %2 of a "
                    "file name: \"%3...\". --name gives another."_s.arg(QString::number(bytes),
@@ -121,10 +121,10 @@ void addOptions(CommandLine &line)
     line.addValue(u"wait"_s, u"SECONDS"_s,
         u"How long to wait for the module to listen (default 0)."_s, u"0"_s);
     line.addValue(u"timeout"_s, u"SECONDS"_s,
-        u"Give up when the module has read nothing for so long (default: never)."_s);
+        u"Give up when the module has read nothing for SECONDS (default: never)."_s);
     line.addValue(
         u"as"_s, u"NAME"_s, u"Own name on the bus (default morvanectl)."_s, u"morvanectl"_s);
-    line.addFlag(u"quiet"_s, u"Say only what goes wrong."_s);
+    line.addFlag(u"quiet"_s, u"Report only what goes wrong."_s);
 }
 
 // The options, or the exit status of a wrong usage, said.

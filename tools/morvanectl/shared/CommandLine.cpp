@@ -11,7 +11,7 @@ CommandLine::CommandLine(
     , synopsis(synopsisText)
 {
     parser.setApplicationDescription(description);
-    addFlag(u"help"_s, u"Show this help and leave."_s);
+    addFlag(u"help"_s, u"Show this help and exit."_s);
 }
 
 void CommandLine::addFlag(const QString &name, const QString &description)

@@ -22,19 +22,20 @@ constexpr auto watchInterval = 1s;
 constexpr char clearScreen[] = "\x1b[H\x1b[2J";
 
 constexpr char description[] =
-    R"(Shows what waits in the spool of the module with these SETTINGS: how much, the oldest
-file, the first ten in the order of sending, files set aside as refused and why, records
-sent that the peer has not acknowledged yet, and the lock of a writer.
+    R"(Shows what waits in the spool of the module with these SETTINGS: how many files and bytes,
+the oldest file, the first ten in the order of sending, the refused files and why they were
+refused, the records that the peer has not acknowledged yet, and the lock of a writer.
 
-In UDP mode it also compresses the files, as the module does, to tell the packets and the
-time that they take at the "Timeout" of the settings. Beyond 100 MB in one look the rest
-counts uncompressed, and the figures are upper bounds. At a "Timeout" of 0 the time depends
-on the link: none is shown, and "seconds" is null with --json.
+In UDP mode it also shows the number of packets and the time that they take at the
+"Timeout" of the settings. To count the packets it compresses the files, as the module
+does, up to 100 MB each time. It counts the rest uncompressed, and the figures are upper
+bounds then. At a "Timeout" of 0 the time depends on the link: none is shown, and "seconds"
+is null with --json.
 
-Where the settings name a status file, its counters follow as the module has written them
-last, within ten seconds.
+If the settings name a status file, its counters follow. The module writes them every ten
+seconds.
 
-Nothing in the spool is changed. It ends with status 0, or 1 if the spool cannot be read.)";
+Nothing in the spool is changed. The exit status is 0, or 1 if the spool cannot be read.)";
 
 // False, and said, if there is no such folder.
 bool show(SpoolObserver &observer, const QString &statusFile, bool asJson)
@@ -84,8 +85,8 @@ int runSpool(const QStringList &arguments)
 {
     CommandLine line(u"spool"_s, u"SETTINGS"_s, QString::fromLatin1(description));
     addDirectoryOption(line);
-    line.addFlag(u"watch"_s, u"Show it every second, until stopped."_s);
-    line.addFlag(u"json"_s, u"Print one object, with --watch one a line."_s);
+    line.addFlag(u"watch"_s, u"Show the spool every second until stopped."_s);
+    line.addFlag(u"json"_s, u"Print a JSON object, with --watch one a line."_s);
     if (const std::optional<int> status = line.parse(arguments, 1, 1))
         return *status;
 
