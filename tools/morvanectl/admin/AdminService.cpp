@@ -63,7 +63,7 @@ void AdminService::repair()
     QString problem = server.repair();
     if (const QString other = control.repair(); problem.isEmpty())
         problem = other;
-    if (std::exchange(trouble, problem) != problem && !problem.isEmpty())
+    if (std::exchange(reportedProblem, problem) != problem && !problem.isEmpty())
         complain(u"admin: cannot listen any more, trying again: "_s + problem);
 }
 

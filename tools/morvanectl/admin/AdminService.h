@@ -33,5 +33,5 @@ private:
     ControlServer control;
     QTimer repairTimer;
     QTimer aliveTimer;
-    QString trouble; // that repair() has said
+    QString reportedProblem;
 };

@@ -21,9 +21,9 @@ CommandRun::CommandRun(
     : bus(moduleBus)
     , commands(commandList)
 {
-    limit.setSingleShot(true);
-    limit.setInterval(std::chrono::seconds(waitSeconds));
-    connect(&limit, &QTimer::timeout, this, &CommandRun::giveUp);
+    stepTimer.setSingleShot(true);
+    stepTimer.setInterval(std::chrono::seconds(waitSeconds));
+    connect(&stepTimer, &QTimer::timeout, this, &CommandRun::giveUp);
     connect(&bus, &ModuleBus::moduleCame, this, &CommandRun::proceed);
     connect(&bus, &ModuleBus::moduleLeft, this, &CommandRun::noteLoss);
     connect(&bus, &ModuleBus::actionCame, this, &CommandRun::noteAction);
@@ -31,16 +31,16 @@ CommandRun::CommandRun(
 
 void CommandRun::start()
 {
-    limit.start();
+    stepTimer.start();
     proceed();
 }
 
 void CommandRun::proceed()
 {
-    while (!finished && awaited.isEmpty()) {
+    while (!finished && awaitedModules.isEmpty()) {
         if (commands.isEmpty()) {
             finished = true;
-            limit.stop();
+            stepTimer.stop();
             Q_EMIT done();
             return;
         }
@@ -52,26 +52,26 @@ void CommandRun::proceed()
 
 void CommandRun::sendNext()
 {
-    current = commands.takeFirst();
-    const QList<qint64> modules = bus.modules(current.module);
-    if (current.name == "About" || current.name == "QuitSignal")
-        awaited = QSet(modules.begin(), modules.end());
-    limit.start();
-    id = bus.send(current.name, current.module);
+    currentCommand = commands.takeFirst();
+    const QList<qint64> modules = bus.modules(currentCommand.module);
+    if (currentCommand.name == "About" || currentCommand.name == "QuitSignal")
+        awaitedModules = QSet(modules.begin(), modules.end());
+    stepTimer.start();
+    currentId = bus.send(currentCommand.name, currentCommand.module);
 }
 
 void CommandRun::noteAction(qint64 module, const ModuleAction &action)
 {
-    if (current.name == "About" && action.name == "About" && action.id == id
-        && awaited.remove(module))
+    if (currentCommand.name == "About" && action.name == "About" && action.id == currentId
+        && awaitedModules.remove(module))
         proceed();
 }
 
 void CommandRun::noteLoss(qint64 module)
 {
-    if (!awaited.remove(module))
+    if (!awaitedModules.remove(module))
         return;
-    if (current.name == "About") {
+    if (currentCommand.name == "About") {
         complain(u"admin: a module left without an answer to \"About\""_s);
         finished = true;
         Q_EMIT failed();
@@ -81,13 +81,13 @@ void CommandRun::noteLoss(qint64 module)
 
 void CommandRun::giveUp()
 {
-    const QString seconds = counted(limit.interval() / 1'000, u"second"_s);
+    const QString seconds = counted(stepTimer.interval() / 1'000, u"second"_s);
     finished = true;
-    if (awaited.isEmpty())
+    if (awaitedModules.isEmpty())
         complain(
             u"admin: %1 has connected within %2"_s.arg(whose(commands.value(0).module), seconds));
-    for (const qint64 module : std::as_const(awaited))
+    for (const qint64 module : std::as_const(awaitedModules))
         complain(u"admin: %1: no effect of \"%2\" within %3"_s.arg(
-            bus.nameOf(module), printable(current.name), seconds));
+            bus.nameOf(module), printable(currentCommand.name), seconds));
     Q_EMIT failed();
 }

@@ -36,9 +36,9 @@ private:
 
     ModuleBus &bus;
     QList<AdminCommand> commands; // still to be sent
-    AdminCommand current; // the one whose effect is awaited
-    qint32 id = 0; // of the current command
-    QSet<qint64> awaited; // modules that the current command still waits for
+    AdminCommand currentCommand;
+    qint32 currentId = 0;
+    QSet<qint64> awaitedModules;
     bool finished = false;
-    QTimer limit; // of one step
+    QTimer stepTimer;
 };

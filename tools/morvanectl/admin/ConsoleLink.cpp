@@ -77,7 +77,7 @@ qint64 ConsoleLink::unreadBytes() const
 
 bool ConsoleLink::isKeepingUp() const
 {
-    return missed == 0 && unreadBytes() <= maxUnreadBytes;
+    return missedEvents == 0 && unreadBytes() <= maxUnreadBytes;
 }
 
 void ConsoleLink::tell(const QByteArray &line)
@@ -88,10 +88,10 @@ void ConsoleLink::tell(const QByteArray &line)
 // With the modules that are there now, for their coming and going may be among the events.
 void ConsoleLink::sayMissed()
 {
-    if (missed == 0 || unreadBytes() > 0)
+    if (missedEvents == 0 || unreadBytes() > 0)
         return;
     socket->write(ModuleEvent::line(ModuleEvent::make(
-        "missed", {{u"count"_s, std::exchange(missed, 0)}, {u"modules"_s, modules()}})));
+        "missed", {{u"count"_s, std::exchange(missedEvents, 0)}, {u"modules"_s, modules()}})));
 }
 
 void ConsoleLink::sayError(const QString &text)

@@ -30,7 +30,7 @@ public:
     // One line, its end included.
     void tell(const QByteArray &line);
     // The console does not hear of an event for now.
-    void miss() { ++missed; }
+    void miss() { ++missedEvents; }
     // The reason why there can be no attachment.
     void refuse(const QString &reason);
 
@@ -54,5 +54,5 @@ private:
     const CommandIds ids;
     const QString owner;
     LineCutter lines;
-    qint64 missed = 0; // events that the console has not been told of
+    qint64 missedEvents = 0;
 };

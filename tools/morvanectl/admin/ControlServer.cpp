@@ -45,22 +45,23 @@ ControlServer::~ControlServer()
     qDeleteAll(links);
 }
 
-QString ControlServer::listen(const QString &serverName)
+QString ControlServer::listen(const QString &name)
 {
-    name = serverName;
-    return listenOnBus(server, ControlProtocol::socketName(name));
+    serverName = name;
+    return listenOnBus(server, ControlProtocol::socketName(serverName));
 }
 
 QString ControlServer::repair()
 {
-    return keepListening(server, ControlProtocol::socketName(name));
+    return keepListening(server, ControlProtocol::socketName(serverName));
 }
 
 void ControlServer::accept()
 {
     while (QLocalSocket *socket = server.nextPendingConnection()) {
-        ranges = ranges % (CommandIds::rangeCount - 1) + 1; // the server has the first one
-        auto *link = new ConsoleLink(socket, bus, CommandIds(ranges));
+        idRangesGiven =
+            idRangesGiven % (CommandIds::rangeCount - 1) + 1; // the server has the first one
+        auto *link = new ConsoleLink(socket, bus, CommandIds(idRangesGiven));
         if (links.size() >= mostConsoles) {
             connect(link, &ConsoleLink::ended, link, &QObject::deleteLater);
             link->setParent(this);
@@ -73,7 +74,7 @@ void ControlServer::accept()
             [this, link](const QByteArray &command, const QByteArray &module) {
                 Q_EMIT commandTaken(link->who(), command, module);
             });
-        link->greet(name);
+        link->greet(serverName);
         Q_EMIT consoleCame(link->who());
     }
 }

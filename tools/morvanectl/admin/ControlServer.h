@@ -22,7 +22,7 @@ public:
     ~ControlServer() override;
 
     // Listens beside the server with this bus name. Otherwise the reason why not.
-    [[nodiscard]] QString listen(const QString &serverName);
+    [[nodiscard]] QString listen(const QString &name);
     // Listens again if the socket file has gone. The reason if that fails.
     [[nodiscard]] QString repair();
 
@@ -43,7 +43,7 @@ private:
 
     AdminServer &bus;
     QLocalServer server;
-    QString name; // of the administration server
+    QString serverName;
     QList<ConsoleLink *> links;
-    qint32 ranges = 0; // of ids that were given out
+    qint32 idRangesGiven = 0;
 };

@@ -34,7 +34,7 @@ TypedCommands::TypedCommands(ModuleBus &moduleBus)
     , lines(longestCommand)
 {
     if (LineEditor::isPossible()) {
-        ended = true; // nothing is read past the editor
+        inputEnded = true; // nothing is read past the editor
         input.setEnabled(false);
         editor.emplace("> ");
         editor->candidates = [this](const QString &before) { return candidates(before); };
@@ -50,7 +50,7 @@ void TypedCommands::read()
     char bytes[longestCommand];
     const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
     if (count <= 0) {
-        ended = true;
+        inputEnded = true;
         input.setEnabled(false);
         takeLine(lines.takeRest());
         if (::isatty(STDIN_FILENO))
@@ -69,7 +69,7 @@ void TypedCommands::takeLine(const QByteArray &line)
     const QByteArray command = line.trimmed();
     if (command.isEmpty())
         return;
-    waiting.append(command);
+    waitingCommands.append(command);
     if (bus.modules().isEmpty())
         complain(u"admin: no module is connected; \"%1\" waits for one"_s.arg(printable(command)));
     sendWaiting();
@@ -80,7 +80,7 @@ void TypedCommands::takeTyped(const QByteArray &line)
 {
     const QString text = QString::fromUtf8(line).simplified();
     const QString first = text.section(u' ', 0, 0);
-    if (!asked.isEmpty())
+    if (!commandToConfirm.isEmpty())
         return answer(text);
     if (first == "exit"_L1)
         return QCoreApplication::exit(0);
@@ -123,14 +123,14 @@ void TypedCommands::askToStop(const AdminCommand &command)
         names += bus.nameOf(module);
     if (names.isEmpty())
         return complain(u"admin: no such module is connected; see \"modules\""_s);
-    asked = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
+    commandToConfirm = "stop " + (command.module.isEmpty() ? QByteArray("all") : command.module);
     say(u"This ends %1 with status 0; a service manager does not start it again. Sure? [y/N]"_s.arg(
         names.join(u", "_s)));
 }
 
 void TypedCommands::answer(const QString &line)
 {
-    const QByteArray command = std::exchange(asked, {});
+    const QByteArray command = std::exchange(commandToConfirm, {});
     if (line == "y"_L1 || line == "yes"_L1)
         return takeLine(command);
     say(u"Nothing was stopped."_s);
@@ -138,9 +138,9 @@ void TypedCommands::answer(const QString &line)
 
 void TypedCommands::sendWaiting()
 {
-    while (!waiting.isEmpty() && !bus.modules().isEmpty())
-        send(waiting.takeFirst());
-    input.setEnabled(!ended && waiting.size() < mostWaiting);
+    while (!waitingCommands.isEmpty() && !bus.modules().isEmpty())
+        send(waitingCommands.takeFirst());
+    input.setEnabled(!inputEnded && waitingCommands.size() < mostWaiting);
 }
 
 void TypedCommands::send(const QByteArray &line)

@@ -35,8 +35,8 @@ private:
     ModuleBus &bus;
     std::optional<LineEditor> editor; // on a terminal,
     QSocketNotifier input; // otherwise
-    bool ended = false; // the input
+    bool inputEnded = false;
     LineCutter lines;
-    QByteArrayList waiting;
-    QByteArray asked; // the command that ends modules and waits for a yes
+    QByteArrayList waitingCommands;
+    QByteArray commandToConfirm; // until the person answers
 };

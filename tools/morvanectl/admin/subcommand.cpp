@@ -92,17 +92,17 @@ struct AdminOptions
 
 int runConsole(ModuleBus &bus, const AdminOptions &options)
 {
-    QTimer stay;
-    stay.setSingleShot(true);
-    stay.setInterval(std::chrono::seconds(options.forSeconds));
-    stay.callOnTimeout([] { QCoreApplication::exit(0); });
+    QTimer exitTimer;
+    exitTimer.setSingleShot(true);
+    exitTimer.setInterval(std::chrono::seconds(options.forSeconds));
+    exitTimer.callOnTimeout([] { QCoreApplication::exit(0); });
 
     std::optional<TypedCommands> typed;
     CommandRun run(bus, options.commands, options.waitSeconds);
     QObject::connect(&run, &CommandRun::failed, [] { QCoreApplication::exit(failureStatus); });
     QObject::connect(&run, &CommandRun::done, &bus, [&] {
         if (options.leaves)
-            stay.start();
+            exitTimer.start();
         if (!options.leaves || options.forSeconds > 0)
             typed.emplace(bus);
     });

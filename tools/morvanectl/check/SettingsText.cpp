@@ -47,7 +47,7 @@ SettingsText::Line SettingsText::takeLine()
         if (c == '\\' && at + 1 < rest.size())
             line.text += rest.at(at++);
         line.text += rest.at(at);
-        line.goesOn |= rest.at(at) == '\n';
+        line.spansLines |= rest.at(at) == '\n';
     }
     nextNumber += int(rest.first(at).count('\n')) + 1;
     rest.remove(0, at + 1);
@@ -93,7 +93,7 @@ void SettingsText::readKey(const Line &line, qsizetype equals)
         allRemarks.append({earlier,
             u"\"%1\" has no effect; line %2 sets it again"_s.arg(
                 key, QString::number(line.number))});
-    if (line.goesOn)
+    if (line.spansLines)
         allRemarks.append({line.number,
             u"the value of \"%1\" goes on past the end of its line, because of an open quote or a backslash"_s
                 .arg(key)});

@@ -33,7 +33,7 @@ private:
     {
         int number; // of its first one in the file
         QByteArray text; // without a comment
-        bool goesOn; // over the end of its line
+        bool spansLines;
     };
     [[nodiscard]] Line takeLine();
     void read(const Line &line);

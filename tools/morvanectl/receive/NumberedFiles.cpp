@@ -10,10 +10,10 @@
 
 using namespace Qt::StringLiterals;
 
-bool NumberedFiles::open(const QString &path, const QString &nameTemplate, bool overwriting)
+bool NumberedFiles::open(const QString &path, const QString &templateText, bool overwriting)
 {
     directory = QDir(path);
-    names = nameTemplate;
+    nameTemplate = templateText;
     overwrite = overwriting;
     if (!directory.mkpath(u"."_s))
         return false;
@@ -26,7 +26,7 @@ bool NumberedFiles::open(const QString &path, const QString &nameTemplate, bool 
 QMap<qint64, QString> NumberedFiles::behind(qint64 number) const
 {
     QMap<qint64, QString> found;
-    const QRegularExpression isOurs = namesFrom(names);
+    const QRegularExpression isOurs = namesFrom(nameTemplate);
     const QStringList there =
         QDir(directory.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::System);
     for (const QString &entry : there) {
@@ -62,12 +62,12 @@ std::optional<qint64> NumberedFiles::giveName(const QString &hidden)
     QFile file(directory.absoluteFilePath(hidden));
     QString path;
     do {
-        name = fillIn(names, ++last, QDateTime::currentDateTime());
-        path = directory.absoluteFilePath(name);
+        latestName = fillIn(nameTemplate, ++lastNumber, QDateTime::currentDateTime());
+        path = directory.absoluteFilePath(latestName);
         if (overwrite)
             QFile::remove(path);
         if (file.rename(path)) // it never replaces a file
-            return last;
+            return lastNumber;
     } while (QFile::exists(path));
     file.remove();
     return std::nullopt;

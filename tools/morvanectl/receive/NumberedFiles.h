@@ -16,7 +16,7 @@ class NumberedFiles
 public:
     // The names come from a template with {number}, which must give plain names. The numbers go on
     // behind those of such names that are there, or start again and overwrite.
-    [[nodiscard]] bool open(const QString &path, const QString &nameTemplate, bool overwriting);
+    [[nodiscard]] bool open(const QString &path, const QString &templateText, bool overwriting);
     // The number of the new file; nothing if it could not be written.
     [[nodiscard]] std::optional<qint64> add(const QByteArray &content);
 
@@ -27,16 +27,16 @@ public:
 
     [[nodiscard]] const QDir &folder() const { return directory; }
     // Of the file that was named last.
-    [[nodiscard]] const QString &lastName() const { return name; }
+    [[nodiscard]] const QString &latestFileName() const { return latestName; }
     // The numbers go on behind this one at least.
-    void startBehind(qint64 number) { last = std::max(last, number); }
+    void startBehind(qint64 number) { lastNumber = std::max(lastNumber, number); }
     // The files with higher numbers that are there now.
     [[nodiscard]] QMap<qint64, QString> behind(qint64 number) const;
 
 private:
     QDir directory;
-    QString names; // template
+    QString nameTemplate;
     bool overwrite = false;
-    qint64 last = 0; // number given
-    QString name;
+    qint64 lastNumber = 0;
+    QString latestName;
 };

@@ -79,7 +79,7 @@ void Receiver::incomingConnection(qintptr descriptor)
         return lose(link->socket->unread());
     }
     ++connections;
-    link->number = batch.newLink();
+    link->indexNumber = batch.newLink();
     sayEvent(u"Connected: "_s + link->peer);
     watchSilence(*link);
     connect(
@@ -91,19 +91,19 @@ void Receiver::watchSilence(Link &link) const
 {
     if (options.silence.count() == 0)
         return;
-    link.silence.setSingleShot(true);
-    link.silence.callOnTimeout([&link, this] {
+    link.silenceTimer.setSingleShot(true);
+    link.silenceTimer.callOnTimeout([&link, this] {
         link.isSilent = true;
         complain(u"receive: %1 has been silent for %2"_s.arg(
             link.peer, counted(options.silence.count(), u"second"_s)));
     });
-    link.silence.start(options.silence);
+    link.silenceTimer.start(options.silence);
 }
 
 void Receiver::noteLife(Link &link) const
 {
     if (options.silence.count() != 0)
-        link.silence.start();
+        link.silenceTimer.start();
     if (std::exchange(link.isSilent, false))
         sayEvent(u"Heard of again: "_s + link.peer);
 }
@@ -115,11 +115,11 @@ void Receiver::take(Link &link)
     if (link.socket->bytesRead() > before)
         noteLife(link);
     acknowledge(link);
-    if (!finished && !link.isLeftAlone)
+    if (!finished && !link.hasStoppedReading)
         misbehave(link);
     if (link.socket->refusedLength() != 0)
         return dropOversized(link);
-    if (!link.socket->hasEnded() || link.isLeftAlone)
+    if (!link.socket->hasEnded() || link.hasStoppedReading)
         return;
     sayEnd(link);
     close(link);
@@ -128,7 +128,7 @@ void Receiver::take(Link &link)
 void Receiver::readRecords(Link &link)
 {
     const int most = options.acknowledge ? RecordBatch::mostRecords : recordsInARow;
-    for (int i = 0; i < most && !finished && !link.isLeftAlone && !batch.isFull(); ++i) {
+    for (int i = 0; i < most && !finished && !link.hasStoppedReading && !batch.isFull(); ++i) {
         const std::optional<QByteArray> body = link.socket->next();
         if (!body)
             return;
@@ -142,7 +142,7 @@ void Receiver::takeBody(const QByteArray &body, Link &link)
 {
     if (body == LinkRecord::keepAlive) {
         ++keepAlives;
-        ++link.taken;
+        ++link.received;
         return sayEvent(u"live"_s);
     }
     if (!keep(body, link)) {
@@ -150,8 +150,8 @@ void Receiver::takeBody(const QByteArray &body, Link &link)
         return fail(u"cannot write a record of %1"_s.arg(counted(body.size(), u"byte"_s)));
     }
     ++link.records;
-    ++link.taken;
-    if (records + inBatch.size() == options.count) {
+    ++link.received;
+    if (records + pendingRecords.size() == options.count) {
         finished = true;
         QCoreApplication::exit(0);
     }
@@ -160,11 +160,11 @@ void Receiver::takeBody(const QByteArray &body, Link &link)
 // False if the record could not be written.
 bool Receiver::keep(const QByteArray &body, const Link &link)
 {
-    const Taken record = {body.size(), beginningOf(body)};
+    const PendingRecord record = {body.size(), beginningOf(body)};
     if (options.acknowledge) {
-        if (!batch.add(body, link.number))
+        if (!batch.add(body, link.indexNumber))
             return false;
-        inBatch.append(record);
+        pendingRecords.append(record);
         return true;
     }
     const std::optional<qint64> number =
@@ -174,10 +174,10 @@ bool Receiver::keep(const QByteArray &body, const Link &link)
     return number.has_value();
 }
 
-void Receiver::noteKept(qint64 number, const Taken &record)
+void Receiver::noteKept(qint64 number, const PendingRecord &record)
 {
     ++records;
-    bytes += record.bytes;
+    recordBytes += record.bytes;
     sayEvent(u"%1  %2  %3"_s.arg(
         paddedNumber(number), counted(record.bytes, u"byte"_s), record.beginning));
 }
@@ -185,16 +185,17 @@ void Receiver::noteKept(qint64 number, const Taken &record)
 // The module forgets what it hears of here.
 void Receiver::acknowledge(Link &link)
 {
-    if (!options.acknowledge || link.taken == link.acknowledged)
+    if (!options.acknowledge || link.received == link.acknowledged)
         return;
     const std::optional<QList<qint64>> numbers = batch.commit();
     if (!numbers)
-        return fail(u"cannot bring %1 to the disk"_s.arg(counted(inBatch.size(), u"record"_s)));
+        return fail(
+            u"cannot bring %1 to the disk"_s.arg(counted(pendingRecords.size(), u"record"_s)));
     for (qsizetype i = 0; i < numbers->size(); ++i)
-        noteKept(numbers->at(i), inBatch.at(i));
-    inBatch.clear();
-    link.acknowledged = link.taken;
-    if (link.socket->acknowledge(link.taken))
+        noteKept(numbers->at(i), pendingRecords.at(i));
+    pendingRecords.clear();
+    link.acknowledged = link.received;
+    if (link.socket->acknowledge(link.received))
         return;
     complain(u"receive: %1 does not read its acknowledgements: dropped"_s.arg(link.peer));
     close(link);
@@ -223,9 +224,9 @@ void Receiver::misbehave(Link &link)
         sayEvent(u"Closing after %1: %2"_s.arg(after, link.peer));
         close(link);
     } else {
-        link.isLeftAlone = true;
-        link.silence.stop();
-        link.socket->leaveAlone();
+        link.hasStoppedReading = true;
+        link.silenceTimer.stop();
+        link.socket->stopReading();
         sayEvent(u"Reading no more after %1: %2"_s.arg(after, link.peer));
     }
 }
@@ -247,8 +248,8 @@ void Receiver::close(Link &link)
 {
     lose(link.socket->unread());
     link.socket->close();
-    link.silence.stop();
-    link.isLeftAlone = true;
+    link.silenceTimer.stop();
+    link.hasStoppedReading = true;
     const auto found = std::find_if(
         links.begin(), links.end(), [&](const auto &other) { return other.get() == &link; });
     const std::shared_ptr<Link> closed = std::move(*found);
@@ -280,7 +281,7 @@ void Receiver::takeLast(Link &link)
 {
     const QByteArrayList bodies = link.socket->unread();
     for (qsizetype i = 0; i < bodies.size(); ++i) {
-        if (finished || link.isLeftAlone)
+        if (finished || link.hasStoppedReading)
             return lose(bodies.sliced(i));
         takeBody(bodies.at(i), link);
     }
@@ -299,8 +300,9 @@ int Receiver::finish(int status)
         lost = u", %1 of %2 lost"_s.arg(
             counted(loss.records, u"record"_s), counted(loss.bytes, u"byte"_s));
     say(timeStamp()
-        + u"  %1 of %2, %3, %4%5"_s.arg(counted(records, u"record"_s), counted(bytes, u"byte"_s),
-            counted(keepAlives, u"keep-alive"_s), counted(connections, u"connection"_s), lost));
+        + u"  %1 of %2, %3, %4%5"_s.arg(counted(records, u"record"_s),
+            counted(recordBytes, u"byte"_s), counted(keepAlives, u"keep-alive"_s),
+            counted(connections, u"connection"_s), lost));
     if (loss.records == 0)
         return status;
     complain(u"receive: %1 had reached this host and were not kept; a module that knows of their "

@@ -51,16 +51,16 @@ private:
     {
         std::unique_ptr<RecordLink> socket;
         QString peer;
-        QTimer silence;
-        qint64 number = 0; // in the index
+        QTimer silenceTimer;
+        qint64 indexNumber = 0;
         qint64 records = 0;
-        quint64 taken = 0; // records and keep-alives
-        quint64 acknowledged = 0; // of them
+        quint64 received = 0; // records and keep-alives
+        quint64 acknowledged = 0; // records and keep-alives
         bool isSilent = false;
-        bool isLeftAlone = false; // nothing more is read of it
+        bool hasStoppedReading = false;
     };
     // A record that is not under its name yet.
-    struct Taken
+    struct PendingRecord
     {
         qint64 bytes;
         QString beginning;
@@ -81,7 +81,7 @@ private:
     [[nodiscard]] bool isToMisbehave(const Link &link) const;
     void takeBody(const QByteArray &body, Link &link);
     [[nodiscard]] bool keep(const QByteArray &body, const Link &link);
-    void noteKept(qint64 number, const Taken &record);
+    void noteKept(qint64 number, const PendingRecord &record);
     void acknowledge(Link &link);
     void fail(const QString &what);
     void misbehave(Link &link);
@@ -95,12 +95,12 @@ private:
     const ReceiveOptions &options;
     NumberedFiles files; // that nobody acknowledges
     RecordBatch batch; // or that are acknowledged
-    QList<Taken> inBatch;
+    QList<PendingRecord> pendingRecords;
     std::vector<std::unique_ptr<Link>> links;
     bool finished = false;
     qint64 connections = 0;
     qint64 records = 0;
-    qint64 bytes = 0; // of the records' bodies
+    qint64 recordBytes = 0;
     qint64 keepAlives = 0;
     Loss loss;
 };

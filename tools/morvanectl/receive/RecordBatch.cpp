@@ -35,10 +35,10 @@ bool RecordBatch::open(const QString &path, const QString &nameTemplate)
 // Some file systems know no locks.
 bool RecordBatch::lock()
 {
-    folder = Descriptor(::open(
+    lockedFolder = Descriptor(::open(
         QFile::encodeName(files.folder().path()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return folder.isOpen()
-        && (::flock(folder.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK);
+    return lockedFolder.isOpen()
+        && (::flock(lockedFolder.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK);
 }
 
 void RecordBatch::removeLeftovers() const
@@ -71,13 +71,13 @@ bool RecordBatch::add(const QByteArray &content, qint64 link)
         return false;
     records.append({0, link, content.size(),
         QCryptographicHash::hash(content, RecordIndex::algorithm), hidden});
-    bytes += content.size();
+    recordBytes += content.size();
     return true;
 }
 
 bool RecordBatch::isFull() const
 {
-    return records.size() >= mostRecords || bytes >= mostBytes;
+    return records.size() >= mostRecords || recordBytes >= mostBytes;
 }
 
 // Many files are brought to the disk much faster with all else that waits to be written there; a
@@ -85,7 +85,7 @@ bool RecordBatch::isFull() const
 bool RecordBatch::flushFiles() const
 {
     if (records.size() > fewRecords)
-        return ::syncfs(folder.get()) == 0;
+        return ::syncfs(lockedFolder.get()) == 0;
     return std::all_of(records.begin(), records.end(), [this](const RecordIndex::Line &record) {
         const QByteArray path = QFile::encodeName(files.folder().absoluteFilePath(record.file));
         const Descriptor file(::open(path.constData(), O_WRONLY | O_CLOEXEC));
@@ -105,13 +105,13 @@ std::optional<QList<qint64>> RecordBatch::commit()
         if (!number)
             return std::nullopt;
         record.number = *number;
-        record.file = files.lastName();
+        record.file = files.latestFileName();
         index.add(record);
         numbers.append(*number);
     }
     if (!index.flush() || !index.makeRoom())
         return std::nullopt;
     records.clear();
-    bytes = 0;
+    recordBytes = 0;
     return numbers;
 }

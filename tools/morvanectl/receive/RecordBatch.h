@@ -39,8 +39,8 @@ private:
 
     NumberedFiles files;
     RecordIndex index;
-    Descriptor folder; // holds the kernel's lock on it
+    Descriptor lockedFolder;
     qint64 lastLink = 0;
     QList<RecordIndex::Line> records; // without number, under hidden names
-    qint64 bytes = 0; // of them
+    qint64 recordBytes = 0;
 };

@@ -53,26 +53,27 @@ bool RecordIndex::open(const QDir &folderOfRecords, qint64 number)
     file = Descriptor(::open(path(fileName).constData(), O_RDWR | O_APPEND | O_CLOEXEC));
     if (!file.isOpen())
         return errno == ENOENT && begin(number);
-    size = ::lseek(file.get(), 0, SEEK_END);
+    fileSize = ::lseek(file.get(), 0, SEEK_END);
     return mend() || begin(number);
 }
 
 // Drops the end of the file back to its last whole line. False if none is found.
 bool RecordIndex::mend()
 {
-    QByteArray tail(std::min<qsizetype>(size, tailSize), Qt::Uninitialized);
-    if (::pread(file.get(), tail.data(), size_t(tail.size()), size - tail.size()) != tail.size())
+    QByteArray tail(std::min<qsizetype>(fileSize, tailSize), Qt::Uninitialized);
+    if (::pread(file.get(), tail.data(), size_t(tail.size()), fileSize - tail.size())
+        != tail.size())
         return false;
-    const qint64 start = size - tail.size();
+    const qint64 start = fileSize - tail.size();
     for (qsizetype end; (end = tail.lastIndexOf('\n')) >= 0; tail.truncate(end)) {
         const std::optional<Line> line =
             readLine(tail.first(end).sliced(tail.first(end).lastIndexOf('\n') + 1));
         if (!line)
             continue;
-        last = *line;
+        newestNumber = line->number;
         noteLinks(tail.first(end));
-        size = start + end + 1;
-        return ::ftruncate(file.get(), size) == 0;
+        fileSize = start + end + 1;
+        return ::ftruncate(file.get(), fileSize) == 0;
     }
     return false;
 }
@@ -83,7 +84,7 @@ void RecordIndex::noteLinks(const QByteArray &lines)
     const QByteArrayList all = lines.split('\n');
     for (const QByteArray &text : all) {
         if (const std::optional<Line> line = readLine(text))
-            last.link = std::max(last.link, line->link);
+            newestLink = std::max(newestLink, line->link);
     }
 }
 
@@ -94,8 +95,8 @@ bool RecordIndex::begin(qint64 number)
         return false;
     file = Descriptor(::open(
         path(fileName).constData(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    size = 0;
-    last.number = number;
+    fileSize = 0;
+    newestNumber = number;
     added = heading + QByteArray::number(number) + ": number, link, bytes, BLAKE2b-256, file\n";
     return file.isOpen() && flush();
 }
@@ -105,7 +106,8 @@ void RecordIndex::add(const Line &line)
     added += paddedNumber(line.number).toLatin1() + ' ' + QByteArray::number(line.link) + ' '
         + QByteArray::number(line.bytes) + ' ' + line.digest.toHex() + ' '
         + QFile::encodeName(line.file) + '\n';
-    last = {line.number, std::max(line.link, last.link), 0, {}, {}};
+    newestNumber = line.number;
+    newestLink = std::max(line.link, newestLink);
 }
 
 bool RecordIndex::flush()
@@ -114,7 +116,7 @@ bool RecordIndex::flush()
         const ssize_t count = ::write(file.get(), added.constData(), size_t(added.size()));
         if (count < 0 && errno != EINTR)
             return false;
-        size += std::max<ssize_t>(count, 0);
+        fileSize += std::max<ssize_t>(count, 0);
         added.remove(0, std::max<ssize_t>(count, 0));
     }
     return ::fdatasync(file.get()) == 0 && ::fsync(folder.get()) == 0;
@@ -122,5 +124,5 @@ bool RecordIndex::flush()
 
 bool RecordIndex::makeRoom()
 {
-    return size < fullSize || begin(last.number);
+    return fileSize < fullSize || begin(newestNumber);
 }

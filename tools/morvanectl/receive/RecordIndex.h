@@ -40,9 +40,9 @@ public:
     // begins one behind the number.
     [[nodiscard]] bool open(const QDir &folder, qint64 number);
     // Of the last line, or the heading's.
-    [[nodiscard]] qint64 lastNumber() const { return last.number; }
+    [[nodiscard]] qint64 lastNumber() const { return newestNumber; }
     // The newest one that the end of the file tells.
-    [[nodiscard]] qint64 lastLink() const { return last.link; }
+    [[nodiscard]] qint64 lastLink() const { return newestLink; }
 
     void add(const Line &line);
     // Writes what was added, and brings it and the names in the folder to the disk.
@@ -59,7 +59,8 @@ private:
     QDir directory;
     Descriptor folder;
     Descriptor file;
-    qint64 size = 0; // of the file
-    Line last; // its number and the newest link count
+    qint64 fileSize = 0;
+    qint64 newestNumber = 0;
+    qint64 newestLink = 0;
     QByteArray added;
 };

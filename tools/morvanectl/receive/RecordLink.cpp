@@ -54,10 +54,10 @@ std::optional<QByteArray> RecordLink::next()
             return std::nullopt;
         if (count <= 0) {
             ended = true;
-            leaveAlone();
+            stopReading();
             return std::nullopt;
         }
-        bytes += count;
+        readBytes += count;
         reader.append(piece.first(count));
         if (std::optional<QByteArray> body = reader.next())
             return body;
@@ -77,7 +77,7 @@ bool RecordLink::acknowledge(quint64 records) const
 void RecordLink::close()
 {
     ended = true;
-    leaveAlone();
+    stopReading();
     ::close(descriptor.release());
 }
 

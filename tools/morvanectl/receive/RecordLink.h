@@ -35,7 +35,7 @@ public:
     [[nodiscard]] bool acknowledge(quint64 records) const;
 
     // Reads nothing more; what has come stays unread.
-    void leaveAlone() { notifier.setEnabled(false); }
+    void stopReading() { notifier.setEnabled(false); }
     // Ends the connection at once. Unread bytes make that a reset.
     void close();
 
@@ -44,7 +44,7 @@ public:
     [[nodiscard]] QByteArrayList unread() const;
 
     // What was read since the connection came.
-    [[nodiscard]] qint64 bytesRead() const { return bytes; }
+    [[nodiscard]] qint64 bytesRead() const { return readBytes; }
 
 Q_SIGNALS:
     void readable();
@@ -53,6 +53,6 @@ private:
     Descriptor descriptor;
     QSocketNotifier notifier;
     LinkRecord::Reader reader;
-    qint64 bytes = 0;
+    qint64 readBytes = 0;
     bool ended = false;
 };

@@ -19,7 +19,7 @@ namespace {
 
 constexpr qint64 maxUnsentBytes = 4'194'304; // read ahead no further while so much has not left
 constexpr auto retryInterval = 200ms; // between two looks for a module that is not there yet
-constexpr auto clockInterval = 500ms;
+constexpr auto standstillInterval = 500ms;
 constexpr qint64 longStandstill = 5'000; // milliseconds; more than a busy module needs
 
 QString shown(const QString &file)
@@ -82,10 +82,10 @@ Sender::Sender(const SendOptions &sendOptions)
         [this] { fail(u"the module has closed the connection"_s); });
     // A module has nothing to say to a sender; unread bytes would only pile up.
     connect(&socket, &QIODevice::readyRead, this, [this] { socket.skip(socket.bytesAvailable()); });
-    connect(&retry, &QTimer::timeout, this, &Sender::tryToConnect);
-    connect(&clock, &QTimer::timeout, this, &Sender::noteStandstill);
-    limit.setSingleShot(true);
-    connect(&limit, &QTimer::timeout, this, [this] {
+    connect(&retryTimer, &QTimer::timeout, this, &Sender::tryToConnect);
+    connect(&standstillTimer, &QTimer::timeout, this, &Sender::noteStandstill);
+    connectTimer.setSingleShot(true);
+    connect(&connectTimer, &QTimer::timeout, this, [this] {
         if (socket.state() != QLocalSocket::ConnectedState)
             fail(connectionProblem(options.module, socket.error()));
     });
@@ -102,13 +102,13 @@ void Sender::start()
         input = std::move(*content);
     }
     progress.emplace(isInput ? input.size() : bytesOfFiles(options), !options.quiet);
-    retry.start(retryInterval);
+    retryTimer.start(retryInterval);
     tryToConnect();
     if (finished)
         return;
     if (!options.quiet && options.waitSeconds > 0 && socket.state() != QLocalSocket::ConnectedState)
         say(u"Waiting for %1 to listen"_s.arg(options.module));
-    limit.start(std::chrono::seconds(options.waitSeconds));
+    connectTimer.start(std::chrono::seconds(options.waitSeconds));
 }
 
 void Sender::tryToConnect()
@@ -122,9 +122,9 @@ void Sender::tryToConnect()
 
 void Sender::begin()
 {
-    retry.stop();
+    retryTimer.stop();
     sinceMovement.start();
-    clock.start(clockInterval);
+    standstillTimer.start(standstillInterval);
     const QByteArray greeting = BusFrame::makeName(options.ownName);
     queuedBytes = greeting.size();
     socket.write(greeting);
@@ -153,12 +153,12 @@ void Sender::fill()
 
 void Sender::noteWritten(qint64 bytes)
 {
-    leftBytes += bytes;
+    sentBytes += bytes;
     sinceMovement.start();
     saidStandstill = false;
-    while (!onItsWay.isEmpty() && onItsWay.head().end <= leftBytes) {
+    while (!onItsWay.isEmpty() && onItsWay.head().endOffset <= sentBytes) {
         const QString line = onItsWay.dequeue().line;
-        ++leftRecords;
+        ++sentRecords;
         if (!options.quiet)
             progress->sayAbove(line);
     }
@@ -174,9 +174,9 @@ void Sender::showProgress()
         ? u", the module has read nothing for %1"_s.arg(
             counted(sinceMovement.elapsed() / 1'000, u"second"_s))
         : QString();
-    progress->update(leftBytes,
+    progress->update(sentBytes,
         u"%1 of %2%3"_s.arg(
-            QString::number(leftRecords), counted(options.items.size(), u"record"_s), standstill));
+            QString::number(sentRecords), counted(options.items.size(), u"record"_s), standstill));
 }
 
 // Where no bar shows it, it is said once.
@@ -197,11 +197,11 @@ void Sender::finish()
 {
     if (std::exchange(finished, true))
         return;
-    clock.stop();
+    standstillTimer.stop();
     socket.disconnectFromServer();
     progress->clear();
     if (!options.quiet)
-        say(u"%1 sent to %2"_s.arg(counted(leftRecords, u"record"_s), options.module));
+        say(u"%1 sent to %2"_s.arg(counted(sentRecords, u"record"_s), options.module));
     QCoreApplication::exit(0);
 }
 
@@ -212,9 +212,9 @@ void Sender::fail(const QString &what)
     QString line = u"send: %1: %2"_s.arg(options.module, what);
     if (queuedBytes > 0)
         line += u"; %1 of %2 had left"_s.arg(
-            QString::number(leftRecords), counted(options.items.size(), u"record"_s));
-    clock.stop();
-    retry.stop();
+            QString::number(sentRecords), counted(options.items.size(), u"record"_s));
+    standstillTimer.stop();
+    retryTimer.stop();
     if (progress)
         progress->clear();
     complain(line);

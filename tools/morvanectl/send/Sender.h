@@ -47,7 +47,7 @@ private:
     struct OnItsWay
     {
         QString line; // to say when it has left
-        qint64 end; // its last byte, counted from the first one of the connection
+        qint64 endOffset; // its last byte, counted from the first one of the connection
     };
 
     void tryToConnect();
@@ -64,14 +64,14 @@ private:
     QByteArray input; // all of standard input, if that is what is sent
     std::optional<Progress> progress;
     TMyLocalSocket socket;
-    QTimer retry;
-    QTimer limit; // for the module to listen
-    QTimer clock; // looks for a standstill
+    QTimer retryTimer;
+    QTimer connectTimer;
+    QTimer standstillTimer;
     QElapsedTimer sinceMovement; // of a byte that the module has taken
     bool saidStandstill = false;
     QQueue<OnItsWay> onItsWay;
     qint64 queuedBytes = 0; // of the connection
-    qint64 leftBytes = 0;
-    int leftRecords = 0;
+    qint64 sentBytes = 0;
+    int sentRecords = 0;
     bool finished = false;
 };
