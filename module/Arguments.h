@@ -2,20 +2,22 @@
 
 #include <QStringList>
 
-// What the command line asks for.
+// The parsed command line.
 //
-// Only "-settings" with its value, "--help" and "--version" mean something. Everything else is
-// ignored, and named, so that a misspelt word does not go unnoticed.
+// Knows "-settings" with its value, "--help" and "--version". Ignores every other argument, with a
+// remark, so that a misspelt option is noticed.
 struct Arguments
 {
     enum class Task { Run, ShowHelp, ShowVersion };
 
-    // All arguments, that of the program's own name included.
+    // The first element of `all` is the program's own name, as in argv.
     explicit Arguments(const QStringList &all);
 
     Task task = Task::Run;
-    QStringList settingsFiles; // in order, never none; an empty path stands for the default file
-    QStringList remarks; // what has no effect, a line each
+    // In the order of the command line. Never empty: an empty path means the default file.
+    QStringList settingsFiles;
+    // One line for each argument that has no effect.
+    QStringList remarks;
 };
 
 [[nodiscard]] QString helpText();

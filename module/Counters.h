@@ -2,11 +2,8 @@
 
 #include <QtGlobal>
 
-// What a module has done since it was started. Bytes are those of kind and payload, as they lie in
-// the spool.
-//
-// Owner:   Morvane.
-// Thread:  main thread.
+// Counts the records that the module has handled since its start. The bytes of a record are those
+// of its kind and payload, as in its spool file.
 struct Counters
 {
     struct Amount
@@ -22,18 +19,22 @@ struct Counters
         qint64 bytes = 0;
     };
 
-    // From the bus: taken, or dropped and why.
+    // From the bus. All but `accepted` were dropped, each for its own reason.
     Amount accepted;
     Amount unknownKind;
-    Amount noTransport; // the protocol is neither TCP nor UDP
+    // The protocol is neither TCP nor UDP.
+    Amount noTransport;
     Amount noLock;
-    Amount noFile; // a full disk, or a name that no file can have
+    // The disk is full, or no file can have the record's name.
+    Amount noFile;
 
-    // To the TCP peer.
-    Amount sent; // taken by the link, repetitions included
-    Amount acknowledged; // by the peer's kernel
-    Amount givenBack; // the link ended before that
-    Amount repeated; // sent once more after they were given back
+    // To the TCP peer. `sent` includes repetitions.
+    Amount sent;
+    Amount acknowledged;
+    // Still unacknowledged when the link ended, so returned to the spool.
+    Amount givenBack;
+    // Sent again after they were given back.
+    Amount repeated;
 
     bool operator==(const Counters &) const = default;
 };

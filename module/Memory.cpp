@@ -3,7 +3,7 @@
 #include <malloc.h>
 
 namespace {
-constexpr int keptBytes = 16'777'216; // a frame of 10 MB fits; more than that goes back
+constexpr int keptBytes = 16'777'216; // enough for a frame of 10 MB
 }
 
 void keepFreedMemory()

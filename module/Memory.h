@@ -1,6 +1,6 @@
 #pragma once
 
-// Has the process keep some megabytes of freed memory for its own use. Buffers of hundreds of
-// kilobytes come and go with every read of the bus; the C library would give each one back to the
-// kernel, and to get it again costs more than all else that is done with a small record.
+// Makes the C library keep up to 16 MiB of freed memory instead of returning it to the kernel.
+// Every read of the bus allocates and frees buffers of hundreds of kilobytes. Fetching them from
+// the kernel each time would cost more than everything else that a small record needs.
 void keepFreedMemory();

@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
+#include <QThread>
 
 #include <sys/stat.h>
 
@@ -16,12 +17,19 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto interval = 10s; // between two looks at what has changed
-constexpr auto longestStart = 60s; // then the service counts as started, whoever is still absent
-constexpr int signsInTime = 3; // signs of life in the time that the service manager waits for one
-constexpr int restFactor = 20; // a count of the spool takes at most a twentieth of the time
-constexpr mode_t fileMode = 0644; // whatever the umask: the folder decides who may look
-constexpr qint64 settled = 2; // seconds; a directory that was changed just now may change unseen
+constexpr auto reportInterval = 10s;
+// After this time the service counts as started even if bus servers are still absent.
+constexpr auto longestStart = 60s;
+// Signs of life sent in the time that the service manager waits for one.
+constexpr int signsInTime = 3;
+// The pause after a count of the spool, in durations of that count: counting takes at most a
+// twentieth of the time.
+constexpr int restFactor = 20;
+// Independent of the umask: the folder decides who may read the status file.
+constexpr mode_t statusFileMode = 0644;
+// Two changes within the resolution of file times look like one. A modification time is trusted
+// only when it is at least this old.
+constexpr qint64 settledSeconds = 2;
 
 qint64 seconds()
 {
@@ -39,7 +47,7 @@ Monitor::Monitor(const TConnector &connector)
     : bus(connector)
 {
     connect(&bus, &TConnector::passEnded, this, &Monitor::tellServiceManager);
-    connect(&timer, &QTimer::timeout, this, &Monitor::tick);
+    connect(&reportTimer, &QTimer::timeout, this, &Monitor::tick);
     connect(&aliveTimer, &QTimer::timeout, this, &ServiceManager::sayAlive);
     TLog::SetObserver([this](const QString &text) { error(text); });
 }
@@ -55,16 +63,17 @@ void Monitor::start(std::function<void(Status &)> fillInCounters)
     if (status.startedAt == 0)
         status.startedAt = status.linkChangedAt = seconds();
     refreshedAt = QDateTime::currentMSecsSinceEpoch();
-    if (file.isEmpty() && !ServiceManager::isThere())
+    if (statusFile.isEmpty() && !ServiceManager::isThere())
         return;
     if (const auto patience = ServiceManager::watchdogTime(); patience > 0ms)
         aliveTimer.start(patience / signsInTime);
-    timer.start(interval);
+    reportTimer.start(reportInterval);
     tick();
 }
 
 void Monitor::linkUp()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     status.isLinkUp = true;
     status.linkChangedAt = seconds();
     tellServiceManager();
@@ -73,6 +82,7 @@ void Monitor::linkUp()
 
 void Monitor::linkDown()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (!status.isLinkUp)
         return;
     status.isLinkUp = false;
@@ -83,6 +93,7 @@ void Monitor::linkDown()
 
 void Monitor::error(const QString &text)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     status.lastError = text;
     status.lastErrorAt = seconds();
 }
@@ -100,7 +111,7 @@ void Monitor::stop()
 void Monitor::tick()
 {
     if (isCountDue())
-        return count(); // goes on in takeCount()
+        return beginCount(); // takeCount() reports when it ends
     refresh();
     writeFile();
     tellServiceManager();
@@ -108,8 +119,9 @@ void Monitor::tick()
 
 // --- the service manager ---
 
-// A service whose bus has no one to wait for is ready in seconds. One whose neighbours are absent
-// carries its spool all the same, and must not hold up the start of the whole system.
+// The module is ready when it listens on the bus, or at once if it has no bus name. If its bus
+// servers stay absent it still carries its spool, so after a while it counts as ready all the same:
+// it must not hold up the start of the whole system.
 bool Monitor::isReady() const
 {
     return bus.GetServerName().isEmpty() || bus.isListening()
@@ -122,16 +134,16 @@ void Monitor::tellServiceManager()
         return;
     ServiceManager::sayAlive();
     const QString line = statusLine();
-    if (line != saidStatus)
+    if (line != reportedStatusLine)
         ServiceManager::showStatus(line);
-    saidStatus = line;
-    if (!isSaidReady && isReady()) {
-        isSaidReady = true;
+    reportedStatusLine = line;
+    if (!isReadyReported && isReady()) {
+        isReadyReported = true;
         ServiceManager::sayReady();
     }
 }
 
-// What the bus still lacks; empty if nothing.
+// Says what the module still waits for on the bus. Empty if it waits for nothing.
 QString Monitor::busLine() const
 {
     if (bus.GetServerName().isEmpty())
@@ -168,15 +180,16 @@ bool Monitor::isCountDue()
     if (counter.joinable() || now - countBegan < restFactor * countTook
         || ::stat(QFile::encodeName(spool).constData(), &info) != 0)
         return false;
-    const qint64 state = qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
-    if (state == countedState)
+    const qint64 modification = qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    if (modification == countedModification)
         return false;
-    countedState = seconds() - info.st_mtim.tv_sec < settled ? 0 : state;
+    const bool isSettled = seconds() - info.st_mtim.tv_sec >= settledSeconds;
+    countedModification = isSettled ? modification : 0;
     countBegan = now;
     return true;
 }
 
-void Monitor::count()
+void Monitor::beginCount()
 {
     counter = std::jthread([this, directory = SpoolDirectory(spool)](std::stop_token stop) {
         const SpoolCensus census = SpoolCensus::take(directory, stop);
@@ -188,6 +201,7 @@ void Monitor::count()
 
 void Monitor::takeCount()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     counter = {};
     countTook = Clock::now() - countBegan;
     {
@@ -214,16 +228,16 @@ void Monitor::refresh()
 
 void Monitor::writeFile()
 {
-    if (file.isEmpty())
+    if (statusFile.isEmpty())
         return;
     const QByteArray page = status.toPrometheus(seconds());
-    if (page == written)
+    if (page == writtenPage)
         return;
-    WholeFile whole(file);
-    const bool isWritten = whole.write(page) && whole.setMode(fileMode) && whole.commit();
-    if (!isWritten && !saidUnwritable)
-        pLog->Message(tr("Can't write the status file %1: %2").arg(file, qt_error_string()),
+    WholeFile whole(statusFile);
+    const bool isWritten = whole.write(page) && whole.setMode(statusFileMode) && whole.commit();
+    if (!isWritten && !isWriteFailureLogged)
+        pLog->Message(tr("Can't write the status file %1: %2").arg(statusFile, qt_error_string()),
             TLog::Priority::Warning);
-    saidUnwritable = !isWritten;
-    written = isWritten ? page : QByteArray();
+    isWriteFailureLogged = !isWritten;
+    writtenPage = isWritten ? page : QByteArray();
 }

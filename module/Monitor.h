@@ -12,14 +12,12 @@
 
 class TConnector;
 
-// Shows how the module is: to the service manager, and in a status file if the settings name one.
+// Reports the module's state to the service manager, and to a status file if the settings name one.
 //
-// The file is replaced whole every ten seconds while something in it changes, and at the end. What
-// waits in the spool is counted by a thread of its own, which takes as long as it takes.
+// Replaces the status file as a whole: every ten seconds if its content has changed, and once more
+// at the end. Counts the files in the spool on a thread of its own, because that may take long.
 //
-// Owner:   Morvane. It tells of the link and counts what it does.
-// Thread:  main thread.
-// Errors:  never throws. A status file that cannot be written is named once in the log.
+// Errors:  logs once that the status file cannot be written.
 class Monitor : public QObject
 {
     Q_OBJECT
@@ -27,17 +25,17 @@ public:
     explicit Monitor(const TConnector &bus);
     ~Monitor() override;
 
-    // To be filled in before the start, but for what changes.
+    // The owner fills in what never changes before start().
     Status status;
     void setSpool(const QString &directory) { spool = directory; }
-    void setStatusFile(const QString &path) { file = path; }
+    void setStatusFile(const QString &path) { statusFile = path; }
 
-    // The transport has been started. The counters are asked for when they are shown.
+    // Begins to report. Calls `fillInCounters` before each report for the figures that change.
     void start(std::function<void(Status &)> fillInCounters);
     void linkUp();
     void linkDown();
     void error(const QString &text);
-    // The process is about to end.
+    // Writes the last status before the process ends.
     void stop();
 
 private:
@@ -46,7 +44,7 @@ private:
     [[nodiscard]] QString busLine() const;
     [[nodiscard]] QString statusLine() const;
     [[nodiscard]] bool isReady() const;
-    void count();
+    void beginCount();
     Q_INVOKABLE void takeCount();
     [[nodiscard]] bool isCountDue();
     void refresh();
@@ -54,22 +52,25 @@ private:
 
     const TConnector &bus;
     QString spool;
-    QString file; // empty: none
+    QString statusFile; // empty for none
     std::function<void(Status &)> fillIn;
-    QTimer timer;
+    QTimer reportTimer;
     QTimer aliveTimer;
 
-    bool isSaidReady = false;
-    QString saidStatus;
-    QByteArray written; // into the file
-    bool saidUnwritable = false;
+    bool isReadyReported = false;
+    QString reportedStatusLine;
+    QByteArray writtenPage;
+    bool isWriteFailureLogged = false;
     qint64 refreshedAt = 0; // milliseconds since the epoch
 
     using Clock = std::chrono::steady_clock;
     Clock::time_point countBegan;
     Clock::duration countTook{0};
-    qint64 countedState = 0; // of the spool directory, see isCountDue()
-    std::mutex mutex; // guards the next
-    SpoolCensus counted;
-    std::jthread counter; // ends before what it uses
+    // The spool directory's modification time at the last count, in nanoseconds. 0 if it may have
+    // changed unnoticed since.
+    qint64 countedModification = 0;
+
+    std::mutex mutex;
+    SpoolCensus counted; // guarded by mutex
+    std::jthread counter; // the last member, so that it ends before what it uses
 };

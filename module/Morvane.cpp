@@ -16,6 +16,7 @@
 #include <QHostAddress>
 #include <QNetworkProxy>
 #include <QSettings>
+#include <QThread>
 #include <QTimer>
 #include <QTimerEvent>
 
@@ -26,9 +27,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr char recordField[] = "MORVANE_RECORD"; // of the journal
-constexpr std::chrono::milliseconds leastDeadTime = 30s; // without acknowledgement: a dead link
-constexpr quint16 shortestTimer = 1; // seconds; 0 would keep a core busy and complete no attempt
+constexpr char recordField[] = "MORVANE_RECORD"; // a field of the system journal
+// The least time without acknowledgement after which the link counts as dead.
+constexpr std::chrono::milliseconds leastDeadTime = 30s;
+// Seconds. An interval of 0 would keep a core busy, and abort each attempt to connect at once.
+constexpr quint16 shortestTimer = 1;
 
 void logWarning(const QString &text)
 {
@@ -47,7 +50,7 @@ Morvane::Morvane()
     connect(&tspSocket, &QAbstractSocket::stateChanged, this, &Morvane::linkStateChanged);
     connect(connector, &TConnector::ReadDone, this, &Morvane::busRead);
     connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Morvane::stop);
-    // The system's proxy settings must not carry the link anywhere else.
+    // The system's proxy settings must not redirect the link.
     tspSocket.setProxy(QNetworkProxy::NoProxy);
 }
 
@@ -95,7 +98,7 @@ void Morvane::keepSpool()
         acknowledgements ? std::optional<std::chrono::milliseconds>(
             std::chrono::seconds(std::max(acknowledgementTimeout, shortestTimer)))
                          : std::nullopt};
-    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, done, logWarning, times,
+    spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, counters, logWarning, times,
         [this](const QString &name, const QByteArray &content) {
             MakeTmpFile(tempDir + u'/' + name, content);
         });
@@ -129,7 +132,7 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 void Morvane::Start()
 {
     monitor.start([this](Status &status) {
-        status.counters = done;
+        status.counters = counters;
         status.unacknowledged = spoolSender->unacknowledged().waiting();
         if (acknowledgements)
             status.acknowledgedNumber = spoolSender->unacknowledged().storedRecords();
@@ -156,7 +159,7 @@ void Morvane::beforeEnd()
     monitor.stop();
 }
 
-// On every way that the event loop can end.
+// Runs on aboutToQuit, so whatever ends the event loop.
 void Morvane::stop()
 {
     if (!keeper)
@@ -208,7 +211,7 @@ void Morvane::AdminCommand(
         QByteArray none("");
         SetAction(action, message, none, IDConnection);
     } else if (command_name == "QuitSignal") {
-        // A server that goes away right behind its command must not change the exit status.
+        // If the server disconnects right after its command, that must not change the exit status.
         connector->adminConnection->disconnect(connector);
         QCoreApplication::exit(0);
     }
@@ -246,6 +249,7 @@ void Morvane::report(const QByteArray &message)
 
 void Morvane::Debug(QByteArray data)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     report(data);
 }
 
@@ -256,11 +260,11 @@ void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *socket)
     const DataRecord record = DataRecord::read(data);
     const qint64 size = record.kind.size() + record.payload.size();
     if (!record.isAccepted())
-        return done.unknownKind.add(size);
+        return counters.unknownKind.add(size);
     if (inputDataOn)
         report((tr("New data") + u": "_s + record.fileName).toUtf8());
     if (protocol != "TCP" && protocol != "UDP")
-        return done.noTransport.add(size);
+        return counters.noTransport.add(size);
     sendingModule = socket ? socket->name : QByteArray();
     if (protocol != "TCP" || !spoolSender->sendAtOnce(record)) {
         spoolSender->commit();
@@ -271,7 +275,7 @@ void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *socket)
         busRead();
 }
 
-// Records of one read of the bus leave together.
+// Sends the records of one read of the bus together.
 void Morvane::busRead()
 {
     spoolSender->commit();
@@ -281,18 +285,19 @@ void Morvane::busRead()
 
 void Morvane::MakeTmpFile(QString path, QByteArray data)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     const QString name = path.sliced(tempDir.size() + 1);
     const SpoolDirectory::WriteResult result = keeper->write(name, data);
     const QString reason = qt_error_string();
     switch (result) {
     case SpoolDirectory::WriteResult::Written:
-        return done.accepted.add(data.size());
+        return counters.accepted.add(data.size());
     case SpoolDirectory::WriteResult::NoLock:
-        done.noLock.add(data.size());
+        counters.noLock.add(data.size());
         pLog->Message(u"Can not open lock-file"_s, TLog::Priority::Error, {{recordField, name}});
         return logDropped(name, data.size(), reason);
     case SpoolDirectory::WriteResult::NoFile:
-        done.noFile.add(data.size());
+        counters.noFile.add(data.size());
         pLog->Message(
             u"Can not create temporary file"_s, TLog::Priority::Error, {{recordField, name}});
         return logDropped(
@@ -314,19 +319,19 @@ void Morvane::logDropped(const QString &name, qsizetype size, const QString &rea
 
 void Morvane::connectToPeer()
 {
-    // A second call on a busy socket would only raise an error.
+    // Calling connectToHost() on a busy socket would only raise an error.
     if (tspSocket.state() == QAbstractSocket::UnconnectedState)
         tspSocket.connectToHost(QHostAddress(host), port, QIODevice::ReadWrite);
 }
 
 void Morvane::tspSocketConnected()
 {
-    // On one host an attempt at a port that nobody listens on can end in a connection to itself.
+    // Connecting to a port of this host that nobody listens on can connect the socket to itself.
     if (tspSocket.localPort() == tspSocket.peerPort()
         && tspSocket.localAddress() == tspSocket.peerAddress())
         return tspSocket.abort();
     if (!spoolSender->linkUp())
-        return tspSocket.abort(); // for want of a descriptor; the next attempt may find one
+        return tspSocket.abort(); // no descriptor is free; the next attempt may find one
     monitor.linkUp();
     report(tr("Connection established.").toUtf8());
     SendOldData();
@@ -347,6 +352,7 @@ void Morvane::linkStateChanged(QAbstractSocket::SocketState state)
 
 void Morvane::SendOldData()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     spoolSender->send();
 }
 
@@ -376,7 +382,7 @@ void Morvane::OnFileReceived(QString name)
     qDebug() << "File received" << name;
 }
 
-// The family names these two slots. They do nothing here: ScanThread sends and receives.
+// Other modules of the family use these two slots. Here ScanThread sends and receives instead.
 void Morvane::UdpDatagrams()
 {
 }

@@ -15,9 +15,9 @@ class TMyLocalSocket;
 // The transfer module: keeps every record that arrives over the bus as a file in the spool
 // directory and carries the spool to the peer.
 //
-// Owner:   the process entry; it lives until the process ends.
+// Owner:   main(), which never destroys it.
 // Thread:  main thread. Waiting for the spool's lock blocks it.
-// Errors:  never throws. Spool failures go to the log; link events go to the administration server
+// Errors:  failures of the spool go to the log. Events of the link go to the administration server
 //          while its input-data watch is on.
 class Morvane : public TServerPlugin
 {
@@ -26,14 +26,14 @@ public:
     Morvane();
     ~Morvane() override;
 
-    // Reads a settings file, both groups. An empty path means the default file.
+    // Reads both groups of a settings file. An empty path means the default file.
     void LoadSettings(QString path);
-    // Adds the known keys to the template settings and has the file's keys checked against them.
+    // Adds the known keys to the template settings and checks the keys of `settings` against them.
     void checkSettingsStruct(QSettings &settings);
     // Starts the chosen transport and both timers.
     void Start() override;
 
-    // Called once, after the event loop has ended.
+    // main() calls this once, after the event loop has ended.
     void beforeEnd();
 
 public Q_SLOTS:
@@ -42,7 +42,7 @@ public Q_SLOTS:
     void UdpDatagrams();
     void OnFileReceived(QString name);
     void SendData(QByteArray &data);
-    // Reports a log line of the scan thread, UTF-8.
+    // Reports a log line of the scan thread, in UTF-8.
     void Debug(QByteArray data);
     void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void tspSocketError(QAbstractSocket::SocketError error);
@@ -55,9 +55,9 @@ protected:
 private:
     // Sends every file of the spool over the link, in order.
     void SendOldData();
-    // Starts the scan thread of UDP mode, or stops it if it runs.
+    // Starts the scan thread of UDP mode. If it is running, stops it instead.
     void StartScanning();
-    // Writes one spool file. The path is tempDir + "/" + a plain name.
+    // Writes one spool file. `path` is tempDir + "/" + a plain name.
     void MakeTmpFile(QString path, QByteArray data);
 
     void logDropped(const QString &name, qsizetype size, const QString &reason) const;
@@ -72,29 +72,33 @@ private:
     void report(const QByteArray &message);
     [[nodiscard]] QString aboutText() const;
 
-    Counters done;
-    Monitor monitor; // hears of tspSocket to its end
+    Counters counters;
+    Monitor monitor; // outlives tspSocket, whose end it is told of
 
-    quint16 localPort = 0; // UDP
+    // The settings of the group [Main].
+    quint16 localPort = 0;
     quint16 port = 0; // of the peer
     QString host; // numeric address of the peer
-    quint16 timeout = 0; // milliseconds, tick of the UDP transport
+    quint16 timeout = 0; // milliseconds; a tick of the UDP transport
     QString tempDir; // the spool directory
-    bool scanning = false;
-    ScanThread *scanThread = nullptr; // there while scanning
     QByteArray protocol; // "TCP" or "UDP"; anything else starts no transport
-    QTcpSocket tspSocket;
     quint16 reconnectionTimeout = 0; // seconds
     quint16 liveMessageTimeout = 0; // seconds
-    bool acknowledgements = false; // the peer's program acknowledges records
+    bool acknowledgements = false; // whether the peer's program acknowledges records
     quint16 acknowledgementTimeout = 0; // seconds
-    bool onlyPeer = false; // UDP: take datagrams from the peer's address only
-    qint64 maxReceivedBytes = 0; // UDP: of one file, inflated; 0: no limit
+    bool onlyPeer = false; // whether UDP mode ignores datagrams of other addresses
+    qint64 maxReceivedBytes = 0; // of one inflated file in UDP mode; 0 for no limit
+
+    bool scanning = false;
+    ScanThread *scanThread = nullptr; // set while `scanning`
+    QTcpSocket tspSocket;
     bool inputDataOn = false; // the administration server's input-data watch
     int reconnectTimerId = 0;
     int liveTimerId = 0;
-    std::unique_ptr<SpoolKeeper> keeper; // of tempDir
-    std::unique_ptr<SpoolSender> spoolSender; // over tspSocket
-    QByteArray sendingModule; // bus name, UTF-8, whence the last record came
-    bool mustSend = false; // records of the read under way have become files
+    std::unique_ptr<SpoolKeeper> keeper;
+    std::unique_ptr<SpoolSender> spoolSender;
+    // The bus name of the module that sent the last record, UTF-8.
+    QByteArray sendingModule;
+    // Records of the current read of the bus have become files, which must be sent after it.
+    bool mustSend = false;
 };

@@ -13,18 +13,21 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr qsizetype mostRemembered = 100'000; // names that were given back, only to be counted
-constexpr int mostFreed = 4'096; // records in one look
-constexpr auto longestFreeing = 10ms; // in one look: removing files takes its time
-constexpr int freedPerGlance = 64; // records between two glances at the clock
-constexpr auto flushAge = 250ms; // a record that waits longer is brought to the disk
+// Names given back are remembered only to count repetitions, so forgetting them is harmless.
+constexpr qsizetype mostNamesGivenBack = 100'000;
+// Limits of one call of freeAcknowledged(), because removing files may block for long.
+constexpr int mostFreed = 4'096; // records
+constexpr auto longestFreeing = 10ms;
+constexpr int freedPerClockCheck = 64; // records
+constexpr auto flushAge = 250ms; // a record that waits longer is flushed to the disk
 constexpr size_t mostRecords = 65'536;
-constexpr qint64 mostBytes = Journal::defaultBytes; // for a program that acknowledges
-constexpr int mostPieces = 16; // of the numbers that are read after the end of a link
-// Bytes that the kernel holds unsent. It sends them after a kill too, and then they come twice.
+constexpr qint64 mostBytes = Journal::defaultBytes; // if the peer's program acknowledges
+constexpr int mostFinalReads = 16; // of the peer's numbers, after the link has ended
+// Limits the bytes that the kernel holds unsent. It still sends them after this process is killed,
+// and then they arrive twice.
 constexpr int mostUnsent = 131'072;
 
-// The kernel's count of bytes that the peer's kernel has acknowledged on this connection.
+// Returns how many bytes of this connection the peer's kernel has acknowledged.
 qint64 kernelCount(int socket)
 {
     tcp_info info = {};
@@ -42,57 +45,57 @@ bool setOption(int socket, int option, int value)
 } // namespace
 
 OnItsWay::OnItsWay(
-    SpoolKeeper &keptBy, Counters &counters, std::optional<std::chrono::milliseconds> time)
+    SpoolKeeper &keptBy, Counters &countedIn, std::optional<std::chrono::milliseconds> time)
     : keeper(keptBy)
-    , done(counters)
-    , peerTime(time)
+    , counters(countedIn)
+    , acknowledgementTime(time)
 {
 }
 
 bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 {
-    link = Descriptor(::fcntl(int(socket), F_DUPFD_CLOEXEC, 0));
-    if (!link.isOpen())
+    ownLink = Descriptor(::fcntl(int(socket), F_DUPFD_CLOEXEC, 0));
+    if (!ownLink.isOpen())
         return false;
-    taken = flushedTo = storedTo = 0;
-    takenRecords = stored = arrived = lastRead = 0;
+    bytesTaken = flushRequestedTo = storedStreamEnd = 0;
+    recordsTaken = recordsStored = recordsKnownArrived = lastNumberRead = 0;
     reader = LinkRecord::AcknowledgementReader();
     fault = Fault::None;
-    countAtStart = kernelCount(link.get());
+    kernelCountAtStart = kernelCount(ownLink.get());
     const int timeout = int(deadAfter.count());
-    if (setOption(link.get(), TCP_USER_TIMEOUT, timeout)
-        && setOption(link.get(), TCP_NOTSENT_LOWAT, mostUnsent))
+    if (setOption(ownLink.get(), TCP_USER_TIMEOUT, timeout)
+        && setOption(ownLink.get(), TCP_NOTSENT_LOWAT, mostUnsent))
         return true;
-    link = Descriptor();
+    ownLink = Descriptor();
     return false;
 }
 
 void OnItsWay::linkDown()
 {
-    if (!link.isOpen())
+    if (!ownLink.isOpen())
         return;
-    if (peerTime)
+    if (acknowledgementTime)
         readRest();
-    while (look()) { }
-    link = Descriptor();
+    while (freeAcknowledged()) { }
+    ownLink = Descriptor();
     const bool wasEmpty = records.empty();
-    if (givenBack.size() > mostRemembered)
-        givenBack.clear();
+    if (namesGivenBack.size() > mostNamesGivenBack)
+        namesGivenBack.clear();
     for (const Record &record : records) {
-        done.givenBack.add(record.size);
-        givenBack.insert(record.name);
+        counters.givenBack.add(record.size);
+        namesGivenBack.insert(record.name);
     }
     records.clear();
     waitingBytes = 0;
-    remembered.clear();
+    rememberedEnds.clear();
     if (!wasEmpty)
         keeper.giveBack();
 }
 
 void OnItsWay::addUnkept(qint64 bytes)
 {
-    taken += bytes;
-    ++takenRecords;
+    bytesTaken += bytes;
+    ++recordsTaken;
 }
 
 void OnItsWay::addJournaled(const QByteArray &name, quint64 journalEnd, qint64 bytes)
@@ -115,15 +118,15 @@ void OnItsWay::add(quint64 journalEnd, const QByteArray &name,
 {
     addUnkept(bytes);
     const qint64 size = bytes - LinkRecord::lengthSize;
-    records.push_back({taken, takenRecords, Clock::now(), journalEnd, name, listedAs, size});
+    records.push_back({bytesTaken, recordsTaken, Clock::now(), journalEnd, name, listedAs, size});
     waitingBytes += size;
-    if (!givenBack.isEmpty() && givenBack.remove(name))
-        done.repeated.add(size);
+    if (!namesGivenBack.isEmpty() && namesGivenBack.remove(name))
+        counters.repeated.add(size);
 }
 
 bool OnItsWay::hasRoomFor(qint64 bytes) const
 {
-    const bool isBounded = peerTime && !records.empty();
+    const bool isBounded = acknowledgementTime && !records.empty();
     return records.size() < mostRecords && (!isBounded || waitingBytes + bytes <= mostBytes);
 }
 
@@ -131,21 +134,21 @@ bool OnItsWay::hasRoomFor(qint64 bytes) const
 
 qint64 OnItsWay::arrivedBytes() const
 {
-    return link.isOpen() ? kernelCount(link.get()) - countAtStart : 0;
+    return ownLink.isOpen() ? kernelCount(ownLink.get()) - kernelCountAtStart : 0;
 }
 
-bool OnItsWay::look()
+bool OnItsWay::freeAcknowledged()
 {
     if (records.empty())
         return false;
-    const qint64 acknowledged = peerTime ? storedTo : arrivedBytes();
+    const qint64 acknowledged = acknowledgementTime ? storedStreamEnd : arrivedBytes();
     const Clock::time_point end = Clock::now() + longestFreeing;
     quint64 journalEnd = 0;
     int freed = 0;
-    for (; !records.empty() && records.front().end <= acknowledged && freed < mostFreed
-         && (freed % freedPerGlance != 0 || Clock::now() < end);
+    for (; !records.empty() && records.front().streamEnd <= acknowledged && freed < mostFreed
+         && (freed % freedPerClockCheck != 0 || Clock::now() < end);
          records.pop_front(), ++freed) {
-        done.acknowledged.add(records.front().size);
+        counters.acknowledged.add(records.front().size);
         waitingBytes -= records.front().size;
         if (records.front().journalEnd != 0)
             journalEnd = records.front().journalEnd;
@@ -154,15 +157,15 @@ bool OnItsWay::look()
     }
     keeper.sent().journal().free(journalEnd);
     if (records.empty())
-        remembered.clear();
+        rememberedEnds.clear();
     else
         askForFlush(Clock::now());
     return freed > 0;
 }
 
-bool OnItsWay::isBehind() const
+bool OnItsWay::hasMoreToFree() const
 {
-    return !records.empty() && records.front().end <= storedTo;
+    return !records.empty() && records.front().streamEnd <= storedStreamEnd;
 }
 
 void OnItsWay::forget(const Record &record)
@@ -176,30 +179,30 @@ void OnItsWay::forget(const Record &record)
 
 void OnItsWay::askForFlush(Clock::time_point now)
 {
-    const auto first = std::upper_bound(records.begin(), records.end(), flushedTo,
-        [](qint64 end, const Record &record) { return end < record.end; });
-    if (first == records.end() || now - first->since < flushAge)
+    const auto first = std::upper_bound(records.begin(), records.end(), flushRequestedTo,
+        [](qint64 place, const Record &record) { return place < record.streamEnd; });
+    if (first == records.end() || now - first->takenAt < flushAge)
         return;
-    flushedTo = records.back().end;
+    flushRequestedTo = records.back().streamEnd;
     keeper.flusher().recordsWait();
 }
 
-std::chrono::milliseconds OnItsWay::age() const
+std::chrono::milliseconds OnItsWay::oldestAge() const
 {
     return records.empty() ? 0ms
                            : std::chrono::duration_cast<std::chrono::milliseconds>(
-                               Clock::now() - records.front().since);
+                               Clock::now() - records.front().takenAt);
 }
 
 // --- the numbers of the peer's program ---
 
-// A number reaches this program behind the acknowledgement of the bytes that it counts, so the
-// kernel tells which numbers cannot be true.
+// The peer's kernel acknowledges a record's bytes before the peer's program can count the record.
+// So a number above this one cannot be true.
 quint64 OnItsWay::arrivedRecords() const
 {
     const auto first = std::upper_bound(records.begin(), records.end(), arrivedBytes(),
-        [](qint64 bytes, const Record &record) { return bytes < record.end; });
-    return first == records.end() ? takenRecords : first->number - 1;
+        [](qint64 bytes, const Record &record) { return bytes < record.streamEnd; });
+    return first == records.end() ? recordsTaken : first->number - 1;
 }
 
 OnItsWay::Fault OnItsWay::acknowledge(QByteArrayView bytes)
@@ -208,49 +211,51 @@ OnItsWay::Fault OnItsWay::acknowledge(QByteArrayView bytes)
         return fault;
     reader.append(bytes);
     fault = readNumbers();
-    const auto next = std::upper_bound(records.begin(), records.end(), stored,
+    const auto next = std::upper_bound(records.begin(), records.end(), recordsStored,
         [](quint64 number, const Record &record) { return number < record.number; });
     if (next != records.begin())
-        storedTo = std::prev(next)->end;
+        storedStreamEnd = std::prev(next)->streamEnd;
     return fault;
 }
 
 OnItsWay::Fault OnItsWay::readNumbers()
 {
     while (const std::optional<quint64> number = reader.next()) {
-        lastRead = *number;
-        if (*number < stored)
+        lastNumberRead = *number;
+        if (*number < recordsStored)
             return Fault::Backwards;
-        if (*number > arrived)
-            arrived = arrivedRecords();
-        if (*number > arrived)
+        if (*number > recordsKnownArrived)
+            recordsKnownArrived = arrivedRecords();
+        if (*number > recordsKnownArrived)
             return Fault::Beyond;
-        if (*number > stored)
-            lastStored = Clock::now();
-        stored = *number;
+        if (*number > recordsStored)
+            lastProgress = Clock::now();
+        recordsStored = *number;
     }
     return Fault::None;
 }
 
-// As long as the oldest record is not there, the kernel decides when the link is dead.
-OnItsWay::Fault OnItsWay::checkTime()
+// The time runs only once the oldest record has arrived at the peer's host. Before that, the kernel
+// decides whether the link is dead.
+OnItsWay::Fault OnItsWay::checkOverdue()
 {
-    if (!peerTime || records.empty() || fault != Fault::None)
+    if (!acknowledgementTime || records.empty() || fault != Fault::None)
         return fault;
     const Clock::time_point now = Clock::now();
-    if (records.front().end > arrivedBytes())
-        lastStored = now;
-    if (now - std::max(lastStored, records.front().since) >= *peerTime)
+    if (records.front().streamEnd > arrivedBytes())
+        lastProgress = now;
+    if (now - std::max(lastProgress, records.front().takenAt) >= *acknowledgementTime)
         fault = Fault::Overdue;
     return fault;
 }
 
-// The socket may have failed in sending, with numbers before the end that were not read yet.
+// Reads the numbers that arrived before the link ended: a socket that fails while sending closes
+// without reading them.
 void OnItsWay::readRest()
 {
     std::array<char, 65'536> buffer;
-    for (int piece = 0; piece < mostPieces; ++piece) {
-        const ssize_t count = ::recv(link.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    for (int read = 0; read < mostFinalReads; ++read) {
+        const ssize_t count = ::recv(ownLink.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
         if (count <= 0 || acknowledge(QByteArrayView(buffer.data(), count)) != Fault::None)
             return;
     }
@@ -260,10 +265,10 @@ void OnItsWay::readRest()
 
 void OnItsWay::rememberNames()
 {
-    remembered.clear();
+    rememberedEnds.clear();
     for (const Record &record : records) {
         if (record.journalEnd != 0 || record.listedAs)
-            remembered.insert(record.name, record.end);
+            rememberedEnds.insert(record.name, record.streamEnd);
     }
 }
 
@@ -271,6 +276,7 @@ bool OnItsWay::holds(const QString &name) const
 {
     if (holdsFile(name))
         return true;
-    const auto found = remembered.constFind(QFile::encodeName(name));
-    return found != remembered.cend() && !records.empty() && *found >= records.front().end;
+    const auto found = rememberedEnds.constFind(QFile::encodeName(name));
+    return found != rememberedEnds.cend() && !records.empty()
+        && *found >= records.front().streamEnd;
 }

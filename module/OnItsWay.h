@@ -12,60 +12,60 @@
 #include <deque>
 #include <optional>
 
-// The records that the TCP link has taken and the peer has not acknowledged yet.
+// Remembers the records that were written to the TCP link and are not acknowledged yet.
 //
-// A socket takes bytes long before they arrive, and loses them when the link ends. So every record
-// is remembered by the place of its last byte in the link's stream, and stays in the journal, or as
-// a file beside it, until what is acknowledged has passed that place: by the kernel's count of
-// bytes or, if the peer's program is to acknowledge, by its count of records.
-//
-// Owner:   SpoolSender.
-// Thread:  main thread.
-// Errors:  never throws.
+// A socket accepts bytes long before they arrive, and loses them if the link ends. So this class
+// remembers where each record ends in the link's byte stream. The record stays in the journal, or
+// as a file beside it, until the acknowledgements have passed that place. They come from the
+// kernel, which counts bytes, or from the peer's program, which counts records.
 class OnItsWay
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // The peer's program has that long to acknowledge a record that has reached its host; without
-    // a time its kernel acknowledges.
-    OnItsWay(
-        SpoolKeeper &keeper, Counters &counters, std::optional<std::chrono::milliseconds> peerTime);
+    // If `acknowledgementTime` is set, the peer's program acknowledges, and has this long for each
+    // record that has reached its host. Otherwise the peer's kernel acknowledges.
+    OnItsWay(SpoolKeeper &keeper, Counters &counters,
+        std::optional<std::chrono::milliseconds> acknowledgementTime);
 
-    // The link is up: its acknowledged bytes count from here. Makes the kernel end it when sent
-    // bytes stay unacknowledged for the given time. False if the link cannot be watched.
+    // Starts to watch a new link. Makes the kernel end the link when sent bytes stay unacknowledged
+    // for the time `deadAfter`. Returns false if the link cannot be watched.
     [[nodiscard]] bool linkUp(qintptr socket, std::chrono::milliseconds deadAfter);
-    [[nodiscard]] bool isLinkUp() const { return link.isOpen(); }
-    // The link has ended: after a last look all that is left goes back into the spool.
+    [[nodiscard]] bool isLinkUp() const { return ownLink.isOpen(); }
+    // Frees what was acknowledged before the link ended and returns the rest to the spool.
     void linkDown();
 
-    // The socket takes a record that need not be kept: a keep-alive, or one whose file stays.
+    // Each add function is called when a record has been written to the socket. `bytes` is the
+    // record's size on the link.
+    //
+    // Adds a record that need not be kept: a keep-alive, or one whose file stays in the spool.
     void addUnkept(qint64 bytes);
-    // The socket takes a record: of the journal, up to a position;
+    // Adds a record of the journal that ends at the journal's position `journalEnd`.
     void addJournaled(const QByteArray &name, quint64 journalEnd, qint64 bytes);
-    // of a file that is kept aside;
+    // Adds a record whose file was moved to the folder of sent files.
     void addKept(const QString &name, qint64 bytes);
-    // of a file that is still in the spool, and is removed if it is still the same one then.
+    // Adds a record whose file is still in the spool. Its acknowledgement removes the file, unless
+    // the file has changed since `mark` was taken.
     void addListed(const QString &name, const SpoolFile::Mark &mark, qint64 bytes);
 
-    // Frees what has been acknowledged since the last look, up to some thousand records; true if
-    // there was something.
-    bool look();
-    // Whether the last look has left acknowledged records for the next one.
-    [[nodiscard]] bool isBehind() const;
-    // Whether another record may go on its way. Empty ones could be many: they are bounded by
-    // number. A program may acknowledge late, so its records are bounded as the journal is.
+    // Frees acknowledged records for a few milliseconds at most. Returns whether it freed any.
+    bool freeAcknowledged();
+    // Whether freeAcknowledged() has left records that the peer's program has acknowledged.
+    [[nodiscard]] bool hasMoreToFree() const;
+    // Whether another record of `bytes` may be sent. The number of records is limited because many
+    // may be empty. Their bytes are limited too if the peer's program acknowledges, because it may
+    // do so late.
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
     [[nodiscard]] bool isEmpty() const { return records.empty(); }
-    // Bytes of kind and payload.
+    // Counts the bytes of kind and payload.
     [[nodiscard]] Counters::Amount waiting() const
     {
         return {qint64(records.size()), waitingBytes};
     }
-    // How long the oldest record has waited.
-    [[nodiscard]] std::chrono::milliseconds age() const;
-    // Whether a record of that name is among them. Finds those of the journal only if they were
-    // taken before the last call of rememberNames().
+    // How long the oldest record has waited for its acknowledgement.
+    [[nodiscard]] std::chrono::milliseconds oldestAge() const;
+    // Whether a record called `name` is unacknowledged. A record without a file of its own in the
+    // folder of sent files is found only if it was added before the last call of rememberNames().
     [[nodiscard]] bool holds(const QString &name) const;
     [[nodiscard]] bool holdsFile(const QString &name) const { return keeper.sent().holds(name); }
     void rememberNames();
@@ -74,29 +74,30 @@ public:
 
     enum class Fault {
         None,
-        Backwards, // a number is smaller than the one before
-        Beyond, // a number counts records that have not arrived
+        Backwards, // a number is smaller than the one before it
+        Beyond, // a number counts records that have not arrived at the peer's host
         Overdue
     };
-    // Reads what the peer has sent; the next look() frees what it acknowledges. After a fault
-    // nothing counts any more on this link.
+    // Reads the numbers in `bytes`, which the peer has sent. The next freeAcknowledged() frees the
+    // records that they count. After a fault, all further numbers of this link are ignored.
     [[nodiscard]] Fault acknowledge(QByteArrayView bytes);
-    // The fault of this link so far. To be asked for while records wait.
-    [[nodiscard]] Fault checkTime();
-    // The last number that counts, and the last one that was read.
-    [[nodiscard]] quint64 storedRecords() const { return stored; }
-    [[nodiscard]] quint64 lastNumber() const { return lastRead; }
+    // Returns the fault of this link; Overdue if the peer's program has run out of time.
+    [[nodiscard]] Fault checkOverdue();
+    // Returns the last number without a fault: the records that the peer's program has stored.
+    [[nodiscard]] quint64 storedRecords() const { return recordsStored; }
+    // Returns the last number that was read, whether it had a fault or not.
+    [[nodiscard]] quint64 lastNumber() const { return lastNumberRead; }
 
 private:
     struct Record
     {
-        qint64 end; // in the stream of this link
-        quint64 number; // on this link, from 1
-        Clock::time_point since;
-        quint64 journalEnd = 0;
+        qint64 streamEnd;
+        quint64 number; // counted on this link, from 1
+        Clock::time_point takenAt;
+        quint64 journalEnd = 0; // 0 for a record of a file
         QByteArray name; // file system encoding
         std::optional<SpoolFile::Mark> listedAs;
-        qint64 size; // of kind and payload
+        qint64 size; // without the length in front of it on the link
     };
     void add(quint64 journalEnd, const QByteArray &name,
         const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes);
@@ -108,24 +109,32 @@ private:
     void readRest();
 
     SpoolKeeper &keeper;
-    Counters &done;
+    Counters &counters;
     std::deque<Record> records; // in the order of the stream
-    QHash<QByteArray, qint64> remembered; // the end of the last record of each name
-    QSet<QByteArray> givenBack; // and not sent again yet
-    qint64 waitingBytes = 0; // of records
-    qint64 taken = 0; // bytes of this link
-    quint64 takenRecords = 0; // of this link, the unkept ones too
-    qint64 flushedTo = 0; // in the stream: older records of the journal are on the disk
-    qint64 countAtStart = 0; // of the kernel, when the link came up
+    // For each name, where its last record ends in the stream.
+    QHash<QByteArray, qint64> rememberedEnds;
+    // Names of records that were given back and have not been sent again.
+    QSet<QByteArray> namesGivenBack;
+    qint64 waitingBytes = 0;
 
-    const std::optional<std::chrono::milliseconds> peerTime; // see the constructor
+    // Counted anew on each link, including unkept records. They are places in the link's stream.
+    qint64 bytesTaken = 0;
+    quint64 recordsTaken = 0;
+    // The flusher was asked to flush the records of the journal up to this place.
+    qint64 flushRequestedTo = 0;
+    qint64 kernelCountAtStart = 0;
+
+    const std::optional<std::chrono::milliseconds> acknowledgementTime;
     LinkRecord::AcknowledgementReader reader;
-    quint64 stored = 0; // records of this link, as the peer says
-    qint64 storedTo = 0; // in the stream: up to there the records are stored
-    Clock::time_point lastStored; // when the number grew, or what it waits for had not arrived yet
-    quint64 arrived = 0; // so many at least, when the kernel was asked last
-    quint64 lastRead = 0;
+    quint64 recordsStored = 0;
+    qint64 storedStreamEnd = 0;
+    // When the peer's number last grew, or when the oldest record had last not arrived yet.
+    Clock::time_point lastProgress;
+    // The kernel's last answer. More records may have arrived since.
+    quint64 recordsKnownArrived = 0;
+    quint64 lastNumberRead = 0;
     Fault fault = Fault::None;
 
-    Descriptor link; // of our own: Qt has closed its own when it tells of an end
+    // A duplicate: when Qt reports the end of the link, it has already closed its own descriptor.
+    Descriptor ownLink;
 };

@@ -4,6 +4,7 @@
 
 #include <QFile>
 #include <QTcpSocket>
+#include <QThread>
 
 #include <ctime>
 #include <thread>
@@ -12,19 +13,22 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto sliceTime = 10ms; // of a listing, between two turns of the event loop
-constexpr auto shortScan = 5ms; // a longer one is left to another thread
-constexpr auto lockInterval = 100ms; // between two looks at a lock that somebody holds
-constexpr auto firstLook = 1ms; // at acknowledgements, after something was sent
-constexpr auto longestLook = 250ms; // between two looks while nothing changes
-constexpr int lookShare = 4; // a look comes when a record has waited for a quarter as long again
-constexpr auto lastWait = 50ms; // for acknowledgements when the process ends
-constexpr auto lastPeerWait = 1s; // the same for those of the peer's program
-constexpr auto faultInterval = 1h; // between two lines of the log about a fault that goes on
-constexpr qint64 mostUnread = 65'536; // bytes of numbers; the rest stays in the kernel meanwhile
-constexpr qsizetype minShared = 16'384; // bytes; the size of the pieces that small records fill
-// Bytes that wait in the socket, or one larger record.
-constexpr qint64 maxBuffered = 1'048'576;
+constexpr auto sliceTime = 10ms; // of a listing, before the event loop gets its next turn
+constexpr auto shortScan = 5ms; // a longer scan continues on another thread
+constexpr auto lockInterval = 100ms; // between two attempts while another process holds the lock
+// Acknowledgements are checked soon after something was sent or freed, then ever less often: after
+// each further quarter of the oldest record's age.
+constexpr auto shortestCheck = 1ms;
+constexpr auto longestCheck = 250ms;
+constexpr int checkShare = 4;
+// How long the process waits for acknowledgements before it ends.
+constexpr auto longestKernelWait = 50ms;
+constexpr auto longestPeerWait = 1s;
+constexpr auto faultInterval = 1h; // between two log lines about the same fault
+constexpr qint64 mostUnread = 65'536; // bytes of the peer's numbers; the kernel keeps the rest
+// Bytes. The socket copies smaller records together into pieces of this size.
+constexpr qsizetype sharedPieceSize = 16'384;
+constexpr qint64 maxBuffered = 1'048'576; // bytes in the socket; one larger record may wait alone
 
 qint64 timeNow()
 {
@@ -35,23 +39,23 @@ qint64 timeNow()
 
 } // namespace
 
-SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &counters,
+SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &countedIn,
     MessageSink log, const Times &timeLimits, WriteFile write)
     : link(tcpLink)
     , keeper(spoolKeeper)
-    , done(counters)
+    , counters(countedIn)
     , report(std::move(log))
     , times(timeLimits)
     , writeFile(std::move(write))
-    , onItsWay(spoolKeeper, counters, timeLimits.acknowledgement)
+    , onItsWay(spoolKeeper, countedIn, timeLimits.acknowledgement)
     , lock(spoolKeeper.directory().path(), report)
     , quiet(spoolKeeper.directory().path())
 {
-    work.setSingleShot(true);
-    lookTimer.setSingleShot(true);
-    lookTimer.setTimerType(Qt::PreciseTimer);
-    connect(&work, &QTimer::timeout, this, &SpoolSender::goOn);
-    connect(&lookTimer, &QTimer::timeout, this, &SpoolSender::lookNow);
+    listingTimer.setSingleShot(true);
+    checkTimer.setSingleShot(true);
+    checkTimer.setTimerType(Qt::PreciseTimer);
+    connect(&listingTimer, &QTimer::timeout, this, &SpoolSender::continueListing);
+    connect(&checkTimer, &QTimer::timeout, this, &SpoolSender::checkAcknowledgements);
     connect(&link, &QAbstractSocket::stateChanged, this, &SpoolSender::linkStateChanged);
     connect(&link, &QIODevice::bytesWritten, this, &SpoolSender::bytesWritten);
     connect(&link, &QIODevice::readyRead, this, &SpoolSender::readFromPeer);
@@ -75,7 +79,7 @@ bool SpoolSender::linkUp()
     return true;
 }
 
-// What a full disk keeps out of the spool goes to the peer from where it is.
+// Sends records straight from the journal because the disk is too full to make files of them.
 void SpoolSender::resendJournal()
 {
     keeper.sent().journal().forEach([this](const Journal::Entry &entry) {
@@ -83,28 +87,28 @@ void SpoolSender::resendJournal()
         onItsWay.addJournaled(entry.name.toByteArray(), entry.end, record.size());
         return write(record);
     });
-    lookSoon();
+    checkSoon();
 }
 
-// Every end of a link passes here, whatever brought it about.
+// Handles every end of a link, whatever its cause.
 void SpoolSender::linkStateChanged()
 {
     if (link.state() != QAbstractSocket::UnconnectedState)
         return;
     dropListing();
-    work.stop();
-    lookTimer.stop();
+    listingTimer.stop();
+    checkTimer.stop();
     onItsWay.linkDown();
 }
 
 void SpoolSender::bytesWritten()
 {
-    // By itself the socket sends one piece of its buffer for each turn of the event loop, while the
-    // bus brings many records in one: the buffer would fill although the peer reads.
+    // Left alone, the socket sends one piece of its buffer in each turn of the event loop. The bus
+    // brings many records in one turn, so the buffer would fill up although the peer reads.
     link.flush();
-    // Half empty is early enough: the kernel's own buffer keeps the link busy meanwhile.
-    if (!listed.isEmpty() && link.bytesToWrite() <= maxBuffered / 2 && !work.isActive())
-        work.start(0ms);
+    // Refilling a half-empty buffer is early enough: the kernel's own buffer keeps the link busy.
+    if (!namesLeft.isEmpty() && link.bytesToWrite() <= maxBuffered / 2 && !listingTimer.isActive())
+        listingTimer.start(0ms);
 }
 
 bool SpoolSender::hasRoomFor(qint64 bytes) const
@@ -113,12 +117,13 @@ bool SpoolSender::hasRoomFor(qint64 bytes) const
         && (link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered);
 }
 
-// By pointer and size the socket copies small records together, and sends many in one call. A
-// large one it takes over without a copy.
+// Given a pointer and a size, the socket copies small records together and sends many of them in
+// one call. Given a QByteArray, it shares the array and copies nothing.
 bool SpoolSender::write(const QByteArray &record)
 {
-    const qint64 count = record.size() < minShared ? link.write(record.constData(), record.size())
-                                                   : link.write(record);
+    const qint64 count = record.size() < sharedPieceSize
+        ? link.write(record.constData(), record.size())
+        : link.write(record);
     return count == record.size();
 }
 
@@ -132,54 +137,54 @@ void SpoolSender::sendKeepAlive()
 
 // --- acknowledgements ---
 
-// What the peer's program acknowledges comes by itself.
-void SpoolSender::lookSoon()
+// The kernel has to be asked for its count. The numbers of the peer's program arrive by themselves.
+void SpoolSender::checkSoon()
 {
-    lookWithin(times.acknowledgement ? longestLook : firstLook);
+    checkWithin(times.acknowledgement ? longestCheck : shortestCheck);
 }
 
-void SpoolSender::lookWithin(std::chrono::milliseconds time)
+void SpoolSender::checkWithin(std::chrono::milliseconds time)
 {
-    if (!onItsWay.isEmpty() && (!lookTimer.isActive() || lookTimer.intervalAsDuration() > time))
-        lookTimer.start(time);
+    if (!onItsWay.isEmpty() && (!checkTimer.isActive() || checkTimer.intervalAsDuration() > time))
+        checkTimer.start(time);
 }
 
-void SpoolSender::lookNow()
+void SpoolSender::checkAcknowledgements()
 {
-    const bool hasFreed = onItsWay.look();
-    const OnItsWay::Fault fault = hasFreed ? OnItsWay::Fault::None : onItsWay.checkTime();
+    const bool hasFreed = onItsWay.freeAcknowledged();
+    const OnItsWay::Fault fault = hasFreed ? OnItsWay::Fault::None : onItsWay.checkOverdue();
     if (fault != OnItsWay::Fault::None)
         return endLink(fault);
     if (!onItsWay.isEmpty())
-        lookTimer.start(nextLook(hasFreed));
-    if (hasFreed && !listed.isEmpty() && !work.isActive())
-        work.start(0ms); // a file may have waited for one of its name, or for room
+        checkTimer.start(nextCheck(hasFreed));
+    if (hasFreed && !namesLeft.isEmpty() && !listingTimer.isActive())
+        listingTimer.start(0ms); // the next file may have waited for room or for its own name
 }
 
-std::chrono::milliseconds SpoolSender::nextLook(bool hasFreed) const
+std::chrono::milliseconds SpoolSender::nextCheck(bool hasFreed) const
 {
     if (times.acknowledgement)
-        return onItsWay.isBehind() ? firstLook : longestLook;
-    return hasFreed
-        ? firstLook
-        : std::clamp<std::chrono::milliseconds>(onItsWay.age() / lookShare, firstLook, longestLook);
+        return onItsWay.hasMoreToFree() ? shortestCheck : longestCheck;
+    return hasFreed ? shortestCheck
+                    : std::clamp<std::chrono::milliseconds>(
+                        onItsWay.oldestAge() / checkShare, shortestCheck, longestCheck);
 }
 
 void SpoolSender::stop()
 {
     commit();
-    const QDeadlineTimer end(times.acknowledgement ? lastPeerWait : lastWait);
+    const QDeadlineTimer end(times.acknowledgement ? longestPeerWait : longestKernelWait);
     while (onItsWay.isLinkUp() && !onItsWay.isEmpty() && !end.hasExpired()) {
-        if (!onItsWay.look() && times.acknowledgement)
+        if (!onItsWay.freeAcknowledged() && times.acknowledgement)
             link.waitForReadyRead(int(end.remainingTime()));
         else
-            std::this_thread::sleep_for(firstLook);
+            std::this_thread::sleep_for(shortestCheck);
     }
     onItsWay.linkDown();
 }
 
-// Bytes that nobody asked for must be read all the same: they would pile up, or hide that the peer
-// has closed.
+// Unexpected bytes are read and dropped. Unread, they would pile up, or hide that the peer has
+// closed the connection.
 void SpoolSender::readFromPeer()
 {
     if (!times.acknowledgement || !onItsWay.isLinkUp()) {
@@ -189,15 +194,15 @@ void SpoolSender::readFromPeer()
     const OnItsWay::Fault fault = onItsWay.acknowledge(link.readAll());
     if (fault != OnItsWay::Fault::None)
         return endLink(fault);
-    lookWithin(firstLook); // not for each of many numbers
+    checkWithin(shortestCheck); // one check serves all numbers that arrive until then
 }
 
 void SpoolSender::endLink(OnItsWay::Fault fault)
 {
-    if (fault != saidFault || saidRecently.hasExpired()) {
+    if (fault != loggedFault || logPause.hasExpired()) {
         report(textOf(fault));
-        saidFault = fault;
-        saidRecently.setRemainingTime(faultInterval);
+        loggedFault = fault;
+        logPause.setRemainingTime(faultInterval);
     }
     link.abort();
 }
@@ -222,25 +227,27 @@ QString SpoolSender::textOf(OnItsWay::Fault fault) const
     return {};
 }
 
-// --- records that need no file ---
+// --- the direct path ---
 
-// One look at the spool serves all records of one read of the bus.
-bool SpoolSender::isRoadOpen()
+// The spool is checked once for all records of one read of the bus.
+bool SpoolSender::isDirectPathOpen()
 {
-    if (road == Road::Unknown) {
-        const bool isIdle = !scan && listed.isEmpty() && !listAgain;
+    if (directPath == DirectPath::Unknown) {
+        const bool isIdle = !scan && namesLeft.isEmpty() && !listAgain;
         const bool isOpen =
             link.state() == QAbstractSocket::ConnectedState && onItsWay.isLinkUp() && isIdle;
-        road = isOpen && quiet.look() ? Road::Open : Road::Closed;
+        directPath = isOpen && quiet.look() ? DirectPath::Open : DirectPath::Closed;
     }
-    return road == Road::Open;
+    return directPath == DirectPath::Open;
 }
 
 bool SpoolSender::sendAtOnce(const DataRecord &record)
 {
-    if (!isRoadOpen())
+    Q_ASSERT(thread() == QThread::currentThread());
+    if (!isDirectPathOpen())
         return false;
-    road = Road::Closed; // a record that becomes a file must not be overtaken
+    // Closed until this record has been taken: if it becomes a file, no later one may overtake it.
+    directPath = DirectPath::Closed;
     const QByteArray name = QFile::encodeName(record.fileName);
     const qsizetype size = record.kind.size() + record.payload.size();
     Journal &journal = keeper.sent().journal();
@@ -251,30 +258,30 @@ bool SpoolSender::sendAtOnce(const DataRecord &record)
     const quint64 end = journal.add(name, timeNow(), record.kind, record.payload);
     LinkRecord::append(outgoing, record.kind, record.payload);
     staged.push_back({name, end, LinkRecord::lengthSize + size});
-    road = Road::Open;
+    directPath = DirectPath::Open;
     return true;
 }
 
 void SpoolSender::commit()
 {
-    road = Road::Unknown;
+    directPath = DirectPath::Unknown;
     if (staged.empty())
         return;
     if (!keeper.sent().journal().commit())
         return spillStaged();
     for (const Staged &record : staged) {
-        onItsWay.addJournaled(record.name, record.journalEnd, record.bytes);
-        done.accepted.add(record.bytes - LinkRecord::lengthSize);
-        done.sent.add(record.bytes - LinkRecord::lengthSize);
+        onItsWay.addJournaled(record.name, record.journalEnd, record.linkBytes);
+        counters.accepted.add(record.linkBytes - LinkRecord::lengthSize);
+        counters.sent.add(record.linkBytes - LinkRecord::lengthSize);
     }
     staged.clear();
     const QByteArray records = std::exchange(outgoing, {});
-    std::ignore = link.write(records); // what it does not take comes back with the link's end
+    std::ignore = link.write(records); // on failure the link ends, which gives the records back
     link.flush();
-    lookSoon();
+    checkSoon();
 }
 
-// The disk has failed under the journal: all of them become files.
+// Makes files of the staged records because the journal could not be written.
 void SpoolSender::spillStaged()
 {
     LinkRecord::Reader reader;
@@ -288,14 +295,15 @@ void SpoolSender::spillStaged()
 
 void SpoolSender::send()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (link.state() != QAbstractSocket::ConnectedState || !onItsWay.isLinkUp())
         return;
-    if (scan || !listed.isEmpty()) {
+    if (scan || !namesLeft.isEmpty()) {
         listAgain = true;
         return;
     }
     beginListing({});
-    goOn();
+    continueListing();
 }
 
 void SpoolSender::beginListing(const QByteArray &after)
@@ -304,14 +312,14 @@ void SpoolSender::beginListing(const QByteArray &after)
     onItsWay.rememberNames();
 }
 
-// A lock that cannot be removed keeps everything in the spool until the next record comes.
+// If the lock is stuck, gives up the listing: everything stays in the spool until the next send().
 bool SpoolSender::isSpoolFree()
 {
     switch (lock.look()) {
     case SpoolLock::State::Free:
         return true;
     case SpoolLock::State::Held:
-        work.start(lockInterval);
+        listingTimer.start(lockInterval);
         return false;
     case SpoolLock::State::Stuck:
         dropListing();
@@ -320,29 +328,31 @@ bool SpoolSender::isSpoolFree()
     return false;
 }
 
-// A piece of the current listing. It waits for the socket, for acknowledgements, or for its turn.
-void SpoolSender::goOn()
+// Sends a slice of the current listing. Continues it later when the slice's time is over, when the
+// socket is full, or when a record must wait for acknowledgements.
+void SpoolSender::continueListing()
 {
     const QDeadlineTimer deadline(sliceTime);
-    if (!isSpoolFree() || (scan && !goOnScanning()))
+    if (!isSpoolFree() || (scan && !continueScan()))
         return;
-    while (!listed.isEmpty()) {
+    while (!namesLeft.isEmpty()) {
         if (deadline.hasExpired()) {
             link.flush();
-            return work.start(0ms);
+            return listingTimer.start(0ms);
         }
-        if (sendFile(listed.first()) == Step::MustWait)
-            return lookSoon();
-        if (listed.isEmpty())
-            break; // the link has ended meanwhile
-        lastListed = listed.firstName();
-        listed.removeFirst();
+        if (sendFile(namesLeft.first()) == Step::MustWait)
+            return checkSoon();
+        if (namesLeft.isEmpty())
+            break; // the link has ended during sendFile()
+        lastListedName = namesLeft.firstName();
+        namesLeft.removeFirst();
     }
     endOfListing();
 }
 
-// A few thousand names are read and sorted at once. More of them would keep the bus waiting.
-bool SpoolSender::goOnScanning()
+// Reads and sorts a few thousand names at once. More names would keep the bus waiting, so another
+// thread finishes the scan.
+bool SpoolSender::continueScan()
 {
     if (scanner.joinable())
         return false;
@@ -353,17 +363,18 @@ bool SpoolSender::goOnScanning()
         });
         return false;
     }
-    isCutOff = scan->isCutOff();
-    listed = scan->takeNames();
+    hasMoreNames = scan->isCutOff();
+    namesLeft = scan->takeNames();
     scan.reset();
     return true;
 }
 
 void SpoolSender::scanned()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     waitForScan();
-    if (!std::exchange(isScanVain, false))
-        return goOn();
+    if (!std::exchange(isScanObsolete, false))
+        return continueListing();
     scan.reset();
     listAgain = false;
     send();
@@ -377,26 +388,26 @@ void SpoolSender::waitForScan()
 
 void SpoolSender::dropListing()
 {
-    listed = SpoolListing();
-    listAgain = isCutOff = false;
-    isScanVain = scanner.joinable(); // it is dropped when it ends
-    if (!isScanVain)
+    namesLeft = SpoolListing();
+    listAgain = hasMoreNames = false;
+    isScanObsolete = scanner.joinable(); // scanned() drops the result
+    if (!isScanObsolete)
         scan.reset();
 }
 
 void SpoolSender::endOfListing()
 {
-    lookSoon();
-    const bool isMoreWaiting = std::exchange(isCutOff, false);
-    listed = SpoolListing();
+    checkSoon();
+    const bool isMoreWaiting = std::exchange(hasMoreNames, false);
+    namesLeft = SpoolListing();
     if (!isMoreWaiting && !std::exchange(listAgain, false))
         return;
-    // In its own turn: a file that another writer changes all the time must not nest these calls.
-    beginListing(isMoreWaiting ? lastListed : QByteArray());
-    work.start(0ms);
+    // The timer keeps these calls from nesting when another writer changes a file all the time.
+    beginListing(isMoreWaiting ? lastListedName : QByteArray());
+    listingTimer.start(0ms);
 }
 
-// A file that cannot be read or is not taken is passed over.
+// Passes over a file that cannot be opened, read or sent: it stays in the spool.
 SpoolSender::Step SpoolSender::sendFile(const QString &name)
 {
     const SpoolFile file = keeper.directory().open(name);
@@ -413,18 +424,18 @@ SpoolSender::Step SpoolSender::sendFile(const QString &name)
     if (taken == SentFolder::Take::Gone)
         return Step::Done;
     if (taken == SentFolder::Take::Replaced) {
-        listAgain = true; // what has taken its place may come behind it in the order
+        listAgain = true; // the file that has taken its place has not been sent
         return Step::Done;
     }
     if (taken == SentFolder::Take::NoRoom && !onItsWay.isEmpty())
-        return Step::MustWait; // for room
+        return Step::MustWait;
     const qint64 size = record->size();
     if (!write(*record)) {
         if (taken == SentFolder::Take::Taken)
             keeper.sent().giveBack(name);
         return Step::Done;
     }
-    done.sent.add(content.size());
+    counters.sent.add(content.size());
     if (taken == SentFolder::Take::Taken)
         onItsWay.addKept(name, size);
     else if (taken == SentFolder::Take::NoRoom)

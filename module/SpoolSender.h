@@ -16,18 +16,18 @@
 class QTcpSocket;
 struct Counters;
 
-// Carries records over the TCP link, one for each file of the spool, in the order of the listing.
+// Sends records over the TCP link, one for each file of the spool, in the order of the listing.
 //
-// A record that arrives while nothing waits takes a shorter road: it is written to the journal and
-// sent, and never becomes a file unless the link ends before it is acknowledged.
+// A record that arrives while nothing waits takes a direct path: it is written to the journal and
+// sent. It becomes a file only if the link ends before it is acknowledged.
 //
-// At most 1 MiB waits in the socket's buffer; the rest of a listing goes on when it drains. If the
-// peer's program acknowledges, a peer that says what cannot be true, or nothing for too long, loses
-// the link.
+// At most 1 MiB, or one larger record, waits in the socket's buffer. The listing continues when the
+// buffer drains. If the peer's program acknowledges, the link is ended when a number of the peer
+// cannot be true, and when no number comes for too long.
 //
-// Owner:   Morvane, which owns the socket too and makes its connections.
+// Owner:   Morvane, which also owns the socket and connects it.
 // Thread:  main thread. A listing is made and sent in pieces of some milliseconds.
-// Errors:  never throws. A file that cannot be sent now stays in the spool for the next time.
+// Errors:  a file that cannot be sent now stays in the spool for the next listing.
 class SpoolSender : public QObject
 {
     Q_OBJECT
@@ -35,32 +35,36 @@ public:
     using WriteFile = std::function<void(const QString &name, const QByteArray &content)>;
     struct Times
     {
-        std::chrono::milliseconds deadAfter; // unacknowledged bytes that old mean a dead link
-        // The peer's program has to acknowledge, within that time; otherwise its kernel does.
+        // The link is dead when sent bytes stay unacknowledged for this long.
+        std::chrono::milliseconds deadAfter;
+        // If set, the peer's program must acknowledge each record within this time. Otherwise its
+        // kernel acknowledges.
         std::optional<std::chrono::milliseconds> acknowledgement;
     };
 
-    // writeFile is called for a record whose shorter road has failed, in the order of arrival.
+    // Calls `writeFile` for each record that the direct path could not take after all, in the order
+    // of arrival.
     SpoolSender(QTcpSocket &link, SpoolKeeper &keeper, Counters &counters, MessageSink log,
         const Times &times, WriteFile writeFile);
     ~SpoolSender() override;
 
-    // To be called when the link has come up, before anything else is done with it. False if it
-    // cannot be watched, and must not be used.
+    // The owner calls this first when the link has come up. If it returns false, the link cannot be
+    // watched and must not be used.
     [[nodiscard]] bool linkUp();
-    // Sends the whole spool, or goes on with it. Does nothing while the link is down.
+    // Sends the whole spool. Does nothing while the link is down.
     void send();
-    // Sends a record without a file if nothing waits and all is well. What was taken leaves with
-    // the next commit().
+    // Takes a record for the direct path, without a file. Returns false if the record must become a
+    // file. The next commit() sends the records taken.
     [[nodiscard]] bool sendAtOnce(const DataRecord &record);
     void commit();
     void sendKeepAlive();
-    // Before the process ends: waits a moment for acknowledgements, then gives the rest back.
+    // Waits for acknowledgements before the process ends, for a second at most. Then returns the
+    // unacknowledged records to the spool.
     void stop();
     [[nodiscard]] const OnItsWay &unacknowledged() const { return onItsWay; }
 
 Q_SIGNALS:
-    // A sent file is still in the spool, and will be sent again.
+    // A file was sent but could not be removed from the spool. It will be sent again.
     void fileKept(const QString &path);
 
 private:
@@ -70,13 +74,13 @@ private:
     void bytesWritten();
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
 
-    [[nodiscard]] bool isRoadOpen();
+    [[nodiscard]] bool isDirectPathOpen();
     void spillStaged();
 
     [[nodiscard]] bool isSpoolFree();
     void beginListing(const QByteArray &after);
-    void goOn();
-    [[nodiscard]] bool goOnScanning();
+    void continueListing();
+    [[nodiscard]] bool continueScan();
     Q_INVOKABLE void scanned();
     void waitForScan();
     void dropListing();
@@ -85,46 +89,51 @@ private:
     [[nodiscard]] bool write(const QByteArray &record);
     void resendJournal();
 
-    void lookSoon();
-    void lookWithin(std::chrono::milliseconds time);
-    void lookNow();
-    [[nodiscard]] std::chrono::milliseconds nextLook(bool hasFreed) const;
+    void checkSoon();
+    void checkWithin(std::chrono::milliseconds time);
+    void checkAcknowledgements();
+    [[nodiscard]] std::chrono::milliseconds nextCheck(bool hasFreed) const;
     void readFromPeer();
     void endLink(OnItsWay::Fault fault);
     [[nodiscard]] QString textOf(OnItsWay::Fault fault) const;
 
     QTcpSocket &link;
     SpoolKeeper &keeper;
-    Counters &done;
+    Counters &counters;
     const MessageSink report;
     const Times times;
     const WriteFile writeFile;
     OnItsWay onItsWay;
     SpoolLock lock;
-    QTimer work; // goes on with a listing
-    QTimer lookTimer; // runs while anything is unacknowledged
-    OnItsWay::Fault saidFault = OnItsWay::Fault::None;
-    QDeadlineTimer saidRecently; // the same fault need not be said again
+    QTimer listingTimer;
+    QTimer checkTimer; // runs while any record is unacknowledged
+    OnItsWay::Fault loggedFault = OnItsWay::Fault::None;
+    QDeadlineTimer logPause; // a repetition of loggedFault is not logged before it expires
 
-    std::optional<SpoolScan> scan; // under way
-    std::thread scanner; // has the scan while it is joinable
-    bool isScanVain = false; // the link has ended since it began
-    SpoolListing listed; // what remains of the current listing
-    QByteArray lastListed; // the last name taken from it
-    bool isCutOff = false; // more names follow the current listing
-    bool hasFailedForeign = false; // see SpoolDirectory::setForeignNamesAside()
-    bool listAgain = false; // somebody has asked while a listing was under way
+    // While `scanner` is joinable, only its thread may use `scan`.
+    std::optional<SpoolScan> scan;
+    std::thread scanner;
+    // The link has ended since the scan began.
+    bool isScanObsolete = false;
 
-    // Records that leave with the next commit().
+    SpoolListing namesLeft;
+    QByteArray lastListedName;
+    // The current listing was cut off, so another one continues behind its last name.
+    bool hasMoreNames = false;
+    // send() was called during a listing.
+    bool listAgain = false;
+
+    // The direct path. It is Unknown after each commit(), until the next record asks for it.
     struct Staged
     {
         QByteArray name; // file system encoding
         quint64 journalEnd;
-        qint64 bytes; // on the link
+        qint64 linkBytes;
     };
-    enum class Road { Unknown, Open, Closed };
+    enum class DirectPath { Unknown, Open, Closed };
     QuietSpool quiet;
-    Road road = Road::Unknown; // until the next commit()
+    DirectPath directPath = DirectPath::Unknown;
+    // What the next commit() sends: the records, and their bytes as they go over the link.
     std::vector<Staged> staged;
-    QByteArray outgoing; // link records
+    QByteArray outgoing;
 };

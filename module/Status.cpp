@@ -14,7 +14,7 @@ QByteArray escaped(const QString &value)
     return value.toUtf8().replace('\\', "\\\\").replace('"', "\\\"").replace('\n', "\\n");
 }
 
-// Gathers the lines of all metrics of one module.
+// Writes the lines of all metrics of one module.
 class Page
 {
 public:
@@ -46,7 +46,7 @@ public:
         begin(metric + "_total", "counter", help);
         add(double(value));
     }
-    // Two counters: records and their bytes.
+    // Adds two counters: one of records and one of their bytes.
     void amount(const QByteArray &what, const QByteArray &help, const Counters::Amount &amount)
     {
         counter("records_" + what, "Records " + help, amount.records);

@@ -8,29 +8,34 @@
 
 #include <optional>
 
-// What a module has done and how it is, at one moment. Times are seconds since the epoch.
+// The module's state and counters at one moment. Times are seconds since the epoch.
 struct Status
 {
-    // The text format of Prometheus. All values bear the module's name, so that the files of
-    // several modules can be read together.
+    // Returns the text format of Prometheus. Every value is labelled with the module's name, so
+    // that one collector can read the files of several modules.
     [[nodiscard]] QByteArray toPrometheus(qint64 now) const;
 
-    QString module; // bus name, or that of the settings file where it has none
+    // The bus name, or the base name of the settings file if the module has no bus name.
+    QString module;
     QString version;
     QString protocol;
     QString peer;
     bool isRunning = true;
     qint64 startedAt = 0;
 
-    bool isLinkUp = false; // TCP
-    qint64 linkChangedAt = 0;
     QString lastError;
-    qint64 lastErrorAt = 0; // 0: there was none
-
-    Counters::Amount unacknowledged; // TCP: on their way to the peer
-    std::optional<quint64> acknowledgedNumber; // if the peer's program acknowledges: its last one
+    qint64 lastErrorAt = 0; // 0 for none
     SpoolCensus waiting;
     Counters counters;
-    std::optional<TransferCounters> udp; // in UDP mode
-    double udpRate = 0; // bytes a second, lately
+
+    // TCP mode. The number is set if the peer's program acknowledges: it is the last one that
+    // counted on this link.
+    bool isLinkUp = false;
+    qint64 linkChangedAt = 0;
+    Counters::Amount unacknowledged;
+    std::optional<quint64> acknowledgedNumber;
+
+    // Set in UDP mode. The rate covers the time between the last two reports.
+    std::optional<TransferCounters> udp;
+    double udpRate = 0; // bytes a second
 };

@@ -50,10 +50,10 @@ void logStop(int status)
 int run(const QStringList &settingsFiles)
 {
     QTranslator translator;
-    std::ignore = translator.load(u"Morvane.qm"_s); // optional: texts stay as they are without it
+    std::ignore = translator.load(u"Morvane.qm"_s); // optional: the texts stay as they are without
     QCoreApplication::installTranslator(&translator);
 
-    // Lives until the process ends: what is under way needs no tearing down.
+    // Never destroyed: the next start tidies up whatever the end of the process leaves.
     static Morvane *const module = new Morvane;
     for (const QString &file : settingsFiles)
         module->LoadSettings(file);
@@ -61,7 +61,8 @@ int run(const QStringList &settingsFiles)
     pLog->Message(u"Start Ok!"_s);
     logStart(settingsFiles);
     const int endOfLoop = QCoreApplication::exec();
-    // An administration server that goes down together with the module does not count.
+    // If the administration server is stopped together with the module, losing it ends the loop
+    // with an error. After a stop signal that does not count.
     const int status = stopSignal() == 0 ? endOfLoop : 0;
     module->beforeEnd();
     logStop(status);
@@ -73,8 +74,8 @@ int run(const QStringList &settingsFiles)
 int main(int argc, char *argv[])
 {
     keepFreedMemory();
-    // A limit on file sizes fails a write like a full disk, and a closed standard error a message:
-    // neither ends the process.
+    // A write beyond the file size limit or to a closed standard error then fails with an error
+    // code instead of ending the process.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication application(argc, argv);

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-// The group of the settings file that belongs to this module.
+// The keys of this module's own group in the settings file, with their defaults.
 namespace MainSettings {
 
 inline const QString group = QStringLiteral("Main");
@@ -33,13 +33,13 @@ inline const SettingKey keys[] = {tempDir, host, port, localPort, timeout, proto
     reconnectionTimeout, liveMessageTimeout, acknowledgements, acknowledgementTimeout, onlyPeer,
     maxReceivedBytes, statusFile};
 
-// Text that is no number gives 0; a number out of range keeps its low 16 bits.
+// Returns 0 if `text` is not a number, and the low 16 bits of a number that is out of range.
 [[nodiscard]] inline quint16 number(const QString &text)
 {
     return quint16(text.toInt());
 }
 
-// Bytes; 0, as for text that is no number and for a negative one, means no limit.
+// Returns a number of bytes. 0 means no limit; so does `text` that is negative or not a number.
 [[nodiscard]] inline qint64 byteLimit(const QString &text)
 {
     return std::max<qint64>(text.toLongLong(), 0);
