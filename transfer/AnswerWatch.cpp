@@ -4,29 +4,29 @@
 
 bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
 {
-    if (requestId != id) {
-        id = requestId;
-        isAnnounced = false;
-        longestUnanswered = answers = 0;
+    if (requestId != requestedId) {
+        requestedId = requestId;
+        isAcknowledging = false;
+        longestUnanswered = endedGaps = 0;
     }
-    if (!isAnnounced)
+    if (!isAcknowledging)
         return false;
     ++unanswered;
-    const bool isAlive = now - lastSeen < patienceIfAlive;
+    const bool isAlive = now - lastOtherPacket < patienceIfAlive;
     const std::chrono::milliseconds least =
         isAlive ? std::min<std::chrono::milliseconds>(patience, patienceIfAlive) : patience;
     const Clock::duration limit =
-        isHeard ? least : std::max<Clock::duration>(least, lastAnswer - firstAnswer);
+        doesPeerHear ? least : std::max<Clock::duration>(least, lastAnswer - firstAnswer);
     if (unanswered <= (isAlive ? mostUnansweredIfAlive() : maxUnanswered)
         || now - lastAnswer <= limit)
         return false;
-    isAnnounced = false;
+    isAcknowledging = false;
     return true;
 }
 
 int AnswerWatch::mostUnansweredIfAlive() const
 {
-    if (answers < enoughAnswers)
+    if (endedGaps < enoughAnswers)
         return maxUnansweredIfAlive;
     return std::clamp(
         timesTheLongest * longestUnanswered, leastUnansweredIfAlive, maxUnansweredIfAlive);
@@ -36,19 +36,19 @@ void AnswerWatch::received(const Packet &packet, Clock::time_point now)
 {
     if (packet.kind != Packet::Acknowledgement)
         noteAlive(packet, now);
-    else if (packet.id == id && packet.entryCount() > 0)
+    else if (packet.id == requestedId && packet.entryCount() > 0)
         answered(now);
     else
-        lastSeen = now;
+        lastOtherPacket = now;
 }
 
 void AnswerWatch::answered(Clock::time_point now)
 {
-    if (!isAnnounced)
+    if (!isAcknowledging)
         firstAnswer = now;
-    isAnnounced = true;
-    isHeard = false;
-    answers += unanswered > 0;
+    isAcknowledging = true;
+    doesPeerHear = false;
+    endedGaps += unanswered > 0;
     longestUnanswered = std::max(longestUnanswered, unanswered);
     unanswered = 0;
     lastAnswer = now;
@@ -56,12 +56,13 @@ void AnswerWatch::answered(Clock::time_point now)
 
 void AnswerWatch::noteAlive(const Packet &packet, Clock::time_point now)
 {
-    lastSeen = now;
+    lastOtherPacket = now;
     if (packet.kind != Packet::Data)
         return;
     const bool wasAnnouncing = std::exchange(isPeerAnnouncing, packet.number == 0);
-    // The answer that it has got may be older than what has come between us since.
+    // Soon after the last answer the peer may be reacting to a packet from before a restart or an
+    // outage.
     const bool isRecent = unanswered <= maxUnansweredIfAlive / 2 && now - lastAnswer <= longestTrip;
     if (wasAnnouncing && !isPeerAnnouncing && !isRecent)
-        isHeard = true;
+        doesPeerHear = true;
 }

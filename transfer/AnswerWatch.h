@@ -4,39 +4,38 @@
 
 #include <chrono>
 
-// Tells a peer that will never acknowledge a file any more from one that is slow or out of reach:
-// it was restarted in mid-transfer and knows neither the file's id nor what it held of it.
-//
-// Owner:   whoever sends the status requests.
-// Thread:  any one thread.
+// Detects a peer that will never acknowledge the rest of a file, and tells it from one that is slow
+// or unreachable. A peer that was restarted during a transfer knows neither the file's id nor the
+// packets that it had received.
 class AnswerWatch
 {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // Time and datagrams that must pass without an answer. Every request goes out twice; over a
-    // link that loses half of the datagrams each way, 60 in a row stay unanswered about once in
-    // 10^24, and 20 once in 10^8.
+    // The time and the number of datagrams that must pass without an answer. Every request goes out
+    // twice. Over a link that loses half of the datagrams each way, 60 requests in a row stay
+    // unanswered about once in 10^24 times, and 20 about once in 10^8.
     std::chrono::milliseconds patience = std::chrono::minutes(5);
     static constexpr int maxUnanswered = 120;
-    // The same while packets of the peer itself keep coming.
+    // The same limits while other packets of the peer keep arriving.
     static constexpr std::chrono::seconds patienceIfAlive{5};
     static constexpr int maxUnansweredIfAlive = 40;
-    // Fewer datagrams are enough where answers have never failed to come for long: a multiple of
-    // the longest row so far, once there have been enough of them to tell. Where a tick takes a
-    // second, 40 datagrams take more than a minute and a half.
+    // If the longest gap between answers so far was short, fewer datagrams suffice: a multiple of
+    // that gap, once enough gaps have been seen. With ticks of a second, 40 datagrams would take
+    // more than a minute and a half.
     static constexpr int leastUnansweredIfAlive = 8;
     static constexpr int timesTheLongest = 4;
     static constexpr int enoughAnswers = 20;
-    // After that an answer of ours that the peer shows to have got is not one from before.
+    // If the peer shows later than this after its last answer that a packet of ours has reached it,
+    // that packet was sent after the answer.
     static constexpr std::chrono::seconds longestTrip{2};
 
-    // For every request sent. True once when the peer has acknowledged something of this file, but
-    // nothing for too long. The time is also at least as long as the file took until the last
-    // answer, so that an outage costs a long transfer no more than it has lasted; not so when the
-    // peer is known to hear us.
+    // Call for every request sent. Returns true, once, if the peer has acknowledged something of
+    // this file, but nothing for too long. Unless the peer is known to hear us, also waits as long
+    // as the file took until the last answer: an outage then costs a long transfer at most the time
+    // that it lasts.
     [[nodiscard]] bool isInVain(char id, Clock::time_point now = Clock::now());
-    // For every packet that arrives.
+    // Call for every packet that arrives.
     void received(const Packet &packet, Clock::time_point now = Clock::now());
 
 private:
@@ -44,15 +43,15 @@ private:
     void answered(Clock::time_point now);
     void noteAlive(const Packet &packet, Clock::time_point now);
 
-    char id = -1; // of the last request
-    bool isAnnounced = false; // something of this file was acknowledged
-    int unanswered = 0;
-    int longestUnanswered = 0; // that an answer has ended
-    int answers = 0; // that came after something unanswered
+    char requestedId = -1;
+    bool isAcknowledging = false; // something of this file was acknowledged
+    int unanswered = 0; // datagrams since the last answer
+    int longestUnanswered = 0; // of the gaps that have ended
+    int endedGaps = 0;
     Clock::time_point firstAnswer;
     Clock::time_point lastAnswer;
 
-    Clock::time_point lastSeen{}; // a packet that is no answer
-    bool isPeerAnnouncing = false; // a file of its own
-    bool isHeard = false; // it has gone on behind its packet 0, which takes an answer of ours
+    Clock::time_point lastOtherPacket{}; // any packet that is not an answer
+    bool isPeerAnnouncing = false; // sends packet 0 of its own file
+    bool doesPeerHear = false; // went on after packet 0, which takes an acknowledgement from us
 };

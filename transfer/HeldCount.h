@@ -4,45 +4,50 @@
 
 #include <optional>
 
-// What a peer's own count of the packets that it holds of a file says beside the acknowledged
-// numbers. Those alone deceive: after a restart a new file may bear the id of one that the peer
-// still holds, and an old copy of packet 0 makes it forget packets that it has acknowledged.
+// Checks acknowledgements against the peer's own count of the packets that it holds of a file.
 //
-// The count comes in its low eight bits. A peer that leaves it at 1, or gives none, is believed.
+// The acknowledged numbers alone can mislead. After a restart a new file may have the id of a file
+// that the peer still holds, and a late copy of packet 0 makes the peer forget packets that it has
+// already acknowledged.
+//
+// The peer sends the low eight bits of its count. If it sends none, or always 1, the acknowledged
+// numbers are trusted.
 class HeldCount
 {
 public:
-    // A file of so many packets, packet 0 included.
+    // Starts a file with that many packets, including packet 0.
     void begin(int packets)
     {
-        all = quint8(packets);
+        countOfAll = quint8(packets);
         isCounting = isWhole = false;
     }
 
-    // Whether an acknowledgement of packet 0 can be meant for the file that is being announced: a
-    // peer that has taken its packet 0 holds nothing else yet.
+    // Returns whether an acknowledgement of packet 0 can belong to the file being announced. A peer
+    // that has just received its packet 0 holds nothing else of it.
     [[nodiscard]] static bool isOfNewFile(std::optional<quint8> held)
     {
         return held.value_or(1) == 1;
     }
 
-    // For every acknowledgement behind that one, with the number of packets outstanding before it.
+    // Call for every later acknowledgement. outstanding is the number of packets that were not yet
+    // acknowledged before it.
     void take(std::optional<quint8> held, qsizetype outstanding)
     {
         if (!held)
             return;
         isCounting |= *held != 1;
-        // Late acknowledgements, with lower counts, may overtake one that has them all.
-        isWhole |= *held == all && outstanding <= fewOutstanding;
+        // Stays true: an older acknowledgement with a lower count may arrive late.
+        isWhole |= *held == countOfAll && outstanding <= fewOutstanding;
     }
 
-    // Once all packets are acknowledged: whether the peer counts, but has never counted them all.
+    // Call when all packets are acknowledged. Returns whether the peer counts its packets, but has
+    // never counted all of them.
     [[nodiscard]] bool lacksSome() const { return isCounting && !isWhole; }
 
 private:
     static constexpr qsizetype fewOutstanding = 50; // two status requests; far below 256
 
-    quint8 all = 0;
+    quint8 countOfAll = 0; // low eight bits
     bool isCounting = false;
     bool isWhole = false;
 };

@@ -11,27 +11,28 @@ using Time = RateControl::Time;
 namespace {
 
 constexpr size_t maxListed = 25; // numbers in a request
-constexpr double requestBytes = 2 * (15 + 28); // both copies and their headers, without numbers
-constexpr double numberBytes = 2 * 2; // of one number in both copies
-constexpr int announceCopies = 2; // of the information record before it is asked for
+constexpr double requestBytes = 2 * (15 + 28); // both copies with their headers, without numbers
+constexpr double numberBytes = 2 * 2; // one number in both copies
+constexpr int announceCopies = 2; // of the information record before each request about it
 constexpr Seconds announceInterval{0.1}; // grows by half each time
 constexpr Seconds longestInterval{0.5};
 constexpr Seconds pathIsFreshFor{10};
-constexpr size_t requestsKept = 1'024; // whose answer is still understood
-constexpr quint32 overtaken = 2; // an answer to one so much later: no answer will come
-constexpr int maxUnanswered = 2; // requests about a packet; then it counts as lost
+constexpr size_t requestsKept = 1'024; // answers to older ones are no longer recognised
+constexpr quint32 overtaken = 2; // requests; if one that much later is answered, this one is not
+constexpr int maxUnanswered = 2; // requests about a packet before it counts as lost
 
-constexpr int tailPackets = 25; // few enough for one request
+constexpr int tailPackets = 25; // fit into one request
 constexpr int maxTailTries = 3;
 constexpr Seconds leastTailPause{0.005};
 constexpr double clearLoss = 0.02;
 
-constexpr Seconds heldUp{0.005}; // after coming later than that a silence means nothing
+constexpr Seconds heldUp{0.005}; // if we wake up later than this, missing answers may be our fault
 
-constexpr int silentPackets = 4; // that a try in silence sends
+// While no answers arrive: packets in each try, and the longest time between two tries.
+constexpr int silentPackets = 4;
+constexpr Seconds longestTry{0.25};
 constexpr double silentTimeouts = 4;
 constexpr Seconds leastSilence{0.25};
-constexpr Seconds longestTry{0.25}; // between two tries in silence
 
 Time after(Time time, Seconds wait)
 {
@@ -53,7 +54,7 @@ void PacedSender::begin(int last, Time now)
     askAgain.clear();
     requests.clear();
     firstOpen = 0;
-    dueAt.reset();
+    wakeUpDue.reset();
     isAnnounced = false;
     announceSteps = announceRequests = 0;
     tailTries = 0;
@@ -62,15 +63,15 @@ void PacedSender::begin(int last, Time now)
 
 PacedSender::Step PacedSender::next(Time now)
 {
-    if (const auto due = std::exchange(dueAt, std::nullopt)) {
+    if (const auto due = std::exchange(wakeUpDue, std::nullopt)) {
         rate.woke(now - *due);
         if (now - *due > heldUp)
-            return WaitUntil{now}; // answers may be waiting, and are to be taken first
+            return WaitUntil{now}; // read answers that may be waiting first
     }
     Step step = decide(now);
     const auto *wait = std::get_if<WaitUntil>(&step);
     if (wait)
-        dueAt = wait->time;
+        wakeUpDue = wait->time;
     return step;
 }
 
@@ -100,21 +101,21 @@ PacedSender::Step PacedSender::decide(Time now)
 
 // --- announcing ---
 
-// The information record twice, then the request about it, and again after a pause.
+// Sends the information record twice and a request about it, then repeats both after a pause.
 PacedSender::Step PacedSender::announce(Time now)
 {
     if (announceSteps > announceCopies) {
-        if (now < announceAgain)
-            return WaitUntil{announceAgain};
+        if (now < nextAnnouncement)
+            return WaitUntil{nextAnnouncement};
         announceSteps = 0;
     }
     if (announceSteps++ < announceCopies)
         return SendPacket{0};
     const double factor = std::min(std::pow(1.5, announceRequests), 10.0);
     const Seconds pause = knowsPath ? rate.timeout() : announceInterval;
-    announceAgain = after(now, std::min(pause * factor, std::max(longestInterval, pause)));
+    nextAnnouncement = after(now, std::min(pause * factor, std::max(longestInterval, pause)));
     ++announceRequests;
-    lastAsk = now;
+    lastRequestTime = now;
     return SendRequest{std::vector<quint16>(announceCopies, 0)};
 }
 
@@ -124,14 +125,14 @@ void PacedSender::takeAnnounced(Time now)
     enter(State::Held, 0);
     if (!knowsPath) {
         const bool isCertain = announceRequests == 1;
-        rate.restart(now, isCertain ? std::optional<Seconds>(now - lastAsk) : std::nullopt);
+        rate.restart(now, isCertain ? std::optional<Seconds>(now - lastRequestTime) : std::nullopt);
     }
     knowsPath = true;
 }
 
 // --- packets and requests ---
 
-// 0 if all packets have been sent and none is known to be lost.
+// Chooses the packet to send next. Returns 0 if all have been sent and none is known to be lost.
 int PacedSender::choose()
 {
     while (!lost.empty()) {
@@ -152,8 +153,8 @@ PacedSender::Step PacedSender::sendPacket(int number)
 {
     Entry &entry = entries[size_t(number)];
     enter(State::Flying, quint16(number));
-    entry.unanswered = 0;
-    entry.request = 0;
+    entry.unansweredRequests = 0;
+    entry.lastRequest = 0;
     unlisted.push_back(quint16(number));
     rate.left(RateControl::packetBytes);
     return SendPacket{quint16(number)};
@@ -165,18 +166,18 @@ bool PacedSender::isAskDue() const
         || (isSilent && int(unlisted.size()) >= silentPackets);
 }
 
-// What is asked again comes first: it was sent first.
+// Makes a request. Lists the packets to ask about again first, because they were sent earlier.
 PacedSender::Step PacedSender::ask(Time now)
 {
     Request request;
-    request.number = ++lastRequest;
+    request.number = ++lastRequestNumber;
     request.departure = rate.departure(now);
     const auto list = [&](quint16 number) {
         Entry &entry = entries[number];
-        if (!isOpen(number) || entry.request == request.number)
+        if (!isOpen(number) || entry.lastRequest == request.number)
             return;
-        entry.isRelisted = entry.isRelisted || entry.request != 0;
-        entry.request = request.number;
+        entry.isRelisted = entry.isRelisted || entry.lastRequest != 0;
+        entry.lastRequest = request.number;
         request.numbers.push_back(number);
     };
     while (!askAgain.empty() && request.numbers.size() + unlisted.size() < maxListed) {
@@ -186,7 +187,7 @@ PacedSender::Step PacedSender::ask(Time now)
     for (const quint16 number : unlisted)
         list(number);
     unlisted.clear();
-    lastAsk = now;
+    lastRequestTime = now;
     rate.left(requestBytes + numberBytes * double(request.numbers.size()));
     requests.push_back(request);
     while (requests.size() > requestsKept) {
@@ -204,7 +205,8 @@ PacedSender::Step PacedSender::waitForAnswers(Time now)
     if (firstOpen < requests.size())
         until = std::min(until, after(requests[firstOpen].departure.left, rate.timeout()));
     if (flying + doubtful <= tailPackets && tailTries < maxTailTries)
-        until = std::min(until, after(lastAsk, std::max(rate.roundTrip() / 3, leastTailPause)));
+        until =
+            std::min(until, after(lastRequestTime, std::max(rate.roundTrip() / 3, leastTailPause)));
     return WaitUntil{std::max(until, after(now, RateControl::quantum))};
 }
 
@@ -215,8 +217,8 @@ void PacedSender::acknowledged(std::span<const quint16> numbers, Time now)
     if (numbers.empty())
         return;
     lastAnswer = now;
-    if (dueAt)
-        dueAt = std::min<Time>(*dueAt, now + reaction);
+    if (wakeUpDue)
+        wakeUpDue = std::min<Time>(*wakeUpDue, now + reaction);
     if (!isAnnounced) {
         if (std::find(numbers.begin(), numbers.end(), 0) != numbers.end())
             takeAnnounced(now);
@@ -256,7 +258,7 @@ void PacedSender::lose(quint16 number)
     lost.push_back(number);
 }
 
-// Whether it was sent and nothing is known of it.
+// Returns whether the packet was sent and its fate is not yet known.
 bool PacedSender::isOpen(quint16 number) const
 {
     const State state = entries[number].state;
@@ -265,33 +267,34 @@ bool PacedSender::isOpen(quint16 number) const
 
 bool PacedSender::isOpenIn(const Request &request, quint16 number) const
 {
-    return isOpen(number) && entries[number].request == request.number;
+    return isOpen(number) && entries[number].lastRequest == request.number;
 }
 
-// An answer does not say which request it is one to. All its numbers stand in that one, and those
-// that no later request has named again point to it.
+// Finds the request that an answer belongs to, which the answer itself does not say. That request
+// lists all numbers of the answer, and is the last one to list those that were not listed again.
+// isCertain is set if one of the numbers was listed by this request only.
 PacedSender::Request *PacedSender::findRequest(std::span<const quint16> numbers, bool &isCertain)
 {
     quint32 wanted = 0;
     for (const quint16 number : numbers) {
-        if (number >= entries.size() || entries[number].request == 0)
+        if (number >= entries.size() || entries[number].lastRequest == 0)
             continue;
-        const quint32 candidate = entries[number].request;
+        const quint32 candidate = entries[number].lastRequest;
         if (wanted == 0 || candidate < wanted)
             wanted = candidate;
     }
     if (wanted == 0 || requests.empty() || wanted < requests.front().number)
         return nullptr;
     isCertain = std::any_of(numbers.begin(), numbers.end(), [&](quint16 number) {
-        return number < entries.size() && entries[number].request == wanted
+        return number < entries.size() && entries[number].lastRequest == wanted
             && !entries[number].isRelisted;
     });
     Request &request = requests[wanted - requests.front().number];
     return request.isClosed ? nullptr : &request;
 }
 
-// What the answer does not name has not arrived. If it may be one to an earlier request, that is
-// only so for what this one has named already.
+// Treats listed packets that the answer does not name as lost. If the answer may belong to an
+// earlier request, this holds only for packets that an earlier request had listed too.
 void PacedSender::takeAnswer(Request &request, double newBytes, bool isCertain, Time now)
 {
     RateControl::Answer answer;
@@ -322,7 +325,7 @@ void PacedSender::closeUnanswered(Request &request)
     for (const quint16 number : request.numbers) {
         if (!isOpenIn(request, number))
             continue;
-        if (++entries[number].unanswered >= maxUnanswered) {
+        if (++entries[number].unansweredRequests >= maxUnanswered) {
             lose(number);
             continue;
         }
@@ -346,13 +349,14 @@ void PacedSender::closeOldRequests(Time now)
 
 // --- the end of a file, and of the path ---
 
-// Nothing else is left to send. Rather than wait a round trip for each loss, the last few packets
-// are asked about again, or sent again where losses are common.
+// Called when nothing else is left to send. Asks about the last few packets again, or sends them
+// again if the path loses many, instead of waiting a round trip for each loss.
 void PacedSender::tryTheTail(Time now)
 {
     const Seconds pause = std::max(rate.roundTrip() / 3, leastTailPause);
     const int open = flying + doubtful;
-    if (open == 0 || open > tailPackets || tailTries >= maxTailTries || now - lastAsk < pause)
+    if (open == 0 || open > tailPackets || tailTries >= maxTailTries
+        || now - lastRequestTime < pause)
         return;
     ++tailTries;
     for (size_t number = 1; number < entries.size(); ++number) {

@@ -8,14 +8,13 @@
 #include <variant>
 #include <vector>
 
-// Decides which packet of a file leaves when, where no fixed pace is set.
+// Decides which packet of a file is sent when, if no fixed pace is set.
 //
-// Every data packet stands in one status request: the next one after it. The answer tells which of
-// its packets have arrived; the others are lost and are sent again. When no answer comes, the next
-// request asks once more, and after that the packets count as lost.
+// Every data packet is listed in the next status request after it. The answer names the packets
+// that have arrived; the others are lost and are sent again. If no answer comes, a later request
+// lists them once more; if that is not answered either, they count as lost.
 //
-// Knows the numbers of the packets and the time, but no bytes and no timer; RateControl sets the
-// pace.
+// Deals with packet numbers and times only, not with bytes or timers. RateControl sets the pace.
 class PacedSender
 {
 public:
@@ -23,28 +22,30 @@ public:
     using Time = RateControl::Time;
     using Seconds = RateControl::Seconds;
 
-    // How soon next() is to be asked after something was acknowledged.
+    // After an acknowledgement, the caller asks next() within this time.
     static constexpr std::chrono::milliseconds reaction{1};
 
     struct SendPacket
     {
         quint16 number;
     };
-    struct SendRequest // to be sent twice, as always
+    // The caller sends the request twice, like every status request.
+    struct SendRequest
     {
         std::vector<quint16> numbers;
     };
+    // The caller waits until the time, or until `reaction` after an acknowledgement.
     struct WaitUntil
     {
-        Time time; // or until something is acknowledged
+        Time time;
     };
     using Step = std::variant<SendPacket, SendRequest, WaitUntil>;
 
-    // Starts a file with packets 0 to last. What is known of the path is kept if it is fresh.
+    // Starts a file with packets 0 to last. Keeps what was measured of the path if that is recent.
     void begin(int last, Time now);
-    // What to do now; to be called again after each step, and after a wait.
+    // Returns what to do now. Call it again after each step and after each wait.
     [[nodiscard]] Step next(Time now);
-    // The peer says that it holds these; numbers above last mean nothing.
+    // Notes that the peer holds these packets. Ignores numbers above the last one of begin().
     void acknowledged(std::span<const quint16> numbers, Time now);
 
     [[nodiscard]] const RateControl &control() const { return rate; }
@@ -52,24 +53,24 @@ public:
 private:
     enum class State : quint8 {
         Unsent,
-        Flying, // on its way, as far as anybody knows
-        Doubtful, // the request about it stayed unanswered, and is made again
+        Flying, // sent, and not yet answered for
+        Doubtful, // the request that lists it was not answered; another one will list it
         Lost, // to be sent again
-        Held
+        Held // by the peer
     };
     struct Entry
     {
         State state = State::Unsent;
-        quint8 unanswered = 0; // requests about it, since it was sent last
-        bool isRelisted = false; // more than one request has named it
-        quint32 request = 0; // the last one that names it, 0 for none since it was sent last
+        quint8 unansweredRequests = 0; // since the packet was last sent
+        bool isRelisted = false; // more than one request has listed it
+        quint32 lastRequest = 0; // that lists it since it was last sent; 0 for none
     };
     struct Request
     {
         quint32 number = 0;
         std::vector<quint16> numbers;
         RateControl::Departure departure;
-        bool isClosed = false; // answered, or not any more
+        bool isClosed = false; // answered or given up
     };
 
     [[nodiscard]] Step decide(Time now);
@@ -94,29 +95,29 @@ private:
     [[nodiscard]] double inFlight() const { return flying * RateControl::packetBytes; }
 
     RateControl rate;
-    std::optional<Time> dueAt; // when next() is to be asked, after a wait
-    Time lastAnswer; // of any file
+    std::optional<Time> wakeUpDue; // the time that the caller was asked to wait for
+    Time lastAnswer; // about any file
     bool knowsPath = false;
 
     std::vector<Entry> entries;
     int nextUnsent = 1;
     int flying = 0, doubtful = 0; // packets in these states
-    std::deque<quint16> lost; // in the order in which they are to be sent; some are held by now
+    std::deque<quint16> lost; // in sending order; some may have been acknowledged since
     std::vector<quint16> unlisted; // sent since the last request
     std::deque<quint16> askAgain;
 
-    std::deque<Request> requests; // the last ones, oldest first
-    size_t firstOpen = 0; // those before are closed
-    quint32 lastRequest = 0;
-    Time lastAsk;
+    std::deque<Request> requests; // the most recent ones, oldest first
+    size_t firstOpen = 0; // index into requests; all before it are closed
+    quint32 lastRequestNumber = 0;
+    Time lastRequestTime;
 
     bool isAnnounced = false;
-    int announceSteps = 0; // of this round
+    int announceSteps = 0; // in the current round
     int announceRequests = 0;
-    Time announceAgain;
+    Time nextAnnouncement;
 
-    int tailTries = 0; // since the last news
-    bool isSilent = false; // no answer comes; now and then a few packets try
+    int tailTries = 0; // since an answer last brought news
+    bool isSilent = false; // no answers arrive; a few packets probe the path now and then
     int silentRounds = 0;
     Time silentUntil;
 };

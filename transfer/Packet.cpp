@@ -6,17 +6,17 @@ constexpr uchar firstMarker = 0xA4;
 constexpr uchar secondMarker = 0xD5;
 constexpr char recordCount = 1;
 
-// Offsets of the table in the header file.
+// Offsets of the fields, see Packet.h.
 constexpr qsizetype lengthAt = 5;
 constexpr qsizetype recordLengthAt = 8;
 constexpr qsizetype kindAt = 9;
 constexpr qsizetype idAt = 10;
-constexpr qsizetype numberAt = 11; // of a data packet; the entry count of the others
+constexpr qsizetype numberAt = 11; // in other kinds than data packets: the count of entries
 constexpr qsizetype bodyAt = 13; // the payload or the entries
-constexpr qsizetype countSize = 2; // bytes of the information record in front of the name
-constexpr qsizetype checksumRest = 1; // bytes of the checksum that a record holds as it is read
+constexpr qsizetype countSize = 2; // bytes before the name in the information record
+constexpr qsizetype checksumRest = 1; // bytes of the checksum that count as part of a record
 
-// What the length fields add to the size of the content, by kind.
+// What the length fields of each kind add to the size of the content.
 constexpr qsizetype statusRequestLength = 0x0D;
 constexpr qsizetype statusRequestRecord = 2;
 constexpr qsizetype acknowledgementLength = 12;
@@ -34,7 +34,7 @@ void append16(QByteArray &bytes, qsizetype number)
     bytes.append(char(number >> 8)).append(char(number));
 }
 
-// The first ten bytes. The length field comes as its two bytes, in the order of the wire.
+// Makes the first ten bytes. The length field is passed as two bytes, in wire order.
 QByteArray header(Packet::Stamp stamp, char firstLength, char secondLength, qsizetype recordLength,
     Packet::Kind kind)
 {
@@ -64,7 +64,8 @@ QByteArray withEntries(QByteArray bytes, char id, std::span<const quint16> numbe
     return withChecksum(std::move(bytes));
 }
 
-// How many packets an acknowledgement says its sender holds. Both length fields give it.
+// Returns how many packets the sender of an acknowledgement holds. Both length fields contain it;
+// returns nullopt if they disagree.
 std::optional<quint8> heldIn(QByteArrayView datagram)
 {
     const quint8 held = quint8(uchar(datagram[lengthAt]) - acknowledgementLength);
@@ -118,6 +119,7 @@ std::optional<InformationRecord> InformationRecord::read(QByteArrayView record)
 
 QByteArray Packet::makeData(Stamp stamp, char id, quint16 number, QByteArrayView payload)
 {
+    Q_ASSERT(payload.size() <= maxPayload);
     const qsizetype size = payload.size();
     QByteArray bytes = header(stamp, char(size), char(size >> 8), size + checksumRest, Data);
     bytes.append(id);
@@ -141,6 +143,7 @@ QByteArray Packet::makeAcknowledgement(
 
 QByteArray Packet::makeMessage(Stamp stamp, QByteArrayView tag, QByteArrayView text)
 {
+    Q_ASSERT(tag.size() >= tagSize && text.size() <= maxText);
     const qsizetype length = text.size() + messageLength;
     QByteArray bytes =
         header(stamp, char(length >> 8), char(length), text.size() + messageRecord, Message);

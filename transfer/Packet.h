@@ -8,20 +8,20 @@
 #include <optional>
 #include <span>
 
-// One packet of the file transfer. Each travels as one datagram. Numbers of several bytes are
+// One packet of the file transfer, which travels as one datagram. Multi-byte numbers are
 // big-endian, except the length of a data packet:
 //
 //   offset    size  field
-//   0         2     markers        A4 D5; either one in its place makes a datagram a packet
-//   2         1     sequence       counter of the emitting side, wraps; nobody checks it
-//   3         2     station        number of the emitting engine; nobody checks it
+//   0         2     markers        A4 D5; a datagram with either one in place counts as a packet
+//   2         1     sequence       counter of the sender, wraps; not checked
+//   3         2     station        number of the sending engine; not checked
 //   5         2     length         by kind; read in acknowledgements only
 //   7         1     record count   1
 //   8         1     record length  by kind; read in data packets and acknowledgements
 //   9         1     kind           B1 data, B2 status request, B3 acknowledgement, B4 information
 //   10              body           by kind
 //   last two  2     checksum       low 16 bits of the sum of all bytes before it, each taken as a
-//                                  signed number; nobody checks it
+//                                  signed number; not checked
 //
 //   kind             length                       record length  body
 //   data             payload bytes, low first     payload + 1    id, number (2), payload (0 to 250)
@@ -29,19 +29,19 @@
 //   acknowledgement  low byte of held + 12, 00    held + 3       id, count (2), numbers (2 each)
 //   information      text + 17                    text + 7       tag (5), text length (1), text
 //
-// id is the transfer's, 0 to 127. held is how many records the acknowledging side has. Data packet
-// number 0 carries the information record, the others up to number 65535 the compressed file.
+// id identifies the transfer, 0 to 127. held is the number of records that the acknowledging side
+// holds. Data packet 0 carries the information record, packets 1 to 65535 the compressed file.
 struct Packet
 {
     enum Kind : uchar { Data = 0xB1, StatusRequest = 0xB2, Acknowledgement = 0xB3, Message = 0xB4 };
 
     static constexpr qsizetype maxPayload = 250;
-    static constexpr qsizetype maxRecord = maxPayload + 1; // as it is read, see below
+    static constexpr qsizetype maxRecord = maxPayload + 1; // with the first byte of the checksum
     static constexpr int maxNumber = 65'535;
     static constexpr qsizetype tagSize = 5;
     static constexpr qsizetype maxText = 248; // bytes; more would not fit the record length
 
-    // What the emitting engine stamps every packet with.
+    // The sender's fields in every packet.
     struct Stamp
     {
         quint8 sequence;
@@ -50,10 +50,10 @@ struct Packet
 
     uchar kind = 0; // Data, StatusRequest or Acknowledgement
     char id = 0;
-    quint16 number = 0; // of a data packet
-    QByteArrayView record; // of a data packet: the payload and the first byte of the checksum
-    QByteArrayView entries; // of the other kinds, whole
-    std::optional<quint8> held; // of an acknowledgement: low 8 bits; none if its fields disagree
+    quint16 number = 0; // data packets only
+    QByteArrayView record; // data packets only: the payload and the first byte of the checksum
+    QByteArrayView entries; // other kinds only; whole entries
+    std::optional<quint8> held; // acknowledgements only: low 8 bits; empty if its fields disagree
 
     [[nodiscard]] qsizetype entryCount() const { return entries.size() / 2; }
     [[nodiscard]] quint16 entry(qsizetype index) const
@@ -61,13 +61,14 @@ struct Packet
         return qFromBigEndian<quint16>(entries.data() + 2 * index);
     }
 
-    // Whether a datagram is meant to be a packet at all.
+    // Returns whether a datagram has a packet marker.
     [[nodiscard]] static bool isMarked(QByteArrayView datagram);
-    // Nothing for what is to be ignored: no marker, another kind, a datagram that is shorter than
-    // it claims, a record that no sender makes. The result points into the datagram.
+    // Parses a datagram. Returns nullopt if it has no marker, is of another kind, is shorter than
+    // its fields say or has a record longer than maxRecord. The result points into the datagram.
     [[nodiscard]] static std::optional<Packet> read(QByteArrayView datagram);
 
-    // Whole packets. A payload has at most maxPayload bytes, a tag tagSize, a text maxText.
+    // Make whole packets. payload has at most maxPayload bytes, tag exactly tagSize, text at most
+    // maxText.
     [[nodiscard]] static QByteArray makeData(
         Stamp stamp, char id, quint16 number, QByteArrayView payload);
     [[nodiscard]] static QByteArray makeStatusRequest(
@@ -85,13 +86,13 @@ struct Packet
 //   2             name   of the file, without directory, Latin-1
 struct InformationRecord
 {
-    static constexpr qsizetype maxName = 97; // bytes; receivers keep the record in 100
+    static constexpr qsizetype maxName = 97; // bytes; peers store the record in 100 bytes
 
     quint16 count = 0;
     QByteArray name;
 
-    // From a data packet's record, the byte of the checksum included. Nothing if it is too short
-    // for its count or its name is longer than maxName.
+    // Parses the record of a data packet, which ends with a byte of the checksum. Returns nullopt
+    // if the record is too short or the name is longer than maxName.
     [[nodiscard]] static std::optional<InformationRecord> read(QByteArrayView record);
     [[nodiscard]] QByteArray write() const;
 };

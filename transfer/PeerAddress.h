@@ -4,10 +4,11 @@ class QHostAddress;
 
 namespace PeerAddress {
 
-// Null and unspecified addresses, ::ffff:0.0.0.0 among them, mean this very host to the kernel.
+// Returns whether the address is null or unspecified, including ::ffff:0.0.0.0. The kernel would
+// send to this host.
 [[nodiscard]] bool isUnspecified(const QHostAddress &address);
 
-// Whether an address is one of this host's own. Costs several system calls.
+// Returns whether the address belongs to this host. Costs several system calls.
 [[nodiscard]] bool isThisHost(const QHostAddress &address);
 
 } // namespace PeerAddress

@@ -9,28 +9,31 @@ namespace {
 
 constexpr double startupGain = 2.77; // 4 ln 2: the least that doubles the rate each round
 constexpr double drainGain = 1 / startupGain;
-// More for the slow: two that share a path come to equal parts.
+// The gain in Up is larger for slow flows, so that two flows on one path converge to equal shares.
 constexpr double upPackets = 5, leastUp = 0.1, mostUp = 0.5;
-constexpr double enoughFound = 0.5; // of what Up has tried; then it tries more
+constexpr double enoughFound = 0.5; // share of the rate tried in Up; Up goes on if it finds more
 constexpr double mostBoost = 8, mostUpEver = 1;
-// When another flow shows, the fast give up more than the slow, for the same reason.
+// When another flow appears, fast flows give up more than slow ones, for the same reason.
 constexpr double leastKept = 0.65, mostKept = 0.95, keptByShare = 0.6;
 constexpr double downGain = 0.75;
-constexpr double yielding = 1.2, leastYield = 0.5; // while a queue stands that nobody probes for
-constexpr double growth = 1.25; // of a round in Startup; less is none
+constexpr double yielding = 1.2, leastYield = 0.5; // in Cruise, while a queue stands
+constexpr double growth = 1.25; // factor in each round of Startup; less counts as no growth
 constexpr int crowdedPlateau = 3, plainPlateau = 6; // rounds without growth that end Startup
 constexpr double windowTrips = 2, crowdedTrips = 1.5;
 
-constexpr double initialBytes = 64 * RateControl::packetBytes; // some 18 kB, about TCP's first
+constexpr double initialBytes =
+    64 * RateControl::packetBytes; // about 18 kB, similar to TCP's initial window
 constexpr Seconds unknownTrip{0.1};
-constexpr Seconds leastBurst{0.008}; // what a late timer may make up for
+constexpr Seconds leastBurst{0.008}; // that a late timer may catch up
 constexpr Seconds mostLateness{0.05};
 constexpr Seconds shallowAfter{10}, shallowFor{0.2};
 constexpr Seconds timeoutMargin{0.02};
 constexpr int mostPatience = 4;
 
-constexpr int bandwidthRounds = 8; // that the figures look back on
-constexpr int yieldingRounds = 2; // so that what another one takes is soon given up
+// Rounds that bandwidth() and loss() look back on. The bandwidth looks back less far while this
+// flow yields, so that it soon gives up what another flow takes.
+constexpr int bandwidthRounds = 8;
+constexpr int yieldingRounds = 2;
 constexpr int lossRounds = 10;
 constexpr int longestCrowd = 10; // rounds
 constexpr int enoughForLoss = 16; // packets
@@ -44,15 +47,15 @@ constexpr int groupsInPipe = 4;
 void RateControl::restart(Time now, std::optional<Seconds> trip)
 {
     const unsigned keptRandom = random;
-    const Seconds keptLateness = lateness;
+    const Seconds keptLateness = timerLateness;
     *this = {};
     random = keptRandom;
-    lateness = keptLateness;
+    timerLateness = keptLateness;
     knowsTrip = trip.has_value();
     shortestTrip = smoothTrip = trip.value_or(unknownTrip);
     tripSpread = smoothTrip / 2;
     shortestSeen = phaseBegan = budgetAt = lastAnsweredLeft = now;
-    // The first answers come a round trip from now; only from then on can anything be delivered.
+    // The first answer arrives one round trip from now; deliveries are measured from then on.
     lastDelivery = now + std::chrono::duration_cast<Time::duration>(shortestTrip);
 }
 
@@ -63,7 +66,7 @@ void RateControl::timedOut()
 
 void RateControl::woke(Seconds late)
 {
-    lateness += (std::clamp(late, Seconds::zero(), mostLateness) - lateness) / 8;
+    timerLateness += (std::clamp(late, Seconds::zero(), mostLateness) - timerLateness) / 8;
 }
 
 RateControl::Departure RateControl::departure(Time now) const
@@ -99,7 +102,8 @@ void RateControl::noteTrip(Seconds trip, Time now)
     }
     tripSpread += (std::max(trip - smoothTrip, smoothTrip - trip) - tripSpread) / 8;
     smoothTrip += (trip - smoothTrip) / 8;
-    roundTripNow = roundTripNow > Seconds::zero() ? std::min(roundTripNow, trip) : trip;
+    shortestThisRound =
+        shortestThisRound > Seconds::zero() ? std::min(shortestThisRound, trip) : trip;
     const bool isStale = now - shortestSeen > shallowAfter;
     if (trip <= shortestTrip * 1.05)
         shortestSeen = now;
@@ -111,8 +115,8 @@ void RateControl::noteTrip(Seconds trip, Time now)
     }
 }
 
-// The rate is the slower one of those at which packets left and at which they arrived: answers that
-// were held up and come all at once tell nothing.
+// Measures the rates at which packets left and arrived, and takes the lower one, because delayed
+// answers that arrive all at once would suggest too high a rate.
 void RateControl::noteRate(const Departure &departure, Time now)
 {
     const Seconds arriving = now - departure.lastDelivery;
@@ -122,10 +126,10 @@ void RateControl::noteRate(const Departure &departure, Time now)
         return;
     const double rate = (delivered - departure.delivered) / time.count();
     if (!departure.isStarved || rate > bandwidth())
-        at(round).rate = std::max(at(round).rate, rate);
+        at(round).highestRate = std::max(at(round).highestRate, rate);
 }
 
-// What is lost while a queue stands may well have overflowed it, and says nothing of the path.
+// Ignores losses while a queue stands: they may come from its overflow rather than from the path.
 void RateControl::noteLoss(const Departure &departure, const Answer &answer, Time now)
 {
     if (departure.round <= round - roundsKept || isCrowded(now - departure.left))
@@ -134,6 +138,7 @@ void RateControl::noteLoss(const Departure &departure, const Answer &answer, Tim
     at(departure.round).lost += answer.lost;
 }
 
+// Returns whether a round trip is so long that a queue must stand on the path.
 bool RateControl::isCrowded(Seconds trip) const
 {
     return trip > shortestTrip * 1.25 + 2 * quantum + granularity();
@@ -143,45 +148,46 @@ void RateControl::beginRound()
 {
     ++round;
     ++phaseRounds;
-    lastRoundTrip = roundTripNow;
-    roundTripNow = {};
+    shortestLastRound = shortestThisRound;
+    shortestThisRound = {};
     at(round) = {};
     roundEnd = delivered;
 }
 
-// A queue that stays although this flow gives way round by round is none: the path has become
-// longer.
+// If a queue seems to stand for many rounds although this flow gives way in each, the path itself
+// has become longer: accepts the new round trip.
 void RateControl::noteCrowd(Time now)
 {
-    if (phase == Phase::Startup || !isCrowded(lastRoundTrip)) {
+    if (phase == Phase::Startup || !isCrowded(shortestLastRound)) {
         crowdedRounds = 0;
         return;
     }
-    leastCrowded = crowdedRounds == 0 ? lastRoundTrip : std::min(leastCrowded, lastRoundTrip);
+    shortestCrowded =
+        crowdedRounds == 0 ? shortestLastRound : std::min(shortestCrowded, shortestLastRound);
     if (++crowdedRounds < longestCrowd)
         return;
     crowdedRounds = 0;
-    shortestTrip = leastCrowded;
+    shortestTrip = shortestCrowded;
     shortestSeen = now;
 }
 
-// Whether a queue stands that this flow's own probing does not explain.
+// Returns whether a queue stands that this flow's own probing does not explain.
 bool RateControl::isContested() const
 {
     if (phase == Phase::Cruise)
-        return isCrowded(lastRoundTrip);
+        return isCrowded(shortestLastRound);
     const bool hasProbed = phase == Phase::Weigh || phase == Phase::Down;
-    return hasProbed && isCrowded(lastRoundTrip - (upGain() - 1) * shortestTrip);
+    return hasProbed && isCrowded(shortestLastRound - (upGain() - 1) * shortestTrip);
 }
 
-// Somebody else has made the queue: this flow's own probing is over. What it gives up goes to those
-// that have less, because they give up less; it soon finds again what nobody takes.
+// Lowers the rate for other flows on the path. Slower flows give up less, so they gain what faster
+// ones release. Bandwidth that nobody takes is soon found again by probing.
 void RateControl::giveWay()
 {
     const double keep =
         std::clamp(leastKept + keptByShare * (growthShare() - leastUp), leastKept, mostKept);
     for (Round &each : rounds)
-        each.rate *= keep;
+        each.highestRate *= keep;
 }
 
 void RateControl::enter(Phase next, Time now)
@@ -224,14 +230,14 @@ void RateControl::nextPhase(double inFlight, Time now)
     }
 }
 
-// In Startup: whether some rounds have found no more.
+// Returns whether Startup should end, because several rounds have found no more bandwidth.
 bool RateControl::hasFoundAll()
 {
     if (delivered < starvedUntil)
         return false;
-    plateauRounds = bandwidth() >= growth * plateau ? 0 : plateauRounds + 1;
-    plateau = std::max(plateau, bandwidth());
-    return plateauRounds >= (isCrowded(lastRoundTrip) ? crowdedPlateau : plainPlateau);
+    plateauRounds = bandwidth() >= growth * plateauRate ? 0 : plateauRounds + 1;
+    plateauRate = std::max(plateauRate, bandwidth());
+    return plateauRounds >= (isCrowded(shortestLastRound) ? crowdedPlateau : plainPlateau);
 }
 
 void RateControl::probe(double boost, Time now)
@@ -241,17 +247,17 @@ void RateControl::probe(double boost, Time now)
     enter(Phase::Up, now);
 }
 
-// Only now the answers to what left in Up have come.
+// Judges the result of Up, whose answers have only now arrived.
 void RateControl::weigh(Time now)
 {
     const double found = bandwidth() / rateBeforeUp - 1;
-    if (!isCrowded(lastRoundTrip) && found > (upGain() - 1) * enoughFound)
+    if (!isCrowded(shortestLastRound) && found > (upGain() - 1) * enoughFound)
         probe(std::min(upBoost * 2, mostBoost), now);
     else
         enter(Phase::Down, now);
 }
 
-// The more the slower this flow is.
+// Returns by which share the rate may grow in Up; it is larger for slower flows.
 double RateControl::growthShare() const
 {
     return upPackets / std::sqrt(pipe() / packetBytes);
@@ -266,10 +272,10 @@ double RateControl::upGain() const
 double RateControl::bandwidth() const
 {
     double highest = 0;
-    const bool isYielding = phase == Phase::Cruise && isCrowded(lastRoundTrip);
+    const bool isYielding = phase == Phase::Cruise && isCrowded(shortestLastRound);
     const int memory = isYielding ? yieldingRounds : bandwidthRounds;
     for (int i = std::max(round - memory + 1, 0); i <= round; ++i)
-        highest = std::max(highest, at(i).rate);
+        highest = std::max(highest, at(i).highestRate);
     return highest > 0 ? highest : initialBytes / 2 / shortestTrip.count();
 }
 
@@ -305,8 +311,8 @@ double RateControl::gain() const
     case Phase::Down:
         return downGain;
     case Phase::Cruise:
-        return isCrowded(lastRoundTrip)
-            ? std::max(yielding * (shortestTrip / lastRoundTrip), leastYield)
+        return isCrowded(shortestLastRound)
+            ? std::max(yielding * (shortestTrip / shortestLastRound), leastYield)
             : 1;
     case Phase::Weigh:
     case Phase::Shallow:
@@ -315,7 +321,8 @@ double RateControl::gain() const
     return 1;
 }
 
-// Bytes that fill the path without a queue, the sender's own granularity included.
+// Returns the bytes in flight that fill the path without a queue. Allows for the granularity of the
+// sender's timer.
 double RateControl::pipe() const
 {
     return sendingRate() * (shortestTrip + 2 * granularity()).count();
@@ -325,7 +332,7 @@ double RateControl::window() const
 {
     if (phase == Phase::Shallow)
         return std::max(pipe() / 2, leastGroup * packetBytes);
-    const bool mayGrow = phase == Phase::Startup || !isCrowded(lastRoundTrip);
+    const bool mayGrow = phase == Phase::Startup || !isCrowded(shortestLastRound);
     return (mayGrow ? windowTrips : crowdedTrips) * pipe() + leastGroup * packetBytes;
 }
 
@@ -334,7 +341,8 @@ bool RateControl::mayLeave(double inFlight, Time now)
     const double rate = gain() * sendingRate();
     budget += rate * Seconds(now - budgetAt).count();
     budgetAt = now;
-    budget = std::min(budget, std::max(rate * (leastBurst + 2 * lateness).count(), packetBytes));
+    budget =
+        std::min(budget, std::max(rate * (leastBurst + 2 * timerLateness).count(), packetBytes));
     return budget > 0 && !isFull(inFlight);
 }
 

@@ -6,17 +6,19 @@
 #include <chrono>
 #include <optional>
 
-// How fast packets may leave when no fixed pace is set, found from what is acknowledged.
+// Derives from the acknowledgements how fast packets may leave, if no fixed pace is set.
 //
-// The path is known by three figures: the highest rate at which it has delivered lately, its
-// shortest round trip, and the share that it loses at its best. Packets leave at the rate that
-// makes it deliver the first, and at most about two round trips' worth of them are on their way.
-// Now and then a round is sent faster, to find more, and again faster as long as that finds some;
-// then one slower, to empty the queue that this may have made. A queue that this flow's own probing
-// does not explain is another flow's doing, and makes it give up a part of its rate. Loss alone
-// never lowers the rate: a path that loses a third of everything is sent half as much again.
+// Describes the path by three figures: the highest rate that it has delivered recently, its
+// shortest round trip, and its lowest recent loss. Packets are sent so fast that the path delivers
+// the highest rate despite the loss, with at most about two round trips' worth of them in flight.
 //
-// Knows no socket, no timer and no clock. Sizes are bytes on the wire.
+// Now and then a round is sent faster to probe for more bandwidth, and faster still while that
+// finds some. A slower round follows, which drains the queue that probing may have built. If a
+// queue stands that this flow's probing does not explain, another flow shares the path, and this
+// one gives up part of its rate. Loss alone never lowers the rate: if a path loses a third of all
+// packets, half as much again is sent.
+//
+// Uses no socket, timer or clock. Sizes are bytes on the wire.
 class RateControl
 {
 public:
@@ -24,52 +26,52 @@ public:
     using Seconds = std::chrono::duration<double>;
 
     static constexpr double packetBytes = 293; // a full data packet with its IP and UDP headers
-    static constexpr Seconds quantum{0.001}; // the sender's timer: what is due leaves together
+    static constexpr Seconds quantum{0.001}; // of the sender's timer; what is due leaves together
 
-    // What was known when a status request left; its answer brings it back.
+    // The state when a status request left; passed to answered() with its answer.
     struct Departure
     {
         Time left;
-        Time lastDelivery; // when the answer before it came, and when the request of that had left
-        Time lastAnsweredLeft;
-        double delivered = 0;
+        Time lastDelivery; // when the previous answer arrived
+        Time lastAnsweredLeft; // when the request for that answer had left
+        double delivered = 0; // bytes
         int round = 0;
         bool isStarved = false; // there was too little to send to fill the path
     };
     struct Answer
     {
-        double delivered = 0; // bytes, newly
-        int arrived = 0, lost = 0; // packets that no request has named before
+        double delivered = 0; // bytes newly acknowledged
+        int arrived = 0, lost = 0; // packets that no earlier request has listed
     };
 
-    // Forgets the path, but for its round trip if that is known.
+    // Forgets all measurements of the path and begins with the round trip, if it is known.
     void restart(Time now, std::optional<Seconds> roundTrip);
 
     [[nodiscard]] Departure departure(Time now) const;
     void left(double bytes) { budget -= bytes; }
     void answered(const Departure &departure, const Answer &answer, double inFlight, Time now);
-    // Something has arrived, but it is not certain which request the answer is one to.
+    // Counts acknowledged bytes if it is not certain which request the answer belongs to.
     void add(double bytes) { delivered += bytes; }
-    // No answer came within timeout(). Until one comes the next ones get more time: they may only
-    // be late.
+    // Notes that no answer came within timeout(). Until the next answer timeout() grows, because
+    // answers may only be late.
     void timedOut();
-    // The sender came so much later than it had asked for. A busy host's timers are late all the
-    // time, which must not count as the path's doing.
+    // Notes how late the sender woke up. On a busy host timers are always late, which must not be
+    // attributed to the path.
     void woke(Seconds late);
-    // There is nothing to send although it might leave.
+    // Notes that a packet might leave, but there is none to send.
     void starve(double inFlight) { starvedUntil = delivered + inFlight; }
 
-    // Whether a packet may leave now; if not, nextChance() says when the pace allows one, which is
-    // in the past if only answers can.
+    // Returns whether a packet may leave now. If not, nextChance() returns when to ask again; if
+    // isFull(), only an answer makes room.
     [[nodiscard]] bool mayLeave(double inFlight, Time now);
     [[nodiscard]] bool isFull(double inFlight) const { return inFlight >= window(); }
     [[nodiscard]] Time nextChance(Time now) const;
 
-    // After how long an answer will not come any more.
+    // Returns the time after which an answer is no longer expected.
     [[nodiscard]] Seconds timeout() const { return patience * leastTimeout(); }
     [[nodiscard]] Seconds leastTimeout() const;
     [[nodiscard]] Seconds roundTrip() const { return shortestTrip; }
-    // How many data packets are to leave between two status requests.
+    // Returns the number of data packets between two status requests.
     [[nodiscard]] int groupSize() const;
     [[nodiscard]] double loss() const;
     [[nodiscard]] double sendingRate() const; // bytes a second, without the gain of the phase
@@ -78,14 +80,14 @@ private:
     enum class Phase { Startup, Drain, Up, Weigh, Down, Cruise, Shallow };
     struct Round
     {
-        double rate = 0; // the highest that was measured
-        int arrived = 0, lost = 0; // of the packets sent in it
+        double highestRate = 0; // bytes a second
+        int arrived = 0, lost = 0; // of the packets sent in this round
     };
     static constexpr int roundsKept = 16;
 
     [[nodiscard]] double bandwidth() const;
-    // How far apart the moments are at which the sender can act.
-    [[nodiscard]] Seconds granularity() const { return quantum + lateness; }
+    // Returns the time between two moments at which the sender can act.
+    [[nodiscard]] Seconds granularity() const { return quantum + timerLateness; }
     [[nodiscard]] double gain() const;
     [[nodiscard]] double pipe() const;
     [[nodiscard]] double window() const;
@@ -94,7 +96,7 @@ private:
     void noteTrip(Seconds trip, Time now);
     void noteRate(const Departure &departure, Time now);
     void noteLoss(const Departure &departure, const Answer &answer, Time now);
-    [[nodiscard]] bool isCrowded(Seconds trip) const; // a queue stands
+    [[nodiscard]] bool isCrowded(Seconds trip) const;
     void beginRound();
     void enter(Phase next, Time now);
     void nextPhase(double inFlight, Time now);
@@ -109,29 +111,29 @@ private:
 
     Phase phase = Phase::Startup;
     Time phaseBegan;
-    int phaseRounds = 0; // begun since then
-    int cruiseRounds = 0; // to stay for
+    int phaseRounds = 0; // begun in this phase
+    int cruiseRounds = 0; // that Cruise lasts
     double rateBeforeUp = 0;
-    double upBoost = 1; // of the gain in Up, while it goes on finding more
+    double upBoost = 1; // factor on the gain in Up; grows while Up finds more bandwidth
     unsigned random = 1; // spreads the probing of flows that share a path
 
     Seconds shortestTrip{};
     Time shortestSeen;
     Seconds smoothTrip{}, tripSpread{};
     int patience = 1;
-    Seconds lateness{}; // of the sender's timer, smoothed
-    Seconds roundTripNow{}, lastRoundTrip{}; // the shortest of this round, of the last one
+    Seconds timerLateness{}; // smoothed
+    Seconds shortestThisRound{}, shortestLastRound{};
     int crowdedRounds = 0; // in a row
-    Seconds leastCrowded{}; // the shortest round trip in them
+    Seconds shortestCrowded{}; // in these rounds
     bool knowsTrip = false;
 
     std::array<Round, roundsKept> rounds;
     int round = 0;
     double roundEnd = 0;
-    double plateau = 0; // of the bandwidth, in Startup
+    double plateauRate = 0; // highest bandwidth so far in Startup
     int plateauRounds = 0;
 
-    double delivered = 0;
+    double delivered = 0; // bytes
     Time lastDelivery, lastAnsweredLeft;
     double starvedUntil = -1;
     double budget = 0; // bytes that may leave

@@ -3,14 +3,16 @@
 #include "WholeFile.h"
 #include "ZlibStream.h"
 
+#include <QThread>
+
 #include <algorithm>
 
 namespace {
 
-// As many as one file may have. With as many more that are being gathered the memory is bounded.
+// As many packets as the largest file has. Bounds memory, together with the file being received.
 constexpr qsizetype maxPacketsWaiting = Packet::maxNumber;
 
-// A received record without the byte of the checksum behind it.
+// Returns a received record without its last byte, which is part of the packet's checksum.
 QByteArrayView payloadOf(const TTransferData &record)
 {
     return QByteArrayView(record.data, std::max(record.length - 1, 0));
@@ -40,14 +42,15 @@ ReceivedFiles::~ReceivedFiles()
 
 void ReceivedFiles::write(GatheredFile file)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (unwritable && unwritable->path != file.path)
         nextBegins();
     retryTimer.stop();
-    unwritable.reset(); // this one takes its name
+    unwritable.reset(); // the new file has the same path and replaces it
     if (isBackground)
         return enqueue(std::move(file));
     Result result;
-    result.outcome = inflateAndWrite(file, result.error);
+    result.outcome = inflateAndWrite(file, result.writeError);
     result.file = std::move(file);
     report(std::move(result));
 }
@@ -82,7 +85,7 @@ void ReceivedFiles::finish(std::chrono::milliseconds longest)
     nextBegins();
 }
 
-// --- the worker ---
+// --- the worker thread ---
 
 void ReceivedFiles::enqueue(GatheredFile file)
 {
@@ -107,12 +110,12 @@ void ReceivedFiles::work()
         result.file = std::move(waiting.front());
         waiting.pop_front();
         guard.unlock();
-        result.outcome = inflateAndWrite(result.file, result.error);
+        result.outcome = inflateAndWrite(result.file, result.writeError);
         guard.lock();
         packetsWaiting -= result.file.packets.size();
         results.push_back(std::move(result));
         changed.notify_all();
-        // By its name: a pointer to the member would be shared outside the mutex.
+        // Invoked by name for the same reason as in TFileTransfer::OpenFile().
         QMetaObject::invokeMethod(this, "takeResults", Qt::QueuedConnection);
     }
 }
@@ -145,7 +148,7 @@ ReceivedFiles::Outcome ReceivedFiles::inflateAndWrite(const GatheredFile &file, 
     return Outcome::NoFile;
 }
 
-// --- what has become of a file ---
+// --- results ---
 
 void ReceivedFiles::takeResults()
 {
@@ -192,8 +195,8 @@ void ReceivedFiles::retryLater(Result result)
 {
     if (result.file.attempt++ == 1)
         Q_EMIT trouble(tr("Can't write the received file %1, trying again: %2")
-                           .arg(result.file.name, qt_error_string(result.error)));
-    nextBegins(); // only the last one is kept
+                           .arg(result.file.name, qt_error_string(result.writeError)));
+    nextBegins(); // only the latest file is kept for another attempt
     unwritable = std::move(result.file);
     retryTimer.start();
 }

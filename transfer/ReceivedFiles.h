@@ -12,27 +12,26 @@
 #include <mutex>
 #include <thread>
 
-// A file as it was gathered: its packets from 1 on hold one zlib stream.
+// A completely received file. Its packets from 1 on contain one zlib stream.
 struct GatheredFile
 {
-    QString name; // as the peer gave it, a plain one
+    QString name; // as sent by the peer; a plain name
     QString path;
     QMap<int, TTransferData> packets;
-    bool onlyIfClean = false; // nothing is written unless the stream ends as it should
+    bool onlyIfClean = false; // write nothing unless the stream is complete and correct
     qsizetype attempt = 1;
 };
 
-// Inflates gathered files and writes them.
+// Inflates received files and writes them to the disk.
 //
-// A stream that breaks off or cannot be read further gives a file of what could be inflated, and
-// that is said. One that is read to its end but has the wrong checksum gives none: it would look
-// whole. A file that cannot be written for now is tried again every few seconds, but only until
-// the next one begins.
+// If a stream is cut short or corrupt, the part that could be inflated is written and the damage is
+// reported. If a stream is complete but its checksum is wrong, nothing is written, because the file
+// would look intact. If a file cannot be written, it is tried again every few seconds until the
+// next file begins.
 //
-// Owner:   the engine that gathers.
-// Thread:  the one that constructed it, where all signals are emitted. The work is done there too,
-//          at once, or on a thread of its own, see workInBackground().
-// Errors:  never throws, but for want of memory.
+// Thread:  the one that constructed it, which also emits all signals. Inflating and writing happen
+//          there too, within write(), unless workInBackground() was called.
+// Errors:  throws std::bad_alloc if memory is exhausted.
 class ReceivedFiles : public QObject
 {
     Q_OBJECT
@@ -40,28 +39,28 @@ public:
     static constexpr std::chrono::seconds retryInterval{5};
 
     explicit ReceivedFiles(QObject *parent = nullptr);
-    // What is being written then is not.
+    // Abandons the file that is being written.
     ~ReceivedFiles() override;
 
-    // From now on, and before the first file: works on a thread of its own, and has the disk hold
-    // every file before it is reported.
+    // Inflates and writes on a separate thread, and flushes every file to the disk before it is
+    // reported. Call before the first file.
     void workInBackground() { isBackground = true; }
-    // A file that has more bytes when inflated is not written; 0 means no limit.
+    // Limits the inflated size; larger files are not written. 0, the default, means no limit.
     void setMaxBytes(qint64 bytes) { maxBytes = bytes; }
 
     void write(GatheredFile file);
-    // Another file begins: gives up the one that could not be written.
+    // Notes that another file begins. Gives up the one that could not be written.
     void nextBegins();
-    // Whether so much waits to be written that no further file should begin.
+    // Returns whether so much waits to be written that no further file should begin.
     [[nodiscard]] bool isFull() const;
-    // Waits until everything is written that waits, but no longer than that.
+    // Waits until all files are written, but no longer than longest. Reports files that are lost.
     void finish(std::chrono::milliseconds longest);
 
 Q_SIGNALS:
     void written(QString name);
-    // A file that was to be written only if its stream is clean: it is not.
+    // A file with onlyIfClean was not written, because its stream is damaged.
     void notClean(QString name);
-    // What an operator should hear.
+    // Reports a problem to the operator.
     void trouble(QString line);
 
 private:
@@ -70,7 +69,7 @@ private:
     {
         GatheredFile file;
         Outcome outcome = Outcome::Interrupted;
-        int error = 0; // why there is no file
+        int writeError = 0; // errno, with NoFile
     };
     [[nodiscard]] Outcome inflateAndWrite(const GatheredFile &file, int &error) const;
     void work();
@@ -81,15 +80,15 @@ private:
 
     bool isBackground = false;
     qint64 maxBytes = 0;
-    std::optional<GatheredFile> unwritable; // to be tried again
+    std::optional<GatheredFile> unwritable; // the file to try again
     QTimer retryTimer;
 
-    std::thread worker; // runs from the first file on
+    std::thread worker; // starts with the first file
     std::atomic<bool> interrupted = false;
-    mutable std::mutex mutex; // guards the rest
+    mutable std::mutex mutex; // guards the members below
     std::condition_variable changed;
     std::deque<GatheredFile> waiting;
     std::deque<Result> results;
-    qsizetype packetsWaiting = 0; // of the files that wait or are being written
+    qsizetype packetsWaiting = 0; // in files that wait or are being written
     bool stopRequested = false;
 };

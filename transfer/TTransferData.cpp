@@ -19,17 +19,20 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int announcingTicks = 2; // data packets between two status requests, see timerEvent()
+// Data packets between two status requests: until packet 0 is acknowledged, and afterwards.
+constexpr int announcingTicks = 2;
 constexpr int sendingTicks = 4;
-constexpr int stepsPerTick = 512; // without a fixed pace; then the event loop has its turn
-constexpr std::chrono::milliseconds quietPause(1); // a quiet tick, without a fixed pace
+// Without a fixed pace: steps before control returns to the event loop, and the length of a tick
+// that waits because of peer traffic.
+constexpr int stepsPerTick = 512;
+constexpr std::chrono::milliseconds quietPause(1);
 constexpr qsizetype maxSentList = 25; // keeps a status request and its answer small
 constexpr char maxId = 127; // the next one is 0
 
-// Stamps the acknowledgements of all engines of this process.
+// The sequence counter for the acknowledgements of all engines in this process.
 std::atomic<quint8> s_chPacketCounter = 0;
 
-// Nothing if the name cannot travel in an information record.
+// Encodes a name for the information record; returns nullopt if it does not fit or is not Latin-1.
 std::optional<QByteArray> wireName(const QString &name)
 {
     const QByteArray bytes = name.toLatin1();
@@ -40,21 +43,23 @@ std::optional<QByteArray> wireName(const QString &name)
 
 TTransferData makeRecord(QByteArrayView bytes)
 {
+    Q_ASSERT(bytes.size() <= qsizetype(sizeof(TTransferData::data)));
     TTransferData record;
     std::memcpy(record.data, bytes.data(), size_t(bytes.size()));
     record.length = int(bytes.size());
     return record;
 }
 
-// Whether two received records have the same payload. The byte of the checksum behind it differs.
+// Compares the payloads of two received records. Ignores the last byte, which is part of the
+// packet's checksum.
 bool isSamePayload(const TTransferData &one, const TTransferData &other)
 {
     return one.length == other.length
         && (one.length == 0 || std::memcmp(one.data, other.data, size_t(one.length - 1)) == 0);
 }
 
-// Adds bytes to the packets of a file, which are full but for the last one. False once there are
-// more than can be numbered.
+// Appends bytes to the packets of a file; all packets but the last are full. Returns false if the
+// bytes need more packets than can be numbered.
 bool cutIntoPackets(QMap<int, TTransferData> &packets, QByteArrayView bytes)
 {
     while (!bytes.isEmpty()) {
@@ -146,8 +151,8 @@ void TFileTransfer::OpenFile(QString path)
         return begin(std::move(outgoing));
     const std::lock_guard lock(handOverMutex);
     handedOver.push_back(std::move(outgoing));
-    // By its name: unlike a pointer to the member, which is kept in an object made here and read
-    // there, this leaves nothing for the two threads to share outside the mutex.
+    // Invoked by name: for a member pointer Qt allocates an object that the other thread reads, and
+    // the thread sanitizer does not see that the event queue synchronises it.
     QMetaObject::invokeMethod(this, "takeHandedOver", Qt::QueuedConnection);
 }
 
@@ -186,7 +191,7 @@ void TFileTransfer::compress(Outgoing &outgoing)
     const int descriptor = openRegularFile(outgoing.path, info);
     if (descriptor < 0
         || !file.open(descriptor, QFile::ReadOnly | QFile::Unbuffered, QFile::AutoCloseHandle)) {
-        outgoing.error = errno;
+        outgoing.readError = errno;
         return;
     }
     switch (ZlibStream::deflate(
@@ -197,7 +202,7 @@ void TFileTransfer::compress(Outgoing &outgoing)
         outgoing.isAbandoned = true;
         return;
     case ZlibStream::Result::SourceFailed:
-        outgoing.error = errno != 0 ? errno : EIO;
+        outgoing.readError = errno != 0 ? errno : EIO;
         return;
     case ZlibStream::Result::SinkStopped:
         outgoing.refusal = tr("it has more than %1 bytes when compressed")
@@ -207,12 +212,13 @@ void TFileTransfer::compress(Outgoing &outgoing)
 
 void TFileTransfer::begin(Outgoing outgoing)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (!outgoing.refusal.isEmpty()) {
         Q_EMIT FileRefused(outgoing.path, outgoing.refusal);
         return;
     }
-    if (outgoing.error != 0) {
-        Q_EMIT FileUnreadable(outgoing.path, outgoing.error);
+    if (outgoing.readError != 0) {
+        Q_EMIT FileUnreadable(outgoing.path, outgoing.readError);
         return;
     }
     txMap = std::move(outgoing.packets);
@@ -220,7 +226,7 @@ void TFileTransfer::begin(Outgoing outgoing)
     infoAcked = false;
     peerHeld.begin(int(txMap.size()));
     sentList.clear();
-    lastSent = 0;
+    lastSentNumber = 0;
     tickCount = 0;
     sending = true;
     if (tickInterval > 0ms)
@@ -266,11 +272,11 @@ void TFileTransfer::sendNextRecord()
     const auto chosen = chooseRecord();
     TTransferData &record = chosen.value();
     record.sendCount = qint8(record.sendCount + 1);
-    lastSent = chosen.key();
-    sentList.append(quint16(lastSent));
+    lastSentNumber = chosen.key();
+    sentList.append(quint16(lastSentNumber));
     if (sentList.size() > maxSentList)
         sentList.removeFirst();
-    emitRecord(lastSent, record);
+    emitRecord(lastSentNumber, record);
 }
 
 void TFileTransfer::emitRecord(int number, const TTransferData &record)
@@ -280,17 +286,18 @@ void TFileTransfer::emitRecord(int number, const TTransferData &record)
     Q_EMIT SendData(packet);
 }
 
-// The first record that was sent less often than the lowest-numbered one, else that one itself.
+// Chooses the first record that was sent less often than the lowest-numbered one; if there is none,
+// the lowest-numbered one itself.
 //
-// Only the record after the last one sent can be it. While no count has wrapped, the records up to
-// the last one sent have been sent once more than those behind it, or all equally often. Once they
-// stand at 127, the lowest one wraps to -128; from then on the others are never below it.
+// Checking the record after the last one sent is enough. Until a counter wraps, either all records
+// have been sent equally often, or those up to the last one sent once more than the rest. When all
+// counters stand at 127, that of the lowest one wraps to -128; from then on no other is below it.
 QMap<int, TTransferData>::iterator TFileTransfer::chooseRecord()
 {
     const auto first = txMap.begin();
     if (!infoAcked)
         return first;
-    const auto next = txMap.upperBound(lastSent);
+    const auto next = txMap.upperBound(lastSentNumber);
     return next != txMap.end() && next->sendCount < first->sendCount ? next : first;
 }
 
@@ -301,7 +308,7 @@ void TFileTransfer::sendPaced()
     const auto now = PacedSender::Clock::now();
     if (idleTicks < quietTicks)
         return wakeAt(now + quietPause, now);
-    for (int i = 0; i < stepsPerTick && sending; ++i) { // a slot may end the sending
+    for (int i = 0; i < stepsPerTick && sending; ++i) { // a slot may stop the transfer
         const PacedSender::Step step = paced.next(now);
         if (const auto *wait = std::get_if<PacedSender::WaitUntil>(&step))
             return wakeAt(wait->time, now);
@@ -330,7 +337,8 @@ void TFileTransfer::tellPacedSender(const Packet &acknowledgement)
         numbers[i] = acknowledgement.entry(qsizetype(i));
     const auto now = PacedSender::Clock::now();
     paced.acknowledged(numbers, now);
-    // What it makes room for may leave soon, with whatever the next acknowledgements add.
+    // Packets that this acknowledgement made room for may leave soon. The short wait lets further
+    // acknowledgements arrive first.
     if (nextWake > now + PacedSender::reaction)
         wakeAt(now + PacedSender::reaction, now);
 }
@@ -342,7 +350,7 @@ void TFileTransfer::receiveAcknowledgement(const Packet &packet)
     if (infoAcked)
         peerHeld.take(packet.held, txMap.size());
     else if (!HeldCount::isOfNewFile(packet.held))
-        return; // it speaks of an older file with the same id
+        return; // it is about an older file with the same id
     for (qsizetype i = 0; i < packet.entryCount(); ++i) {
         const quint16 number = packet.entry(i);
         if (number == 0)
@@ -356,7 +364,7 @@ void TFileTransfer::receiveAcknowledgement(const Packet &packet)
         tellPacedSender(packet);
 }
 
-// In both cases a slot may open the next file.
+// Emits last, because a slot may open the next file.
 void TFileTransfer::endSending()
 {
     StopSending();
@@ -370,6 +378,7 @@ void TFileTransfer::endSending()
 
 bool TFileTransfer::ReceiveData(char *bytes, int size)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     const QByteArrayView datagram(bytes, size);
     const std::optional<Packet> packet = Packet::read(datagram);
     if (!packet)
@@ -392,7 +401,7 @@ void TFileTransfer::receiveRecord(const Packet &packet)
 {
     idleTicks = 0;
     if (packet.number == 0) {
-        // To the peer it is lost, and comes again.
+        // If the queue is full, packet 0 is dropped; the peer repeats it.
         if (received->isFull() || !beginReceiving(packet))
             return;
     } else if (!receiving || packet.id != rxId || packet.number > rxCount) {
@@ -425,9 +434,9 @@ bool TFileTransfer::beginReceiving(const Packet &packet)
     return true;
 }
 
-// A late copy of packet 0 has the gathering begin anew, although the sender never repeats what was
-// acknowledged. For the sender's eyes it does; but what was held is kept, so that the file can
-// still be written.
+// A late copy of packet 0 restarts the reception, but the sender never repeats packets that were
+// acknowledged before it. They are no longer counted or acknowledged, as the sender expects, but
+// they are kept here so that the file can still be written.
 void TFileTransfer::keepForgotten(bool isLateCopy)
 {
     if (!isLateCopy)
@@ -438,7 +447,8 @@ void TFileTransfer::keepForgotten(bool isLateCopy)
     isRescued = false;
 }
 
-// What comes again need not be kept. What comes again differently shows another file.
+// Drops the kept copy of a packet that arrives again. If the new packet differs, it belongs to
+// another file, and all kept packets are dropped.
 void TFileTransfer::compareWithForgotten(int number, const TTransferData &record)
 {
     const auto before = rxMap.constFind(number);
@@ -472,12 +482,13 @@ void TFileTransfer::completeFile()
 {
     receiving = false;
     forgotten.clear();
-    // Written before with the same packets, it is not written twice.
+    // rescueFile() has already handed over the same packets.
     if (!std::exchange(isRescued, false))
         write(rxMap, false);
 }
 
-// All of the file is there, if it is one. Should it be of two files, its checksum tells.
+// Hands over the new packets together with the kept ones. If they come from two different files,
+// the checksum fails and nothing is written.
 void TFileTransfer::rescueFile()
 {
     isRescued = true;

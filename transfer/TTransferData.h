@@ -18,69 +18,71 @@ class ReceivedFiles;
 // One packet of a file in the engine's tables.
 struct TTransferData
 {
-    char data[Packet::maxRecord] = {}; // to send: the payload; received: one byte more, see Packet
+    // An outgoing packet's payload, or an incoming packet's record, which has one byte more.
+    char data[Packet::maxRecord] = {};
     qint8 sendCount = 0; // wraps
-    int length = 0; // valid bytes in data
+    int length = 0; // bytes
 };
 
 // Sends one file at a time to the peer and receives the peer's files.
 //
-// A file is compressed and cut into numbered packets. A tick sends one of them, or a status request
-// that makes the peer's engine acknowledge which of the packets sent lately it holds. Acknowledged
-// packets leave the table; when it is empty the file has arrived. There is no limit on repetitions.
+// A file is compressed and cut into numbered packets. Each tick sends one packet, or a status
+// request. The peer's engine answers a request with those of the recently sent packets that it
+// holds. Acknowledged packets leave the table; when the table is empty the file has arrived. There
+// is no limit on repetitions.
 //
-// Owner:   whoever writes every SendData() packet as one datagram to the peer and hands every
-//          datagram that arrives to ReceiveData().
-// Thread:  the one that constructed it; all signals are emitted there, as direct calls from within
-//          a tick, a datagram or the commit of a file. OpenFile() may come from any thread.
-// Errors:  never throws. A file ends in exactly one of FileSended(), FileForgotten(), FileRefused()
-//          and FileUnreadable(), unless Stop() or another OpenFile() comes first. Datagrams that
-//          make no sense are dropped silently.
+// Owner:   sends every SendData() packet to the peer as one datagram, and passes every datagram
+//          that arrives to ReceiveData().
+// Thread:  the one that constructed it. All signals are emitted there, from within a tick, a
+//          datagram or the completion of a file. OpenFile() may be called from any thread.
+// Errors:  a file ends with exactly one of FileSended(), FileForgotten(), FileRefused() and
+//          FileUnreadable(), unless Stop() or another OpenFile() comes first. Malformed datagrams
+//          are dropped silently.
 class TFileTransfer : public QObject
 {
     Q_OBJECT
 public:
-    // Milliseconds from tick to tick while a file is being sent; 0 for no fixed pace: a tick sends
-    // what PacedSender says, and comes when that asks for it. Ticks that pass after peer traffic
-    // before the next packet.
+    // interval is the time between ticks in milliseconds while a file is being sent. If it is 0,
+    // PacedSender decides when the next tick comes and what it sends. quietTicks is the number of
+    // ticks to wait after a packet of the peer before sending the next one.
     TFileTransfer(int interval, int quietTicks, QObject *parent);
     ~TFileTransfer() override;
 
-    // Starts to send a file; the first packet leaves with the next tick. Reading and compressing
-    // happen here, on the caller's thread, and end early without a signal once that thread is asked
-    // to end (QThread::requestInterruption()). The engine itself changes on its own thread: at once
-    // if that is the caller's, else by a posted call. A transfer in progress is abandoned.
+    // Starts to send a file and abandons a transfer in progress. The first packet leaves with the
+    // next tick. Reads and compresses the file on the caller's thread; gives up without a signal if
+    // that thread's requestInterruption() is called meanwhile. The transfer itself begins on the
+    // engine's thread: at once if that is the caller's, otherwise through a queued call.
     void OpenFile(QString path);
-    // Ends sending and receiving where they are, without a signal.
+    // Abandons sending and receiving, without a signal.
     void Stop();
-    // Ends sending only, in the same way.
+    // Abandons sending only, without a signal.
     void StopSending();
-    // Sends a text, at most 248 bytes of it, with a tag of 5 bytes. The peer's engine ignores it.
+    // Sends the first 248 bytes of text with a tag of 5 bytes. The peer's engine ignores it.
     void SendInfo(char *tag, QString text);
-    // What is put in front of the names of received files; a directory needs its "/" at the end.
+    // Sets the prefix for the names of received files; a directory needs a trailing "/".
     void SendPath(QString path);
-    // Where received files go; to be set up before the first one comes.
+    // Returns the writer of received files. Configure it before the first one arrives.
     [[nodiscard]] ReceivedFiles &receivedFiles() { return *received; }
-    // Takes one datagram of size bytes. False if it bears no marker of a packet.
+    // Processes one datagram of size bytes. Returns false if it has no packet marker.
     bool ReceiveData(char *datagram, int size);
-    // One tick.
+    // Performs one tick.
     void timerEvent(QTimerEvent *event) override;
 
 Q_SIGNALS:
-    // One packet, to be written before the slot returns.
+    // Carries one packet, which the slot must send before it returns.
     void SendData(QByteArray &packet);
     // A file has been written, under the name that the peer gave.
     void FileReceived(QString name);
     // The peer holds the whole file.
     void FileSended();
-    // A file can never be sent; nothing of it has been.
+    // The file can never be sent; none of it was.
     void FileRefused(QString path, QString reason);
-    // A file cannot be read for now, with the reason as errno has it; nothing of it has been sent.
+    // The file cannot be read for now; none of it was sent. error is an errno value.
     void FileUnreadable(QString path, int error);
     // The peer has acknowledged every packet, but does not hold them all: it has lost some since,
-    // or they were those of an older file.
+    // or it acknowledged packets of an older file.
     void FileForgotten();
-    // What an operator should hear of a received file.
+    // Reports a problem with a received file to the operator.
     void Trouble(QString line);
 
 private:
@@ -90,8 +92,8 @@ private:
         QString path;
         QMap<int, TTransferData> packets;
         QString refusal; // why it can never be sent; empty if it can
-        int error = 0; // why it cannot be read for now
-        bool isAbandoned = false; // the preparing thread is asked to end
+        int readError = 0; // errno; 0 if it was read
+        bool isAbandoned = false; // the preparing thread was interrupted
     };
     [[nodiscard]] static Outgoing prepare(const QString &path);
     static void compress(Outgoing &outgoing);
@@ -120,12 +122,14 @@ private:
     void rescueFile();
     void write(const QMap<int, TTransferData> &packets, bool onlyIfClean);
 
-    QMap<int, TTransferData> rxMap; // the incoming file, by packet number
-    QMap<int, TTransferData> txMap; // what the peer has not acknowledged yet, by packet number
+    // By packet number: what has arrived of the incoming file, and what the peer has not yet
+    // acknowledged of the outgoing one.
+    QMap<int, TTransferData> rxMap;
+    QMap<int, TTransferData> txMap;
     QString receivePath;
     char rxId = 0;
     char txId = 40;
-    int rxCount = 0; // data packets announced for the incoming file
+    int rxCount = 0; // data packets that packet 0 of the incoming file announced
     bool sending = false;
     bool infoAcked = false; // the peer holds packet 0 of the outgoing file
     bool receiving = false;
@@ -134,22 +138,22 @@ private:
     unsigned int quietTicks;
     quint16 station = 0;
     quint8 sequence = 0;
-    QList<unsigned short> sentList; // packet numbers sent last, oldest first
-    int lastSent = 0; // packet number, see chooseRecord()
+    QList<unsigned short> sentList; // numbers of the last packets sent, oldest first
+    int lastSentNumber = 0;
 
-    HeldCount peerHeld; // of the outgoing file
+    HeldCount peerHeld; // for the outgoing file
 
-    // What was held of the incoming file when its packet 0 came once more, and has not come again.
-    // It is neither counted nor acknowledged.
+    // Packets that had arrived when packet 0 of the same file came once more, and that have not
+    // come again since. They are neither counted nor acknowledged.
     QMap<int, TTransferData> forgotten;
-    bool isRescued = false; // the file has been written with what was forgotten
+    bool isRescued = false; // the file was handed over for writing with the forgotten packets
     const std::unique_ptr<ReceivedFiles> received;
 
     const std::chrono::milliseconds tickInterval; // 0 for no fixed pace
     TickTimer ticker; // runs while sending
-    PacedSender paced; // where there is no fixed pace
+    PacedSender paced; // used if there is no fixed pace
     PacedSender::Time nextWake;
 
-    std::mutex handOverMutex; // guards handedOver, the one thing that other threads touch
+    std::mutex handOverMutex; // guards handedOver, the only member that other threads use
     std::deque<Outgoing> handedOver;
 };

@@ -35,14 +35,15 @@ TickTimer::~TickTimer()
 
 void TickTimer::start(std::chrono::milliseconds interval)
 {
-    maxDue = 1 + int(maxLateTime / interval);
+    Q_ASSERT(interval > 0ms);
+    maxTicksDue = 1 + int(maxLateTime / interval);
     arm(interval, interval);
 }
 
 void TickTimer::startOnce(std::chrono::nanoseconds delay)
 {
-    maxDue = 1;
-    arm(std::max(delay, 1ns), 0ns); // 0 would stop the kernel's timer
+    maxTicksDue = 1;
+    arm(std::max(delay, 1ns), 0ns); // 0 would disarm the kernel's timer
 }
 
 void TickTimer::stop()
@@ -63,6 +64,6 @@ void TickTimer::readTicks()
 {
     quint64 due = 0;
     if (::read(descriptor, &due, sizeof(due)) != sizeof(due))
-        return; // armed anew since it became readable
-    Q_EMIT ticked(int(std::min(due, quint64(maxDue))));
+        return; // was rearmed after it had become readable
+    Q_EMIT ticked(int(std::min(due, quint64(maxTicksDue))));
 }

@@ -5,32 +5,31 @@
 
 #include <chrono>
 
-// Ticks at the kernel's pace. A timer of Qt rounds each wait up to whole milliseconds and forgets
-// what came late; this one counts how many ticks are due and makes up for late ones, but not for so
-// many that they would leave as one long burst.
+// Ticks precisely, driven by a kernel timer. A QTimer rounds each wait up to whole milliseconds and
+// never catches up. This timer counts the ticks that are due and makes up for late ones, up to a
+// limit that prevents long bursts. A stopped timer costs nothing.
 //
-// Owner:   whoever connects ticked(). Stopped until it is started; stopped it costs nothing.
 // Thread:  the one that constructed it, which needs an event loop.
-// Errors:  without a descriptor left it ends the process: nothing could ever be sent.
+// Errors:  the constructor ends the process if no descriptor is left: nothing could ever be sent.
 class TickTimer : public QObject
 {
     Q_OBJECT
 public:
-    // Of how long a delay the ticks are made up for at most. At a tick each millisecond the burst
-    // still fits the receive buffer that a kernel grants unless asked for more.
+    // Ticks are made up for at most this much delay. With one tick a millisecond, the resulting
+    // burst still fits into the kernel's default receive buffer.
     static constexpr std::chrono::milliseconds maxLateTime{100};
 
     explicit TickTimer(QObject *parent = nullptr);
     ~TickTimer() override;
 
-    // Ticks every interval, which is not 0, from one interval after now on.
+    // Ticks every interval, first after one interval. interval must be positive.
     void start(std::chrono::milliseconds interval);
-    // Ticks once, after the delay; one that is not positive means at once.
+    // Ticks once after delay, or at once if delay is not positive.
     void startOnce(std::chrono::nanoseconds delay);
     void stop();
 
 Q_SIGNALS:
-    // So many ticks are due now, one at least.
+    // count ticks are due now, at least one.
     void ticked(int count);
 
 private:
@@ -39,5 +38,5 @@ private:
 
     const int descriptor;
     QSocketNotifier notifier;
-    int maxDue = 1;
+    int maxTicksDue = 1;
 };

@@ -4,39 +4,38 @@
 
 #include <bitset>
 
-// Tells the first packet of each number of a file from its repetitions.
+// Tells the first transmission of each packet of a file from its repetitions.
 class SentPackets
 {
 public:
-    // For every data packet that leaves.
+    // Call once for every data packet that is sent.
     [[nodiscard]] bool isRepeated(char fileId, quint16 number)
     {
-        if (fileId != id)
+        if (fileId != seenFile)
             seen.reset();
-        id = fileId;
+        seenFile = fileId;
         const bool wasSeen = seen.test(number);
         seen.set(number);
         return wasSeen;
     }
 
 private:
-    std::bitset<65'536> seen; // by number
-    char id = 0; // of the file
+    std::bitset<65'536> seen; // by packet number
+    char seenFile = 0; // id
 };
 
-// What a transfer over UDP has done since it was started.
+// The counters of a UDP transfer since it was started.
 //
-// Owner:   ScanThread.
-// Thread:  the one of the scan thread object, never the scanning one.
+// Thread:  the one that the ScanThread object lives on, not the scanning one.
 struct TransferCounters
 {
     bool operator==(const TransferCounters &) const = default;
 
-    qint64 packetsSent = 0; // of files, repetitions included
+    qint64 packetsSent = 0; // data packets, including repetitions
     qint64 packetsRepeated = 0;
-    qint64 bytesSent = 0; // of the packets, as they are on the wire
+    qint64 bytesSent = 0; // in data packets, without IP and UDP headers
     qint64 filesDelivered = 0;
     qint64 filesRefused = 0;
     qint64 filesReceived = 0;
-    qint64 lastAnswer = 0; // when the peer was heard last, seconds since the epoch; 0: never
+    qint64 lastAnswer = 0; // last packet from the peer, seconds since the epoch; 0 for never
 };

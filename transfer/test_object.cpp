@@ -22,32 +22,33 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto scanInterval = 1s;
-constexpr auto deliveryPause = 500ms; // before a delivered file is removed
-constexpr auto bindInterval = 3s; // between two attempts at a port that is taken
-constexpr auto unreadableInterval = 10s; // between two attempts at a file that cannot be read
-constexpr qsizetype maxSaidUnreadable = 100; // files; of more at a time nothing is said
-constexpr auto obstacleInterval = 5s; // between two looks at the addresses of this host
-constexpr auto peerLinesTime = 60s; // in which a peer can cause so many lines at most
+constexpr auto pauseBeforeRemoval = 500ms;
+constexpr auto bindRetryInterval = 3s;
+constexpr auto unreadableRetryInterval = 10s;
+constexpr qsizetype maxReportedUnreadable = 100; // files at a time; further ones are not reported
+constexpr auto obstacleCheckInterval = 5s;
+// A peer can cause at most this many lines of the log in this time.
 constexpr int maxPeerLines = 20;
-constexpr auto longestFinish = 10s; // what an end waits for received files to be written
-constexpr int receiveBufferBytes = 4 << 20; // the thread has other work than the socket's
-constexpr int datagramsPerTurn = 256; // then timers get theirs, however many datagrams wait
+constexpr auto peerLinesTime = 60s;
+constexpr auto longestFinish = 10s; // to write received files at the end of the process
+constexpr int receiveBufferBytes = 4 << 20; // large, because this thread also does other work
+constexpr int datagramsPerTurn = 256; // then timers get their turn
 constexpr qsizetype maxDatagram = 65'536; // bytes; no datagram is longer
 
-// Building the text of a line costs more than sending the packet.
+// Checked before a debug line is built, which costs more than sending the packet.
 bool isDebugOn()
 {
     return QLoggingCategory::defaultCategory()->isDebugEnabled();
 }
 
-// The line that qDebug() << text << datagram.toHex() << "\r\n" gives, several times faster.
+// Prints the same line as qDebug() << text << datagram.toHex() << "\r\n", several times faster.
 void debugDatagram(const char *text, QByteArrayView datagram)
 {
     if (isDebugOn())
         qDebug("%s \"%s\" \r\n", text, datagram.toByteArray().toHex().constData());
 }
 
-// Of the process, not of the file; the next one would not fare better.
+// Tells whether the process lacks a resource. Then no other file could be read either.
 bool isShortage(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOMEM;
@@ -70,15 +71,15 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     , fileTransfer(new TFileTransfer(timeout, 0, nullptr))
     , udpSocket(new QUdpSocket(this))
     , localPort(ownPort)
-    , buffer(maxDatagram, '\0')
+    , datagramBuffer(maxDatagram, '\0')
     , peerAddress(remoteHost)
-    , isSpoolReceived(isWorkingDirectory(spoolDir))
+    , isSpoolWorkingDirectory(isWorkingDirectory(spoolDir))
 {
-    // The system's proxy settings must not carry the packets anywhere else.
+    // The system's proxy settings must not redirect the packets.
     udpSocket->setProxy(QNetworkProxy::NoProxy);
     connect(udpSocket, &QIODevice::readyRead, this, &ScanThread::UdpDatagrams);
     connect(&bindTimer, &QTimer::timeout, this, &ScanThread::bindSocket);
-    if (isSpoolReceived)
+    if (isSpoolWorkingDirectory)
         reportFromAnyThread(
             tr("Nothing is sent or received: the spool directory is the working directory, "
                "and received files would be sent back"));
@@ -99,7 +100,8 @@ void ScanThread::connectEngine()
     connect(fileTransfer, &TFileTransfer::FileForgotten, this, &ScanThread::on_FileForgotten);
     connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
     connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::reportOfPeer);
-    connect(fileTransfer, &TFileTransfer::FileReceived, this, [this] { ++done.filesReceived; });
+    connect(fileTransfer, &TFileTransfer::FileReceived, this,
+        [this] { ++transferCounters.filesReceived; });
 }
 
 ScanThread::~ScanThread()
@@ -130,7 +132,7 @@ void ScanThread::stop()
     requestInterruption(); // ends a compression
     stopCondition.notify_all();
     wait();
-    const std::lock_guard lock(mutex); // see run()
+    const std::lock_guard lock(mutex); // pairs with the lock in run()
 }
 
 // --- the scanning thread ---
@@ -138,19 +140,19 @@ void ScanThread::stop()
 void ScanThread::run()
 {
     scan();
-    // The last use of this object's members here, as far as the thread sanitizer can see: what
-    // wait() does about it is hidden from it.
+    // Pairs with the lock in stop(). The thread sanitizer does not see that wait() orders this
+    // thread's last use of the members before their destruction.
     const std::lock_guard lock(mutex);
 }
 
 void ScanThread::scan()
 {
-    if (isSpoolReceived)
+    if (isSpoolWorkingDirectory)
         return;
     removeLeftoversOfTheDead(u"."_s); // of received files
     SpoolLock lock(spoolDir, [this](const QString &line) { reportFromAnyThread(line); });
-    // Transfer numbers begin anew with every engine. What a killed process has sent may still be
-    // answered; an engine that is not sending ignores that.
+    // The peer may still acknowledge packets of a killed process, and this engine uses the same
+    // transfer ids again. During the first interval it sends nothing and ignores such answers.
     nextScan = Clock::now() + scanInterval;
     while (waitForTurn()) {
         if (isSpoolFree(lock))
@@ -158,8 +160,8 @@ void ScanThread::scan()
     }
 }
 
-// Waits for the end of a transfer, and for a second to pass since the last look at the spool. False
-// as soon as somebody asks for the end.
+// Waits until a second has passed since the last scan and no transfer is in progress. Returns false
+// as soon as stop() is called.
 bool ScanThread::waitForTurn()
 {
     std::unique_lock guard(mutex);
@@ -175,9 +177,9 @@ bool ScanThread::isSpoolFree(SpoolLock &lock)
 {
     const SpoolLock::State state = lock.look();
     const bool isStuck = state == SpoolLock::State::Stuck;
-    if (isStuck && !saidStuckLock)
+    if (isStuck && !reportedStuckLock)
         reportFromAnyThread(tr("Can't remove the lock file of %1, nothing is sent").arg(spoolDir));
-    saidStuckLock = isStuck;
+    reportedStuckLock = isStuck;
     return state == SpoolLock::State::Free;
 }
 
@@ -204,26 +206,26 @@ void ScanThread::handOverFirstFile()
 bool ScanThread::isPassedOver(const QString &name) const
 {
     const auto file = passedOver.constFind(name);
-    return file != passedOver.cend() && Clock::now() < file->until;
+    return file != passedOver.cend() && Clock::now() < file->skippedUntil;
 }
 
 // --- what the engine reports ---
 
 void ScanThread::on_FileSended()
 {
-    deliveryTimer.start(deliveryPause);
+    deliveryTimer.start(pauseBeforeRemoval);
 }
 
 void ScanThread::removeDelivered()
 {
     deliveryTimer.stop();
-    // A newer file that has taken the name meanwhile is not the delivered one.
+    // Fails to match, and stays, if a newer file has taken the name since.
     const bool isRemoved = SpoolDirectory(spoolDir).remove(currentName, currentMark)
         != SpoolDirectory::Removal::Failed;
     const QString path = currentPath;
     release();
-    ++done.filesDelivered;
-    saidShortage = false;
+    ++transferCounters.filesDelivered;
+    reportedShortage = false;
 
     if (isDebugOn())
         qDebug() << u"Transmitted file  "_s + path;
@@ -237,21 +239,23 @@ void ScanThread::removeDelivered()
 
 void ScanThread::on_FileRefused(QString, QString reason)
 {
-    // One that was replaced meanwhile may be a good one by now.
+    // If the file was replaced since, the new one may be fine and gets its own attempt.
     if (SpoolDirectory(spoolDir).mark(currentName) == currentMark)
         setAside(reason);
     release();
 }
 
-// It may be readable again soon: the disk, the rights, or what the process may have open.
+// Leaves the file in the spool for another attempt: the disk may recover, the permissions may be
+// corrected, or the process may have free descriptors again.
 void ScanThread::on_FileUnreadable(QString, int error)
 {
     const bool isKnown = passedOver.contains(currentName);
-    if (isShortage(error) ? !std::exchange(saidShortage, true)
-                          : error != ENOENT && !isKnown && passedOver.size() < maxSaidUnreadable)
+    if (isShortage(error)
+            ? !std::exchange(reportedShortage, true)
+            : error != ENOENT && !isKnown && passedOver.size() < maxReportedUnreadable)
         report(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
     if (!isShortage(error) && error != ENOENT)
-        passedOver[currentName] = {currentMark, Clock::now() + unreadableInterval};
+        passedOver[currentName] = {currentMark, Clock::now() + unreadableRetryInterval};
     release();
 }
 
@@ -260,9 +264,10 @@ void ScanThread::on_FileForgotten()
     sendAfresh(tr("The peer has lost part of file %1, it is sent afresh"));
 }
 
-// The scanning thread may take the next file.
+// Lets the scanning thread take the next file.
 void ScanThread::release()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     {
         const std::lock_guard lock(mutex);
         busy.store(false, std::memory_order_release);
@@ -275,7 +280,7 @@ void ScanThread::setAside(const QString &reason)
     const SpoolDirectory::SetAside result = SpoolDirectory(spoolDir).setAside(currentName);
     if (result == SpoolDirectory::SetAside::Gone)
         return;
-    ++done.filesRefused;
+    ++transferCounters.filesRefused;
     const bool isMoved = result == SpoolDirectory::SetAside::Moved;
     if (!isMoved)
         passedOver.insert(currentName, {currentMark, Clock::time_point::max()});
@@ -284,7 +289,7 @@ void ScanThread::setAside(const QString &reason)
     report(text.arg(currentPath, reason));
 }
 
-// The next scan takes the file again, with the next transfer id.
+// Abandons the transfer. The next scan opens the file again, with the next transfer id.
 void ScanThread::sendAfresh(const QString &text)
 {
     fileTransfer->StopSending();
@@ -302,23 +307,23 @@ void ScanThread::bindSocket()
         bindTimer.stop();
         udpSocket->setSocketOption(
             QAbstractSocket::ReceiveBufferSizeSocketOption, receiveBufferBytes);
-        if (saidNoPort)
+        if (reportedNoPort)
             reportFromAnyThread(tr("Using UDP port %1 now").arg(localPort));
         return;
     }
-    if (!saidNoPort)
+    if (!reportedNoPort)
         reportFromAnyThread(
             tr("Can't use UDP port %1: %2").arg(localPort).arg(udpSocket->errorString()));
-    saidNoPort = true;
-    bindTimer.start(bindInterval);
+    reportedNoPort = true;
+    bindTimer.start(bindRetryInterval);
 }
 
-// Why nothing can be sent to the configured peer, or an empty text.
+// Returns why nothing can be sent to the configured peer, or an empty text.
 QString ScanThread::obstacle() const
 {
     if (PeerAddress::isUnspecified(peerAddress))
         return tr("Nothing is sent: \"%1\" is not the numeric address of a peer").arg(remoteHost);
-    // The engine would acknowledge its own packets.
+    // If the peer were this module, the engine would acknowledge its own packets.
     if (remotePort == localPort && PeerAddress::isThisHost(peerAddress))
         return tr("Nothing is sent: %1 with port %2 is this module itself")
             .arg(remoteHost)
@@ -328,9 +333,9 @@ QString ScanThread::obstacle() const
 
 bool ScanThread::mayReach()
 {
-    if (Clock::now() < nextObstacleLook)
+    if (Clock::now() < nextObstacleCheck)
         return lastObstacle.isEmpty();
-    nextObstacleLook = Clock::now() + obstacleInterval;
+    nextObstacleCheck = Clock::now() + obstacleCheckInterval;
     const QString now = obstacle();
     if (std::exchange(lastObstacle, now) != now && !now.isEmpty())
         report(now);
@@ -339,7 +344,7 @@ bool ScanThread::mayReach()
 
 void ScanThread::SendData(QByteArray &packet)
 {
-    // Without its port the socket would take any other, to which no answer comes.
+    // An unbound socket would send from an arbitrary port, where no answer arrives.
     if (mayReach() && udpSocket->state() == QAbstractSocket::BoundState)
         udpSocket->writeDatagram(packet, peerAddress, remotePort);
     debugDatagram("Send package   ", packet);
@@ -355,56 +360,56 @@ void ScanThread::count(const Packet &sent, qint64 bytes)
 {
     if (sent.kind != Packet::Data)
         return;
-    ++done.packetsSent;
-    done.bytesSent += bytes;
+    ++transferCounters.packetsSent;
+    transferCounters.bytesSent += bytes;
     if (sentPackets.isRepeated(sent.id, sent.number))
-        ++done.packetsRepeated;
+        ++transferCounters.packetsRepeated;
 }
 
 void ScanThread::UdpDatagrams()
 {
-    // Read without asking first whether there is one: the kernel calls the socket readable for a
-    // datagram with a wrong checksum, too, and drops it only when it is looked at. Without an
-    // attempt to read, the socket's notifier would stay switched off from then on.
+    // Do not ask hasPendingDatagrams() first. The kernel reports the socket as readable for a
+    // datagram with a wrong checksum, but drops it when it is read. Without an attempt to read, Qt
+    // would never enable the socket's notifier again.
     for (int i = 0; i < datagramsPerTurn; ++i) {
         QHostAddress sender;
         const qint64 size = udpSocket->readDatagram(
-            buffer.data(), buffer.size(), onlyPeer ? &sender : nullptr, nullptr);
+            datagramBuffer.data(), datagramBuffer.size(), onlyPeer ? &sender : nullptr, nullptr);
         if (size < 0)
             return;
-        if (!onlyPeer || isHeeded(sender))
+        if (!onlyPeer || isFromPeer(sender))
             takeDatagram(int(size));
     }
 }
 
-bool ScanThread::isHeeded(const QHostAddress &sender)
+bool ScanThread::isFromPeer(const QHostAddress &sender)
 {
     if (sender.isEqual(peerAddress, QHostAddress::ConvertV4MappedToIPv4))
         return true;
-    if (!std::exchange(saidStranger, true))
+    if (!std::exchange(reportedStranger, true))
         report(tr("Datagrams from %1 are dropped: it is not the peer").arg(sender.toString()));
     return false;
 }
 
 void ScanThread::takeDatagram(int size)
 {
-    const auto packet = Packet::read(QByteArrayView(buffer).first(size));
+    const auto packet = Packet::read(QByteArrayView(datagramBuffer).first(size));
     if (packet)
         watch.received(*packet);
     if (packet)
-        done.lastAnswer = QDateTime::currentSecsSinceEpoch();
-    fileTransfer->ReceiveData(buffer.data(), size);
-    debugDatagram("Received package   ", QByteArrayView(buffer).first(size));
+        transferCounters.lastAnswer = QDateTime::currentSecsSinceEpoch();
+    fileTransfer->ReceiveData(datagramBuffer.data(), size);
+    debugDatagram("Received package   ", QByteArrayView(datagramBuffer).first(size));
 }
 
-// --- what an operator should hear ---
+// --- reports to the operator ---
 
-// From any thread; heard a moment later.
+// Queues a line for the object's thread, which reports it.
 void ScanThread::reportFromAnyThread(const QString &line)
 {
     const std::lock_guard lock(mutex);
     pendingLines.append(line);
-    // By name for the same reason as in the engine: nothing is shared outside the mutex.
+    // Invoked by name for the same reason as in TFileTransfer::OpenFile().
     QMetaObject::invokeMethod(this, "reportPending", Qt::QueuedConnection);
 }
 
@@ -419,7 +424,7 @@ void ScanThread::reportPending()
         report(line);
 }
 
-// A peer that sends one bad file behind the other must not fill the log.
+// Limits the lines per minute, so that a peer that sends many bad files does not fill the log.
 void ScanThread::reportOfPeer(const QString &line)
 {
     if (Clock::now() >= peerLinesUntil) {
@@ -434,6 +439,7 @@ void ScanThread::reportOfPeer(const QString &line)
 
 void ScanThread::report(const QString &line)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (isDebugOn())
         qDebug() << line;
     pLog->Message(line, TLog::Priority::Warning);

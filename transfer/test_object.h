@@ -20,48 +20,47 @@ class TFileTransfer;
 // Carries a spool directory to the peer over UDP, one file at a time, and receives the peer's files
 // into the working directory.
 //
-// Owner:   the module. It connects the signals, calls start() once and stop() before it deletes the
-//          object; the destructor stops too.
-// Thread:  the object, its socket and its engine live on the thread that constructs it, where all
-//          signals are emitted. Only run() is on the thread's own: it looks for files and hands
+// Owner:   the module. It connects the signals and calls start() once. The destructor calls stop().
+// Thread:  the object, its socket and its engine live on the thread that constructs it, which also
+//          emits all signals. Only run() executes on the new thread: it looks for files and hands
 //          them to the engine.
-// Errors:  never throws. Whatever an operator should hear goes to the log and to LogMessage(), once
-//          for every change. A port that is taken is asked for again every few seconds.
+// Errors:  are reported to the log and through LogMessage(), once for each change of state. If the
+//          local port is taken, binding is retried every few seconds.
 class ScanThread : public QThread
 {
     Q_OBJECT
 public:
-    // Ports of UDP; the peer's numeric address; milliseconds from packet to packet, 0 for as
-    // fast as the path carries.
+    // localPort and remotePort are UDP ports; remoteHost is a numeric address. timeout is the pause
+    // between packets in milliseconds; 0 sends as fast as the path allows.
     ScanThread(QObject *parent, unsigned short localPort, unsigned short remotePort,
         QString remoteHost, unsigned short timeout, QString spoolDir);
     ~ScanThread() override;
 
-    // Ends the scanning and waits for that, well under a second: neither the pause between two
-    // scans nor the compression of a file is waited for, and a hand-over is never cut in two. A
-    // file in transfer stays in the spool. An object that was stopped cannot be started again.
+    // Ends the scanning thread and waits for it, well under a second: the pause between two scans
+    // and the compression of a file are interrupted, a hand-over to the engine is completed. A file
+    // in transfer stays in the spool. A stopped object cannot be started again.
     void stop();
-    // Ends what is not to be done twice: removes a delivered file at once, and waits for received
-    // ones to be written, ten seconds at most. Done by itself when the application ends.
+    // Removes a delivered file at once, so that it is not sent again, and waits up to ten seconds
+    // until received files are written. Runs automatically when the application quits.
     void finish();
 
-    // Takes datagrams from the peer's address only, whatever their port. Before start().
+    // Accepts datagrams from the peer's address only, from any port. Call before start().
     void setOnlyPeer(bool isOnly) { onlyPeer = isOnly; }
-    // Received files with more bytes when inflated are not written; 0, as it is unless set, means
-    // no limit. Before start().
+    // Limits the inflated size of received files; larger ones are not written. 0, the default,
+    // means no limit. Call before start().
     void setMaxReceivedBytes(qint64 bytes);
 
-    // How long a peer that has acknowledged part of a file may be silent before the file is sent
-    // afresh, which costs that part. Five minutes unless set, before start(); longer for a file
-    // that has already taken longer.
+    // Sets how long a peer that has acknowledged part of a file may stay silent before the file is
+    // sent again from the start. Default: five minutes. A file that has already taken longer gets
+    // as long as it has taken. Call before start().
     void setPatience(std::chrono::milliseconds patience) { watch.patience = patience; }
 
-    [[nodiscard]] const TransferCounters &counters() const { return done; }
+    [[nodiscard]] const TransferCounters &counters() const { return transferCounters; }
 
 Q_SIGNALS:
-    // One line of the log, UTF-8.
+    // message is one line for the log, in UTF-8.
     void LogMessage(QByteArray message);
-    // For other programs of the family; not emitted here.
+    // Never emitted; other programs of the family connect to these.
     void Error(QString message);
     void SendBroadcastMessage(QByteArray message);
     void SendMessage(QByteArray uin, QByteArray message);
@@ -83,11 +82,11 @@ private:
 
     using Clock = std::chrono::steady_clock;
 
-    // A file that cannot be sent now, but is still in the spool.
+    // A file that stays in the spool, but is skipped until its mark changes or the time comes.
     struct PassedOver
     {
-        Mark mark; // until it changes
-        Clock::time_point until;
+        Mark mark;
+        Clock::time_point skippedUntil;
     };
 
     void connectEngine();
@@ -103,7 +102,7 @@ private:
 
     [[nodiscard]] QString obstacle() const;
     [[nodiscard]] bool mayReach();
-    [[nodiscard]] bool isHeeded(const QHostAddress &sender);
+    [[nodiscard]] bool isFromPeer(const QHostAddress &sender);
     void takeDatagram(int size);
     void count(const Packet &sent, qint64 bytes);
     void reportFromAnyThread(const QString &line);
@@ -116,38 +115,40 @@ private:
     const QString spoolDir;
     TFileTransfer *fileTransfer;
 
-    // The file in transfer. The scanning thread sets busy last, and the other one clears it last:
-    // while busy is clear these belong to the scanning thread, while it is set to the other.
+    // The file in transfer. While busy is false these belong to the scanning thread, which sets
+    // busy last. While busy is true they belong to the object's thread, which clears it last.
     QString currentPath;
     QString currentName;
-    Mark currentMark = {}; // before it was read
+    Mark currentMark = {}; // taken before the file is read, so a later change is noticed
     QMap<QString, PassedOver> passedOver;
-    QTimer deliveryTimer; // runs between a delivery and the removal of the file
+    QTimer deliveryTimer; // runs between the delivery of a file and its removal
 
     QUdpSocket *udpSocket;
     std::atomic<bool> busy = false;
 
     const quint16 localPort;
-    QByteArray buffer; // of the datagram that was read last
+    QByteArray datagramBuffer;
     QTimer bindTimer;
     AnswerWatch watch;
-    TransferCounters done;
+    TransferCounters transferCounters;
     SentPackets sentPackets;
-    const QHostAddress peerAddress; // of remoteHost
+    const QHostAddress peerAddress;
     bool onlyPeer = false;
-    const bool isSpoolReceived; // the spool is the working directory: nothing is done at all
-    QString lastObstacle; // to sending; empty if there is none
-    Clock::time_point nextObstacleLook{};
+    const bool isSpoolWorkingDirectory; // nothing runs then: received files would be sent back
+    QString lastObstacle; // empty if nothing prevents sending
+    Clock::time_point nextObstacleCheck{};
     Clock::time_point peerLinesUntil{};
     int peerLines = 0;
-    bool saidNoPort = false;
-    bool saidShortage = false; // until a file is delivered
-    bool saidStranger = false;
-    bool saidStuckLock = false; // the scanning thread's, as the next
-    bool hasFailedForeign = false;
+    bool reportedNoPort = false;
+    bool reportedShortage = false; // reset when a file is delivered
+    bool reportedStranger = false;
 
-    Clock::time_point nextScan; // the scanning thread's
-    std::mutex mutex; // guards the rest
+    // Used by the scanning thread only.
+    bool reportedStuckLock = false;
+    bool hasFailedForeign = false; // see SpoolDirectory::setForeignNamesAside()
+    Clock::time_point nextScan;
+
+    std::mutex mutex; // guards the members below
     std::condition_variable stopCondition;
     bool stopRequested = false;
     QStringList pendingLines;
