@@ -136,7 +136,8 @@ void Morvane::Start()
         status.unacknowledged = spoolSender->unacknowledged().waiting();
         if (acknowledgements)
             status.acknowledgedNumber = spoolSender->unacknowledged().storedRecords();
-        status.udp = scanThread ? std::optional(scanThread->counters()) : std::nullopt;
+        if (protocol == "UDP")
+            status.udp = scanThread ? scanThread->counters() : TransferCounters();
     });
     if (keeper->isReady())
         startTransport();

@@ -1,9 +1,12 @@
 #pragma once
 
 #include "BusFrame.h"
+#include "Waiting.h"
 
+#include <QDeadlineTimer>
 #include <QLocalServer>
 #include <QLocalSocket>
+#include <QThread>
 #include <QtEndian>
 
 // "kind name message data id"
@@ -85,9 +88,13 @@ class BusClient : public QLocalSocket
 public:
     explicit BusClient(const QString &name)
     {
-        connectToServer(name);
-        if (!waitForConnected(5'000))
-            qFatal("cannot connect to %s", qPrintable(name));
+        // A name can be there a moment before somebody listens behind it.
+        const QDeadlineTimer end(longestWait);
+        for (connectToServer(name); !waitForConnected(); connectToServer(name)) {
+            if (end.hasExpired())
+                qFatal("cannot connect to %s", qPrintable(name));
+            QThread::msleep(10);
+        }
     }
     void send(const QByteArray &bytes)
     {
