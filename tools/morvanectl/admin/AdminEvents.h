@@ -9,8 +9,6 @@ struct ModuleAction;
 
 // Shows what happens to the modules: one line or paragraph each for a person, in colour on a
 // terminal, or one JSON object a line.
-//
-// Owner:   the subcommand admin.
 class AdminEvents : public QObject
 {
     Q_OBJECT

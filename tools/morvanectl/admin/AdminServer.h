@@ -12,22 +12,20 @@ class TMyLocalSocket;
 //
 // A connection counts as a module once its name frame has arrived.
 //
-// Owner:   the subcommand admin.
-// Thread:  main thread.
-// Errors:  never throws. What a module does wrong ends its connection only.
+// Errors:  a module's mistakes end only its own connection.
 class AdminServer : public ModuleBus
 {
     Q_OBJECT
 public:
     AdminServer();
 
-    // Listens at once. Otherwise the reason why not: a name that is in use is not taken away.
+    // Listens at once. Returns why it cannot, or nothing. It takes no name away that is in use.
     [[nodiscard]] QString listen(const QString &name);
 
-    // Listens again if the socket file has gone. The reason if that fails.
+    // Listens again if the socket file has gone. Returns why that fails, or nothing.
     [[nodiscard]] QString repair();
 
-    // Lost, and said, for a module that has stopped reading.
+    // Skips a module that has stopped reading, and reports that by trouble().
     qint32 send(const QByteArray &command, const QByteArray &name) override;
     // The same with an id from somebody else's range.
     void sendAs(qint32 id, const QByteArray &command, const QByteArray &name);

@@ -6,19 +6,17 @@
 
 #include <QTimer>
 
-// An administration server that stays: consoles attach to it and detach, a service manager hears of
-// it, and what happens is written to standard output.
+// Runs an administration server until it is stopped: lets consoles attach and detach, keeps the
+// service manager informed, and writes what happens to standard output.
 //
-// Owner:   the subcommand admin.
-// Thread:  main thread.
-// Errors:  never throws. A socket file that somebody removes is made again.
+// Errors:  a removed socket file is created again.
 class AdminService : public QObject
 {
     Q_OBJECT
 public:
     explicit AdminService(bool asJson);
 
-    // Listens under the bus name. Otherwise the reason why not.
+    // Listens under the bus name. Returns why it cannot, or nothing.
     [[nodiscard]] QString listen(const QString &name);
 
     [[nodiscard]] const AdminServer &modules() const { return server; }

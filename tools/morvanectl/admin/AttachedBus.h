@@ -10,9 +10,8 @@ class QJsonObject;
 
 // The modules at an administration server that runs elsewhere, seen through its control socket.
 //
-// Owner:   the subcommand admin.
-// Thread:  main thread; attach() waits for the server, some seconds at most.
-// Errors:  never throws. lost() comes when the server goes.
+// Thread:  attach() blocks until the server answers, five seconds at most for each step.
+// Errors:  lost() comes when the server goes.
 class AttachedBus : public ModuleBus
 {
     Q_OBJECT
@@ -22,7 +21,7 @@ public:
     AttachedBus();
     ~AttachedBus() override;
 
-    // The modules that are there already are not announced. Events come from the event loop only.
+    // Does not announce the modules that are already there. Emits events from the event loop only.
     [[nodiscard]] Outcome attach(const QString &serverName);
     // Why attach() has failed.
     [[nodiscard]] QString problem() const { return reason; }

@@ -12,8 +12,7 @@ struct ModuleAction;
 
 // Carries out the commands that were given as arguments, one after the other.
 //
-// Owner:   the subcommand, for the time of its event loop.
-// Errors:  a step that takes too long is said and makes failed() come.
+// Errors:  reports a step that takes too long, and emits failed().
 class CommandRun : public QObject
 {
     Q_OBJECT

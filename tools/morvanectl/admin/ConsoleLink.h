@@ -13,8 +13,7 @@ class QLocalSocket;
 // One console that is attached to the administration server: takes its commands, tells it events.
 //
 // Owner:   ControlServer, until ended().
-// Thread:  main thread.
-// Errors:  never throws. A line that is no command is answered with an "error". A console that does
+// Errors:  answers a line that is not a command with an "error". A console that does
 //          not read misses events, and is told how many once it reads again.
 class ConsoleLink : public QObject
 {

@@ -9,11 +9,10 @@ class ConsoleLink;
 class QJsonObject;
 struct ModuleAction;
 
-// Lets consoles attach to an administration server, through a control socket beside it.
+// Lets consoles attach to an administration server, through a control socket next to its own.
 //
 // Owner:   AdminService.
-// Thread:  main thread.
-// Errors:  never throws. What a console does wrong, or does not read, harms nobody else.
+// Errors:  a console that misbehaves or does not read harms nobody else.
 class ControlServer : public QObject
 {
     Q_OBJECT
@@ -21,9 +20,9 @@ public:
     explicit ControlServer(AdminServer &server);
     ~ControlServer() override;
 
-    // Listens beside the server with this bus name. Otherwise the reason why not.
+    // Listens next to the server with this bus name. Returns why it cannot, or nothing.
     [[nodiscard]] QString listen(const QString &name);
-    // Listens again if the socket file has gone. The reason if that fails.
+    // Listens again if the socket file has gone. Returns why that fails, or nothing.
     [[nodiscard]] QString repair();
 
     [[nodiscard]] qsizetype consoles() const { return links.size(); }

@@ -8,16 +8,16 @@ bool LineCutter::feed(QByteArrayView bytes, const std::function<void(const QByte
     while (!bytes.isEmpty()) {
         const qsizetype end = bytes.indexOf('\n');
         const QByteArrayView piece = end < 0 ? bytes : bytes.first(end);
-        if (!discarding && unfinished.size() + piece.size() > longest) {
-            discarding = true;
+        if (!isDiscarding && unfinished.size() + piece.size() > longest) {
+            isDiscarding = true;
             allFit = false;
             unfinished.clear();
         }
-        if (!discarding)
+        if (!isDiscarding)
             unfinished.append(piece);
         if (end < 0)
             break;
-        if (!std::exchange(discarding, false))
+        if (!std::exchange(isDiscarding, false))
             take(std::exchange(unfinished, {}));
         bytes = bytes.sliced(end + 1);
     }

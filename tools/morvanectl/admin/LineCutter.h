@@ -14,16 +14,16 @@ public:
     {
     }
 
-    // Hands out every line that is complete, without its end. Drops a line that is too long; the
-    // result is false then.
+    // Calls `take` with each complete line, without its line feed. Returns false if it dropped a
+    // line that was too long.
     [[nodiscard]] bool feed(
         QByteArrayView bytes, const std::function<void(const QByteArray &line)> &take);
 
-    // What has come of a line that has no end.
+    // Returns the unfinished line, and forgets it.
     [[nodiscard]] QByteArray takeRest();
 
 private:
     const qsizetype longest;
     QByteArray unfinished;
-    bool discarding = false; // the rest of a line that is too long
+    bool isDiscarding = false; // the rest of a line that is too long
 };

@@ -77,7 +77,7 @@ bool LineEditor::isPossible()
 
 void LineEditor::open()
 {
-    isOpen = true;
+    isLineOpen = true;
     ::rl_callback_handler_install(prompt.constData(), &LineEditor::take);
     std::fflush(stdout);
 }
@@ -87,7 +87,7 @@ void LineEditor::readKey()
     if (isHungUp()) // the library would neither read nor say so
         return take(nullptr);
     ::rl_callback_read_char();
-    if (isOpen || !keys.isEnabled())
+    if (isLineOpen || !keys.isEnabled())
         return;
     // The library leaves the terminal as it is without an editor behind each line, until a key
     // comes; an end of input that comes first would be lost.
@@ -106,7 +106,7 @@ void LineEditor::take(char *line)
     }
     if (*line != '\0')
         ::add_history(line);
-    editor->isOpen = false;
+    editor->isLineOpen = false;
     Q_EMIT editor->typed(QByteArray(line));
 }
 
@@ -136,18 +136,18 @@ void LineEditor::hide()
 // The cursor stands in this row of the line, which disappears.
 void LineEditor::hideBelow(int row)
 {
-    if (isOpen && row > 0)
+    if (isLineOpen && row > 0)
         std::fprintf(stdout, "\x1b[%dA", row);
-    if (isOpen)
+    if (isLineOpen)
         std::fputs(clearFromHere, stdout);
     std::fflush(stdout);
 }
 
-// The library knows it, but does not tell.
+// libedit knows it, but does not tell.
 int LineEditor::rowOfCursor(int columns) const
 {
     int row = 0, column = 0;
-    const QByteArray before = prompt + QByteArray(::rl_line_buffer, isOpen ? ::rl_point : 0);
+    const QByteArray before = prompt + QByteArray(::rl_line_buffer, isLineOpen ? ::rl_point : 0);
     for (const uint character : QString::fromUtf8(before).toUcs4()) {
         const int width = ::wcwidth(wchar_t(character));
         column += width < 0 ? escapedWidth : width;
@@ -159,8 +159,8 @@ int LineEditor::rowOfCursor(int columns) const
     return row;
 }
 
-// Some terminals wrap their lines anew and others do not. The fewer rows are cleared: what a line
-// leaves behind is ugly, but nothing that was said may go.
+// Some terminals wrap their lines anew and others do not. We clear the smaller number of rows: a
+// leftover is ugly, but no earlier output may disappear.
 void LineEditor::fitWindow()
 {
     hideBelow(std::min(rowOfCursor(editorColumns()), rowOfCursor(windowColumns())));
@@ -195,6 +195,6 @@ void LineEditor::resume()
 
 void LineEditor::show()
 {
-    if (isOpen)
+    if (isLineOpen)
         ::rl_forced_update_display();
 }

@@ -8,12 +8,11 @@
 
 #include <functional>
 
-// Lines that a person types on the terminal, with editing and a history. What is said meanwhile
-// stands above the line, which may be longer than the window is wide.
+// Reads the lines that a person types on the terminal, with editing and a history. Other output
+// appears above the line being edited, which may be longer than the window is wide.
 //
-// Owner:   whoever wants the lines. There can be one at a time, for the library has one state.
-// Thread:  main thread.
-// Errors:  never throws. The destructor leaves the terminal as it was.
+// Owner:   whoever wants the lines. Only one can exist, because libedit has one global state.
+// Errors:  the destructor leaves the terminal as it was.
 class LineEditor : public QObject, private OpenLine
 {
     Q_OBJECT
@@ -21,10 +20,10 @@ public:
     explicit LineEditor(const QByteArray &prompt);
     ~LineEditor() override;
 
-    // What the Tab key completes: the words that can stand behind the text before the cursor.
+    // Returns the words that the Tab key offers after the text before the cursor.
     std::function<QStringList(const QString &before)> candidates;
 
-    // Whether a person sits at both ends.
+    // Returns whether standard input and output are a terminal that can move its cursor.
     [[nodiscard]] static bool isPossible();
 
 Q_SIGNALS:
@@ -46,5 +45,5 @@ private:
 
     const QByteArray prompt;
     QSocketNotifier keys;
-    bool isOpen = false; // the line; not while a finished one is handled
+    bool isLineOpen = false; // not while a finished line is handled
 };

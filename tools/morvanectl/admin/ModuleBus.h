@@ -16,9 +16,7 @@ struct ModuleAction
 
 // The modules at one administration server, wherever it runs: what they do, and commands for them.
 //
-// Owner:   the subcommand admin.
-// Thread:  main thread.
-// Errors:  never throws. trouble() says what did not work.
+// Errors:  trouble() reports what did not work.
 class ModuleBus : public QObject
 {
     Q_OBJECT
@@ -26,16 +24,16 @@ public:
     // Stands for one connection of a module, and never for another one.
     using Key = qint64;
 
-    // Those of a name, or all, in the order in which they came.
+    // Returns the modules with this name, or all, in the order in which they came.
     [[nodiscard]] QList<Key> modules(const QByteArray &name = {}) const
     {
         return name.isEmpty() ? names.keys() : names.keys(name);
     }
-    // Fit for a terminal, also for a module that has not announced itself.
+    // Safe to print, also for a module that has not announced itself.
     [[nodiscard]] QString nameOf(Key module) const;
     [[nodiscard]] QByteArray rawNameOf(Key module) const { return names.value(module); }
 
-    // Sends to the modules of a name, or to all; the result is the id that the command bears.
+    // Sends to the modules with this name, or to all; returns the id of the command.
     virtual qint32 send(const QByteArray &command, const QByteArray &name) = 0;
 
     // What becomes of the modules when this process leaves.

@@ -12,10 +12,8 @@
 class ModuleBus;
 struct AdminCommand;
 
-// The commands on standard input; on a terminal its lines can be edited. They wait while no module
-// is there, and from a script, beyond a limit, outside of this process.
-//
-// Owner:   the subcommand, for the time of its event loop.
+// Sends the commands that come on standard input; on a terminal their lines can be edited. They
+// wait while no module is connected. A script that sends too many waits in its own write.
 class TypedCommands : public QObject
 {
     Q_OBJECT

@@ -159,7 +159,7 @@ int runService(const QString &name, bool asJson)
     return status;
 }
 
-// The options, or the exit status of a wrong usage, said.
+// Fills in the options. On wrong usage it prints an error and returns the exit status.
 std::optional<int> readOptions(const CommandLine &line, AdminOptions &options)
 {
     const QStringList texts = AdminCommand::textsOf(line.positionals().sliced(1));

@@ -5,7 +5,6 @@
 
 // Finds what will not work in one settings file, beyond what the module itself reports.
 //
-// Owner:   the subcommand check.
 // Errors:  creates and binds nothing. run() connects to the administration server and to nobody
 //          else, and sends nothing there.
 class SettingsCheck

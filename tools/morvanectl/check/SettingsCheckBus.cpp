@@ -100,7 +100,8 @@ void SettingsCheck::checkConnections(const QString &admin, const QString &server
             "listens"_s);
     if (!admin.isEmpty() && seen.contains(admin))
         addBase(Severity::Warning, BaseSettings::connections,
-            u"\"Connections\" holds the \"AdminServerName\", which the module connects to anyway"_s);
+            u"\"Connections\" holds the \"AdminServerName\", which the module connects to "
+            "anyway"_s);
 }
 
 void SettingsCheck::checkBusName(const Key &key, const QString &name)

@@ -95,8 +95,8 @@ void SettingsText::readKey(const Line &line, qsizetype equals)
                 key, QString::number(line.number))});
     if (line.spansLines)
         allRemarks.append({line.number,
-            u"the value of \"%1\" goes on past the end of its line, because of an open quote or a backslash"_s
-                .arg(key)});
+            u"the value of \"%1\" goes on past the end of its line, because of an open quote or "
+            "a backslash"_s.arg(key)});
     places.insert(path, line.number);
 }
 

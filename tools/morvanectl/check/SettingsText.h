@@ -5,13 +5,13 @@
 #include <QList>
 #include <QString>
 
-// Where the settings of a file stand, which QSettings does not tell.
+// Knows the line of each setting in a file, which QSettings does not tell.
 //
 // The text is cut into lines as QSettings does it: an open quote or a backslash carries a value on
 // over the end of its line, a semicolon ends it. Only places are taken from here, never values.
 //
 // Owner:   whoever reports on a settings file.
-// Errors:  never throws. Lines that make no sense become remarks.
+// Errors:  lines that make no sense become remarks.
 class SettingsText
 {
 public:
@@ -23,8 +23,8 @@ public:
 
     explicit SettingsText(const QByteArray &text);
 
-    // Where the key stands that counts, the last one; else its group, else the first line. Names
-    // outside of any group have an empty one.
+    // Returns the line of the key (of the last one, which counts), else of its group, else 1. The
+    // group of names outside any group is empty.
     [[nodiscard]] int lineOf(const QString &group, const QString &key = {}) const;
     [[nodiscard]] const QList<Remark> &remarks() const { return allRemarks; }
 

@@ -17,7 +17,7 @@ public:
     // The names come from a template with {number}, which must give plain names. The numbers go on
     // behind those of such names that are there, or start again and overwrite.
     [[nodiscard]] bool open(const QString &path, const QString &templateText, bool overwriting);
-    // The number of the new file; nothing if it could not be written.
+    // Returns the number of the new file, or nullopt if it could not be written.
     [[nodiscard]] std::optional<qint64> add(const QByteArray &content);
 
     // The same in two steps: a file under a hidden name of the folder,
@@ -26,11 +26,11 @@ public:
     [[nodiscard]] std::optional<qint64> giveName(const QString &hidden);
 
     [[nodiscard]] const QDir &folder() const { return directory; }
-    // Of the file that was named last.
+    // Returns the name of the file that was named last.
     [[nodiscard]] const QString &latestFileName() const { return latestName; }
-    // The numbers go on behind this one at least.
+    // Continues the numbering after this number at least.
     void startBehind(qint64 number) { lastNumber = std::max(lastNumber, number); }
-    // The files with higher numbers that are there now.
+    // Returns the files with higher numbers that exist now.
     [[nodiscard]] QMap<qint64, QString> behind(qint64 number) const;
 
 private:

@@ -31,19 +31,17 @@ struct ReceiveOptions
 
 // The TCP peer: takes every connection, cuts its stream into records and keeps or shows them.
 //
-// Owner:   the subcommand, for the time of its event loop.
-// Thread:  main thread.
-// Errors:  a peer's fault is said and drops its connection; a record that cannot be written ends
+// Errors:  a peer's fault is reported and ends its connection; a record that cannot be written ends
 //          the event loop with the tool's failure status. What is not safe on the disk is never
 //          acknowledged.
 class Receiver : public QTcpServer
 {
 public:
     explicit Receiver(const ReceiveOptions &receiveOptions);
-    // False, and said, if the port or the folder cannot be used.
+    // Prints an error and returns false if the port or the folder cannot be used.
     [[nodiscard]] bool start();
-    // Keeps what has come whole, unless the records asked for are complete, and says what was
-    // received. The exit status: the given one, or that of lost records.
+    // Keeps the records that have arrived whole, unless --count is reached, and prints the summary.
+    // Returns the given exit status, or lossStatus if it was 0 and records were lost.
     [[nodiscard]] int finish(int status);
 
 private:

@@ -11,8 +11,7 @@
 // receiver does not want stays in the kernel, whose buffer bounds what is lost with the connection.
 //
 // Owner:   the receiver.
-// Thread:  main thread.
-// Errors:  never throws. A connection that fails has ended.
+// Errors:  a connection that fails counts as ended.
 class RecordLink : public QObject
 {
     Q_OBJECT
@@ -30,8 +29,8 @@ public:
     [[nodiscard]] quint32 refusedLength() const { return reader.refusedLength(); }
     [[nodiscard]] bool isAtRecordBoundary() const { return reader.isAtRecordBoundary(); }
 
-    // Tells the module that so many records of this connection are stored for good. False if it has
-    // not read such numbers for so long that there is no room for another.
+    // Tells the module how many records of this connection are stored for good. Returns false if it
+    // has read no acknowledgements for so long that the kernel takes no more.
     [[nodiscard]] bool acknowledge(quint64 records) const;
 
     // Reads nothing more; what has come stays unread.

@@ -114,7 +114,7 @@ std::optional<int> readNumbers(const CommandLine &line, ReceiveOptions &options)
     return std::nullopt;
 }
 
-// The options, or the exit status of a wrong usage, said.
+// Fills in the options. On wrong usage it prints an error and returns the exit status.
 std::optional<int> readOptions(const CommandLine &line, ReceiveOptions &options)
 {
     if (const std::optional<int> status = readNumbers(line, options))

@@ -3,20 +3,21 @@
 #include <QElapsedTimer>
 #include <QString>
 
-// A bar on the last line of a terminal, for work that takes longer than a second. Nowhere else.
+// Draws a bar on the last line of a terminal for work that takes longer than a second. Draws
+// nothing if standard output is not a terminal.
 //
-// Owner:   a subcommand, which says its own lines through it.
+// Owner:   a subcommand, which prints its own lines by sayAbove().
 class Progress
 {
 public:
-    // The whole work in bytes; switched off it shows nothing.
+    // Takes the whole work in bytes. Draws nothing unless `on`.
     Progress(qint64 total, bool on);
     ~Progress() { clear(); }
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
 
     void update(qint64 done, const QString &remark);
-    // A line of its own, above the bar.
+    // Prints a line above the bar.
     void sayAbove(const QString &line);
     void clear();
     [[nodiscard]] bool isDrawn() const { return drawn; }

@@ -48,7 +48,7 @@ std::optional<QByteArray> readToEnd(const QString &path)
     return std::nullopt;
 }
 
-// A whole data frame; empty, and said, if the content is too long for one.
+// Returns a whole data frame. Prints an error and returns nothing if the content is too long.
 QByteArray makeFrame(
     const SendOptions &options, const SendOptions::Item &item, const QByteArray &content)
 {
@@ -179,7 +179,7 @@ void Sender::showProgress()
             QString::number(sentRecords), counted(options.items.size(), u"record"_s), standstill));
 }
 
-// Where no bar shows it, it is said once.
+// Without a progress bar a standstill is reported once.
 void Sender::noteStandstill()
 {
     if (options.timeoutSeconds > 0 && sinceMovement.hasExpired(options.timeoutSeconds * 1'000LL))

@@ -34,9 +34,7 @@ inline const QString standardInput = QStringLiteral("-"); // instead of a file
 
 // Sends the files of one run over one connection.
 //
-// Owner:   the subcommand, for the time of its event loop.
-// Thread:  main thread.
-// Errors:  are said and end the event loop with the tool's failure status; success ends it with 0.
+// Errors:  prints them and ends the event loop with failureStatus; success ends it with 0.
 class Sender : public QObject
 {
 public:

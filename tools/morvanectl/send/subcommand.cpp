@@ -38,7 +38,7 @@ waiting; --timeout gives up. That all bytes have left does not prove that the mo
 stored them. The bus sockets are in the temporary folder, so TMPDIR must be the same for
 all processes on the bus.)";
 
-// What can be known before anything is sent; empty if nothing is wrong.
+// Returns why the file cannot be sent, as far as that is known before; empty if it can.
 QString problemWith(const QString &file)
 {
     struct stat info = {};
@@ -127,7 +127,7 @@ void addOptions(CommandLine &line)
     line.addFlag(u"quiet"_s, u"Report only what goes wrong."_s);
 }
 
-// The options, or the exit status of a wrong usage, said.
+// Fills in the options. On wrong usage it prints an error and returns the exit status.
 std::optional<int> readOptions(const CommandLine &line, SendOptions &options)
 {
     options.module = line.positionals().constFirst();

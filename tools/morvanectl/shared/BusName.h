@@ -17,9 +17,9 @@ class QLocalServer;
 // The socket file of a bus name. It lies in the temporary folder, which TMPDIR moves.
 [[nodiscard]] QString busSocketPath(const QString &name);
 
-// Listens under a bus name, for this user and the group. Otherwise the reason why not: only a
-// socket file that a server has left behind is removed.
+// Listens under a bus name, for this user and the group. Returns why it cannot, or nothing. It
+// removes only a socket file that a dead server has left behind.
 [[nodiscard]] QString listenOnBus(QLocalServer &server, const QString &name);
-// Listens again if the server has lost its socket file, which makes nobody else fail. The reason if
-// that is not possible.
+// Listens again if somebody has removed the server's socket file; connections stay. Returns why it
+// cannot, or nothing.
 [[nodiscard]] QString keepListening(QLocalServer &server, const QString &name);

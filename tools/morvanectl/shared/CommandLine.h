@@ -9,8 +9,7 @@
 
 // The command line of one subcommand: its help, its options and what is wrong with them.
 //
-// Owner:   the subcommand.
-// Errors:  said on standard error; the exit status to leave with is the result.
+// Errors:  prints them to standard error and returns the exit status.
 class CommandLine
 {
 public:
@@ -21,19 +20,19 @@ public:
     void addValue(const QString &name, const QString &valueName, const QString &description,
         const QString &defaultValue = {});
 
-    // An exit status if there is nothing more to do: help was asked for, or the usage is wrong.
+    // Returns an exit status if help was asked for or the usage is wrong, and nullopt to go on.
     [[nodiscard]] std::optional<int> parse(const QStringList &arguments, qsizetype fewest,
         qsizetype most = std::numeric_limits<qsizetype>::max());
 
     [[nodiscard]] QStringList positionals() const { return parser.positionalArguments(); }
     [[nodiscard]] bool isSet(const QString &name) const { return parser.isSet(name); }
     [[nodiscard]] QString value(const QString &name) const { return parser.value(name); }
-    // Nothing, and said, if the option's value is no number from least to most.
+    // Prints a usage error and returns nullopt unless the value is an integer in [least, most].
     [[nodiscard]] std::optional<int> number(const QString &name, int least, int most) const;
     [[nodiscard]] std::optional<int> number(
         const QString &what, const QString &text, int least, int most) const;
 
-    // Says it with a hint at the help, and gives the exit status.
+    // Prints the error with a hint at --help, and returns the exit status.
     int wrongUsage(const QString &what) const;
 
 private:

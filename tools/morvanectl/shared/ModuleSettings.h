@@ -6,8 +6,7 @@
 
 // A module's settings file, read as the module reads it.
 //
-// Owner:   a subcommand.
-// Errors:  never throws. A missing file gives the defaults, as it does in the module.
+// Errors:  a missing file gives the defaults, as it does in the module.
 class ModuleSettings
 {
 public:
@@ -27,7 +26,7 @@ public:
 
     // All that the file sets, as "Group/Key", or "Key" outside of any group.
     [[nodiscard]] QStringList allKeys() const { return settings.allKeys(); }
-    // An unquoted comma makes a list of a value, and blanks beside it are lost.
+    // Returns whether an unquoted comma makes a list of the value; blanks next to it are lost.
     [[nodiscard]] bool isList(const QString &path) const;
 
 private:

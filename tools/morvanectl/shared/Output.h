@@ -8,18 +8,17 @@ inline constexpr int failureStatus = 1;
 inline constexpr int usageStatus = 2;
 inline constexpr int lossStatus = 3; // records that a module has forgotten were not kept
 
-// One line to standard output or standard error, there when this returns. The first line that
-// standard output does not take is complained about and ends the event loop with failureStatus.
+// Print a line to standard output or standard error and flush it. The first line that standard
+// output does not take is reported on standard error and ends the event loop with failureStatus.
 void say(const QString &line);
 void complain(const QString &line);
 
-// The exit status of a process that would leave with this one: failure if anything that was said
-// has not got out.
+// Returns failureStatus instead of 0 if any output was lost, and other statuses as they are.
 [[nodiscard]] int honestStatus(int status);
-// Keeps the event loop running although nobody hears what is said any more.
+// Keeps the event loop running when standard output fails.
 void outliveOutput();
 
-// A line on the terminal that is not finished yet makes way for each of them.
+// The prompt being edited: hidden while a line is printed, then redrawn.
 class OpenLine
 {
 public:
@@ -33,18 +32,18 @@ void setOpenLine(OpenLine *line); // null: there is none
 
 // Whether a person is looking at standard output.
 [[nodiscard]] bool isTerminal();
-// Whether the terminal there can move its cursor; and show colours, which the person wants.
+// Whether that terminal can move its cursor; whether it shows colours and NO_COLOR is not set.
 [[nodiscard]] bool isFullTerminal();
 [[nodiscard]] bool hasColours();
 
 // Whether standard output goes to the journal of the system.
 [[nodiscard]] bool isJournal();
 
-// The local time, as it stands in front of everything that happens.
+// Returns the local time, which begins each line about an event.
 [[nodiscard]] QString timeStamp();
 
-// UTF-8 from somewhere else, fit for a terminal: control characters but line feed and tab are
-// shown as escapes, and a very long text is cut off with a remark.
+// Makes foreign UTF-8 safe to print: escapes control characters except line feed and tab, and cuts
+// off a very long text with a remark.
 [[nodiscard]] QString printable(const QByteArray &text);
 
 // "1 record", "2 records"

@@ -9,10 +9,10 @@
 // which asks for acknowledgement, after three ticks that announce the file.
 namespace UdpPace {
 
-// Data packets of a file with so many bytes when compressed.
+// Returns the number of data packets of a file, from its compressed size.
 [[nodiscard]] qint64 packets(qint64 compressedBytes);
 
-// Nothing at a timeout of 0, which sends as fast as the link carries.
+// Returns nullopt at a timeout of 0, which sends as fast as the link carries.
 [[nodiscard]] std::optional<std::chrono::milliseconds> duration(qint64 packets, quint16 timeout);
 
 // "950 ms", "12 s", "3 min 5 s", "1 h 23 min", "2 days 3 h"

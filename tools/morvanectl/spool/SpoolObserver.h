@@ -5,12 +5,11 @@
 
 #include <QHash>
 
-// Looks at a spool directory without changing anything in it, and without being in the way of those
-// who do.
+// Reads the state of a spool directory. Changes nothing in it and gets in nobody's way.
 //
-// Owner:   the subcommand spool, for all its looks: sizes once found by compressing are kept.
+// Owner:   the subcommand spool, for all its looks: it keeps the compressed sizes it has found.
 // Thread:  any one thread.
-// Errors:  never throws. Files that go while it looks are left out.
+// Errors:  leaves out files that go while it looks.
 class SpoolObserver
 {
 public:

@@ -35,7 +35,7 @@ struct SpoolState
     struct Transfer
     {
         qint64 packets = 0;
-        // Over an undisturbed link; none where no pace is set.
+        // Over an undisturbed link; nullopt if no pace is set.
         std::optional<std::chrono::milliseconds> duration = std::chrono::milliseconds(0);
         bool isUpperBound = false; // not all files could be compressed in acceptable time
     };

@@ -5,8 +5,7 @@
 
 // The status file of a module, as it has written it last.
 //
-// Owner:   the subcommand spool.
-// Errors:  never throws. Without a file there are no values; lines that make no sense are left out.
+// Errors:  without a file there are no values; lines that make no sense are left out.
 class StatusPage
 {
 public:

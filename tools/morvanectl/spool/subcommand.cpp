@@ -37,7 +37,7 @@ seconds.
 
 Nothing in the spool is changed. The exit status is 0, or 1 if the spool cannot be read.)";
 
-// False, and said, if there is no such folder.
+// Prints an error and returns false if the folder cannot be read.
 bool show(SpoolObserver &observer, const QString &statusFile, bool asJson)
 {
     if (const QString problem = observer.problem(); !problem.isEmpty()) {
