@@ -55,7 +55,7 @@ bool writeHalfway(int folder, const Journal::Entry &entry)
         else if (count == 0 || errno != EINTR)
             return false;
     }
-    const timespec time = {entry.time / 1'000'000'000, entry.time % 1'000'000'000};
+    const timespec time = {entry.acceptedAt / 1'000'000'000, entry.acceptedAt % 1'000'000'000};
     const timespec times[] = {time, time};
     return ::futimens(file.get(), times) == 0 && ::close(file.release()) == 0;
 }

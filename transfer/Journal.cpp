@@ -18,17 +18,17 @@ namespace {
 constexpr quint32 fileMagic = 0x4C4E524A; // "JRNL"
 constexpr quint32 fileVersion = 1;
 constexpr off_t stateAt = 512, syncAt = 1024, ringAt = 4096;
-constexpr qint64 leastBytes = 65'536; // a smaller ring is not worth the trouble
-constexpr quint64 shareOfFree = 8; // at most this part of the disk's free room
+constexpr qint64 leastBytes = 65'536; // a smaller ring is not worth creating
+constexpr quint64 shareOfFree = 8; // the ring takes at most 1/8 of the disk's free space
 constexpr mode_t fileMode = 0600;
 
-// Blocks of the file. Each is smaller than a sector, which disks write whole or not at all.
+// Blocks of the file. Each fits into a sector, which disks write whole or not at all.
 struct IdentityBlock
 {
     quint32 magic;
     quint32 version;
     quint64 capacity;
-    quint32 seed; // of the records' checksums: bytes of another journal are none of this one
+    quint32 seed; // for the records' checksums; records of another journal do not match
     quint32 unused;
     char host[48];
     char boot[48];
@@ -97,7 +97,7 @@ bool saveNumber(int file, qint64 number, off_t at)
     return writeBlock(file, block, at);
 }
 
-// 0 if the block is damaged: then everything counts as not free, and nothing as synced.
+// Returns 0 if the block is damaged. Then all records count as in use and nothing as synced.
 qint64 savedNumber(int file, off_t at)
 {
     StateBlock block = {};
@@ -125,7 +125,7 @@ quint64 recordBytes(qsizetype nameBytes, qsizetype contentBytes)
     return aligned(sizeof(RecordHeader) + quint64(nameBytes) + quint64(contentBytes));
 }
 
-// Reads the record at the start of some bytes; false if there is no whole one.
+// Reads the record at the start of bytes. Returns false if there is no whole record.
 bool readRecord(QByteArrayView bytes, quint32 seed, RecordHeader &header, Journal::Entry &entry)
 {
     if (size_t(bytes.size()) < sizeof(header))
@@ -137,7 +137,7 @@ bool readRecord(QByteArrayView bytes, quint32 seed, RecordHeader &header, Journa
         return false;
     entry.name = bytes.sliced(sizeof(header), header.nameBytes);
     entry.content = bytes.sliced(qsizetype(sizeof(header)) + header.nameBytes, header.contentBytes);
-    entry.time = header.time;
+    entry.acceptedAt = header.time;
     entry.end = header.position + aligned(size);
     return true;
 }
@@ -174,8 +174,8 @@ bool Journal::create(int folder)
 
 bool Journal::writeHeader(qint64 ringBytes)
 {
-    seed = QRandomGenerator::global()->generate();
-    IdentityBlock block = {fileMagic, fileVersion, quint64(ringBytes), seed, 0, {}, {}};
+    checksumSeed = QRandomGenerator::global()->generate();
+    IdentityBlock block = {fileMagic, fileVersion, quint64(ringBytes), checksumSeed, 0, {}, {}};
     copyText(block.host, here().host);
     copyText(block.boot, here().boot);
     capacity = block.capacity;
@@ -193,21 +193,21 @@ bool Journal::open(int folder)
         return false;
     }
     capacity = block.capacity;
-    seed = block.seed;
+    checksumSeed = block.seed;
     head = quint64(savedNumber(file.get(), stateAt));
     tail = head;
     scan(0, capacity, [this](const Entry &entry) {
         tail = entry.end;
         return true;
     });
-    written = tail;
+    writtenEnd = tail;
     return true;
 }
 
 void Journal::close()
 {
     file = Descriptor();
-    capacity = head = tail = written = 0;
+    capacity = head = tail = writtenEnd = 0;
     staged.clear();
     failed = false;
 }
@@ -235,9 +235,10 @@ bool Journal::sync(int descriptor)
     return ::fdatasync(descriptor) == 0;
 }
 
-// --- records in ---
+// --- adding records ---
 
-// A record that does not fit in front of the ring's end begins at its start.
+// Returns the position for a record of that size. If it does not fit before the ring's end, it goes
+// to the ring's start.
 quint64 Journal::placeFor(qsizetype bytes) const
 {
     const quint64 at = tail % capacity;
@@ -258,8 +259,8 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
     const quint64 place = placeFor(qsizetype(bytes));
     Q_ASSERT(hasRoomFor(name.size(), contentBytes));
     if (place != tail) {
-        failed = !writeStaged(); // the ring's end cuts what is staged in two
-        tail = written = place;
+        failed = !writeStaged(); // staged bytes must be contiguous in the ring
+        tail = writtenEnd = place;
     }
     const qsizetype at = staged.size();
     staged.resize(at + qsizetype(bytes));
@@ -274,7 +275,7 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
     std::memset(body + name.size() + contentBytes, 0,
         size_t(to + bytes - body - name.size() - contentBytes));
     const size_t checked = sizeof(header) - checkedAt + size_t(name.size() + contentBytes);
-    header.checksum = checksum(to + checkedAt, checked, seed);
+    header.checksum = checksum(to + checkedAt, checked, checksumSeed);
     std::memcpy(to, &header, sizeof(header));
     tail = place + bytes;
     return tail;
@@ -282,10 +283,10 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
 
 bool Journal::writeStaged()
 {
-    const off_t at = ringAt + off_t(written % std::max<quint64>(capacity, 1));
+    const off_t at = ringAt + off_t(writtenEnd % std::max<quint64>(capacity, 1));
     if (!writeAll(file.get(), staged.constData(), size_t(staged.size()), at))
         return false;
-    written += quint64(staged.size());
+    writtenEnd += quint64(staged.size());
     staged.resize(0);
     return true;
 }
@@ -302,22 +303,22 @@ void Journal::free(quint64 position)
     if (position <= head)
         return;
     head = std::min(position, tail);
-    std::ignore = saveNumber(file.get(), qint64(head), stateAt); // else it comes twice after a kill
+    std::ignore = saveNumber(file.get(), qint64(head), stateAt); // if it fails: sent twice at worst
 }
 
-// --- records out ---
+// --- visiting records ---
 
 bool Journal::forEach(const std::function<bool(const Entry &)> &visit) const
 {
-    if (head == written)
+    if (head == writtenEnd)
         return true;
     const quint64 from = head % capacity;
-    const bool isOneSpan = from + (written - head) <= capacity;
-    return isOneSpan ? scan(from, written - head, visit) : scan(0, capacity, visit);
+    const bool isOneSpan = from + (writtenEnd - head) <= capacity;
+    return isOneSpan ? scan(from, writtenEnd - head, visit) : scan(0, capacity, visit);
 }
 
-// After a power cut any part of the ring may be missing, so every place where a record can begin is
-// looked at. One of an earlier round of the ring lies in front of the head.
+// Checks every offset at which a record can begin, because after a power cut any part of the ring
+// may be missing. Ignores records of earlier rounds, whose positions lie before the head.
 bool Journal::scan(
     quint64 from, quint64 size, const std::function<bool(const Entry &)> &visit) const
 {
@@ -329,7 +330,7 @@ bool Journal::scan(
         RecordHeader header;
         Entry entry;
         const bool isWhole =
-            readRecord(QByteArrayView(bytes).sliced(qsizetype(at)), seed, header, entry);
+            readRecord(QByteArrayView(bytes).sliced(qsizetype(at)), checksumSeed, header, entry);
         const bool isOwn = isWhole && header.position % capacity == from + at;
         if (isOwn && header.position >= head && header.position < head + capacity)
             found.emplace_back(header.position, entry);
@@ -346,7 +347,7 @@ void Journal::forEachStaged(const std::function<void(const Entry &)> &visit) con
     RecordHeader header;
     Entry entry;
     QByteArrayView rest(staged);
-    while (readRecord(rest, seed, header, entry)) {
+    while (readRecord(rest, checksumSeed, header, entry)) {
         visit(entry);
         rest = rest.sliced(qsizetype(entry.end - header.position));
     }

@@ -7,36 +7,36 @@
 
 #include <functional>
 
-// A ring of records in one preallocated file: records on their way to the peer that have no file of
-// their own in the spool.
+// A ring of records in one preallocated file. It holds records that are on their way to the peer
+// and have no file of their own in the spool.
 //
-// Records are staged in memory and written together by commit(), one system call for all that one
-// read of the bus has brought. Each carries a checksum over all of it, so a kill or a power cut
-// leaves a record whole or absent. The file is written, not mapped: a full disk or a failing one
-// gives a result here, and no signal.
+// Records are staged in memory. commit() writes all records from one read of the bus with one
+// system call. Each record has a checksum, so after a kill or a power cut it is either whole or
+// absent. The file is written rather than mapped, so that a full or failing disk causes an error
+// result and not a signal.
 //
 //   offset   what
 //   0        identity: magic, version, host, boot, bytes of the ring; written once
-//   512      state: checksum, position of the oldest record that is not free
+//   512      state: checksum, position of the oldest record in use
 //   1024     sync: checksum, time up to which the file system is known to be on the disk
 //   4096     the ring: records at multiples of 64 bytes; none is split at the ring's end
 //
-// Positions count bytes since the journal was made and never go back; a record at position p lies
-// at p modulo the ring's size. The layout is this host's own and never leaves it.
+// Positions count bytes since the journal was created and never decrease. A record at position p
+// lies at offset p modulo the ring's size. Byte order and layout are those of this host.
 //
-// Owner:   the process that holds the kernel's lock on the folder around it.
-// Thread:  any one thread. Only sync() may run on another one at the same time.
+// Owner:   the process that holds the kernel's lock on the enclosing folder.
+// Thread:  any one thread. noteSynced() and sync() may run on another one at the same time.
 class Journal
 {
 public:
     struct Entry
     {
         QByteArrayView name; // file system encoding
-        QByteArrayView content; // of the spool file that it stands for
-        qint64 time; // nanoseconds since the epoch: when the record was accepted
-        quint64 end; // position behind it
+        QByteArrayView content; // as the record's spool file would have it
+        qint64 acceptedAt; // nanoseconds since the epoch
+        quint64 end; // position after the record
     };
-    // Where the owner ran.
+    // Identifies the host and the boot that the owner ran on.
     struct Identity
     {
         QByteArray host; // empty if the host has no id
@@ -51,38 +51,41 @@ public:
     Journal(const Journal &) = delete;
     Journal &operator=(const Journal &) = delete;
 
-    // Makes the file in a folder. On a disk with little room it is smaller, down to no ring at all.
+    // Creates the file in a folder. If the disk is nearly full the ring is smaller, or has no room.
     [[nodiscard]] bool create(int folder);
-    // Opens what another process has left.
+    // Opens the journal that another process has left.
     [[nodiscard]] bool open(int folder);
     void close();
     [[nodiscard]] bool isOpen() const { return file.isOpen(); }
     [[nodiscard]] int descriptor() const { return file.get(); }
 
     [[nodiscard]] Identity identity() const;
-    // The identity of this process.
+    // Returns the identity of this process.
     [[nodiscard]] static const Identity &here();
 
     [[nodiscard]] bool hasRoomFor(qsizetype nameBytes, qsizetype contentBytes) const;
-    // Stages a record whose content is in two pieces; there must be room. Returns its end.
+    // Stages a record with the content kind + payload and returns the position after it. Call
+    // hasRoomFor() first.
     quint64 add(QByteArrayView name, qint64 time, QByteArrayView kind, QByteArrayView payload);
-    // Writes what is staged. After a failure the journal takes no more records, and what was staged
+    // Writes the staged records. After a failure the journal takes no more records; the staged ones
     // can still be visited.
     [[nodiscard]] bool commit();
-    // Frees all records up to a position that add() has returned.
+    // Frees all records up to a position that add() returned.
     void free(quint64 position);
     [[nodiscard]] bool isEmpty() const { return head == tail; }
     [[nodiscard]] quint64 end() const { return tail; }
 
-    // Calls visit for every record that is not free, in order, until it returns false; false then.
+    // Calls visit for every written record in use, in order. Stops and returns false when visit
+    // returns false.
     bool forEach(const std::function<bool(const Entry &)> &visit) const;
-    // The same for those that are staged.
+    // Calls visit for every staged record, in order.
     void forEachStaged(const std::function<void(const Entry &)> &visit) const;
 
-    // Nanoseconds since the epoch: what was in the file system by then is on the disk.
+    // Returns the time, in nanoseconds since the epoch, up to which changes of the file system are
+    // known to be on the disk.
     [[nodiscard]] qint64 syncedUntil() const;
-    // Notes that time, and brings the file to the disk. Both take the file's descriptor, because
-    // they run on a thread that may outlive the journal.
+    // Stores that time; sync() flushes the journal to the disk. Both take the file's descriptor,
+    // because they run on a thread that may outlive the journal.
     static bool noteSynced(int descriptor, qint64 time);
     static bool sync(int descriptor);
 
@@ -94,10 +97,10 @@ private:
 
     Descriptor file;
     quint64 capacity = 0; // bytes of the ring
-    quint32 seed = 0; // of the records' checksums
-    quint64 head = 0; // position of the oldest record that is not free
-    quint64 tail = 0; // position behind the last one
-    quint64 written = 0; // position behind the last one in the file
-    QByteArray staged; // bytes from there to the tail
+    quint32 checksumSeed = 0;
+    quint64 head = 0; // position of the oldest record in use
+    quint64 tail = 0; // position after the last record, staged ones included
+    quint64 writtenEnd = 0; // position after the last record in the file
+    QByteArray staged; // the bytes between these two
     bool failed = false;
 };

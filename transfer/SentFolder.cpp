@@ -28,8 +28,8 @@ bool SentFolder::isGone() const
     return ::fstat(folder.get(), &info) == 0 && info.st_nlink == 0;
 }
 
-// Another process that is just starting may take the new folder for a dead one's as long as it is
-// not locked, and remove it: then a second one is made.
+// Retries once: until the new folder is locked, a process that is just starting may take it for a
+// leftover and remove it.
 bool SentFolder::open()
 {
     if (folder.isOpen() && !isGone())
@@ -48,7 +48,7 @@ bool SentFolder::make()
     const bool isTaken =
         folder.isOpen() && ::flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     if (folder.isOpen() && !isTaken && !isGone()) {
-        std::ignore = records.create(folder.get()); // without it every record becomes a file
+        std::ignore = records.create(folder.get()); // without a journal every record becomes a file
         return true;
     }
     ::rmdir(path.constData());
@@ -78,7 +78,7 @@ SentFolder::Take SentFolder::take(
         kept.insert(name);
         if (isUnchanged(file, mark, content))
             return Take::Taken;
-        // Another writer has just changed or replaced the file: this one has not been sent.
+        // Another writer has just changed or replaced the file, and the new content was not sent.
         giveBack(name);
         return Take::Replaced;
     }
@@ -87,14 +87,14 @@ SentFolder::Take SentFolder::take(
     return errno == ENOSPC || errno == EDQUOT ? Take::NoRoom : Take::Stuck;
 }
 
-// Some file systems change a file's number by themselves: then its content decides.
+// Compares the content if only the inode differs, because some file systems change inode numbers.
 bool SentFolder::isUnchanged(
     const QByteArray &file, const SpoolFile::Mark &mark, QByteArrayView content) const
 {
     struct stat info;
     if (::fstatat(folder.get(), file.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return true;
-    if (!S_ISREG(info.st_mode)) // the link to a file
+    if (!S_ISREG(info.st_mode)) // a symbolic link
         return true;
     const SpoolFile::Mark now = SpoolFile::markOf(info);
     if (now.size != mark.size || now.modified != mark.modified)

@@ -6,16 +6,14 @@
 
 #include <QSet>
 
-// What a process has on its way to the peer: a hidden folder of the spool directory, with the
-// journal of records that have no file and with the files that a link has taken.
+// Holds what a process has sent but the peer has not yet acknowledged: a hidden folder of the spool
+// directory, with the journal of records that have no file and the files that a link has taken.
 //
-// A listed file is moved here, not copied and removed: its bytes are as safe on the disk as they
-// were. The owner holds the kernel's lock on the folder, so that of a process that was killed can
-// be told from that of a living one; Leftovers gives its content back.
+// A spool file is moved here rather than copied, so its bytes stay as safe on the disk as they
+// were. The owner holds the kernel's lock on the folder, which shows whether its process still
+// lives. After a kill, Leftovers gives the content back.
 //
-// Owner:   SpoolKeeper.
-// Thread:  any one thread.
-// Errors:  never throws. A file that cannot be taken stays in the spool.
+// Errors:  a file that cannot be taken stays in the spool.
 class SentFolder
 {
 public:
@@ -23,34 +21,34 @@ public:
 
     explicit SentFolder(const QString &spool);
 
-    // Makes the folder unless it is there. False, with the reason in errno, if that fails.
+    // Creates the folder unless it exists. Returns false, with the reason in errno, on failure.
     [[nodiscard]] bool open();
-    // Removes the folder if nothing is kept in it.
+    // Removes the folder if it is empty.
     void close();
 
     enum class Take {
         Taken,
-        Gone, // somebody else has removed it
-        Replaced, // by another file, which stays listed
-        NoRoom, // on the disk; it stays listed
-        Stuck // it cannot be removed, and stays listed
+        Gone, // somebody else has removed the file
+        Replaced, // another file has taken the name and stays listed
+        NoRoom, // the disk is full; the file stays listed
+        Stuck // the file cannot be moved and stays listed
     };
-    // Takes a spool file with that mark and content out of the listing. No file of its name may be
-    // kept.
+    // Moves a spool file here if it still has the mark and the content. No file of that name may be
+    // held already.
     [[nodiscard]] Take take(
         const QString &name, const SpoolFile::Mark &mark, QByteArrayView content);
-    // The peer has it: removes a kept file for good.
+    // Deletes a held file, because the peer has stored it.
     void discard(const QString &name);
-    // The peer may not have it: puts a kept file back. False, with the reason in errno, if it
-    // cannot go back now.
+    // Moves a held file back into the spool, because the peer may not have it. Returns false, with
+    // the reason in errno, if that fails for now.
     bool giveBack(const QString &name);
-    // The same for all kept files and all records of the journal.
+    // Gives back all held files and all records of the journal. Returns false if some remain.
     [[nodiscard]] bool giveAllBack();
     [[nodiscard]] bool isEmpty() const { return kept.isEmpty() && records.isEmpty(); }
     [[nodiscard]] bool holds(const QString &name) const { return kept.contains(name); }
 
     [[nodiscard]] Journal &journal() { return records; }
-    // Empty before open(); file system encoding.
+    // Returns the folder's name in file system encoding; empty before open().
     [[nodiscard]] QByteArray name() const { return path.mid(spool.size() + 1); }
 
 private:
@@ -61,7 +59,7 @@ private:
 
     const QByteArray spool; // file system encoding, as path
     QByteArray path;
-    Descriptor folder; // locked
+    Descriptor folder; // holds the kernel's lock
     QSet<QString> kept;
     Journal records;
 };

@@ -28,26 +28,26 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto staleAge = 30s; // a lock that old belongs to nobody
+constexpr auto staleAge = 30s; // then the lock belongs to nobody
 constexpr auto abandonedAge = 10ms; // see isAbandoned()
-constexpr auto longestWait = 60s; // for a lock that others pass on among themselves
-constexpr mode_t ownLockMark = S_ISVTX; // means nothing else on a file: others see an empty file
-constexpr auto settledAge = 3s; // file systems keep times to 2 seconds or finer
-constexpr auto longWait = 1s; // a wait that an operator should hear of
-constexpr auto lockPoll = 100us; // between two looks of a waiting writer
+constexpr auto longestWait = 60s; // for a lock that others pass among themselves
+constexpr mode_t ownLockMark = S_ISVTX; // has no other meaning for a regular file
+constexpr auto settledAge = 3s; // file systems store times to 2 seconds or finer
+constexpr auto reportedWait = 1s; // longer waits are reported to the operator
+constexpr auto lockPoll = 100us; // between two checks of a waiting writer
 constexpr mode_t newFileMode = 0666; // less the umask
 const QString refusedFolder = u"refused"_s;
 constexpr qsizetype maxForeign = 1'000; // files set aside at a time
 constexpr mode_t newFolderMode = 0777; // less the umask
-constexpr quint64 namesPerLook = 1'024; // then a pass over a directory may be ended
-constexpr qint64 maxFileBytes = std::numeric_limits<quint32>::max(); // what a link record can carry
+constexpr quint64 namesPerCheck = 1'024; // between two checks for an interruption
+constexpr qint64 maxFileBytes = std::numeric_limits<quint32>::max(); // limit of a link record
 
 qint64 nanoseconds(const timespec &time)
 {
     return qint64(time.tv_sec) * 1'000'000'000 + time.tv_nsec;
 }
 
-// Only the system that all processes run on sees all of their locks on such a file.
+// Returns whether a file is on a local file system, where the kernel sees every process's locks.
 bool isLocal(int file)
 {
     constexpr decltype(statfs::f_type) local[] = {EXT4_SUPER_MAGIC, XFS_SUPER_MAGIC,
@@ -64,9 +64,9 @@ std::chrono::nanoseconds ageOf(qint64 modified)
     return std::chrono::nanoseconds(nanoseconds(now) - modified);
 }
 
-// Calls visit(name, isFile) for every visible name, in no order; isFile() says whether it is one to
-// be sent, and may cost a system call. False if the directory was not read to its end, because it
-// cannot be or because the calling thread is asked to end.
+// Calls visit(name, isFile) for every visible name, in no particular order. isFile() tells whether
+// the entry is a regular file and may cost a system call. Returns false if the directory was not
+// read to its end, because of an error or because the calling thread was interrupted.
 template <typename Visit> bool forEachName(const QString &path, Visit visit)
 {
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(
@@ -74,7 +74,7 @@ template <typename Visit> bool forEachName(const QString &path, Visit visit)
     if (!directory)
         return false;
     for (quint64 count = 1; const dirent *entry = ::readdir(directory.get()); ++count) {
-        if (count % namesPerLook == 0 && QThread::currentThread()->isInterruptionRequested())
+        if (count % namesPerCheck == 0 && QThread::currentThread()->isInterruptionRequested())
             return false;
         if (entry->d_name[0] != '.')
             visit(QByteArrayView(entry->d_name),
@@ -83,14 +83,14 @@ template <typename Visit> bool forEachName(const QString &path, Visit visit)
     return true;
 }
 
-// Gives a file a name that no file has yet; otherwise errno says why not.
+// Renames a file unless the new name is taken. Returns false with the reason in errno on failure.
 bool renameWithoutReplacing(const QByteArray &from, const QByteArray &to)
 {
     if (::renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_NOREPLACE) == 0)
         return true;
     if (errno != EINVAL && errno != ENOSYS)
         return false;
-    // Some file systems cannot do that, but know hard links.
+    // Some file systems do not support the flag, but do support hard links.
     return ::link(from.constData(), to.constData()) == 0 && ::unlink(from.constData()) == 0;
 }
 
@@ -129,56 +129,58 @@ void SpoolLock::release()
 {
     if (descriptor < 0)
         return;
-    // A lock that was taken for stale meanwhile is gone, and the name may be another writer's.
+    // If another process took this lock for stale and removed it, the name may belong to somebody
+    // else now.
     struct stat own;
     if (::fstat(descriptor, &own) == 0 && own.st_nlink > 0)
         ::unlink(path.constData());
     ::close(std::exchange(descriptor, -1));
 }
 
-std::optional<SpoolLock::Mark> SpoolLock::markOf(const QByteArray &path)
+std::optional<SpoolLock::Snapshot> SpoolLock::snapshotOf(const QByteArray &path)
 {
     struct stat info;
     if (::lstat(path.constData(), &info) != 0)
         return std::nullopt;
-    const bool isOwnKind = S_ISREG(info.st_mode) && (info.st_mode & ownLockMark) != 0;
-    return Mark{info.st_ino, nanoseconds(info.st_mtim), isOwnKind};
+    const bool hasKernelLock = S_ISREG(info.st_mode) && (info.st_mode & ownLockMark) != 0;
+    return Snapshot{info.st_ino, nanoseconds(info.st_mtim), hasKernelLock};
 }
 
 SpoolLock::State SpoolLock::look(Clock::time_point now)
 {
-    const std::optional<Mark> mark = markOf(path);
-    if (!mark) {
-        seen.reset();
+    const std::optional<Snapshot> current = snapshotOf(path);
+    if (!current) {
+        lastSeen.reset();
         return State::Free;
     }
-    if (!seen)
+    if (!lastSeen)
         waitingSince = now;
-    if (seen != mark) {
+    if (lastSeen != current) {
         unchangedSince = now;
         abandonedSince.reset();
     }
-    seen = mark;
+    lastSeen = current;
 
-    if (ageOf(mark->modified) > staleAge || now - unchangedSince > staleAge)
-        return removeStale(*mark,
+    if (ageOf(current->modified) > staleAge || now - unchangedSince > staleAge)
+        return removeStale(*current,
             tr("nobody has held it for %1 seconds").arg(std::chrono::seconds(staleAge).count()));
-    if (mark->isOwnKind && isAbandoned(now))
-        return removeStale(*mark, tr("its writer was killed"));
-    if (!saidHeld && now - waitingSince > longWait) {
-        saidHeld = true;
+    if (current->hasKernelLock && isAbandoned(now))
+        return removeStale(*current, tr("its writer was killed"));
+    if (!hasReportedWait && now - waitingSince > reportedWait) {
+        hasReportedWait = true;
         report(tr("Waiting for the lock file %1").arg(QFile::decodeName(path)));
     }
     return State::Held;
 }
 
-// A writer makes its file first and takes the kernel's lock then: it must have been seen without
-// the lock for a moment. Across a network such locks may not be seen at all.
+// Returns whether the writer was killed. A writer takes the kernel's lock just after it creates the
+// file, so the file counts as abandoned only after a moment without the lock. Never true on a
+// network file system, where other hosts' locks may be invisible.
 bool SpoolLock::isAbandoned(Clock::time_point now)
 {
     const Descriptor file(::open(path.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     struct stat info;
-    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || info.st_ino != seen->inode
+    if (!file.isOpen() || ::fstat(file.get(), &info) != 0 || info.st_ino != lastSeen->inode
         || !isLocal(file.get()) || ::flock(file.get(), LOCK_SH | LOCK_NB) != 0) {
         abandonedSince.reset();
         return false;
@@ -188,20 +190,20 @@ bool SpoolLock::isAbandoned(Clock::time_point now)
     return now - *abandonedSince >= abandonedAge;
 }
 
-SpoolLock::State SpoolLock::removeStale(const Mark &stale, const QString &reason)
+SpoolLock::State SpoolLock::removeStale(const Snapshot &stale, const QString &reason)
 {
-    // Two waiters may find the same stale lock. Under the directory's kernel lock each looks once
-    // more, so that the second one does not remove the lock that the first has made since. A kernel
-    // lock that cannot be had, or that somebody holds for long, does not count.
+    // Two waiters may find the same stale lock. Each checks again under the folder's kernel lock,
+    // so that the second does not remove a new lock that the first has created since. Goes on
+    // without the kernel lock if it is not supported or if somebody holds it for long.
     const Descriptor guard(::open(directory.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (guard.isOpen() && ::flock(guard.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK
         && Clock::now() - unchangedSince <= 2 * staleAge)
-        return State::Held; // another one is at it
-    if (markOf(path) != stale)
+        return State::Held; // another waiter is removing it
+    if (snapshotOf(path) != stale)
         return State::Held;
     if (std::remove(path.constData()) != 0)
         return State::Stuck;
-    seen.reset();
+    lastSeen.reset();
     report(tr("Removed the lock file %1: %2").arg(QFile::decodeName(path), reason));
     return State::Free;
 }
@@ -231,7 +233,7 @@ bool SpoolLock::acquire()
         }
         if (state != State::Held)
             continue;
-        ServiceManager::sayAlive(); // the lock is taken in the end, or stale
+        ServiceManager::sayAlive(); // the wait is bounded by the limits above
         std::this_thread::sleep_for(lockPoll);
     }
     return true;
@@ -263,19 +265,19 @@ SpoolFile::Mark SpoolFile::markOf(const struct stat &info)
     return {info.st_ino, modified, info.st_size, std::chrono::abs(ageOf(modified)) > settledAge};
 }
 
-std::optional<QByteArray> SpoolFile::read(qsizetype room) const
+std::optional<QByteArray> SpoolFile::read(qsizetype headerBytes) const
 {
     if (!isOpen())
         return std::nullopt;
-    QByteArray content(room + fileMark.size, Qt::Uninitialized);
-    qsizetype filled = room;
+    QByteArray content(headerBytes + fileMark.size, Qt::Uninitialized);
+    qsizetype filled = headerBytes;
     while (filled < content.size()) {
         const ssize_t count =
             ::read(file.get(), content.data() + filled, size_t(content.size() - filled));
         if (count < 0 && errno != EINTR)
             return std::nullopt;
         if (count == 0)
-            break; // cut short by somebody meanwhile
+            break; // the file was truncated meanwhile
         filled += std::max<ssize_t>(count, 0);
     }
     content.truncate(filled);
@@ -295,7 +297,8 @@ SpoolDirectory::WriteResult SpoolDirectory::write(
     SpoolLock lock(directory, report);
     if (!lock.acquire() && errno != EBUSY)
         return WriteResult::NoLock;
-    // Behind a lock that is never free the file is written all the same: it appears whole.
+    // If the lock is never free the file is written without it, which is safe because the file
+    // appears whole.
     if (!isPlainName(name) || !writeWhole(name, content))
         return WriteResult::NoFile;
     return WriteResult::Written;
@@ -345,8 +348,8 @@ bool SpoolDirectory::remove(const QString &name) const
     return ::unlink(QFile::encodeName(pathOf(name)).constData()) == 0 || errno == ENOENT;
 }
 
-// The name is taken away first and the file looked at then: one that comes under the name between a
-// look and a removal would be removed unsent.
+// Renames the file before it compares the mark. If it compared first, a new file that appears
+// before the removal would be removed unsent.
 SpoolDirectory::Removal SpoolDirectory::remove(const QString &name, const Mark &mark) const
 {
     const QByteArray listed = QFile::encodeName(pathOf(name));
@@ -356,7 +359,7 @@ SpoolDirectory::Removal SpoolDirectory::remove(const QString &name, const Mark &
         return errno == ENOENT ? Removal::Removed : Removal::Failed;
     struct stat info;
     const bool isSame = ::stat(hidden.constData(), &info) != 0 || SpoolFile::markOf(info) == mark;
-    // What has come under the name since is newer still.
+    // If yet another file has taken the name since, that one is newer and stays.
     const bool isBack = !isSame && renameWithoutReplacing(hidden, listed);
     if (!isBack)
         ::unlink(hidden.constData());
@@ -393,7 +396,7 @@ void SpoolDirectory::setForeignNamesAside(const MessageSink &report, bool &hasFa
     for (const QByteArray &name : std::as_const(foreign)) {
         const SetAside result = setAside(name);
         hasFailed |= result == SetAside::Failed;
-        // Only what can be printed of the name, and the bytes of the rest.
+        // Shows printable characters as they are and percent-encodes the other bytes.
         const QString shown = QString::fromLatin1(name.toPercentEncoding(" !#$&'()*+,:;=?@[]"));
         if (result == SetAside::Moved)
             report(tr("Refused file %1: its name is no UTF-8 text").arg(pathOf(shown)));
@@ -404,7 +407,7 @@ void SpoolDirectory::setForeignNamesAside(const MessageSink &report, bool &hasFa
 
 bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
 {
-    QStringList leftovers; // without QDir, which holds what it knows of every waiting file
+    QStringList leftovers; // not from QDir, which would keep data about every waiting file
     const std::unique_ptr<DIR, int (*)(DIR *)> entries(
         ::opendir(QFile::encodeName(directory).constData()), ::closedir);
     while (const dirent *entry = entries ? ::readdir(entries.get()) : nullptr) {
@@ -413,11 +416,11 @@ bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
     }
     if (leftovers.isEmpty())
         return true;
-    // Under the lock no file of a living writer is among them.
+    // While we hold the lock, none of these files belongs to a living writer.
     if (lock.look() != SpoolLock::State::Free || !lock.tryAcquire())
         return false;
     const bool allGone = std::all_of(
         leftovers.begin(), leftovers.end(), [this](const QString &name) { return remove(name); });
-    lock.release(); // whatever could not be removed
+    lock.release(); // also if some files could not be removed
     return allGone;
 }

@@ -14,22 +14,21 @@
 
 struct dirent;
 
-// Whether an entry of an open directory is a regular file, or a link to one.
+// Returns whether an entry of an open directory is a regular file, or a link to one.
 [[nodiscard]] bool isRegularFile(int directory, const dirent &entry);
-// Whether a name in file system encoding is one that a QString cannot hold: no UTF-8, or with a
-// byte order mark in front. It would be read as another file's.
+// Returns whether a name in file system encoding cannot be held by a QString, because it is not
+// UTF-8 or begins with a byte order mark. Converted, it would be another file's name.
 [[nodiscard]] bool isForeignName(QByteArrayView name);
 
-// The lock file of a spool directory, as one waiting writer or reader sees it.
+// The lock file of a spool directory, as seen by one waiting writer or reader.
 //
-// The file is there while a writer is at work. One that is older than 30 seconds, or that the
-// waiter has seen unchanged for 30 seconds (clocks differ), belongs to nobody and is removed. A
-// writer of this kind marks its file and holds the kernel's lock on it as long as it lives, so the
-// file of one that was killed is removed at once.
+// The lock file exists while a writer is at work. A lock file is stale, and removed, if it is older
+// than 30 seconds, or if the waiter has seen it unchanged for 30 seconds, because clocks may
+// differ. A writer that uses this class also holds the kernel's lock on its file while it lives, so
+// the file of a killed writer is removed almost at once.
 //
-// Owner:   whoever waits, for one wait. The destructor releases an acquired lock, too.
-// Thread:  any one thread.
-// Errors:  never throws; long waits and removed locks are said, once each.
+// Owner:   whoever waits, for one wait. The destructor releases an acquired lock.
+// Errors:  long waits and removed locks are each reported once.
 class SpoolLock
 {
     Q_DECLARE_TR_FUNCTIONS(SpoolLock)
@@ -38,7 +37,7 @@ public:
     enum class State {
         Free,
         Held,
-        Stuck // it belongs to nobody, but cannot be removed
+        Stuck // stale, but cannot be removed
     };
 
     static constexpr char fileName[] = ".lock";
@@ -48,53 +47,50 @@ public:
     SpoolLock(const SpoolLock &) = delete;
     SpoolLock &operator=(const SpoolLock &) = delete;
 
-    // One look, without waiting.
+    // Checks the lock once, without waiting, and removes it if it is stale.
     [[nodiscard]] State look(Clock::time_point now = Clock::now());
 
-    // Takes the lock if it is free; the reason why not is in errno.
+    // Takes the lock if it is free. Returns false, with the reason in errno, otherwise.
     [[nodiscard]] bool tryAcquire();
-    // Waits until the lock is free and takes it. False, with the reason in errno, if it cannot be
-    // taken; EBUSY if others have passed it on among themselves for a minute.
+    // Waits until the lock is free and takes it. Returns false, with the reason in errno, if it
+    // cannot be taken; EBUSY if others have passed it among themselves for a minute.
     [[nodiscard]] bool acquire();
-    // Releases an acquired lock.
     void release();
 
 private:
-    struct Mark
+    struct Snapshot
     {
         quint64 inode;
         qint64 modified; // nanoseconds since the epoch
-        bool isOwnKind; // its writer holds the kernel's lock on it
-        bool operator==(const Mark &) const = default;
+        bool hasKernelLock; // its writer holds the kernel's lock while it lives
+        bool operator==(const Snapshot &) const = default;
     };
-    [[nodiscard]] static std::optional<Mark> markOf(const QByteArray &path);
+    [[nodiscard]] static std::optional<Snapshot> snapshotOf(const QByteArray &path);
     [[nodiscard]] bool isAbandoned(Clock::time_point now);
-    [[nodiscard]] State removeStale(const Mark &stale, const QString &reason);
+    [[nodiscard]] State removeStale(const Snapshot &stale, const QString &reason);
 
     const QByteArray directory; // file system encoding, as path
     const QByteArray path;
     const MessageSink report;
     Clock::time_point waitingSince;
     Clock::time_point unchangedSince;
-    std::optional<Clock::time_point> abandonedSince; // its writer's kernel lock is not held
-    std::optional<Mark> seen;
-    bool saidHeld = false;
-    int descriptor = -1; // of the lock file while it is ours
+    std::optional<Clock::time_point> abandonedSince; // the writer does not hold the kernel's lock
+    std::optional<Snapshot> lastSeen;
+    bool hasReportedWait = false;
+    int descriptor = -1; // of the lock file while we hold it
 };
 
-// A spool file that is open for reading, whatever becomes of its name meanwhile.
+// A spool file that is open for reading, even if it is renamed or removed meanwhile.
 //
-// Owner:   whoever sends it.
-// Thread:  any one thread.
-// Errors:  never throws; a file that cannot be sent is not open.
+// Errors:  isOpen() returns false if the file cannot be sent.
 class SpoolFile
 {
 public:
-    // Tells a file from one that has replaced it under the same name.
+    // Tells a file from another one that has replaced it under the same name.
     //
-    // Size and time tell, but for files that were changed shortly before the mark was taken: within
-    // one tick of its clock a file system gives two files the same time. Only those must have the
-    // same inode, too; some file systems change that number by themselves.
+    // Compares size and time. For a file that was changed shortly before the mark was taken this is
+    // not enough, because a file system gives two changes within one tick of its clock the same
+    // time. Only then is the inode compared too, because some file systems change inode numbers.
     struct Mark
     {
         quint64 inode;
@@ -108,9 +104,9 @@ public:
     explicit SpoolFile(const QString &path);
     [[nodiscard]] bool isOpen() const { return file.isOpen(); }
     [[nodiscard]] const Mark &mark() const { return fileMark; }
-    // The content; in front of it so many bytes are left for the caller to fill, which saves him a
-    // copy. Nothing if it cannot be read.
-    [[nodiscard]] std::optional<QByteArray> read(qsizetype room = 0) const;
+    // Returns the content, or nullopt if it cannot be read. Leaves headerBytes uninitialised bytes
+    // in front of the content for the caller to fill, which saves a copy.
+    [[nodiscard]] std::optional<QByteArray> read(qsizetype headerBytes = 0) const;
 
 private:
     Mark fileMark{};
@@ -119,10 +115,9 @@ private:
 
 // The directory in which every record waits as one file until it is sent.
 //
-// Names that begin with a dot are never listed: the lock file and files that are being written.
+// Names that begin with a dot are never listed; the lock file and unfinished files have such names.
 //
-// Thread:  any; objects are cheap and hold no state but the path.
-// Errors:  never throws; results say what failed.
+// Thread:  any. Objects are cheap and hold only the path.
 class SpoolDirectory
 {
     Q_DECLARE_TR_FUNCTIONS(SpoolDirectory)
@@ -134,48 +129,46 @@ public:
 
     explicit SpoolDirectory(QString path);
 
-    // Writes a file under the lock, whole or not at all, replacing one of the same name. Only plain
-    // names can be written: not empty, no "/" or zero character, no dot in front.
+    // Writes a file under the lock, whole or not at all, and replaces one of the same name. Returns
+    // NoFile unless isPlainName(name).
     [[nodiscard]] WriteResult write(
         const QString &name, const QByteArray &content, const MessageSink &report) const;
 
-    // All files that wait, in the order of sending: by name, ignoring letter case. SpoolScan lists
-    // them in pieces.
+    // Lists all waiting files in the order of sending: by name, ignoring letter case. For long
+    // backlogs use SpoolScan, which lists them in parts.
     [[nodiscard]] SpoolListing list() const;
 
-    // The file that list() has in front, but for skipped ones; an empty name if there is none. One
-    // pass over the directory, without sorting and without a call or an allocation per file. It
-    // ends early, with an empty name, when the calling thread is asked to end
-    // (QThread::requestInterruption()). hasForeign tells whether a call of setForeignNamesAside()
-    // has something to do.
+    // Returns the first file in the order of sending that is not skipped, or an empty name. Makes
+    // one pass over the directory, without sorting and without a system call or an allocation for
+    // each file. Returns an empty name early if the calling thread's requestInterruption() is
+    // called. Sets hasForeign if setForeignNamesAside() has something to do.
     [[nodiscard]] QString first(
         const std::function<bool(const QString &)> &isSkipped, bool &hasForeign) const;
 
-    // Nothing if the file is gone.
+    // Returns nullopt if the file is gone.
     [[nodiscard]] std::optional<Mark> mark(const QString &name) const;
 
-    // Not open if the file is gone, unreadable, not a regular file or larger than 4 GiB.
+    // The result is not open if the file is gone, unreadable, not a regular file or over 4 GiB.
     [[nodiscard]] SpoolFile open(const QString &name) const { return SpoolFile(pathOf(name)); }
 
     enum class Removal { Removed, Replaced, Failed };
-    // Removes the file unless another one has taken its place, which stays.
+    // Removes the file that has the mark. A newer file under the same name stays.
     [[nodiscard]] Removal remove(const QString &name, const Mark &mark) const;
-    // False if the file is still there afterwards.
+    // Removes any file of that name. Returns false if it still exists.
     [[nodiscard]] bool remove(const QString &name) const;
 
-    // Moves a file that can never be sent to the folder "refused" of the directory, which is made
-    // when needed and never listed. A number is appended to a name that is taken there: nothing is
-    // ever overwritten.
+    // Moves a file that can never be sent to the folder "refused" of the directory. That folder is
+    // created when needed and never listed. Never overwrites a file: if the name is taken there, a
+    // number is appended.
     [[nodiscard]] SetAside setAside(const QString &name) const;
 
-    // Sets those files aside whose names are no UTF-8 or begin with a byte order mark: such names
-    // cannot be told from those of other files, and neither list() nor first() gives them. Says so
-    // for each. One that cannot be moved is said when the last call had no such failure; the
-    // caller keeps hasFailed from call to call, false at first.
+    // Sets aside the files with foreign names, see isForeignName(), which list() and first() leave
+    // out. Reports each file that is moved. Reports files that cannot be moved only if the previous
+    // call had no such failure: the caller keeps hasFailed between calls, initially false.
     void setForeignNamesAside(const MessageSink &report, bool &hasFailed) const;
 
-    // Removes what writers have left behind that were killed. False, and nothing done, while a
-    // writer may be at work; the lock is the caller's own, which has not been acquired.
+    // Removes unfinished files of killed writers. Does nothing and returns false while a writer may
+    // be at work. lock must not be acquired; the caller keeps it for the next attempt.
     [[nodiscard]] bool removeLeftovers(SpoolLock &lock) const;
 
     [[nodiscard]] const QString &path() const { return directory; }
