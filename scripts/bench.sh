@@ -1,7 +1,7 @@
 #!/bin/bash
-# Builds the bench preset and prints the table of figures that bench/README.md explains. It takes
-# some minutes on an idle machine; --quick runs everything once, small and side by side, only to see
-# that it still works.
+# Builds the bench preset and prints the table of figures that bench/README.md explains. Takes some
+# minutes on an idle machine. --quick runs small versions of everything once, side by side, to see
+# that they still work.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 

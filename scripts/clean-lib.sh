@@ -1,4 +1,4 @@
-# Shell functions for a clean Debian system in a folder of its own, made by root. Sourced after lib.sh.
+# Shell functions that make a clean Debian system in a folder. They need root. Sourced after lib.sh.
 
 clean= # root folder of the clean system
 
@@ -7,7 +7,7 @@ removeCleanSystem() {
     rm -rf --one-file-system "$clean"
 }
 
-# From the mirror that this machine uses itself.
+# Uses the mirror that this machine uses itself.
 mirror() {
     apt-get indextargets --format '$(REPO_URI) $(CODENAME)' 'Created-By: Packages' |
         awk '$2 == "bookworm" { print $1; exit }'
@@ -20,8 +20,8 @@ makeBareSystem() {
         --include=dbus,systemd-sysv bookworm "$1" "$(mirror)"
 }
 
-# Makes $clean, which goes when the script ends. BARE_SYSTEM=FOLDER in the environment keeps the bare
-# system in that folder, for the next run.
+# Makes the clean system in $clean and removes it when the script ends. If BARE_SYSTEM=FOLDER is set
+# in the environment, keeps the bare system in FOLDER for the next run.
 makeCleanSystem() {
     ((EUID == 0)) || die "Only root can make a clean system: run it as root."
     installMissing debootstrap "$@"

@@ -1,20 +1,20 @@
-# Shell functions that the demonstrations share. Sourced, never run; the caller has set
-# -euo pipefail, calls beginDemo first, and lists in `evidence` the files below $work whose ends are
-# shown when something fails.
+# Shell functions that the demonstrations share. Sourced, never run. The caller has set -euo pipefail
+# and calls beginDemo first. It lists files below $work in `evidence`: when something fails, their
+# last lines are shown.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-longestFolder=70 # bytes; a bus socket's path may have 106, and its own part is short
-largestFile=1000000 # bytes; larger files of the working copy are left out
+longestFolder=70 # bytes; leaves room for the socket's name in the 106 that a socket path may have
+largestFile=1000000 # bytes; larger files of the working copy are not sent
 mostFiles=500
 longestSend=60 # seconds for one call of morvanectl send
 
 work=
-pids=() # of all processes that still run
-declare -A modules=() # those of them that are modules: process id to what to call it
+pids=() # process ids of everything that still runs
+declare -A modules=() # process id of each module, and what to call it in messages
 evidence=()
 adminPid= modulePid= port=
-runner=() # in front of the module's command
+runner=() # a command to run the module with, such as "ip netns exec NAME"
 
 # --- the terminal ---
 
@@ -62,7 +62,7 @@ stopProcess() {
 cleanUp() {
     trap '' INT TERM HUP PIPE
     local pid
-    for pid in "${pids[@]}" $(jobs -pr); do # those too that were started a moment ago
+    for pid in "${pids[@]}" $(jobs -pr); do # jobs: what has started but is not in pids yet
         stopProcess "$pid"
         wait "$pid" 2>/dev/null || true
     done
@@ -78,7 +78,7 @@ forget() {
     unset "modules[$1]"
 }
 
-# expectEnd PID NAME: the process is about to end, with status 0.
+# expectEnd PID NAME: waits for the process to end and fails unless its status is 0.
 expectEnd() {
     local status=0
     waitFor 10 "$2 to end" hasEnded "$1"
@@ -90,10 +90,10 @@ expectEnd() {
 hasEnded() {
     local stat
     stat=$(cat "/proc/$1/stat" 2>/dev/null) || return 0
-    [[ ${stat##*) } == Z* ]] # a zombie; the state stands behind the name in parentheses
+    [[ ${stat##*) } == Z* ]] # a zombie; the state follows the name, which is in parentheses
 }
 
-# waitFor SECONDS WHAT COMMAND...: until the command succeeds.
+# waitFor SECONDS WHAT COMMAND...: waits until the command succeeds, for SECONDS at most.
 waitFor() {
     local end=$((SECONDS + $1)) what=$2
     shift 2
@@ -104,7 +104,7 @@ waitFor() {
     done
 }
 
-# expectModules WHAT: all that were started still run, while WHAT is waited for.
+# expectModules WHAT: fails if a module has ended while the script waits for WHAT.
 expectModules() {
     local pid
     for pid in "${!modules[@]}"; do
@@ -113,7 +113,7 @@ expectModules() {
     done
 }
 
-# shows FILE TEXT: a file below the working folder.
+# shows FILE TEXT: succeeds if FILE, below the working folder, contains TEXT.
 shows() {
     grep -aq -- "$2" "$work/$1" 2>/dev/null
 }
@@ -122,7 +122,7 @@ adminShows() {
     shows admin.out "$1"
 }
 
-# countFiles FOLDER...: those that are not hidden.
+# countFiles FOLDER...: prints the number of files that are not hidden.
 countFiles() {
     find "$@" -mindepth 1 -maxdepth 1 -type f ! -name '.*' | wc -l
 }
@@ -143,7 +143,7 @@ listSources() {
         find . -name build -prune -o -name '.git*' -prune -o -type f -printf '%P\0'
 }
 
-# Copies of this project's files under plain names, in one folder.
+# Copies this project's files into one folder, under plain names.
 collectFiles() {
     local path name count=0
     mkdir "$work/files"
@@ -159,7 +159,7 @@ collectFiles() {
     ((count > 0)) || fail "no files to send were found in $root"
 }
 
-# checkRecord WHAT KIND FILE RECEIVED: what arrived is the kind directly followed by the file.
+# checkRecord WHAT KIND FILE RECEIVED: fails unless RECEIVED is KIND directly followed by FILE.
 checkRecord() {
     [[ -f $4 ]] || fail "$1, ${3##*/}, has not arrived"
     cmp -s <(printf '%s' "$2" && cat "$3") "$4" ||
@@ -189,14 +189,14 @@ makeWorkFolder() {
     ((${#base} <= longestFolder)) || base=/tmp
     work=$(mktemp -d "$base/morvane-demo.XXXXXX")
     mkdir "$work/bus"
-    export TMPDIR=$work/bus # where the bus sockets lie
-    unset XDG_RUNTIME_DIR # else the modules' template settings would stay behind there
+    export TMPDIR=$work/bus # for the bus sockets
+    unset XDG_RUNTIME_DIR # otherwise the modules would leave their template settings there
     export LC_ALL=C.UTF-8 # the programs write UTF-8
 }
 
-# choosePort WHAT COMMAND: sets port to one that the command, given the port, does not call taken.
-# It lies below the range from which the kernel gives ports to outgoing connections: the module that
-# knocks at such a port while the peer is away could otherwise be connected to itself.
+# choosePort WHAT COMMAND: sets `port` to a free port, for which `COMMAND port` fails. The port is
+# below the range that the kernel uses for outgoing connections. In that range, a module that tries
+# to reach an absent peer could be connected to itself.
 choosePort() {
     local i
     for ((i = 0; i < 50; ++i)); do
@@ -215,12 +215,12 @@ startAdmin() {
     waitFor 10 "the administration server" adminShows Listening
 }
 
-# startModule WHAT FOLDER SETTINGS ERRORS: in that working directory, with standard error to the file
-# ERRORS; WHAT is what to call it.
+# startModule WHAT FOLDER SETTINGS ERRORS: starts a module in the working directory FOLDER, with
+# standard error in the file ERRORS. Messages call it WHAT.
 startModule() {
     (cd "$work/$2" && exec "${runner[@]}" "$bin/morvane" -settings "$3" >/dev/null 2>"$work/$4" 3>&-) &
     modulePid=$!
-    pids=("$modulePid" "${pids[@]}") # it goes first
+    pids=("$modulePid" "${pids[@]}") # in front, so that it is stopped first
     modules[$modulePid]=$1
 }
 
@@ -230,7 +230,7 @@ send() {
         "$@" 3>&- || fail "morvanectl send ended with status $?"
 }
 
-# watchArrival ALL SECONDS FOLDER...: until that many files lie in the folders.
+# watchArrival ALL SECONDS FOLDER...: waits until the folders hold ALL files.
 watchArrival() {
     local all=$1 limit=$2 arrived=-1 now end=$((SECONDS + $2))
     shift 2

@@ -3,7 +3,7 @@
 # tunnel with certificates at both ends, strangers get none and deliver none, killed tunnels lose
 # none, and two modules send each other files over UDP through WireGuard. The commands for
 # certificates and keys are taken from that page, the configurations from examples/tunnel. Everything
-# happens in a temporary folder, which goes in the end.
+# happens in a temporary folder, which is removed at the end.
 #
 #     scripts/demo-tunnel.sh [FOLDER WITH THE PROGRAMS]      (default: build/release/bin)
 set -euo pipefail
@@ -27,7 +27,7 @@ isTcpPortTaken() {
     [[ " ${ports[*]} " == *" $1 "* ]] || (: <>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
-# runStep NAME: the commands of the page that bear this name, in the current folder.
+# runStep NAME: runs the page's commands with this name in the current folder.
 runStep() {
     local commands
     commands=$(sed -n "/^<!-- demo: $1 -->\$/,/^\`\`\`\$/ { /^<!--\|^\`\`\`/d; p }" "$page")
@@ -44,8 +44,8 @@ makeCertificates() {
     step "An authority of its own and two certificates are made as $(basename "$page") says."
 }
 
-# adaptTunnel END: the example's configuration with the folder and ports of this demonstration; stunnel
-# runs as this user.
+# adaptTunnel END: puts this demonstration's folder and ports into the example's configuration, and
+# makes stunnel run as this user.
 adaptTunnel() {
     sed -e "s|/etc/stunnel/morvane/|$work/tls/|; /^set[ug]id/d" \
         -e "s|192\.0\.2\.7:7443|127.0.0.1:${ports[outside]}|; s|0\.0\.0\.0:7443|127.0.0.1:${ports[outside]}|" \
@@ -54,7 +54,7 @@ adaptTunnel() {
         "$examples/stunnel-$1.conf" >"$work/$1.conf"
 }
 
-# startTunnel END: receiver or module, as systemd does.
+# startTunnel END: starts an end, receiver or module, as systemd would.
 startTunnel() {
     stunnel "$work/$1.conf" >>"$work/$1.tunnel" 2>&1 3>&- &
     tunnel[$1]=$!
@@ -117,7 +117,7 @@ hasRefused() {
     grep -q "Certificate check failed\|certificate verify failed" "$work/module.tunnel"
 }
 
-# While a record waits, an impostor listens in the receiver's place. What it gets goes to a file.
+# An impostor listens in the receiver's place while a record waits. It writes to a file what it gets.
 refuseImpostor() {
     local impostor
     mkfifo "$work/silence"
@@ -136,7 +136,7 @@ refuseImpostor() {
     grep "verify failed\|check failed" "$work/module.tunnel" | head -n 1 | cut -d ' ' -f 3- | sed 's/^/    /'
 }
 
-# refuseSender WHAT OPTION...: a record that openssl sends with these options must not arrive.
+# refuseSender WHAT OPTION...: sends a record by openssl with these options. It must not arrive.
 refuseSender() {
     local what=$1 before
     before=$(countFiles "$work/received")
@@ -152,7 +152,8 @@ refuseSender() {
 
 # --- records through the tunnel ---
 
-# digestsSent FILE...: as the index has them.
+# digestsSent FILE...: adds the digests of these records to the list of those sent, in the form that
+# the index has them.
 digestsSent() {
     local file
     for file in "$@"; do
@@ -160,12 +161,12 @@ digestsSent() {
     done | cut -d ' ' -f 1 >>"$work/sent"
 }
 
-# Whether the index has every record that was sent.
+# Succeeds if the index has every record that was sent.
 haveAllArrived() {
     ! grep -qvFf <(cut -d ' ' -f 4 "$work/received/.index") "$work/sent"
 }
 
-# What lies there is what the index says, and it tells each record that is there more often than sent.
+# Checks that the received files match the index, and that it marks each record that arrived twice.
 checkIndex() {
     local doubles arrived
     (cd "$work/received" &&
@@ -259,7 +260,7 @@ inHost() {
     ip netns exec "$namespace-$host" "$@"
 }
 
-# Two network namespaces, joined by a wire.
+# Makes two network namespaces and joins them by a wire.
 makeHosts() {
     ip netns add "$namespace-left" && ip netns add "$namespace-right" &&
         ip link add wire netns "$namespace-left" type veth peer name wire netns "$namespace-right" &&
@@ -268,7 +269,7 @@ makeHosts() {
         inHost left ip link set wire up && inHost right ip link set wire up
 }
 
-# Where the kernel has no WireGuard, a process does its work.
+# Succeeds if the kernel has WireGuard, or if the program wireguard-go can stand in for it.
 haveWireGuard() {
     ! inHost left ip link add probe type wireguard 2>/dev/null || return 0
     [[ -c /dev/net/tun ]] && (installMissing wireguard-go)

@@ -1,21 +1,21 @@
 #!/bin/bash
-# Shows the transfer over UDP on this machine alone, with real files, and checks it: two modules
-# send each other this project's files at once, each over one UDP port, and a record whose name
-# cannot travel is set aside, not lost. Everything happens in a temporary folder, which goes in the
+# Shows the transfer over UDP on this machine alone, with real files, and checks it. Two modules send
+# each other this project's files at once, each over one UDP port. A record whose name is too long to
+# be sent is set aside, not lost. Everything happens in a temporary folder, which is removed at the
 # end.
 #
 #     scripts/demo-udp.sh [FOLDER WITH THE PROGRAMS]      (default: build/release/bin)
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/demo-lib.sh"
 
-filesEach=12 # a file takes one to two seconds, however small: a scan, and a pause once delivered
-tick=1 # milliseconds; a tick sends one packet of up to 250 bytes, every fifth asks for the state
+filesEach=12 # even a small file takes one to two seconds: a scan, and a pause after delivery
+tick=1 # milliseconds; four ticks in five send one packet of up to 250 bytes, the fifth a request
 longestTransfer=120 # seconds; a busy machine of two cores needed a sixth of that
-longestName=97 # characters, of a file that can be sent
+longestName=97 # characters in the name of a file that can be sent
 
 evidence=(left/left.log left/left.err right/right.log right/right.err admin.err)
 sides=(left right) # the modules' bus names and folders
-# The kinds differ so that a file that came back to its own sender would not pass for the other's.
+# The kinds differ, so that a file returned to its sender cannot pass for one of the other side.
 declare -A kind=([left]=tempdb [right]=tempdb_t)
 declare -A peer=([left]=right [right]=left)
 declare -A ports=() # UDP ports
@@ -37,7 +37,7 @@ choosePorts() {
     done
 }
 
-# A module's working directory holds nothing but what it receives.
+# A module's working directory holds only what it receives.
 writeSettings() {
     mkdir -p "$work/$1/files" "$work/$1/spool" "$work/$1/received"
     cat >"$work/$1/$1.ini" <<SETTINGS
@@ -58,7 +58,7 @@ TempDir=../spool
 SETTINGS
 }
 
-# adminNotes TEXT: it has seen that of both modules.
+# adminNotes TEXT: succeeds if the administration server has seen TEXT from both modules.
 adminNotes() {
     adminShows "left  $1" && adminShows "right  $1"
 }
@@ -69,7 +69,7 @@ bothListen() {
 
 bringUpModules() {
     local side
-    export QT_LOGGING_RULES="default.debug=false" # else there is a line for each packet
+    export QT_LOGGING_RULES="default.debug=false" # otherwise each packet would make a line
     for side in "${sides[@]}"; do
         startModule "module $side" "$side/received" "../$side.ini" "$side/$side.err"
         process[$side]=$modulePid
@@ -88,7 +88,7 @@ bringUpModules() {
 
 # --- the files ---
 
-# Deals this project's largest files out, one to each in turn.
+# Deals out this project's largest files, one to each side in turn.
 dealFiles() {
     local name count=0
     collectFiles
@@ -118,8 +118,8 @@ areReported() {
     (($(countReports) == all))
 }
 
-# Not even a hidden file, nor one in a folder.
-# isSpoolEmpty SIDE...: but for the hidden folder that a running module keeps.
+# isSpoolEmpty SIDE...: succeeds if the spools hold no file, hidden or in a folder. Ignores the
+# hidden folder that a running module keeps.
 isSpoolEmpty() {
     local side
     for side in "$@"; do
@@ -127,7 +127,7 @@ isSpoolEmpty() {
     done
 }
 
-# checkReceived SIDE: has what its peer has sent, and nothing else.
+# checkReceived SIDE: fails unless SIDE has exactly what its peer has sent.
 checkReceived() {
     local from=${peer[$1]} file received
     for file in "$work/$from"/files/*; do
@@ -150,7 +150,7 @@ checkDelivered() {
         "both spools are empty and nothing was refused."
 }
 
-# One character more than a file's name may have on its way.
+# Sends a record whose name is one character too long for UDP.
 refuseLongName() {
     local name file refused
     printf -v name '%*s' $((longestName + 1)) ''

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Shows the module's main job on this machine alone, with real files, and checks it: records wait
 # in the spool while the peer is away, reach it in order when it comes, and at once while it is
-# there. Everything happens in a temporary folder, which goes in the end.
+# there. Everything happens in a temporary folder, which is removed at the end.
 #
 #     scripts/demo.sh [FOLDER WITH THE PROGRAMS]      (default: build/release/bin)
 set -euo pipefail
@@ -15,12 +15,12 @@ isTcpPortTaken() {
     (: <>"/dev/tcp/127.0.0.1/$1") 2>/dev/null
 }
 
-# The order of sending: by lower-cased name, code unit by code unit.
+# Sorts in the order of sending: by lower-cased name, code unit by code unit.
 inOrderOfSending() {
     awk '{ print tolower($0) "\t" $0 }' | LC_ALL=C sort | cut -f 2
 }
 
-# checkNumbered NUMBER KIND FILE: the receiver names what arrives by its number.
+# checkNumbered NUMBER KIND FILE: checks record NUMBER. The receiver names files by their number.
 checkNumbered() {
     local received
     received=$work/received/$(printf '%06d' "$1")
@@ -85,7 +85,7 @@ checkArrived() {
     step "All $waiting equal what was sent, byte for byte, in the order of the spool."
 }
 
-# liveRecord NAME KIND FILE: is sent at once, as the next number.
+# liveRecord NAME KIND FILE: sends a record, which must arrive at once with the next number.
 liveRecord() {
     send transfer --kind "$2" --name "$1" - <"$3"
     waitFor 20 "the live record $1" holdsFiles "$work/received" $((waiting + ++live))

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs every fuzzer for SECONDS (10 unless given). The inputs they find are kept in build/fuzz-corpus,
-# an input that breaks something is written to build/fuzz-found.
+# Runs every fuzzer for SECONDS (default: 10). Keeps the inputs they find in build/fuzz-corpus and
+# writes an input that breaks something to build/fuzz-found.
 set -euo pipefail
 # shellcheck source=scripts/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"

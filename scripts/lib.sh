@@ -1,12 +1,11 @@
-# Shell functions that the scripts share. Sourced, never run; the caller has set -euo pipefail.
-# What they have to say goes to standard error: standard output belongs to what the script runs.
+# Shell functions that the scripts share. Sourced, never run. The caller has set -euo pipefail. Their
+# messages go to standard error, because standard output belongs to the program that a script runs.
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What the build needs; qt6-base-dev brings neither a compiler nor zlib's headers.
+# Needed by the build. qt6-base-dev brings neither a compiler nor zlib's headers.
 buildPackages=(g++ cmake ninja-build qt6-base-dev zlib1g-dev libedit-dev libsystemd-dev)
-# What the tests need besides: the database opener's test opens a real database, and the translation
-# is compiled.
+# Also needed by the tests: one opens a real database, and the translation is compiled.
 testPackages=(libqt6sql6-sqlite qt6-l10n-tools)
 
 note() {
@@ -30,7 +29,7 @@ isInstalled() {
     [[ $(dpkg-query -W -f='${Status}' "$1" 2>/dev/null) == "install ok installed" ]]
 }
 
-# quietly LOG COMMAND...: output goes to the file LOG, and to the terminal only if it fails.
+# quietly LOG COMMAND...: writes the command's output to the file LOG, and shows it if it fails.
 quietly() {
     local log=$1
     shift
@@ -41,7 +40,7 @@ quietly() {
     fi
 }
 
-# A folder that root has made cannot be built in by others, and CMake's message does not say so.
+# Other users cannot build in a folder that root has made, and CMake's message does not say so.
 expectOwnBuild() {
     mkdir -p "$root/build" 2>/dev/null || true
     local foreign
@@ -50,12 +49,12 @@ expectOwnBuild() {
         die "${foreign:-$root/build} cannot be written to by this user: remove $root/build as its owner, or as root."
 }
 
-# installMissing PACKAGE...: installs those Debian packages that are not there yet.
+# installMissing PACKAGE...: installs the Debian packages that are missing.
 installMissing() {
     expectOwnBuild
     local package missing=()
     if ! command -v dpkg-query >/dev/null; then
-        note "This is no Debian system: make sure that it has what these packages hold: $*"
+        note "This is not a Debian system: make sure that it has what these packages contain: $*"
         return
     fi
     for package in "$@"; do
@@ -66,7 +65,7 @@ installMissing() {
         die "Missing packages: ${missing[*]}. Install them as root, or install sudo."
     fi
     note "Installing missing packages: ${missing[*]}"
-    # An installation may succeed with the lists that are there; if it fails, the update says why.
+    # The installation may succeed with old package lists. If it fails, the update's log says why.
     asRoot apt-get update >"$root/build/apt-update.log" 2>&1 ||
         { note "apt-get update failed:" && tail -n 5 "$root/build/apt-update.log" >&2; }
     quietly "$root/build/apt.log" asRoot apt-get -o DPkg::Lock::Timeout=120 install -y \
@@ -77,7 +76,7 @@ configureAndBuild() {
     cd "$root" && cmake --preset "$1" && cmake --build --preset "$1"
 }
 
-# build PRESET: configures and builds; the binaries are in build/PRESET/bin.
+# build PRESET: configures and builds the preset, with the programs in build/PRESET/bin.
 build() {
     local start=$SECONDS
     note "Building the $1 preset; the first time takes a minute or more ..."

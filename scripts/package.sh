@@ -1,7 +1,7 @@
 #!/bin/bash
-# Makes the Debian packages, source and binary, in build/package and checks them with lintian:
-# whatever it says must be explained in an override. With --try they are also tried in a clean Debian
-# system made for that, see scripts/try-packages.sh:
+# Makes the Debian packages, source and binary, in build/package and checks them with lintian. Each
+# of its findings must be explained in an override. With --try, also tries the packages in a clean
+# Debian system, see scripts/try-packages.sh:
 #
 #     scripts/package.sh [--try]
 set -euo pipefail
@@ -12,7 +12,7 @@ output=$root/build/package
 version=$(sed -n '1s/.*(\(.*\)-.*/\1/p' "$root/debian/changelog") # without the packaging's own number
 tree=$output/morvane-$version
 
-# What git knows or would add, or without git all but what was built.
+# Lists the files that git tracks or would add. Without git, lists all files but those of a build.
 listTree() {
     git -C "$root" ls-files -z --cached --others --exclude-standard 2>/dev/null ||
         find "$root" -path "$root/build" -prune -o -path "$root/.git" -prune -o -type f -printf '%P\0'
@@ -24,7 +24,7 @@ copyTree() {
     listTree | tar -c -C "$root" --null --ignore-failed-read -T - | tar -x -C "$tree" --no-same-owner
 }
 
-# The release that the packaging belongs to: the same bytes whenever and wherever it is made.
+# Makes the source archive of the release, with the same bytes whenever and wherever it is made.
 packRelease() {
     local time
     time=$(dpkg-parsechangelog -l "$tree/debian/changelog" -S Timestamp)
@@ -39,7 +39,7 @@ buildTree() {
         DEB_BUILD_OPTIONS="nocheck parallel=$(nproc)" dpkg-buildpackage -us -uc
 }
 
-# Run by root, lintian would warn about that.
+# --allow-root keeps lintian from warning that root runs it.
 checkPackages() {
     note "Checking the packages ..."
     lintian --allow-root --pedantic --display-info --fail-on error,warning,info,pedantic \

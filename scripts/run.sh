@@ -1,7 +1,7 @@
 #!/bin/bash
-# Builds the program in release mode. Without arguments it then runs the demonstration, with --udp
-# the one of the transfer over UDP, with --tunnel the one of tunnels; with other arguments it runs the
-# module with them, in the caller's working directory:
+# Builds the program in release mode. Without arguments, then runs the demonstration; with --udp or
+# --tunnel, the demonstration of the transfer over UDP or of tunnels. Passes any other arguments to
+# the module, which runs in the caller's working directory:
 #
 #     scripts/run.sh
 #     scripts/run.sh --udp

@@ -1,7 +1,6 @@
 #!/bin/bash
-# Puts the packages of /debs through what happens to a service in its life: runs as root in a Debian
-# system that was booted for that, see scripts/try-packages.sh. Records are numbered, and
-# counted at the peer.
+# Puts the packages of /debs through the life of a service. Runs as root in a Debian system booted
+# for this trial, see scripts/try-packages.sh. Records are numbered, and counted at the peer.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 export PATH=/usr/sbin:/usr/bin:/sbin:/bin TMPDIR=/run/morvane LC_ALL=C.UTF-8
@@ -49,8 +48,8 @@ writeSettings() {
 
 # --- records ---
 
-# Sends numbered records in batches until /load.stop exists. A batch that a module has cut off is sent
-# again, as a sender does that was told so.
+# Sends numbered records in batches until /load.stop exists. If a module ends during a batch, sends
+# the batch again, as any sender would that gets an error.
 load() {
     local batch=0 i names
     mkdir -p /load
@@ -73,15 +72,15 @@ startLoad() {
     waitFor 20 "records" test -s /load.sent
 }
 
-# Lists in /lost what was sent and has not reached the peer.
+# Succeeds if all records sent have reached the peer. Lists the missing ones in /lost.
 haveAllArrived() {
     find /received -type f -print0 | xargs -0 cat | grep '=' | sort -u >/arrived
     comm -23 <(sort /load.sent) /arrived >/lost
     [[ ! -s /lost ]]
 }
 
-# endLoad KILLS: all that was sent has reached the peer. A stop loses nothing; a kill loses what the
-# bus held, which is a batch at most.
+# endLoad KILLS: checks that everything sent has reached the peer. A stop must lose nothing. Each of
+# the KILLS may lose what the bus held, which is a batch at most.
 endLoad() {
     local end=$((SECONDS + 20)) sent lost
     touch /load.stop
@@ -121,7 +120,7 @@ tryStart() {
     step "Installed; the service starts, takes a record and delivers it."
 }
 
-# One record passes, from the bus to the peer.
+# Checks that one record passes from the bus to the peer.
 tryOne() {
     echo "=$1" | morvanectl send trial --wait 30 --quiet --name one - || fail "nothing was sent"
     waitFor 20 "a record after a $1" grep -qrx "tempdb=$1" /received
@@ -165,7 +164,7 @@ tryKills() {
     endLoad 2
 }
 
-# The manager waits for two minutes; the trial does not.
+# Checks that a hanging module is restarted. Shortens the watchdog's two minutes for that.
 tryHang() {
     local -r dropIn=/run/systemd/system/$unit.d
     mkdir -p "$dropIn"
@@ -184,7 +183,7 @@ tryHang() {
     step "Stopped answering: the watchdog had it started again."
 }
 
-# What a person or a monitor is told of the service.
+# Checks what a person or a monitor sees of the service.
 tryWords() {
     [[ $(property StatusText) == *"link up"* ]] || fail "its status is: $(property StatusText)"
     journalctl -q MORVANE_INSTANCE=trial | grep -q 'Start server: trial' || fail "nothing is in the journal"
@@ -192,18 +191,18 @@ tryWords() {
         /var/cache/morvane/trial.prom
 }
 
-# Settings with errors end the service once and for all, with the reason in the journal.
+# Checks that wrong settings end the service without a restart, with the reason in the journal.
 tryBadSettings() {
     sed 's/^Host=.*/Host=peer.example/' /etc/morvane/trial.ini >/etc/morvane/bad.ini
     ! systemctl start morvane@bad 2>/dev/null || fail "it starts with bad settings"
-    sleep 7 # longer than a restart takes
+    sleep 7 # seconds; a restart would come sooner
     [[ $(systemctl show -P ExecMainStatus morvane@bad) == 78 &&
         $(systemctl show -P NRestarts morvane@bad) == 0 ]] || fail "it is started again with bad settings"
     journalctl -q -u morvane@bad | grep -q 'error: "Host" = "peer.example"' || fail "no reason is given"
     step "Refused to start with bad settings, and said why."
 }
 
-# tryConsole: one looks in and leaves, and the module runs on.
+# tryConsole: a person opens the console and leaves; the module must keep running.
 tryConsole() {
     local before
     before=$(property MainPID)
@@ -219,11 +218,11 @@ hasRestarted() {
     [[ $(property NRestarts) != "$1" && -S /run/morvane/trial ]]
 }
 
-# The module ends with its administration server, and comes back by itself.
+# Checks that the module ends with its administration server, and is restarted.
 tryAdminRestart() {
     local before
     before=$(property NRestarts)
-    rm /run/morvane/trial # which the module makes when it listens again
+    rm /run/morvane/trial # the module makes it again when it listens
     systemctl restart morvane-admin
     adminPid=$(systemctl show -P MainPID morvane-admin)
     waitFor 40 "the module after its administration server" hasRestarted "$before"
@@ -245,7 +244,7 @@ tryUpgrade() {
     endLoad 0
 }
 
-# What bears the name of the packages, but for the trial's own.
+# Lists the files named after the packages, except the trial's own.
 leftovers() {
     find / -xdev \( -path /proc -o -path /project -o -path /debs -o -path /newer -o -path "${state%/*}/*" \
         -o -path /var/cache/apt \) -prune -o \( -iname '*morvane*' -o -iname '*harnix*' \) -print

@@ -1,16 +1,16 @@
 #!/bin/bash
-# Builds the source package that scripts/package.sh has made in a clean Debian system with nothing but
-# what it declares to need, and builds the example of examples/library there against the packages that
-# come of it, as root. Takes some minutes, 2 GB in the folder for temporary files, and the network.
+# Builds the source package made by scripts/package.sh in a clean Debian system that has only its
+# declared build dependencies. Then builds examples/library there against the resulting packages.
+# Needs root, some minutes, 2 GB in the folder for temporary files, and the network.
 #
 #     scripts/try-build.sh
 #
-# BARE_SYSTEM=FOLDER in the environment keeps the bare system in that folder, for the next run.
+# If BARE_SYSTEM=FOLDER is set in the environment, keeps the bare system in FOLDER for the next run.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 source "$root/scripts/clean-lib.sh"
 
-# What "build essential" means is there without being declared.
+# Installs build-essential by name, because source packages need not declare it.
 buildInCleanSystem() {
     mkdir "$clean/build"
     cp "$root"/build/package/morvane_*.{dsc,tar.*} "$clean/build"

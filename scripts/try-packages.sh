@@ -1,20 +1,20 @@
 #!/bin/bash
-# Tries the packages that scripts/package.sh has made, in a clean Debian system made for that, as root:
-# installs them, runs the service under systemd in a container, puts it through stops, reloads, kills,
-# a hang and an upgrade while records flow and are counted, and removes the packages. Where no
-# container can boot, it installs them, runs the demonstration and removes them. Takes three minutes
-# and 700 MB in the folder for temporary files.
+# Tries the packages made by scripts/package.sh in a clean Debian system. Installs them and runs the
+# service under systemd in a container. Puts it through stops, reloads, kills, a hang and an upgrade
+# while it counts the records that flow, then removes the packages. Where no container can boot,
+# installs them, runs the demonstration and removes them. Needs root, three minutes, and 700 MB in
+# the folder for temporary files.
 #
 #     scripts/try-packages.sh
 #
-# BARE_SYSTEM=FOLDER in the environment keeps the bare system in that folder, for the next run.
+# If BARE_SYSTEM=FOLDER is set in the environment, keeps the bare system in FOLDER for the next run.
 set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 source "$root/scripts/clean-lib.sh"
 
 longestTrial=480 # seconds
 
-# newerPackages FOLDER: the same packages as an upgrade of them.
+# newerPackages FOLDER: makes the same packages with a newer version, for the upgrade.
 newerPackages() {
     local package unpacked=$clean/unpacked
     for package in "$clean"/debs/*.deb; do
@@ -33,8 +33,8 @@ fillCleanSystem() {
     cp -r "$root/scripts" "$root/docs" "$root/module" "$clean/project"
 }
 
-# What the packages need; the container has no network. With all that they recommend, too, no mail
-# server may come.
+# Downloads what the packages need, because the container has no network. Fails if their
+# recommendations would bring a mail server.
 fetchDependencies() {
     mount -t proc proc "$clean/proc"
     quietly "$root/build/fetch.log" inCleanSystem apt-get update
@@ -49,7 +49,7 @@ fetchDependencies() {
     umount "$clean/proc"
 }
 
-# The script of the trial is a service of the booted system, and the system ends with it.
+# Makes the trial's script a service of the booted system. When it ends, the system shuts down.
 prepareTrial() {
     cat >"$clean/etc/systemd/system/trial.service" <<'UNIT'
 [Unit]
