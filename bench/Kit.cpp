@@ -27,8 +27,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto patience = 30s; // for whatever must come in the end
-constexpr auto poll = 200us; // between two looks at it
+constexpr auto patience = 30s;
+constexpr auto poll = 200us;
 constexpr auto listenQueue = 16;
 constexpr auto ramDisk = "/dev/shm";
 constexpr char kind[] = "tempdb";
@@ -69,14 +69,14 @@ template <typename Address> const sockaddr *plain(const Address &address)
     return reinterpret_cast<const sockaddr *>(&address);
 }
 
-// The number behind a name in one of the kernel's status files.
+// Returns the number of the line `name` in one of the kernel's status files.
 double valueIn(const std::string &status, const std::string &name)
 {
     const size_t at = status.find('\n' + name + ':');
     return at == std::string::npos ? 0 : std::atof(status.c_str() + at + name.size() + 2);
 }
 
-// Calls visit with the folder of every thread of a process.
+// Calls `visit` with the /proc folder of every thread of `process`.
 template <typename Visit> void forEachThread(pid_t process, Visit visit)
 {
     const std::string folder = "/proc/" + std::to_string(process) + "/task";
@@ -278,7 +278,7 @@ Program::Program(
     process = pid_t(check(::fork(), "fork"));
     if (process != 0)
         return;
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // also when this program ends early
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL); // the child must not outlive a program that fails
     ::setenv("TMPDIR", place.c_str(), 1);
     ::setenv("XDG_CONFIG_HOME", place.c_str(), 1);
     ::unsetenv("XDG_RUNTIME_DIR");

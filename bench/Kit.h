@@ -9,38 +9,38 @@
 #include <utility>
 #include <vector>
 
-// What the measuring programs share. They end at once, with a word of why, when anything fails: a
-// figure from a run that went wrong is worse than none.
+// Shared by the measuring programs. When anything fails they print why and exit at once, because a
+// figure from a failed run is worse than none.
 
-// The arguments of every program: "--quick" for a smoke run, whose figures mean nothing.
+// The arguments of every program. "--quick" asks for a smoke run, whose figures mean nothing.
 struct Options
 {
     Options(int argc, char *argv[]);
     [[nodiscard]] int runs() const { return quick ? 1 : 5; }
-    // How much to do: the first number, or the second one in a smoke run.
+    // Returns `full`, or `smoke` in a smoke run.
     [[nodiscard]] int amount(int full, int smoke) const { return quick ? smoke : full; }
 
     bool quick = false;
 };
 
-// Says what is wrong, and the system's reason, and ends the program.
+// Prints `what` and the text of errno, then exits.
 [[noreturn]] void fail(const std::string &what);
-// Ends the program if a system call has failed; gives its result otherwise.
+// Returns `result`, or fails if it is the -1 of a failed system call.
 ssize_t check(ssize_t result, const char *what);
 
 [[nodiscard]] double seconds(); // of the monotonic clock
 [[nodiscard]] double threadSeconds(); // of processor time, of the calling thread
-// Tries until a condition holds; the program ends if that takes half a minute.
+// Polls until `condition` holds. Fails after half a minute.
 void waitUntil(const std::function<bool()> &condition, const char *what);
 
-// One line of the table: subject and probe, measured in turn, run by run.
+// One line of the table. Each run measures the subject and then the probe.
 class Figure
 {
 public:
-    // An empty goal for a figure that is only to be known.
+    // `goal` is empty for a figure that is shown for information only.
     Figure(std::string title, std::string unit, std::string goal = {});
     void add(double subject, double probe);
-    // Medians of the subject, the probe and their ratio, with the ratio's extremes.
+    // Prints the medians of the subject, the probe and their ratio, and the ratio's extremes.
     void print() const;
 
 private:
@@ -90,10 +90,10 @@ private:
 [[nodiscard]] Socket listenLocal(const std::string &path);
 [[nodiscard]] Socket connectLocal(const std::string &path); // waits for the server
 void writeAll(int socket, const char *bytes, size_t size);
-// Reads so many bytes and forgets them.
+// Reads and drops `count` bytes.
 void readBytes(int socket, size_t count);
 
-// Makes a file of so many bytes that cannot be compressed.
+// Writes a file of `bytes` random bytes, which cannot be compressed.
 void writeNoise(const std::string &path, size_t bytes);
 
 // A folder that goes with the object: on the RAM disk, or in the folder that BENCH_FOLDER names.
@@ -112,11 +112,12 @@ private:
     std::string folder; // with a "/" at the end
 };
 
-// A program in a folder of its own, which is also its bus. Killed at the end of the scope.
+// A running program. Its working directory is `folder`, which also holds its bus sockets. The
+// destructor kills it.
 class Program
 {
 public:
-    // One that stands beside this one.
+    // Starts the program `name` from the directory of the calling program.
     Program(const std::string &name, const RamFolder &folder,
         const std::vector<std::string> &arguments);
     ~Program();
@@ -124,23 +125,25 @@ public:
     Program &operator=(const Program &) = delete;
 
     [[nodiscard]] double processorSeconds() const; // so far, of all its threads
-    [[nodiscard]] double wakeUps() const; // so far: how often a thread of it has begun to wait
-    [[nodiscard]] double kilobytes(const char *line) const; // VmRSS or VmHWM
+    // Returns how often a thread of the program has begun to wait so far.
+    [[nodiscard]] double wakeUps() const;
+    // `line` is VmRSS or VmHWM.
+    [[nodiscard]] double kilobytes(const char *line) const;
 
 private:
     pid_t process;
 };
 
-// The settings of a module: its bus name is "me", its spool the folder "spool".
+// Returns the settings of a module with the bus name "me" and the spool folder "spool".
 [[nodiscard]] std::string settings(const std::string &mainLines);
-// The real module, on settings made of these lines.
+// The module that ships, started with settings(mainLines).
 class Module : public Program
 {
 public:
     Module(const RamFolder &folder, const std::string &mainLines);
 };
 
-// The name of a numbered record; the numbers' order is the names'.
+// Returns the name of record `number`. Names sort in the order of their numbers.
 [[nodiscard]] std::string recordName(int number);
-// A data frame of the bus, for a spool file of so many bytes.
+// Returns a data frame of the bus that becomes a spool file of `fileBytes` bytes.
 [[nodiscard]] QByteArray recordFrame(int number, int fileBytes);

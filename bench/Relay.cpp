@@ -7,8 +7,8 @@
 
 namespace {
 
-constexpr double longestWait = 0.05; // seconds; then the end is looked for
-constexpr int bufferBytes = 4 << 20; // no loss but that of the path
+constexpr double longestWait = 0.05; // seconds between two checks whether to stop
+constexpr int bufferBytes = 4 << 20; // large enough that only the path loses datagrams
 
 sockaddr_in loopback(int port)
 {

@@ -9,21 +9,21 @@
 #include <random>
 #include <thread>
 
-// A UDP socket on a free port of the loopback address.
+// Returns a UDP socket bound to a free port of the loopback address, and sets `port`.
 Socket boundUdp(int &port);
 
-// What a path does to the datagrams of either direction.
+// What a path does to datagrams, in each direction.
 struct PathSettings
 {
-    double loss = 0; // share that is lost at random
+    double loss = 0; // share of the datagrams, lost at random
     double delay = 0.025; // seconds
-    double bitsPerSecond = 0; // of the bottleneck, counting the datagrams' bytes; 0 for none
-    double queue = 0.1; // seconds that a datagram waits there at most; a longer queue overflows
-    unsigned seed = 1; // of what is lost
+    double bitsPerSecond = 0; // of datagram bytes through the bottleneck; 0 for no bottleneck
+    double queue = 0.1; // seconds; a datagram that would wait longer at the bottleneck is dropped
+    unsigned seed = 1; // of the random losses
 };
 
-// A path between ports of the loopback address, on a thread of its own. All transfers of one
-// direction share the bottleneck.
+// Relays datagrams between ports of the loopback address, on a thread of its own. All transfers in
+// one direction share the bottleneck.
 class Relay
 {
 public:
@@ -31,12 +31,12 @@ public:
 
     explicit Relay(const PathSettings &settings);
     ~Relay();
-    // The port of the path's one end; what is sent there comes out at the target. Not after
-    // start().
+    // Returns a port whose datagrams are relayed to `targetPort`. Call it before start().
     [[nodiscard]] int addRoad(Direction direction, int targetPort);
     void start();
 
-    // So far; the bytes are those that the road has let through, the shares of all datagrams.
+    // Totals since start(). Bytes and packets count what the road has delivered. The share is that
+    // of all datagrams in one direction.
     [[nodiscard]] double bytes(size_t road) const { return double(roads[road]->bytes); }
     [[nodiscard]] double packets(size_t road) const { return double(roads[road]->packets); }
     [[nodiscard]] double overflowShare(Direction direction) const;
@@ -51,8 +51,8 @@ private:
     };
     struct Link
     {
-        double freeAt = 0; // of the bottleneck
-        std::deque<Datagram> underWay; // in the order in which they are due
+        double freeAt = 0; // when the bottleneck has sent all that waits
+        std::deque<Datagram> underWay; // sorted by `due`
         std::atomic<double> busyUntil = 0;
         std::atomic<long> arrived = 0, overflowed = 0;
     };
@@ -67,7 +67,8 @@ private:
     void run();
     void receive(size_t road);
     void admit(size_t road, std::string bytes);
-    [[nodiscard]] double sendDue(); // gives the time of the next one
+    // Returns when the next datagram is due.
+    [[nodiscard]] double sendDue();
 
     const PathSettings path;
     std::vector<std::unique_ptr<Road>> roads;

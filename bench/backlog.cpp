@@ -1,5 +1,5 @@
-// A spool that has grown while the peer was away: what one more record costs, how fast the backlog
-// leaves, and how much memory it takes.
+// Measures a spool that has grown while the peer was away: the cost of one more record, the speed
+// at which the backlog is sent, and the memory that this takes.
 
 #include "Kit.h"
 
@@ -30,7 +30,7 @@ void fill(const std::string &spool, int files)
 
 // --- the peer is down ---
 
-// A module whose peer refuses every attempt, and spools of several sizes to lay under it.
+// A module whose peer refuses every attempt, with spools of several sizes to choose from.
 class PeerDown
 {
 public:
@@ -41,7 +41,7 @@ public:
             frames += recordFrame(firstNew + i, fileBytes);
     }
 
-    // Microseconds for one more record in a spool that already holds files.
+    // Returns the microseconds for one more record in a spool that already holds files.
     double costWith(const std::string &spool)
     {
         std::filesystem::remove(folder.path("spool"));
@@ -95,11 +95,11 @@ void measurePeerDown(const Options &options)
 struct Drain
 {
     double reach; // seconds from the start of the program to the first byte
-    double drain; // seconds from its connection to the last byte
-    double memory; // megabytes at most
+    double drain; // seconds from the connection to the last byte
+    double memory; // megabytes, the peak
 };
 
-// Starts a program over a spool of so many files and waits until the peer has them all.
+// Starts a program on a spool of `files` files and waits until the peer has received them all.
 template <typename Start> Drain drain(int files, Start startProgram)
 {
     const RamFolder folder;

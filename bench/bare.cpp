@@ -1,16 +1,16 @@
-// The probe of the figures over the whole road: what the module does with a record, in as few
-// system calls as it takes, without Qt, without memory of what the peer acknowledges, without
-// looking at what can go wrong.
+// The probe for the figures from the bus to the peer: does what the module does with a record, in
+// the fewest system calls. It uses no Qt, remembers nothing about acknowledgements and handles no
+// errors beyond exiting.
 //
 //     bench_bare SOCKET SPOOL PORT
 //
 //     bench_bare SOCKET SPOOL PORT ring
 //
-// Connects to the port on the loopback address, sends the files that lie in the spool, then listens
-// on the Unix socket, takes one connection and carries every record over: lock, write, rename,
-// unlock, list, read, remove, and one send for all records of one read. With "ring" no record
-// becomes a file: it is copied with a checksum into a mapped file, and the directory is looked at
-// once for each read.
+// Connects to the port on the loopback address and sends the files in the spool. Then listens on
+// the Unix socket, accepts one connection and forwards every record: lock, write, rename, unlock,
+// list, read, remove, and one send for all records of one read. With "ring" no record becomes a
+// file: each is copied with a checksum into a mapped file, and the directory is checked once for
+// each read.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -35,7 +35,7 @@ namespace {
 
 constexpr size_t readSize = 256 * 1024; // bytes asked for at once
 constexpr size_t ringSize = 8 * 1024 * 1024;
-constexpr size_t sendSize = 1024 * 1024; // a send in the midst of a listing
+constexpr size_t sendSize = 1024 * 1024; // buffered bytes after which a listing is interrupted
 
 void orEnd(bool success, const char *what)
 {
@@ -70,7 +70,7 @@ class BareRoad
 {
 public:
     BareRoad(const std::string &spoolFolder, int peerPort);
-    // Everything that lies in the spool goes into the buffer, and out of the spool.
+    // Moves all files of the spool into the buffer.
     void takeSpool();
     void takeFrame(const char *body);
     void flush();
@@ -85,8 +85,8 @@ private:
     const std::string lock = spool + ".lock";
     const std::string hidden = spool + ".incoming";
     int link;
-    std::vector<char> buffer; // records on their way into one send
-    char *ring = nullptr; // mapped
+    std::vector<char> buffer; // the records of the next send
+    char *ring = nullptr; // a mapped file, if used
     size_t ringAt = 0;
 };
 

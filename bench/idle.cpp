@@ -1,5 +1,5 @@
-// What a module costs that has nothing to do: wake-ups a second against those that its timers make,
-// and processor time.
+// Measures an idle module: its wake-ups a second, compared with those that its timers need, and its
+// processor time.
 
 #include "Kit.h"
 
@@ -9,8 +9,8 @@
 
 namespace {
 
-constexpr double passSeconds = 5; // between two passes of the bus; a window of that holds one
-constexpr double settleSeconds = 6; // from the start to the first pass and its log lines
+constexpr double passSeconds = 5; // between two passes of the bus, so each window holds one
+constexpr double settleSeconds = 6; // the first pass and its log lines are over by then
 
 struct Idle
 {

@@ -1,5 +1,5 @@
-// The transfer over UDP between real modules, through a path that loses, delays and has a
-// bottleneck: the pace that is found from acknowledgements (a Timeout of 0) beside the fixed one.
+// Measures UDP transfers between real modules, through a path with loss, delay and a bottleneck.
+// Compares the pace found from acknowledgements (a Timeout of 0) with the fixed pace.
 
 #include "Relay.h"
 
@@ -12,10 +12,9 @@
 
 namespace {
 
-constexpr double settle = 1; // second after which the bottleneck is to be used
-constexpr double apart =
-    0.25; // seconds by which the second transfer starts later, in each run more
-constexpr size_t fixedBytes = 600'000; // three seconds at a Timeout of 1
+constexpr double settle = 1; // seconds until the bottleneck must be used
+constexpr double apart = 0.25; // seconds; run n starts the second transfer n times this later
+constexpr size_t fixedBytes = 600'000; // takes three seconds at a Timeout of 1
 
 int freePort()
 {
@@ -30,7 +29,7 @@ std::string lines(int timeout, int port, int localPort)
         + "\nLocalPort=" + std::to_string(localPort) + '\n';
 }
 
-// Two modules; the left one sends files to the right one, through a relay or without one.
+// Two modules. The left one sends files to the right one, directly or through `relay`.
 class Pair
 {
 public:
@@ -69,7 +68,7 @@ private:
     size_t size = 0;
 };
 
-// Waits until the road has let the first packet through; gives the time.
+// Waits until `road` has delivered its first packet. Returns the time.
 double waitForFirst(const Relay &relay, size_t road)
 {
     while (relay.packets(road) == 0)
@@ -77,7 +76,7 @@ double waitForFirst(const Relay &relay, size_t road)
     return seconds();
 }
 
-// A file under way through a path of its own.
+// The transfer of one file through a path of its own.
 struct Crossing
 {
     Crossing(const PathSettings &path, int timeout, size_t bytes)
@@ -94,7 +93,7 @@ struct Crossing
     double begin; // when the first packet left
 };
 
-// Bytes of the file that arrive in a second, counted from its first packet.
+// Returns the bytes of the file that arrive in a second, counted from its first packet.
 double goodput(const PathSettings &path, int timeout, size_t bytes)
 {
     const Crossing crossing(path, timeout, bytes);
@@ -129,8 +128,8 @@ void measureLoss(const Options &options)
 
 struct Use
 {
-    double share = 0; // of the bottleneck, after the first second
-    double overflow = 0; // share of the datagrams
+    double share = 0; // of the bottleneck's rate, after the first second
+    double overflow = 0; // share of the datagrams that the queue dropped
 };
 
 Use useOf(double megabits, int timeout, size_t bytes)
@@ -174,7 +173,7 @@ void measureBottleneck(const Options &options)
     }
 }
 
-// Bytes of two transfers while both are under way, from a second after the second one's start on.
+// Compares the rates of two transfers, from a second after the later start until one has finished.
 void measureSharing(const Options &options)
 {
     for (const double megabits : {1.0, 10.0, 50.0}) {
@@ -207,7 +206,8 @@ void measureSharing(const Options &options)
     }
 }
 
-// From the file in the spool to the file at the peer, the wait for the next scan included.
+// Measures from the file in the spool to the file at the peer, including the wait for the next
+// scan.
 void measureLoopback(const Options &options)
 {
     const auto bytes = size_t(options.amount(4'000'000, 100'000));
@@ -224,8 +224,8 @@ void measureLoopback(const Options &options)
     figure.print();
 }
 
-// For a picture: every 50 ms the rates of two transfers and the queue, the second one some seconds
-// after the first one.
+// Prints data for a plot: every 50 ms the rates of two transfers and the length of the queue. The
+// second transfer starts a second after the first.
 void trace(double megabits, double loss)
 {
     PathSettings path;

@@ -1,4 +1,4 @@
-// Bus parsing: data frames a second from a Unix socket to the slot that hears of them.
+// Measures bus parsing: data frames a second from a Unix socket to the slot that receives them.
 
 #include "Kit.h"
 
@@ -21,10 +21,10 @@ namespace {
 
 constexpr size_t readSize = 256 * 1024; // bytes that the bare reader asks for at once
 
-// One kind of frame, written over and over.
+// A stream of equal frames.
 struct Stream
 {
-    QByteArray piece; // some whole frames
+    QByteArray piece; // whole frames, written at once
     int framesInPiece;
     int pieces;
 
@@ -42,7 +42,7 @@ Stream makeStream(int payloadBytes, int framesInPiece, int pieces)
     return {frame.repeated(framesInPiece), framesInPiece, pieces};
 }
 
-// What the bare reader hands its frames to; not to be optimised away.
+// Receives the bare reader's frames. Not inlined, so that the compiler cannot remove the work.
 struct Taken
 {
     int frames = 0;
@@ -54,9 +54,9 @@ struct Taken
     }
 };
 
-// Cuts a stream of data frames with plain reads, and hands out the data of each one in memory of
-// its own, as the module's slots get it. Of a frame that is not wholly there the rest is read to
-// its place at once.
+// Cuts a stream of data frames with plain reads. Copies the data of each frame into memory of its
+// own, as the module's slots receive it. Reads the rest of an incomplete frame straight to its
+// place.
 class BareReader
 {
 public:
@@ -110,7 +110,7 @@ private:
 
     const int socket;
     std::vector<char> buffer;
-    size_t at = 0, end = 0; // of what is buffered
+    size_t at = 0, end = 0; // bounds of the unread bytes in the buffer
 };
 
 // The connector that ships, with its event loop.
@@ -120,7 +120,7 @@ public:
     explicit Subject(const RamFolder &folder)
     {
         connector.SetServerName(QStringLiteral("me"));
-        QTimerEvent pass(1); // the first one would come after five seconds
+        QTimerEvent pass(1); // the connector's own first pass would come after five seconds
         QCoreApplication::sendEvent(&connector, &pass);
         bus = connectLocal(folder.path("me"));
         QObject::connect(
@@ -181,7 +181,7 @@ void measure(const Options &options, Subject &subject, Probe &probe, const char 
 {
     Figure rate(title, "1/s", goal);
     Figure cost("  processor time a frame", "us");
-    subject.run(stream); // the first one fills memory that the later ones find
+    subject.run(stream); // a warm-up: later runs find their memory allocated
     for (int run = 0; run < options.runs(); ++run) {
         const double start = threadSeconds();
         const double bare = probe.run(stream);

@@ -1,5 +1,6 @@
-// Bus to TCP while the link is up and nothing waits: records a second from a bus connection to the
-// peer's socket, and to a file of a peer that acknowledges or does not.
+// Measures the way from the bus to TCP while the link is up and nothing waits: records a second
+// from a bus connection to the peer's socket, and to the file of a peer with or without
+// acknowledgements.
 
 #include "Kit.h"
 #include "Record.h"
@@ -12,9 +13,10 @@
 namespace {
 
 constexpr size_t linkHeader = 4; // bytes in front of every record
-constexpr off_t storeBytes = 16 * 1024 * 1024; // of a peer's file, which begins anew then
+constexpr off_t storeBytes = 16 * 1024 * 1024; // the peer's file; then it is overwritten from the start
 
-// A peer's program: writes each read to a file, and acknowledges its whole records if it is to.
+// A peer's program: writes each read to a file and, if `shallAcknowledge`, acknowledges the whole
+// records in it.
 class StoringPeer
 {
 public:
@@ -49,12 +51,12 @@ private:
 
     Socket socket, file;
     const bool acknowledges;
-    size_t stored = 0; // records of all runs
-    off_t at = 0; // of the file
+    size_t stored = 0; // records, over all runs
+    off_t at = 0; // offset in the file
     std::array<char, 1 << 18> buffer;
 };
 
-// A carrier of records, the module or the bare program, with both its ends in our hands.
+// The module or the bare program, with this program at both ends: on the bus and as the peer.
 struct Road
 {
     const Program &program;
@@ -62,7 +64,7 @@ struct Road
     Socket peer;
     double processorSeconds = 0; // that the last run has taken
 
-    // Seconds from the first byte on the bus to the last one at the peer.
+    // Returns the seconds from the first byte on the bus to the last one at the peer.
     double run(const QByteArray &frames, size_t linkBytes)
     {
         const double before = program.processorSeconds();

@@ -1,5 +1,5 @@
-// The transfer over UDP: ticks against the least that the rules allow, processor time a tick, and
-// the pace of the real module.
+// Measures the transfer over UDP: ticks compared with the fewest that the rules allow, processor
+// time a tick, and the pace of the real module.
 
 #include "Relay.h"
 
@@ -26,20 +26,19 @@ constexpr int payloadBytes = 250; // of a data packet
 constexpr int announcing = 3; // ticks: the information record twice, one status request
 constexpr int groupSize = 4; // data packets between two status requests
 constexpr int listSize = 25; // packet numbers that a status request names at most
-constexpr int never =
-    86'400'000; // milliseconds; an engine with that interval never ticks by itself
+constexpr int never = 86'400'000; // milliseconds: the engine never ticks by itself
 
-// A file of noise, which makes so many data packets: deflate stores it in blocks.
+// Writes a file of noise that makes `packets` data packets. Deflate stores noise in plain blocks.
 void writePackets(const std::string &path, int packets)
 {
-    constexpr int blockBytes = 16'383; // of deflate at its least; each costs 5 bytes
+    constexpr int blockBytes = 16'383; // deflate's smallest block; each adds 5 bytes
     const int bytes = packets * payloadBytes - 6 - 5 * (packets * payloadBytes / blockBytes + 2);
     writeNoise(path, size_t(std::max(bytes, 1)));
 }
 
 // --- two engines back to back ---
 
-// An engine sends a file to another one, tick by tick, over a link that loses packets at random.
+// Two engines. One sends files to the other, tick by tick, over a link that loses random packets.
 class Link
 {
 public:
@@ -73,7 +72,7 @@ public:
         return ticks;
     }
 
-    int packets = 0; // of the file, as announced
+    int packets = 0; // as announced for the file
 
 private:
     void pass(QByteArray &packet, TFileTransfer &receiver)
@@ -113,8 +112,8 @@ void measureCleanPath(const Options &options, const RamFolder &folder)
     }
 }
 
-// Microseconds of processor time a tick, both engines together. Opening the file and its last
-// group, with which the receiver writes it, are left out.
+// Returns the microseconds of processor time a tick, for both engines together. Leaves out the
+// opening of the file and its last group, which makes the receiver write it.
 double tickCost(const RamFolder &folder, const std::string &file, int leastTotal)
 {
     Link link(folder, 0, 1);
@@ -150,8 +149,8 @@ void measureTickCost(const Options &options, const RamFolder &folder)
 
 // --- loss ---
 
-// The rules by themselves, on flags and counts: no bytes, no engine, the plainest choice of the
-// next packet. Gives the ticks until the sender knows that all has arrived.
+// Plays the rules on flags and counts alone, without bytes or an engine, and chooses the next
+// packet in the simplest way. Counts the ticks until the sender knows that everything has arrived.
 class Rules
 {
 public:
@@ -181,7 +180,8 @@ public:
 
 private:
     bool arrives() { return share(random) >= loss; }
-    // The lowest of those that were sent least; the information record alone comes first.
+    // Returns the lowest number among the packets sent least often. The information record comes
+    // first and alone.
     size_t chosen()
     {
         while (acknowledged[lowest])
@@ -196,14 +196,14 @@ private:
     }
     void sendOne(size_t number)
     {
-        next = number + 1; // those in front of it have been sent as often
+        next = number + 1; // all lower ones have been sent as often as this one
         ++sent[number];
         recent.push_back(number);
         if (recent.size() > listSize)
             recent.pop_front();
         if (!arrives())
             return;
-        if (number == 0) // whoever receives it starts afresh
+        if (number == 0) // the information record makes the receiver start afresh
             std::fill(held.begin(), held.end(), false);
         held[number] = true;
     }
@@ -263,7 +263,7 @@ void measureLoss(const Options &options, const RamFolder &folder)
 
 // --- the pace of the module ---
 
-// How often a timer of 1 ms fires in an event loop that has nothing else to do.
+// Returns how often a timer of 1 ms fires in an otherwise idle event loop.
 double countQtTimer(double time)
 {
     double fired = 0;
@@ -277,7 +277,7 @@ double countQtTimer(double time)
     return fired;
 }
 
-// The peer of a module in UDP mode: an engine on a bare socket, and a timer of the kernel.
+// The peer of a module in UDP mode: an engine on a bare socket, with a kernel timer for its ticks.
 class PeerOfModule
 {
 public:
@@ -291,7 +291,7 @@ public:
             });
     }
 
-    // Ticks of the module in so many seconds: each is one data packet or two requests.
+    // Counts the module's ticks. Each tick is one data packet or two status requests.
     double count(double time)
     {
         double ticks = 0;
@@ -335,7 +335,7 @@ void measurePace(const Options &options)
     writePackets(folder.path("spool/file"), 60'000);
     PeerOfModule peer(folder);
     int localPort = 0;
-    boundUdp(localPort); // closed again: free for the module
+    boundUdp(localPort); // closed at once, so that the module can bind it
     const Module module(folder,
         "Protocol=UDP\nTimeout=1\nPort=" + std::to_string(peer.port)
             + "\nLocalPort=" + std::to_string(localPort) + '\n');

@@ -9,8 +9,8 @@
 
 #include <cstdlib>
 
-// What every fuzzer runs in: an application, a log that writes nothing, and a folder of its own
-// that is also the working directory.
+// The environment of every fuzzer: an application, a log that writes nothing, and a temporary
+// folder that is also the working directory.
 struct Fuzzing
 {
     Fuzzing()
@@ -30,7 +30,7 @@ struct Fuzzing
     TLog log{QStringLiteral("fuzz")};
 };
 
-// A claim that no input may break.
+// Aborts unless `claim` holds, whatever the input was.
 inline void require(bool claim)
 {
     if (!claim)

@@ -1,6 +1,6 @@
-// What arrives on the bus: cut into frames from two pieces in memory, which must give the same
-// frames as one piece, and dispatched by the receive loop over a real connection. The bytes behind
-// the first one arrive in two pieces, cut where that one says.
+// Fuzzes what arrives on the bus. The first byte of the input says where the rest is cut into two
+// pieces. Cutting frames from the two pieces must give the same frames as from one. The receive
+// loop then dispatches the pieces from a real connection.
 #include "BusFrame.h"
 #include "Fuzzing.h"
 #include "Record.h"

@@ -1,4 +1,5 @@
-// The readers of records and frames. A link's bytes arrive in two pieces, cut at the first byte.
+// Fuzzes the readers of records and frames. A link's bytes arrive in two pieces; the first byte of
+// the input says where they are cut.
 #include "BusFrame.h"
 #include "Fuzzing.h"
 #include "Record.h"

@@ -1,4 +1,4 @@
-// The settings loader, from a file.
+// Fuzzes the settings loader. The input is the settings file.
 #include "Fuzzing.h"
 #include "Morvane.h"
 
@@ -7,7 +7,7 @@
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static Fuzzing fuzzing;
-    // A person may have the log written anywhere; a fuzzer may not.
+    // Settings may put the log anywhere, but a fuzzer must not write outside its folder.
     QByteArray bytes = bytesOf(data, size);
     bytes.replace('/', '|').replace('\\', '|').replace('%', '|');
     const QString path = fuzzing.folder.filePath(QStringLiteral("m.ini"));

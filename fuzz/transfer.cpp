@@ -1,5 +1,5 @@
-// The engine of the file transfer, as receiver and as sender of a file at once. The input is a row
-// of datagrams, each behind a byte with its length; an empty one stands for a tick.
+// Fuzzes the engine of the file transfer, which receives and sends a file at once. The input is a
+// list of datagrams, each preceded by a byte with its length. An empty datagram stands for a tick.
 #include "Fuzzing.h"
 #include "TTransferData.h"
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int never = 86'400'000; // milliseconds to the engine's own ticks
+constexpr int never = 86'400'000; // milliseconds: the engine never ticks by itself
 
 void writeSource(const QString &path)
 {
