@@ -278,13 +278,16 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
     leave(firstIsNewer ? "new" : "old", firstIsNewer ? 2'000 : 1'000);
     leave(firstIsNewer ? "old" : "new", firstIsNewer ? 1'000 : 2'000);
     place.writeFile(u"spool/.sent-torn"_s, "not a folder");
+    QVERIFY(QFile::link(place.makeFolder(u"else"_s), spool + u"/.sent-link"_s));
+    place.writeFile(u"else/mine"_s, "not a record");
     QStringList said;
     QVERIFY(Leftovers(spool, [&](const QString &text) { said.append(text); }).giveBack());
     QCOMPARE(place.readFile(u"spool/f"_s), QByteArray("new"));
     QCOMPARE(place.readFile(u"spool/j"_s), QByteArray("errornew"));
     QCOMPARE(said, QStringList());
     QCOMPARE(QDir(spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList({u".sent-torn"_s, u"f"_s, u"j"_s}));
+        QStringList({u".sent-link"_s, u".sent-torn"_s, u"f"_s, u"j"_s}));
+    QCOMPARE(place.readFile(u"else/mine"_s), "not a record");
 }
 
 void TestDelivery::leftoversOfOthersStay_data()

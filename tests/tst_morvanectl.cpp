@@ -3,29 +3,7 @@
 #include "Tool.h"
 #include "Workplace.h"
 
-#include <QHostAddress>
-#include <QRegularExpression>
-#include <QTcpSocket>
-
 #include <unistd.h>
-
-namespace {
-
-// A module's link to a receiver.
-class PeerLink : public QTcpSocket
-{
-public:
-    explicit PeerLink(Tool &receiver)
-    {
-        if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, longestWait))
-            qFatal("nobody listens");
-        const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
-        const QString port = line.match(QString::fromUtf8(receiver.said)).captured(1);
-        connectToHost(QHostAddress::LocalHost, port.toUShort());
-    }
-};
-
-} // namespace
 
 class TestMorvanectl : public QObject
 {

@@ -15,10 +15,13 @@
 namespace {
 
 std::atomic<int> sentPackages, receivedPackages; // by all nodes, as the debug lines have it
+QElapsedTimer sincePackage;
 
 void countPackages(QtMsgType, const QMessageLogContext &, const QString &line)
 {
     const bool isWhole = line.endsWith("\" \r\n"_L1);
+    if (isWhole)
+        sincePackage.start();
     sentPackages += isWhole && line.startsWith("Send package    \"a4d5"_L1);
     receivedPackages += isWhole && line.startsWith("Received package    \"a4d5"_L1);
 }
@@ -93,6 +96,11 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
     Node left(leftPort, rightPort, u"left"_s), right(rightPort, leftPort, u"right"_s);
     left.put(u"b2"_s, "second");
     left.put(u"A1"_s, "first");
+    qint64 pause = 1'000; // milliseconds before a delivered file is removed, at the least
+    connect(&left.thread, &ScanThread::LogMessage, this, [&](const Bytes &line) {
+        if (line.startsWith("Transmitted"))
+            pause = std::min(pause, sincePackage.elapsed());
+    });
     const QString lock = folder->writeFile(u"left/.lock"_s, "");
     left.thread.start();
     QTRY_COMPARE(left.saidCount(u"left/.lock"_s), 1); // a long wait is said
@@ -102,6 +110,7 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
     QCOMPARE(folder->readFile(u"b2"_s), "second");
     QTRY_COMPARE(left.lines.sliced(1),
         QStringList({u"Transmitted file left/A1"_s, u"Transmitted file left/b2"_s}));
+    QVERIFY2(pause > 450, qPrintable(QString::number(pause))); // the timer is a coarse one
 }
 
 void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()

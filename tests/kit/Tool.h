@@ -4,7 +4,10 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QHostAddress>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QTcpSocket>
 
 #include <csignal>
 
@@ -53,4 +56,18 @@ public:
         return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
     }
     QByteArray said, complaints;
+};
+
+// A module's link to a receiver.
+class PeerLink : public QTcpSocket
+{
+public:
+    explicit PeerLink(Tool &receiver) { connectToHost(QHostAddress::LocalHost, portOf(receiver)); }
+    static quint16 portOf(Tool &receiver)
+    {
+        static const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
+        if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, longestWait))
+            qFatal("nobody listens");
+        return line.match(QString::fromUtf8(receiver.said)).captured(1).toUShort();
+    }
 };
