@@ -27,7 +27,7 @@ public:
     }
     [[nodiscard]] bool isOpen() const { return number >= 0; }
     [[nodiscard]] int get() const { return number; }
-    // Leaves the closing to the caller.
+    // Gives up the descriptor. The caller closes it.
     [[nodiscard]] int release() { return std::exchange(number, -1); }
 
 private:

@@ -11,34 +11,33 @@
 #include <mutex>
 #include <thread>
 
-// Brings what was accepted to the disk, on a thread of its own: files of a spool and records of a
-// journal that are still needed when a power cut could take them.
+// Flushes accepted records to the disk on a separate thread: files of a spool and records of a
+// journal, as long as they are still needed after a power cut.
 //
-// Requests are gathered: at most two flushes begin in a second, and none for what is no longer
-// needed by then.
+// Requests are gathered: at most two flushes begin in a second. Nothing is flushed for files that
+// are no longer needed by then.
 //
-// Owner:   SpoolKeeper.
-// Thread:  the one that constructed it; only the system calls that wait are on the other.
-// Errors:  never throws; a flush that failed is repeated, and reported once.
+// Thread:  the one that constructed it. Only blocking system calls run on the other thread.
+// Errors:  a failed flush is repeated, and reported once.
 class Flusher : public QObject
 {
     Q_OBJECT
 public:
-    // journal gives the descriptor of the file in which the time of a flush is noted, or -1;
-    // areFilesNeeded is asked when a flush is due: whether any file is left that it would be for.
+    // journal returns the descriptor of the file that stores the time of a flush, or -1.
+    // areFilesNeeded is called when a flush is due and returns whether any file is left to flush.
     Flusher(
         const QString &spool, std::function<int()> journal, std::function<bool()> areFilesNeeded);
     ~Flusher() override;
 
-    // Files were written into the spool.
+    // Requests a flush because files were written into the spool.
     void filesWritten();
-    // Records of the journal have waited long enough for their acknowledgement.
+    // Requests a flush because records of the journal were not acknowledged soon.
     void recordsWait();
-    // Whether something was written that is not yet known to be on the disk.
+    // Returns whether files were written that are not yet known to be on the disk.
     [[nodiscard]] bool isPending() const { return areFilesDirty || isRunning; }
 
 Q_SIGNALS:
-    // A flush has failed, or the first one after that has not.
+    // A flush has failed; recovered() follows the first one that succeeds after that.
     void failed(const QString &reason);
     void recovered();
 
@@ -67,7 +66,7 @@ private:
     bool hasFailed = false;
 
     std::thread worker; // started with the first flush
-    std::mutex mutex; // guards the rest
+    std::mutex mutex; // guards the members below
     std::condition_variable wake;
     std::optional<Job> job;
     bool shallEnd = false;

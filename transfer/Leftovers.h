@@ -10,18 +10,17 @@
 #include <memory>
 #include <vector>
 
-// Gives back what ended processes have left on its way to the peer, and finds what a power cut may
-// have damaged.
+// Moves what ended processes had on its way to the peer back into the spool, and finds files that a
+// power cut may have damaged.
 //
-// A folder whose owner lives is left alone, and so is one of another host, which may live too:
-// kernel locks do not always reach that far. A start of the system between its owner's end and now
-// means that the latest files may be empty or cut short although their names are there. Those that
-// are younger than what the owner knew to be on the disk are set aside as refused.
+// Leaves a folder alone if its owner lives, or if it belongs to another host, whose kernel locks
+// may be invisible here. If the system was restarted since the owner ended, the newest files may be
+// empty or cut short. Files that are newer than the time up to which the owner knew the disk to be
+// synced are set aside as refused.
 //
-// Owner:   SpoolKeeper.
-// Thread:  any one thread at a time. A call reads the whole directory, and after a power cut looks
-//          at every waiting file; end() may be called on another thread.
-// Errors:  never throws. What cannot be given back stays where it is; everything is reported once.
+// Thread:  any one thread at a time, because a call reads the whole directory, and after a power
+//          cut checks every waiting file. end() may be called from another thread.
+// Errors:  what cannot be given back stays where it is; each problem is reported once.
 class Leftovers
 {
     Q_DECLARE_TR_FUNCTIONS(Leftovers)
@@ -31,11 +30,11 @@ public:
     Leftovers(const QString &spool, MessageSink report);
     ~Leftovers();
 
-    // Gives back the content of every folder but our own. Returns false if something remains that
-    // could go back later. Calls note, before a folder goes, with the time up to which ended owners
-    // of the running system knew the files to be on the disk (nanoseconds since the epoch).
+    // Gives back the content of every folder but own. Returns false if something remains that could
+    // go back later. Before it removes a folder, calls note with the time up to which the owners
+    // that ended since the last boot knew the disk to be synced (nanoseconds since the epoch).
     [[nodiscard]] bool giveBack(const QByteArray &own = {}, const NoteSynced &note = {});
-    // Has a call return soon, with most of its work left for another one.
+    // Makes a running giveBack() return soon. The rest is left for a later call.
     void end() { shallEnd = true; }
 
 private:
@@ -53,5 +52,5 @@ private:
     const QByteArray spool; // file system encoding
     const MessageSink report;
     std::atomic<bool> shallEnd = false;
-    QSet<QByteArray> named; // folders that something was said of
+    QSet<QByteArray> named; // folders that were reported
 };

@@ -5,23 +5,21 @@
 
 #include <sys/stat.h>
 
-// Tells whether a spool directory is quiet: it can be written to, no file waits in it and nobody
-// holds its lock. Then a record may go to the peer without a file.
+// Tells whether a spool directory is quiet: it is writable, no file waits in it and nobody holds
+// its lock. Then a record may go to the peer without a file.
 //
-// A directory whose times of change have not moved since it was found quiet is not read again.
+// The directory is read again only if its modification times have changed since it was found quiet.
 //
-// Owner:   SpoolSender.
-// Thread:  any one thread.
-// Errors:  never throws. A directory that cannot be read is not quiet.
+// Errors:  a directory that cannot be read is not quiet.
 class QuietSpool
 {
 public:
     explicit QuietSpool(const QString &directory);
 
-    // One look: two system calls as long as nothing changes.
+    // Returns whether the spool is quiet now. Costs two system calls as long as nothing changes.
     [[nodiscard]] bool look();
-    // After look(): whether a file of that name could be made. A folder may have it, and it may be
-    // too long.
+    // Returns whether a file of that name could be created: the name is not too long and not that
+    // of a folder. Call after look().
     [[nodiscard]] bool canHold(const QByteArray &name) const;
 
 private:

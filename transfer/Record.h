@@ -5,7 +5,7 @@
 
 #include <optional>
 
-// A data record as another module sends it: the data of one data frame of the bus.
+// A data record as sent by another module: the data of one data frame of the bus.
 //
 //   field      encoding
 //   kind       byte string: uint32 big-endian count, then the bytes; 0xFFFFFFFF is null
@@ -19,20 +19,20 @@ struct DataRecord
     QString fileName;
     QByteArray payload;
 
-    // Lenient: fields that run past the end read as empty; surplus bytes are ignored. Kind and
-    // payload point into the bytes, which must outlive them: they may be many.
+    // Parses leniently: a field that runs past the end is empty, and surplus bytes are ignored. To
+    // avoid a copy, kind and payload point into bytes, which must outlive them.
     [[nodiscard]] static DataRecord read(const QByteArray &bytes);
     [[nodiscard]] QByteArray write() const;
 
-    // Records of any other kind are nobody's business here.
+    // Returns whether this module handles records of that kind.
     [[nodiscard]] bool isAccepted() const;
     [[nodiscard]] QByteArray spoolContent() const { return kind + payload; }
 };
 
-// The TCP link carries a plain sequence of records: uint32 little-endian length, then as many
-// bytes, the content of one spool file or the keep-alive text. A peer that acknowledges writes
-// numbers in the other direction, uint64 little-endian: so many records of the connection, from its
-// first, keep-alives among them, are stored for good.
+// The TCP link carries a plain sequence of records. Each is a uint32 little-endian length and a
+// body of that many bytes: the content of one spool file, or the keep-alive text. A peer that
+// acknowledges sends numbers, uint64 little-endian. Each is the count of records that it has stored
+// since the connection began, including keep-alives.
 namespace LinkRecord {
 
 inline constexpr char keepAlive[] = "live";
@@ -40,30 +40,31 @@ inline constexpr char keepAlive[] = "live";
 inline constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body
 
 [[nodiscard]] QByteArray make(const QByteArray &body);
-// Appends a whole record whose body is in two pieces.
+// Appends a whole record with the body kind + payload.
 void append(QByteArray &records, QByteArrayView kind, QByteArrayView payload);
-// Fills the first lengthSize bytes of a record whose body is in place.
+// Writes the length into the first lengthSize bytes of a record. The body follows them already.
 void complete(QByteArray &record);
 
-// Cuts a link's byte stream, in whatever pieces it arrives, into record bodies.
+// Splits a link's byte stream, which arrives in arbitrary pieces, into record bodies.
 class Reader
 {
 public:
-    // Longer records are refused. A body is gathered in memory.
+    // Refuses records whose body is longer than maxBodyBytes, because a body is kept in memory.
     explicit Reader(quint32 maxBodyBytes = 1'000'000'000)
         : maxBody(maxBodyBytes)
     {
     }
 
     void append(const QByteArray &bytes) { buffer += bytes; }
-    // The next whole body; nothing while it is incomplete, and for ever after an oversized length.
+    // Returns the next whole body. Returns nullopt while it is incomplete, and always after a
+    // refused length.
     [[nodiscard]] std::optional<QByteArray> next();
-    // The announced length that was refused; 0 when none was.
+    // Returns the length that was refused, or 0.
     [[nodiscard]] quint32 refusedLength() const { return refused; }
     [[nodiscard]] bool isAtRecordBoundary() const { return buffer.isEmpty(); }
-    // Bytes that complete the next record or, while it is not known, its length.
+    // Returns how many bytes complete the next record or, if its length is unknown, that length.
     [[nodiscard]] qsizetype missing() const;
-    // What has come of the next record, its length included.
+    // Returns the bytes of the next record that have arrived, including its length.
     [[nodiscard]] const QByteArray &unfinished() const { return buffer; }
 
 private:
@@ -74,8 +75,8 @@ private:
 
 [[nodiscard]] QByteArray acknowledgement(quint64 storedRecords);
 
-// Cuts what a peer sends, in whatever pieces it arrives, into its numbers. Keeps less than one of
-// them when next() has returned nothing.
+// Splits the peer's byte stream, which arrives in arbitrary pieces, into its numbers. After next()
+// has returned nullopt, less than one number is kept.
 class AcknowledgementReader
 {
 public:

@@ -10,13 +10,12 @@
 
 #include <thread>
 
-// What a process does for the safety of a spool directory, whatever the transport: gives back what
-// killed processes have left, writes files, and brings them to the disk.
+// Keeps a spool directory safe, for every transport: gives back what killed processes have left,
+// writes files and flushes them to the disk.
 //
-// Owner:   the module.
-// Thread:  main thread. Waiting for the spool's lock blocks it. What reads the whole directory runs
-//          on a thread of its own.
-// Errors:  never throws. What fails is tried again every few seconds, and reported once.
+// Thread:  main thread, which waiting for the spool's lock blocks. Work that reads the whole
+//          directory runs on a separate thread.
+// Errors:  whatever fails is tried again every few seconds and reported once.
 class SpoolKeeper : public QObject
 {
     Q_OBJECT
@@ -24,28 +23,28 @@ public:
     SpoolKeeper(const QString &spool, MessageSink report);
     ~SpoolKeeper() override;
 
-    // Begins to give back what killed processes have left. Nothing may be sent before ready() is
-    // emitted; files may be written.
+    // Begins to give back what killed processes have left. Send nothing before ready() is emitted;
+    // files may be written at once.
     void start();
     [[nodiscard]] bool isReady() const { return hasStarted; }
-    // Before the process ends: leaves nothing behind that the next start would not need.
+    // Call before the process ends. Removes what the next start does not need.
     void stop();
 
     [[nodiscard]] SpoolDirectory::WriteResult write(const QString &name, const QByteArray &content);
-    // Another process may have put files into the spool: they are brought to the disk as well.
+    // Checks whether another process has put files into the spool, and flushes them too.
     void lookForFiles();
 
-    // Gives back all that is on its way in sent(). False if some of it cannot go back yet: it will
-    // be tried again, and gaveBack() is emitted then.
+    // Gives back everything in sent(). Returns false if some of it cannot go back yet. Tries again
+    // then, and emits gaveBack() on success.
     bool giveBack();
     [[nodiscard]] SentFolder &sent() { return folder; }
     [[nodiscard]] Flusher &flusher() { return disk; }
     [[nodiscard]] const SpoolDirectory &directory() const { return spool; }
 
 Q_SIGNALS:
-    // What killed processes have left lies in the spool, as far as possible.
+    // What killed processes have left is back in the spool, as far as possible.
     void ready();
-    // Records that could not go back into the spool lie there now.
+    // Records that could not go back into the spool before are there now.
     void gaveBack();
 
 private:
@@ -64,11 +63,11 @@ private:
     bool hasStarted = false, hasStranded = false;
     qint64 lastChange = 0; // of the directory, nanoseconds since the epoch
 
-    // The other thread has these while it is joinable.
+    // Used by the worker thread only, while worker is joinable.
     std::thread worker;
     QStringList remarks;
     Leftovers leftovers;
-    SpoolLock lock; // for all attempts to remove left files: it must be seen unchanged for a while
+    SpoolLock lock; // kept between attempts, to see for how long it stays unchanged
     qint64 startTime = 0; // nanoseconds since the epoch
     bool hasLeftovers = false, hasLeftFiles = false;
 };

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-// A file's name as the order of sending sees it: names are compared by their lower-case form, code
-// unit by code unit. Those that differ in letter case only come in a fixed order too.
+// A file's name with its key for the order of sending. Names are ordered by their lower-case form,
+// by UTF-16 code units. Names that differ only in letter case have a fixed order too.
 //
-// All of it is UTF-8.
+// All texts are UTF-8.
 struct SpoolName
 {
     QByteArrayView key; // in lower case
@@ -19,38 +19,34 @@ struct SpoolName
 
     [[nodiscard]] static QByteArray keyOf(const QByteArray &name);
     bool operator<(const SpoolName &other) const;
-    // The same for a name whose key is not made yet; makes none for a name in ASCII.
+    // Compares a name that has no key yet. Builds no key if the name is ASCII.
     [[nodiscard]] static bool isBefore(QByteArrayView name, const SpoolName &other);
 };
 
 // The names of waiting files, in the order of sending.
 //
-// A backlog may be long, so a name takes little more memory than its own bytes, and a listing may
-// be bounded: then it keeps the first names in the order of sending and drops the others.
-//
-// Owner:   whoever goes through it; a value that can be moved.
-// Thread:  any one thread.
-// Errors:  never throws.
+// Because a backlog may be long, a name takes little more memory than its own bytes. A listing may
+// also be bounded: then it keeps the first names in the order of sending and drops the others.
 class SpoolListing
 {
 public:
-    // Keeps names that follow one, or all if it is empty. At most about twice that many bytes are
-    // held at a time.
+    // Keeps names that follow after, or all names if it is empty. Holds at most about twice
+    // mostBytes at a time.
     explicit SpoolListing(
         const QByteArray &after = {}, size_t mostBytes = std::numeric_limits<size_t>::max() / 4);
     SpoolListing(SpoolListing &&) = default;
     SpoolListing &operator=(SpoolListing &&) = default;
 
-    // Valid UTF-8, in any order.
+    // Adds a name, which must be valid UTF-8. Names may come in any order.
     void add(const char *name);
-    // To be called when all names are there.
+    // Call once after all names are added.
     void sort();
 
     [[nodiscard]] bool isEmpty() const { return next >= places.size(); }
     [[nodiscard]] QByteArray firstName() const;
     [[nodiscard]] QString first() const { return QString::fromUtf8(firstName()); }
     void removeFirst() { ++next; }
-    // Whether names were dropped: they follow all that were kept.
+    // Returns whether names were dropped. Those follow all kept names.
     [[nodiscard]] bool isCutOff() const { return !bound.empty(); }
 
 private:

@@ -7,39 +7,37 @@
 
 #include <sys/stat.h>
 
-// The hidden names of files that are being written begin with this.
+// The prefix of the hidden names of files that are being written.
 inline constexpr char incomingPrefix[] = ".incoming-";
 
-// A name that means a file of the directory that it is put in, and a visible one: not empty, no "/"
-// or zero character, no dot in front, and nothing that file names cannot express, because two such
-// names would mean the same file.
+// Returns whether a name denotes a visible file of its directory: not empty, no "/" or null
+// character, no leading dot, and no character that file names cannot encode, because two such names
+// would denote the same file.
 [[nodiscard]] bool isPlainName(const QString &name);
 
-inline constexpr qsizetype longestFileName = 255; // bytes that the kernel's file systems take
+inline constexpr qsizetype longestFileName = 255; // bytes; the limit of common file systems
 
-// Opens a regular file for reading and tells what the system knows of it; -1, with the reason in
-// errno, for anything else.
+// Opens a regular file for reading and fills info. Returns -1, with the reason in errno, on failure
+// and for anything that is not a regular file.
 [[nodiscard]] int openRegularFile(const QString &path, struct stat &info);
 
-// Removes what writers that were killed have left hidden in a directory. Files of living writers
-// stay, also those of other containers: each holds the kernel's lock on its own.
+// Removes the hidden files that killed writers have left in a directory. Files of living writers
+// stay, also those of other containers, because each writer holds the kernel's lock on its file.
 void removeLeftoversOfTheDead(const QString &directory);
 
 // A file that appears under its name whole or not at all.
 //
-// It is written under a hidden name in the same directory and renamed. A crash before that leaves
-// the hidden file only. That one's name holds the process id and a random number, because another
-// process may be writing there at the same time, and in another container it may have the same id;
-// each thread has a name of its own, and writes one file of a directory at a time.
+// The file is written under a hidden name in the same directory and then renamed. A crash before
+// that leaves only the hidden file. The hidden name contains the process id and a random number,
+// because other processes may write there too, and in another container one may have the same id.
+// Each thread has its own hidden name and may write only one file of a directory at a time.
 //
-// Owner:   whoever writes it, for one file.
-// Thread:  any one thread.
-// Errors:  never throws. Without a commit() that succeeded, nothing has changed under the name.
+// Errors:  until commit() has succeeded, nothing has changed under the name.
 class WholeFile
 {
 public:
-    // Whether the bytes must be on the disk before they get their name: a power cut then leaves
-    // either the old file or the new one. Takes as long as the disk does.
+    // Yes flushes the bytes to the disk before the file is renamed, which waits for the disk. A
+    // power cut then leaves either the old file or the new one.
     enum class Flush { No, Yes };
 
     explicit WholeFile(const QString &path);
@@ -47,22 +45,23 @@ public:
     WholeFile(const WholeFile &) = delete;
     WholeFile &operator=(const WholeFile &) = delete;
 
-    // False if the file could not be created or written to, now or in an earlier call.
+    // Appends bytes. Returns false if this or any earlier call failed.
     bool write(QByteArrayView bytes);
-    // Gives the file these permissions; without it they are what the umask leaves.
+    // Sets the permissions. By default they are what the umask leaves.
     [[nodiscard]] bool setMode(mode_t mode);
-    // Gives the file its name, in the place of one that has it. False after any failure.
+    // Renames the file and replaces an existing one. Returns false if this or any earlier call
+    // failed.
     [[nodiscard]] bool commit(Flush flush = Flush::No);
-    // What has failed, as errno has it; 0 if nothing has.
+    // Returns the errno value of the first failure, or 0.
     [[nodiscard]] int error() const { return failure; }
 
 private:
-    // Remembers the reason of a call that failed; the result is whether none has.
+    // Stores errno of the first failed call. Returns true if no call has failed so far.
     bool check(bool isDone);
 
     const QByteArray path; // file system encoding, as hidden
     const QByteArray hidden;
     Descriptor file;
-    bool isHidden; // there is a hidden file
+    bool isHidden; // the hidden file exists
     int failure = 0;
 };

@@ -7,25 +7,24 @@
 
 class QIODevice;
 
-// Compressed streams in the zlib format, cut into pieces as they come, so that memory does not
-// follow the size of what is compressed or inflated.
+// Compresses and inflates streams in the zlib format piece by piece, so that memory use does not
+// depend on their size.
 //
-// Thread:  any one thread.
-// Errors:  never throws, but for want of memory. What was decoded before an error is kept.
+// Errors:  throws std::bad_alloc if memory is exhausted. Output from before an error is kept.
 namespace ZlibStream {
 
-// Takes the next piece of the result; false stops the work. The bytes are valid during the call.
+// Receives the next piece of output. Returns false to stop. The bytes are valid during the call.
 using Sink = std::function<bool(QByteArrayView)>;
 
 enum class Result {
     Done,
-    SourceFailed, // it could not be read to its end
+    SourceFailed, // the source could not be read to its end
     SinkStopped,
-    Interrupted // the calling thread is asked to end, see QThread::requestInterruption()
+    Interrupted // by QThread::requestInterruption() for the calling thread
 };
 
-// Compresses all that the source, open for reading, still has. Nothing makes an empty stream of
-// zero bytes. The pieces are of any size.
+// Compresses the rest of the source, which must be open for reading. An empty source gives no
+// output at all. The pieces may have any size.
 [[nodiscard]] Result deflate(QIODevice &source, const Sink &sink);
 
 // Inflates one stream that arrives in pieces.
@@ -37,16 +36,16 @@ public:
     Inflater(const Inflater &) = delete;
     Inflater &operator=(const Inflater &) = delete;
 
-    // False once nothing more can come out: the stream has ended or is corrupt, or the sink said
-    // stop. All that the pieces so far contain has reached the sink then as ever.
+    // Inflates a piece and passes the output to the sink before it returns. Returns false if no
+    // more output can follow: the stream has ended or is corrupt, or the sink stopped.
     bool write(QByteArrayView piece);
 
     enum class End {
-        Clean, // the stream has ended, and its checksum is that of what came out
-        WrongChecksum, // the stream has ended, but it is another one
-        Broken // the stream is cut short or corrupt, or the sink said stop
+        Clean, // the stream has ended and its checksum matches the output
+        WrongChecksum, // the stream has ended, but its checksum does not match
+        Broken // the stream is cut short or corrupt, or the sink stopped
     };
-    // What the pieces so far amount to.
+    // Returns the state of the stream after all pieces so far.
     [[nodiscard]] End end() const;
 
 private:
