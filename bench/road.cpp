@@ -13,7 +13,7 @@
 namespace {
 
 constexpr size_t linkHeader = 4; // bytes in front of every record
-constexpr off_t storeBytes = 16 * 1024 * 1024; // the peer's file; then it is overwritten from the start
+constexpr off_t storeBytes = 16 * 1024 * 1024; // of the peer's file, which then restarts
 
 // A peer's program: writes each read to a file and, if `shallAcknowledge`, acknowledges the whole
 // records in it.
