@@ -1,3 +1,4 @@
+#include "Journal.h"
 #include "Record.h"
 #include "SpoolDirectory.h"
 #include "Workplace.h"
@@ -53,6 +54,7 @@ private Q_SLOTS:
     void onlyPlainNamesAreWritten();
     void onlyTheDeadLeaveLeftovers();
     void leftoverThatStaysKeepsNoLock();
+    void journalKeepsWhatIsNotFree();
     void fileIsTheSameWhateverItsNumber_data();
     void fileIsTheSameWhateverItsNumber();
 
@@ -193,6 +195,29 @@ void TestSpool::leftoverThatStaysKeepsNoLock()
     SpoolLock lock(spool.folder, spool.report);
     QVERIFY(!spool.directory.removeLeftovers(lock));
     QVERIFY(!QFile::exists(spool.lockPath));
+}
+
+// Four rounds of the ring, which stays full.
+void TestSpool::journalKeepsWhatIsNotFree()
+{
+    const Folder place;
+    const Descriptor folder(::open(qPrintable(place.path()), O_RDONLY | O_DIRECTORY));
+    Journal journal;
+    QVERIFY(journal.create(folder.get()));
+    QList<std::pair<QByteArray, quint64>> kept; // contents and ends
+    for (int number = 0; number < 500; ++number) {
+        const QByteArray content(60'000 + 97 * number % 5'000, char(number));
+        for (; !journal.hasRoomFor(1, content.size()); kept.removeFirst())
+            journal.free(kept.first().second);
+        kept.append({content, journal.add("n", number, "", content)});
+        QVERIFY(journal.commit());
+    }
+    Journal left;
+    QVERIFY(left.open(folder.get()) && kept.size() > 100);
+    QVERIFY(left.forEach([&](const Journal::Entry &entry) {
+        return !kept.isEmpty() && entry.content == kept.takeFirst().first;
+    }));
+    QVERIFY(kept.isEmpty());
 }
 
 void TestSpool::fileIsTheSameWhateverItsNumber_data()
