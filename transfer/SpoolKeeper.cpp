@@ -48,6 +48,8 @@ SpoolKeeper::~SpoolKeeper()
 // Our own folder comes first: from then on a power cut puts in doubt what is written.
 void SpoolKeeper::start()
 {
+    if (worker.joinable())
+        return; // a start is under way
     startTime = timeNow();
     std::ignore = folder.open();
     beginRound();
