@@ -57,8 +57,11 @@ void SpoolKeeper::start()
 
 void SpoolKeeper::stop()
 {
-    leftovers.end();
-    waitForRound();
+    if (worker.joinable()) {
+        leftovers.end();
+        waitForRound();
+        disk.filesWritten(); // what was given back is not known to be on the disk
+    }
     if (!disk.isPending() || !holdsFiles())
         folder.close();
 }
