@@ -25,7 +25,7 @@ struct Counters
     // The protocol is neither TCP nor UDP.
     Amount noTransport;
     Amount noLock;
-    // The disk is full, or no file can have the record's name.
+    // The file could not be written, or its name cannot be a file's.
     Amount noFile;
 
     // To the TCP peer. `sent` includes repetitions.

@@ -143,7 +143,7 @@ void Monitor::tellServiceManager()
     }
 }
 
-// Says what the module still waits for on the bus. Empty if it waits for nothing.
+// Returns what the module still waits for on the bus; empty if nothing.
 QString Monitor::busLine() const
 {
     if (bus.GetServerName().isEmpty())

@@ -17,7 +17,7 @@ class TConnector;
 // Replaces the status file as a whole: every ten seconds if its content has changed, and once more
 // at the end. Counts the files in the spool on a thread of its own, because that may take long.
 //
-// Errors:  logs once that the status file cannot be written.
+// Errors:  logs the first of consecutive failures to write the status file.
 class Monitor : public QObject
 {
     Q_OBJECT

@@ -160,7 +160,7 @@ void Morvane::beforeEnd()
     monitor.stop();
 }
 
-// Runs on aboutToQuit, so whatever ends the event loop.
+// Connected to aboutToQuit, so it runs whatever ends the event loop.
 void Morvane::stop()
 {
     if (!keeper)
@@ -383,7 +383,6 @@ void Morvane::OnFileReceived(QString name)
     qDebug() << "File received" << name;
 }
 
-// Other modules of the family use these two slots. Here ScanThread sends and receives instead.
 void Morvane::UdpDatagrams()
 {
 }

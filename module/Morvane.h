@@ -12,8 +12,8 @@
 class ScanThread;
 class TMyLocalSocket;
 
-// The transfer module: keeps every record that arrives over the bus as a file in the spool
-// directory and carries the spool to the peer.
+// The transfer module: accepts records from the bus and carries them to the peer. A record waits as
+// a file in the spool directory, or only in the journal if it can be sent at once.
 //
 // Owner:   main(), which never destroys it.
 // Thread:  main thread. Waiting for the spool's lock blocks it.
@@ -30,7 +30,7 @@ public:
     void LoadSettings(QString path);
     // Adds the known keys to the template settings and checks the keys of `settings` against them.
     void checkSettingsStruct(QSettings &settings);
-    // Starts the chosen transport and both timers.
+    // Starts the reports and, as soon as the spool is ready, the chosen transport and both timers.
     void Start() override;
 
     // main() calls this once, after the event loop has ended.
@@ -47,6 +47,9 @@ public Q_SLOTS:
     void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void tspSocketError(QAbstractSocket::SocketError error);
     void tspSocketConnected();
+    // These belong to the module's interface; nothing in this program calls them. Reconnect() calls
+    // Start() again, which stops a running scan thread. The last two do nothing: ScanThread
+    // receives and sends.
     void Reconnect();
 
 protected:

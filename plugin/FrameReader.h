@@ -29,7 +29,7 @@ public:
     enum class Result {
         Frame,
         Incomplete, // call again when more bytes have arrived
-        TooLong // more than 50,000,000 bytes are announced and have not arrived: cut the peer off
+        TooLong // over maxAnnouncedBytes are announced and have not all arrived: cut the peer off
     };
 
     // `expectedSize` is the length of the body that is awaited, 0 while a length is.

@@ -18,5 +18,6 @@ void onSignals(
 // is on the disk already.
 void endLoopOnStopSignals(QObject *context);
 
-// Returns the signal that has ended the event loop, or 0.
+// Call after the event loop has ended. Returns the signal that has ended it, or came when it was
+// about to end; 0 if there is none.
 [[nodiscard]] int stopSignal();

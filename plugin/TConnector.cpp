@@ -338,7 +338,6 @@ void TConnector::connectionInError(QLocalSocket::LocalSocketError)
 
 void TConnector::SlotNewData(TMyLocalSocket *socket)
 {
-    // A slot that receives a frame may abort the socket, which loses the frames behind it.
     Q_ASSERT(thread() == QThread::currentThread());
     BusFrame frame; // one for the whole loop, so that small frames share its memory
     ++readDepth;
@@ -378,7 +377,7 @@ void TConnector::releaseSenders()
     }
 }
 
-// The senders were told that what is in the sockets was taken; without this it would be lost.
+// The kernel has told the senders that it took the bytes in the sockets. Unread, they would be lost.
 void TConnector::readToEnd()
 {
     const QDeadlineTimer deadline(maxFinalRead);

@@ -27,7 +27,7 @@ public:
     QByteArray name;
     // Length of the frame body that is awaited; 0 while the next thing to read is a length.
     int expectedSize = 0;
-    // The peer does not read: frames for it are dropped, and counted.
+    // Whether the peer does not read: frames for it are dropped and counted then.
     bool stalled = false;
     qint64 droppedFrames = 0;
     qint64 droppedBytes = 0;
@@ -59,7 +59,8 @@ private:
     QElapsedTimer sincePeerProgress;
 };
 
-// Listens under a bus name and emits every accepted connection, open.
+// Listens under a bus name and emits every accepted connection, open. QLocalServer's own signal
+// newConnection() is hidden and never emitted.
 class TMyLocalServer : public QLocalServer
 {
     Q_OBJECT
@@ -79,7 +80,7 @@ protected:
 // Every 5 seconds one pass repairs what is down. At start-up the passes keep an order: all outgoing
 // connections, then the administration connection, then listening.
 //
-// A pass blocks the main thread while a server lets it wait, 30 seconds for each. What fails is
+// A pass blocks the main thread while a server lets it wait, up to a minute for each. What fails is
 // logged and tried again by the next pass; only the loss of an established administration
 // connection ends the event loop, with exit status 5.
 class TConnector : public QObject
@@ -115,8 +116,8 @@ public:
     [[nodiscard]] const QList<TMyLocalSocket *> &incoming() const { return inConnections; }
     [[nodiscard]] const QList<TMyLocalSocket *> &outgoing() const { return outConnections; }
 
-    // The servers that are not connected. absentAdmin() is empty while the administration server
-    // is.
+    // Return the names of servers that are not connected. absentAdmin() is empty while the
+    // administration server is connected.
     [[nodiscard]] QStringList absentServers() const;
     [[nodiscard]] QString absentAdmin() const;
     [[nodiscard]] bool isListening() const;

@@ -20,7 +20,8 @@ void sayStopping();
 void showStatus(const QString &line);
 
 // Sends a sign of life, at most one a second, so it may be called often. A timer of the event loop
-// calls it, and so does each bounded wait that blocks the event loop.
+// calls it, and so do the waits that may block the loop again and again: for a bus server, and for
+// the spool's lock.
 void sayAlive();
 // Returns the time without a sign of life after which the manager kills the process; 0 means never.
 [[nodiscard]] std::chrono::milliseconds watchdogTime();

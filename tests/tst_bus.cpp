@@ -374,7 +374,7 @@ void TestBus::administrationServerThatNeverReadsCostsBoundedMemory()
     bench.start("admin");
     QTRY_COMPARE(admin.sockets.size(), 1);
 
-    // Senders wait for a moment, and no longer.
+    // Senders wait for a moment, and no longer. The server's own commands never wait.
     BusClient client(u"me"_s);
     client.write(BusFrame::makeCommand("Watch_Arrow_On", "", 1));
     for (int i = 0; i < 30; ++i)

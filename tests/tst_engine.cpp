@@ -12,13 +12,13 @@ namespace {
 
 constexpr Packet::Stamp stamp = {0, 0};
 
-// The stream that a sender makes of a content.
+// Returns the stream that a sender makes of the content.
 Bytes compressed(const Bytes &content)
 {
     return qCompress(content, 7).sliced(4);
 }
 
-// What a peer sends: the packets of file 9, and what it holds of a file of ours.
+// Packets of a peer: those of its file 9, and acknowledgements of a file of ours.
 Bytes data(quint16 number, const Bytes &payload)
 {
     return Packet::makeData(stamp, 9, number, payload);
@@ -159,7 +159,7 @@ void tst_engine::keptPacketsOfAnOldFileAreNoDelivery()
 
 void tst_engine::lateInformationRecordCostsNoFile_data()
 {
-    using Numbers = QList<int>; // of the packets in the order of their coming
+    using Numbers = QList<int>; // of the packets, as they arrive
     QTest::addColumn<Numbers>("numbers");
     QTest::addColumn<Bytes>("others"); // of another file with the same name and length
     QTest::addColumn<int>("written"); // how often
@@ -180,7 +180,7 @@ void tst_engine::lateInformationRecordCostsNoFile()
     const Bytes stream = compressed(noise(700, 1));
     Side side;
     int begun = 0;
-    QList<quint16> held; // as the design has it
+    QList<quint16> held; // since the last packet 0
     for (const int number : numbers) {
         begun += number == 0;
         const Bytes &from = begun == 1 ? stream : others;
@@ -350,8 +350,7 @@ void tst_engine::idsRunTo127AndGoOnWith0()
     }
 }
 
-// Acknowledgements come seldom enough for the counts to wrap. A second file begins where the first
-// one did, wherever that ended.
+// Acknowledgements come seldom enough for the counts to wrap.
 void tst_engine::choosesAsAWalkOverTheTableWould()
 {
     for (quint32 seed = 1; seed <= 60; ++seed) {
@@ -471,7 +470,7 @@ void tst_engine::takesOrRefusesFilesOfAnotherThread()
             side.engine.OpenFile(path);
     }).join();
     side.tick();
-    QVERIFY(side.packets.isEmpty()); // the other thread itself changes nothing
+    QVERIFY(side.packets.isEmpty()); // nothing begins on the other thread
     QCoreApplication::processEvents();
     QCOMPARE(side.refused, bad);
     QCOMPARE(side.unreadable, unreadable);

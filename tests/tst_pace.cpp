@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-// What happens on a path of 25 ms each way. Times are seconds.
+// What happens on a path of 25 ms each way. Times are in seconds.
 struct Story
 {
     double loss = 0, megabits = 0; // 0 for no bottleneck; else one with a queue of 100 ms
@@ -76,7 +76,7 @@ private:
     double freeAt = 0;
 };
 
-// A transfer on it. The receiver is a set of numbers.
+// A transfer over a path. The receiver is the set of the numbers that it holds.
 class Transfer
 {
 public:
@@ -99,7 +99,7 @@ private:
 
     void wake(double after)
     {
-        nextWake = path.now + std::max(after, 2e-6); // what waits has its turn first
+        nextWake = path.now + std::max(after, 2e-6); // after what is due now
         const double late = path.random.generateDouble() * path.story.late;
         path.atSender(nextWake + late, true, [this, due = nextWake] {
             if (due == nextWake && !isDone())

@@ -26,7 +26,7 @@ void countPackages(QtMsgType, const QMessageLogContext &, const QString &line)
     receivedPackages += isWhole && line.startsWith("Received package    \"a4d5"_L1);
 }
 
-// A scan thread on a spool directory of its own, with all that it says.
+// A scan thread on a spool directory of its own, with the lines that it reports.
 struct Node
 {
     Node(quint16 localPort, quint16 remotePort, const QString &spool,
@@ -103,7 +103,7 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
     });
     const QString lock = folder->writeFile(u"left/.lock"_s, "");
     left.thread.start();
-    QTRY_COMPARE(left.saidCount(u"left/.lock"_s), 1); // a long wait is said
+    QTRY_COMPARE(left.saidCount(u"left/.lock"_s), 1); // a long wait is reported
     QVERIFY(!QFile::exists(u"A1"_s) && QFile::remove(lock));
     QTRY_VERIFY(!left.holds(u"b2"_s));
     QCOMPARE(folder->readFile(u"A1"_s), "first");
@@ -288,7 +288,6 @@ void tst_scanthread::stopWaitsForNoCompression()
     QVERIFY(left.holds(u"f"_s));
 }
 
-// Both ways at once, on one thread that comes ten milliseconds late whenever it has waited.
 void tst_scanthread::withoutAFixedPaceFilesCrossBothWays()
 {
     Node left(leftPort, rightPort, u"left"_s, u"127.0.0.1"_s, 0);

@@ -52,6 +52,6 @@ private:
     Clock::time_point lastAnswer;
 
     Clock::time_point lastOtherPacket{}; // any packet that is not an answer
-    bool isPeerAnnouncing = false; // sends packet 0 of its own file
-    bool doesPeerHear = false; // went on after packet 0, which takes an acknowledgement from us
+    bool isPeerAnnouncing = false;
+    bool doesPeerHear = false; // it went on after its packet 0, so our acknowledgement has arrived
 };

@@ -16,7 +16,7 @@ namespace {
 
 constexpr auto gatherTime = 250ms; // from the first request to the flush
 constexpr auto leastInterval = 500ms; // between the beginnings of two flushes
-constexpr auto failureInterval = 5s; // the same after one that has failed
+constexpr auto failureInterval = 5s; // the same after a failure
 
 } // namespace
 
@@ -30,7 +30,7 @@ Flusher::Flusher(
     connect(&due, &QTimer::timeout, this, &Flusher::begin);
 }
 
-// A flush that is under way is waited for; the process itself does not come here.
+// Waits for a flush that is under way.
 Flusher::~Flusher()
 {
     {
@@ -87,13 +87,13 @@ void Flusher::begin()
     wake.notify_all();
 }
 
-// --- the waiting thread ---
+// --- the thread that waits for the disk ---
 
 void Flusher::run()
 {
     sigset_t all;
     sigfillset(&all);
-    ::pthread_sigmask(SIG_BLOCK, &all, nullptr); // signals are the main thread's
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr); // the main thread handles signals
     std::unique_lock lock(mutex);
     for (;;) {
         wake.wait(lock, [this] { return job || shallEnd; });

@@ -65,7 +65,7 @@ private:
     bool isRunning = false;
     bool hasFailed = false;
 
-    std::thread worker; // started with the first flush
+    std::thread worker;
     std::mutex mutex; // guards the members below
     std::condition_variable wake;
     std::optional<Job> job;

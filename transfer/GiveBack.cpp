@@ -74,7 +74,7 @@ bool GiveBack::file(int folder, const char *from, const QByteArray &spool, const
         if (::fstatat(folder, from, &own, AT_SYMLINK_NOFOLLOW) != 0)
             return errno == ENOENT;
         if (::lstat(place.constData(), &other) != 0)
-            continue; // gone again
+            continue;
         if (S_ISDIR(other.st_mode))
             return false;
         return isOlder(other, own) ? replaceOlder(folder, from, place.constData(), own)

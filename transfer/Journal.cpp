@@ -18,7 +18,7 @@ namespace {
 constexpr quint32 fileMagic = 0x4C4E524A; // "JRNL"
 constexpr quint32 fileVersion = 1;
 constexpr off_t stateAt = 512, syncAt = 1024, ringAt = 4096;
-constexpr qint64 leastBytes = 65'536; // a smaller ring is not worth creating
+constexpr qint64 leastBytes = 65'536;
 constexpr quint64 shareOfFree = 8; // the ring takes at most 1/8 of the disk's free space
 constexpr mode_t fileMode = 0600;
 
@@ -303,7 +303,8 @@ void Journal::free(quint64 position)
     if (position <= head)
         return;
     head = std::min(position, tail);
-    std::ignore = saveNumber(file.get(), qint64(head), stateAt); // if it fails: sent twice at worst
+    std::ignore =
+        saveNumber(file.get(), qint64(head), stateAt); // if it fails, records are sent twice
 }
 
 // --- visiting records ---

@@ -26,6 +26,7 @@
 //
 // Owner:   the process that holds the kernel's lock on the enclosing folder.
 // Thread:  any one thread. noteSynced() and sync() may run on another one at the same time.
+// Errors:  functions that fail return false with the reason in errno.
 class Journal
 {
 public:
@@ -34,7 +35,7 @@ public:
         QByteArrayView name; // file system encoding
         QByteArrayView content; // as the record's spool file would have it
         qint64 acceptedAt; // nanoseconds since the epoch
-        quint64 end; // position after the record
+        quint64 end; // of the record, as a position
     };
     // Identifies the host and the boot that the owner ran on.
     struct Identity
@@ -67,8 +68,8 @@ public:
     // Stages a record with the content kind + payload and returns the position after it. Call
     // hasRoomFor() first.
     quint64 add(QByteArrayView name, qint64 time, QByteArrayView kind, QByteArrayView payload);
-    // Writes the staged records. After a failure the journal takes no more records; the staged ones
-    // can still be visited.
+    // Writes the staged records. After a failure the journal takes no more records until it is
+    // created anew.
     [[nodiscard]] bool commit();
     // Frees all records up to a position that add() returned.
     void free(quint64 position);
@@ -96,7 +97,7 @@ private:
     bool scan(quint64 from, quint64 size, const std::function<bool(const Entry &)> &visit) const;
 
     Descriptor file;
-    quint64 capacity = 0; // bytes of the ring
+    quint64 capacity = 0; // bytes
     quint32 checksumSeed = 0;
     quint64 head = 0; // position of the oldest record in use
     quint64 tail = 0; // position after the last record, staged ones included

@@ -21,8 +21,7 @@ namespace {
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr unsigned int timesMask = STATX_TYPE | STATX_BTIME | STATX_CTIME;
 
-// Calls visit(name) for every entry of a folder, whose descriptor stays the caller's, until the end
-// is asked for.
+// Calls visit(name) for every entry of an open folder, until a stop is requested.
 template <typename Visit>
 void forEachEntry(int folder, const std::atomic<bool> &shallEnd, Visit visit)
 {
@@ -32,8 +31,8 @@ void forEachEntry(int folder, const std::atomic<bool> &shallEnd, Visit visit)
         visit(entry->d_name);
 }
 
-// Nanoseconds since the epoch when a regular file was made, where the file system knows, or else
-// last touched; 0 for anything else.
+// Returns when a regular file was created, or last changed if the file system does not store that,
+// in nanoseconds since the epoch. Returns 0 for anything else.
 qint64 birthOf(int folder, const char *name)
 {
     struct statx info;
@@ -44,7 +43,7 @@ qint64 birthOf(int folder, const char *name)
     return time.tv_sec * 1'000'000'000 + time.tv_nsec;
 }
 
-// Nanoseconds since the epoch.
+// Returns when the system was started, in nanoseconds since the epoch.
 qint64 startOfSystem()
 {
     timespec now, running;
@@ -60,13 +59,13 @@ bool differ(const QByteArray &a, const QByteArray &b)
 
 } // namespace
 
-// The hidden folder of a process that has ended, locked for us.
+// The folder of a process that has ended. We hold the kernel's lock on it.
 struct Leftovers::Folder
 {
     QByteArray name;
     Descriptor descriptor;
-    Journal journal; // not open in a folder of an older version
-    int failure = 0; // why something could not go back, as errno
+    Journal journal; // not open if an older version has left the folder
+    int failure = 0; // errno
 
     [[nodiscard]] bool isFromEarlierBoot() const
     {
@@ -76,7 +75,7 @@ struct Leftovers::Folder
     {
         return isFromEarlierBoot() && differ(journal.identity().host, Journal::here().host);
     }
-    // An owner that has not noted a time yet found everything on the disk when it began.
+    // Until an owner notes a time, all that is older than its journal counts as on the disk.
     [[nodiscard]] qint64 syncedUntil() const
     {
         const qint64 noted = journal.syncedUntil();
@@ -143,8 +142,8 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
 
 // --- back into the spool ---
 
-// Files first: only then are all that a power cut may have damaged in one place. A record of a
-// journal is whole or was not found.
+// Gives back the files first, so that setDoubtfulAside() finds all that a power cut may have damaged.
+// Records need no such check: a damaged one is not found in the journal.
 bool Leftovers::giveBack(const QByteArray &own, const NoteSynced &note)
 {
     const Folders folders = endedOwners(own);

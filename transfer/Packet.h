@@ -50,10 +50,15 @@ struct Packet
 
     uchar kind = 0; // Data, StatusRequest or Acknowledgement
     char id = 0;
-    quint16 number = 0; // data packets only
-    QByteArrayView record; // data packets only: the payload and the first byte of the checksum
-    QByteArrayView entries; // other kinds only; whole entries
-    std::optional<quint8> held; // acknowledgements only: low 8 bits; empty if its fields disagree
+
+    // In data packets only. The record is the payload and the first byte of the checksum.
+    quint16 number = 0;
+    QByteArrayView record;
+
+    // In the other kinds only: whole entries.
+    QByteArrayView entries;
+    // In acknowledgements only: the low 8 bits, or nothing if the two fields disagree.
+    std::optional<quint8> held;
 
     [[nodiscard]] qsizetype entryCount() const { return entries.size() / 2; }
     [[nodiscard]] quint16 entry(qsizetype index) const

@@ -19,7 +19,7 @@ public:
     // Returns whether the spool is quiet now. Costs two system calls as long as nothing changes.
     [[nodiscard]] bool look();
     // Returns whether a file of that name could be created: the name is not too long and not that
-    // of a folder. Call after look().
+    // of a folder, as far as the last isQuiet() has seen.
     [[nodiscard]] bool canHold(const QByteArray &name) const;
 
 private:

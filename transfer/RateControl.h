@@ -18,7 +18,7 @@
 // one gives up part of its rate. Loss alone never lowers the rate: if a path loses a third of all
 // packets, half as much again is sent.
 //
-// Uses no socket, timer or clock. Sizes are bytes on the wire.
+// Uses no socket, timer or clock. Sizes are bytes on the wire, rates are bytes a second.
 class RateControl
 {
 public:
@@ -26,9 +26,10 @@ public:
     using Seconds = std::chrono::duration<double>;
 
     static constexpr double packetBytes = 293; // a full data packet with its IP and UDP headers
-    static constexpr Seconds quantum{0.001}; // of the sender's timer; what is due leaves together
+    // What is due within it leaves together.
+    static constexpr Seconds quantum{0.001};
 
-    // The state when a status request left; passed to answered() with its answer.
+    // The state when a status request was sent; passed to answered() with its answer.
     struct Departure
     {
         Time left;
@@ -40,7 +41,7 @@ public:
     };
     struct Answer
     {
-        double delivered = 0; // bytes newly acknowledged
+        double delivered = 0;
         int arrived = 0, lost = 0; // packets that no earlier request has listed
     };
 
@@ -74,14 +75,18 @@ public:
     // Returns the number of data packets between two status requests.
     [[nodiscard]] int groupSize() const;
     [[nodiscard]] double loss() const;
-    [[nodiscard]] double sendingRate() const; // bytes a second, without the gain of the phase
+    [[nodiscard]] double sendingRate() const; // without the gain of the phase
 
 private:
+    // Startup doubles the rate each round until that finds no more bandwidth, and Drain empties the
+    // queue that this has built. Then Cruise keeps the rate. Now and then Up sends faster, Weigh
+    // waits for the answers and judges them, and Down drains again. Shallow sends little for a
+    // moment, to measure the round trip without a queue.
     enum class Phase { Startup, Drain, Up, Weigh, Down, Cruise, Shallow };
     struct Round
     {
-        double highestRate = 0; // bytes a second
-        int arrived = 0, lost = 0; // of the packets sent in this round
+        double highestRate = 0;
+        int arrived = 0, lost = 0; // of the packets sent in it
     };
     static constexpr int roundsKept = 16;
 
@@ -114,7 +119,7 @@ private:
     int phaseRounds = 0; // begun in this phase
     int cruiseRounds = 0; // that Cruise lasts
     double rateBeforeUp = 0;
-    double upBoost = 1; // factor on the gain in Up; grows while Up finds more bandwidth
+    double upBoost = 1; // grows while Up finds more bandwidth
     unsigned random = 1; // spreads the probing of flows that share a path
 
     Seconds shortestTrip{};
@@ -130,12 +135,12 @@ private:
     std::array<Round, roundsKept> rounds;
     int round = 0;
     double roundEnd = 0;
-    double plateauRate = 0; // highest bandwidth so far in Startup
+    double plateauRate = 0;
     int plateauRounds = 0;
 
     double delivered = 0; // bytes
     Time lastDelivery, lastAnsweredLeft;
     double starvedUntil = -1;
-    double budget = 0; // bytes that may leave
+    double budget = 0; // that may leave now
     Time budgetAt;
 };

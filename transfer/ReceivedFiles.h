@@ -31,7 +31,6 @@ struct GatheredFile
 //
 // Thread:  the one that constructed it, which also emits all signals. Inflating and writing happen
 //          there too, within write(), unless workInBackground() was called.
-// Errors:  throws std::bad_alloc if memory is exhausted.
 class ReceivedFiles : public QObject
 {
     Q_OBJECT
@@ -69,7 +68,7 @@ private:
     {
         GatheredFile file;
         Outcome outcome = Outcome::Interrupted;
-        int writeError = 0; // errno, with NoFile
+        int writeError = 0; // errno, with CannotWrite
     };
     [[nodiscard]] Outcome inflateAndWrite(const GatheredFile &file, int &error) const;
     void work();

@@ -28,7 +28,7 @@ bool SentFolder::isGone() const
     return ::fstat(folder.get(), &info) == 0 && info.st_nlink == 0;
 }
 
-// Retries once: until the new folder is locked, a process that is just starting may take it for a
+// Tries twice: before the new folder is locked, a process that is just starting may take it for a
 // leftover and remove it.
 bool SentFolder::open()
 {

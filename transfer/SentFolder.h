@@ -10,8 +10,8 @@
 // directory, with the journal of records that have no file and the files that a link has taken.
 //
 // A spool file is moved here rather than copied, so its bytes stay as safe on the disk as they
-// were. The owner holds the kernel's lock on the folder, which shows whether its process still
-// lives. After a kill, Leftovers gives the content back.
+// were. The owner holds the kernel's lock on the folder, which shows that its process still runs.
+// After a kill, Leftovers gives the content back.
 //
 // Errors:  a file that cannot be taken stays in the spool.
 class SentFolder
@@ -29,12 +29,12 @@ public:
     enum class Take {
         Taken,
         Gone, // somebody else has removed the file
-        Replaced, // another file has taken the name and stays listed
-        NoRoom, // the disk is full; the file stays listed
-        Stuck // the file cannot be moved and stays listed
+        Replaced, // another file has taken the name
+        NoRoom, // the disk is full
+        Stuck // the file cannot be moved
     };
-    // Moves a spool file here if it still has the mark and the content. No file of that name may be
-    // held already.
+    // Moves a spool file here if it still has the mark and the content. Otherwise a file of that
+    // name stays listed, unless it is Gone. No file of that name may be held already.
     [[nodiscard]] Take take(
         const QString &name, const SpoolFile::Mark &mark, QByteArrayView content);
     // Deletes a held file, because the peer has stored it.
@@ -42,7 +42,8 @@ public:
     // Moves a held file back into the spool, because the peer may not have it. Returns false, with
     // the reason in errno, if that fails for now.
     bool giveBack(const QString &name);
-    // Gives back all held files and all records of the journal. Returns false if some remain.
+    // Gives back all held files and all records of the journal. Returns false, with a reason in
+    // errno, if some remain.
     [[nodiscard]] bool giveAllBack();
     [[nodiscard]] bool isEmpty() const { return kept.isEmpty() && records.isEmpty(); }
     [[nodiscard]] bool holds(const QString &name) const { return kept.contains(name); }

@@ -421,6 +421,6 @@ bool SpoolDirectory::removeLeftovers(SpoolLock &lock) const
         return false;
     const bool allGone = std::all_of(
         leftovers.begin(), leftovers.end(), [this](const QString &name) { return remove(name); });
-    lock.release(); // also if some files could not be removed
+    lock.release();
     return allGone;
 }

@@ -115,9 +115,10 @@ private:
 
 // The directory in which every record waits as one file until it is sent.
 //
-// Names that begin with a dot are never listed; the lock file and unfinished files have such names.
+// SpoolLayout.h tells what else is there. Only visible files are listed.
 //
-// Thread:  any. Objects are cheap and hold only the path.
+// Thread:  any. Objects hold only the path; copies share it.
+// Errors:  if a function fails, the reason is in errno.
 class SpoolDirectory
 {
     Q_DECLARE_TR_FUNCTIONS(SpoolDirectory)
@@ -157,9 +158,8 @@ public:
     // Removes any file of that name. Returns false if it still exists.
     [[nodiscard]] bool remove(const QString &name) const;
 
-    // Moves a file that can never be sent to the folder "refused" of the directory. That folder is
-    // created when needed and never listed. Never overwrites a file: if the name is taken there, a
-    // number is appended.
+    // Moves a file that can never be sent to the folder of refused files, which is created when
+    // needed. Never overwrites a file: if the name is taken there, a number is appended.
     [[nodiscard]] SetAside setAside(const QString &name) const;
 
     // Sets aside the files with foreign names, see isForeignName(), which list() and first() leave

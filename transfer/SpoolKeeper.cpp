@@ -45,7 +45,8 @@ SpoolKeeper::~SpoolKeeper()
     waitForRound();
 }
 
-// Our own folder comes first: from then on a power cut puts in doubt what is written.
+// Creates our folder before anything else: after a power cut, all files that are younger than its
+// journal are in doubt.
 void SpoolKeeper::start()
 {
     if (worker.joinable())

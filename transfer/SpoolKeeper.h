@@ -13,9 +13,9 @@
 // Keeps a spool directory safe, for every transport: gives back what killed processes have left,
 // writes files and flushes them to the disk.
 //
-// Thread:  main thread, which waiting for the spool's lock blocks. Work that reads the whole
-//          directory runs on a separate thread.
-// Errors:  whatever fails is tried again every few seconds and reported once.
+// Thread:  the one that constructed it. Waiting for the spool's lock blocks it. Work that reads the
+//          whole directory runs on a thread of its own.
+// Errors:  what fails in giving back or flushing is reported once and tried again every few seconds.
 class SpoolKeeper : public QObject
 {
     Q_OBJECT
@@ -34,8 +34,8 @@ public:
     // Checks whether another process has put files into the spool, and flushes them too.
     void lookForFiles();
 
-    // Gives back everything in sent(). Returns false if some of it cannot go back yet. Tries again
-    // then, and emits gaveBack() on success.
+    // Gives back everything in sent(). Returns false if some of it cannot go back yet. Then tries
+    // again later, and emits gaveBack() on success.
     bool giveBack();
     [[nodiscard]] SentFolder &sent() { return folder; }
     [[nodiscard]] Flusher &flusher() { return disk; }
@@ -63,7 +63,7 @@ private:
     bool hasStarted = false, hasStranded = false;
     qint64 lastChange = 0; // of the directory, nanoseconds since the epoch
 
-    // Used by the worker thread only, while worker is joinable.
+    // While worker is joinable, only its thread uses the members below.
     std::thread worker;
     QStringList remarks;
     Leftovers leftovers;

@@ -6,8 +6,8 @@ namespace {
 
 constexpr size_t textBytes = 65'536; // of one piece of memory
 
-// The order of UTF-16 code units is that of UTF-8 bytes but for one thing: characters beyond U+FFFF
-// (first bytes F0 to F4) are surrogates there, and come before U+E000 to U+FFFF (EE and EF).
+// Gives bytes of UTF-8 the order of UTF-16 code units. The two differ in one thing only: in UTF-16,
+// characters beyond U+FFFF (first bytes F0 to F4) come before U+E000 to U+FFFF (EE and EF).
 uchar rank(char byte)
 {
     const uchar value = uchar(byte);
@@ -38,7 +38,7 @@ bool isBefore(const char *a, const char *b)
     return nameAt(a) < nameAt(b);
 }
 
-// As nameAt() reads it, but for the last 0, which every string has behind it.
+// Returns what nameAt() reads: the key, 0, the name unless it equals the key, 0.
 std::string entryOf(QByteArrayView key, QByteArrayView name)
 {
     std::string entry(key.begin(), key.end());
@@ -116,7 +116,7 @@ void SpoolListing::store(QByteArrayView nameKey, QByteArrayView name)
     bytes += entry.size() + sizeof(places.front());
 }
 
-// The kept half moves into memory of its own, so that the dropped one's can go.
+// Copies the half that is kept, so that the memory of the other one can be freed.
 void SpoolListing::dropLargerHalf()
 {
     const auto middle = places.begin() + std::ptrdiff_t(places.size() / 2);

@@ -26,8 +26,8 @@ struct TTransferData
 
 // Sends one file at a time to the peer and receives the peer's files.
 //
-// A file is compressed and cut into numbered packets. Each tick sends one packet, or a status
-// request. The peer's engine answers a request with those of the recently sent packets that it
+// A file is compressed and cut into numbered packets. At a fixed pace each tick sends one
+// data packet or one status request; without one, PacedSender decides. The peer's engine answers a request with those of the recently sent packets that it
 // holds. Acknowledged packets leave the table; when the table is empty the file has arrived. There
 // is no limit on repetitions.
 //
@@ -86,7 +86,8 @@ Q_SIGNALS:
     void Trouble(QString line);
 
 private:
-    // A file on its way from the thread that prepared it to the engine's.
+    // A file on its way from the thread that prepared it to the engine's. At most one of the last
+    // three members is set; then there is nothing to send.
     struct Outgoing
     {
         QString path;
@@ -141,17 +142,18 @@ private:
     QList<unsigned short> sentList; // numbers of the last packets sent, oldest first
     int lastSentNumber = 0;
 
-    HeldCount peerHeld; // for the outgoing file
+    HeldCount peerHeld;
 
     // Packets that had arrived when packet 0 of the same file came once more, and that have not
-    // come again since. They are neither counted nor acknowledged.
+    // come again since. They are neither counted nor acknowledged, but rescueFile() writes the file
+    // with their help.
     QMap<int, TTransferData> forgotten;
-    bool isRescued = false; // the file was handed over for writing with the forgotten packets
+    bool isRescued = false;
     const std::unique_ptr<ReceivedFiles> received;
 
     const std::chrono::milliseconds tickInterval; // 0 for no fixed pace
     TickTimer ticker; // runs while sending
-    PacedSender paced; // used if there is no fixed pace
+    PacedSender paced; // without a fixed pace only
     PacedSender::Time nextWake;
 
     std::mutex handOverMutex; // guards handedOver, the only member that other threads use

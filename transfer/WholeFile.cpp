@@ -27,7 +27,8 @@ QByteArray hiddenBeside(const QString &path)
     return QFile::encodeName(path.left(path.lastIndexOf(u'/') + 1)) + name;
 }
 
-// Whoever removes leftovers may come between the making of a file and its lock.
+// Creates a file and takes the kernel's lock on it. Tries again if somebody who removes leftovers
+// has removed the file before it was locked.
 int createLocked(const QByteArray &path)
 {
     for (;;) {
@@ -36,14 +37,14 @@ int createLocked(const QByteArray &path)
         struct stat info;
         if (!file.isOpen())
             return -1;
-        // Some file systems know no locks. There nobody finds one to be free either.
+        // Fails on file systems without locks, where removeUnlocked() fails too.
         std::ignore = ::flock(file.get(), LOCK_EX | LOCK_NB);
         if (::fstat(file.get(), &info) != 0 || info.st_nlink > 0)
             return file.release();
     }
 }
 
-// Should this fail, a power cut leaves the old file at worst.
+// Flushes the names in a folder. If that fails, a power cut may bring back the old file.
 void flushFolder(const QByteArray &path)
 {
     const Descriptor folder(
@@ -143,8 +144,8 @@ bool WholeFile::commit(Flush flush)
 {
     if (failure != 0)
         return false;
-    // Some file systems tell only here that the bytes did not fit. A flush tells it too, and leaves
-    // the lock on the file until it has its name.
+    // Some file systems report a full disk only when a file is flushed or closed. A flushed file
+    // stays open, and so locked until it has its name.
     const bool isStored =
         flush == Flush::Yes ? ::fdatasync(file.get()) == 0 : ::close(file.release()) == 0;
     if (!check(isStored && std::rename(hidden.constData(), path.constData()) == 0))

@@ -32,7 +32,8 @@ void removeLeftoversOfTheDead(const QString &directory);
 // because other processes may write there too, and in another container one may have the same id.
 // Each thread has its own hidden name and may write only one file of a directory at a time.
 //
-// Errors:  until commit() has succeeded, nothing has changed under the name.
+// Errors:  each call returns false if it or an earlier one failed, with the first reason in errno.
+//          Until commit() has succeeded, nothing has changed under the name.
 class WholeFile
 {
 public:
@@ -45,12 +46,11 @@ public:
     WholeFile(const WholeFile &) = delete;
     WholeFile &operator=(const WholeFile &) = delete;
 
-    // Appends bytes. Returns false if this or any earlier call failed.
+    // Appends bytes.
     bool write(QByteArrayView bytes);
     // Sets the permissions. By default they are what the umask leaves.
     [[nodiscard]] bool setMode(mode_t mode);
-    // Renames the file and replaces an existing one. Returns false if this or any earlier call
-    // failed.
+    // Renames the file and replaces an existing one.
     [[nodiscard]] bool commit(Flush flush = Flush::No);
     // Returns the errno value of the first failure, or 0.
     [[nodiscard]] int error() const { return failure; }
@@ -63,5 +63,5 @@ private:
     const QByteArray hidden;
     Descriptor file;
     bool isHidden; // the hidden file exists
-    int failure = 0;
+    int failure = 0; // errno
 };

@@ -53,7 +53,7 @@ public:
     Deflater(const Deflater &) = delete;
     Deflater &operator=(const Deflater &) = delete;
 
-    // False if the sink said stop. Finish ends the stream.
+    // Returns false if the sink stopped. flush is Z_NO_FLUSH, or Z_FINISH for the last piece.
     [[nodiscard]] bool write(QByteArrayView piece, int flush)
     {
         setInput(stream, piece);
@@ -102,7 +102,7 @@ struct ZlibStream::Inflater::State
     z_stream stream = {};
     Piece output;
     bool isOpen = true;
-    End end = End::Broken; // unless something better is known
+    End end = End::Broken;
 };
 
 ZlibStream::Inflater::Inflater(Sink takeOutput)

@@ -10,7 +10,7 @@ class QIODevice;
 // Compresses and inflates streams in the zlib format piece by piece, so that memory use does not
 // depend on their size.
 //
-// Errors:  throws std::bad_alloc if memory is exhausted. Output from before an error is kept.
+// Errors:  output from before an error is kept.
 namespace ZlibStream {
 
 // Receives the next piece of output. Returns false to stop. The bytes are valid during the call.
@@ -18,7 +18,7 @@ using Sink = std::function<bool(QByteArrayView)>;
 
 enum class Result {
     Done,
-    SourceFailed, // the source could not be read to its end
+    SourceFailed,
     SinkStopped,
     Interrupted // by QThread::requestInterruption() for the calling thread
 };
@@ -42,7 +42,7 @@ public:
 
     enum class End {
         Clean, // the stream has ended and its checksum matches the output
-        WrongChecksum, // the stream has ended, but its checksum does not match
+        WrongChecksum,
         Broken // the stream is cut short or corrupt, or the sink stopped
     };
     // Returns the state of the stream after all pieces so far.

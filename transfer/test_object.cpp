@@ -30,10 +30,10 @@ constexpr auto obstacleCheckInterval = 5s;
 // A peer can cause at most this many lines of the log in this time.
 constexpr int maxPeerLines = 20;
 constexpr auto peerLinesTime = 60s;
-constexpr auto longestFinish = 10s; // to write received files at the end of the process
+constexpr auto longestFinish = 10s;
 constexpr int receiveBufferBytes = 4 << 20; // large, because this thread also does other work
 constexpr int datagramsPerTurn = 256; // then timers get their turn
-constexpr qsizetype maxDatagram = 65'536; // bytes; no datagram is longer
+constexpr qsizetype maxDatagram = 65'536; // bytes
 
 // Checked before a debug line is built, which costs more than sending the packet.
 bool isDebugOn()
@@ -41,7 +41,7 @@ bool isDebugOn()
     return QLoggingCategory::defaultCategory()->isDebugEnabled();
 }
 
-// Prints the same line as qDebug() << text << datagram.toHex() << "\r\n", several times faster.
+// Prints the same line as qCDebug() << text << datagram.toHex() << "\r\n", several times faster.
 void debugDatagram(const char *text, QByteArrayView datagram)
 {
     if (isDebugOn())
@@ -132,16 +132,15 @@ void ScanThread::stop()
     requestInterruption(); // ends a compression
     stopCondition.notify_all();
     wait();
-    const std::lock_guard lock(mutex); // pairs with the lock in run()
+    const std::lock_guard lock(mutex); // see run()
 }
 
-// --- the scanning thread ---
+// --- the scan thread ---
 
 void ScanThread::run()
 {
     scan();
-    // Pairs with the lock in stop(). The thread sanitizer does not see that wait() orders this
-    // thread's last use of the members before their destruction.
+    // Shows the thread sanitizer, with the lock in stop(), the order that wait() provides.
     const std::lock_guard lock(mutex);
 }
 
@@ -264,7 +263,7 @@ void ScanThread::on_FileForgotten()
     sendAfresh(tr("The peer has lost part of file %1, it is sent afresh"));
 }
 
-// Lets the scanning thread take the next file.
+// Lets the scan thread take the next file.
 void ScanThread::release()
 {
     Q_ASSERT(QThread::currentThread() == thread());

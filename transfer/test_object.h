@@ -36,7 +36,7 @@ public:
         QString remoteHost, unsigned short timeout, QString spoolDir);
     ~ScanThread() override;
 
-    // Ends the scanning thread and waits for it, well under a second: the pause between two scans
+    // Ends the scan thread and waits for it, well under a second: the pause between two scans
     // and the compression of a file are interrupted, a hand-over to the engine is completed. A file
     // in transfer stays in the spool. A stopped object cannot be started again.
     void stop();
@@ -115,7 +115,7 @@ private:
     const QString spoolDir;
     TFileTransfer *fileTransfer;
 
-    // The file in transfer. While busy is false these belong to the scanning thread, which sets
+    // The file in transfer. While busy is false these belong to the scan thread, which sets
     // busy last. While busy is true they belong to the object's thread, which clears it last.
     QString currentPath;
     QString currentName;
@@ -143,9 +143,9 @@ private:
     bool reportedShortage = false; // reset when a file is delivered
     bool reportedStranger = false;
 
-    // Used by the scanning thread only.
+    // Used by the scan thread only.
     bool reportedStuckLock = false;
-    bool hasFailedForeign = false; // see SpoolDirectory::setForeignNamesAside()
+    bool hasFailedForeign = false; // a file with a foreign name could not be moved
     Clock::time_point nextScan;
 
     std::mutex mutex; // guards the members below

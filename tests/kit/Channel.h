@@ -10,7 +10,7 @@
 
 using Bytes = QByteArray;
 
-// Content that does not compress.
+// Returns content that does not compress.
 inline Bytes noise(qsizetype size, quint32 seed)
 {
     Bytes bytes(size + 3, '\0');
@@ -18,7 +18,7 @@ inline Bytes noise(qsizetype size, quint32 seed)
     return bytes.first(size);
 }
 
-// An engine whose own timer never fires, with its files and a record of all that it reports.
+// An engine whose own timer never fires, with its files and all that it emits.
 struct Side
 {
     explicit Side(int quietTicks = 0)
@@ -60,14 +60,15 @@ struct Side
     int sended = 0, forgotten = 0;
 };
 
-// Two engines back to back. A channel that loses packets also doubles some and delays those that
-// carry data. The others stay in order: a late information record would start the gathering afresh.
+// Two engines back to back. A channel that loses packets also doubles some and delays those with
+// data. Information records stay in order: a late one would make the receiver begin afresh.
 struct Channel
 {
     int loss = 0; // percent, each way
     Side left, right;
 
-    // How many ticks pass until both have reported so many deliveries; 0 if that takes too long.
+    // Ticks until both have reported so many deliveries. Returns the number of ticks, or 0 if that
+    // takes too long.
     [[nodiscard]] int run(int leftFiles, int rightFiles)
     {
         for (int tick = 0; left.sended < leftFiles || right.sended < rightFiles; ++tick) {

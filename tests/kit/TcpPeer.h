@@ -97,7 +97,7 @@ private:
     LinkRecord::Reader reader;
 };
 
-// What group "Main" needs to find the peer.
+// What group "Main" needs to find the peer. No keep-alive comes between the records of a slow test.
 inline QByteArray tcpSettings(const TcpPeer &peer)
 {
     return "Protocol=TCP\nReconnectionTimeout=1\nPort=" + QByteArray::number(peer.serverPort())

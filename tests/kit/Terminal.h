@@ -11,8 +11,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-// What stands on a terminal of the kind xterm, as far as line editors use one: a character a
-// column.
+// What stands on an xterm, as far as the line editor uses one: a character a column.
 class Screen
 {
 public:
@@ -81,7 +80,7 @@ private:
     int column = 0;
 };
 
-// A program on a terminal of its own, in the temporary folder.
+// A program on a terminal of its own, in the folder of the tested programs.
 class Terminal : public QProcess
 {
 public:

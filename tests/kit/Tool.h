@@ -11,8 +11,7 @@
 
 #include <csignal>
 
-// The tool as a process in the temporary folder, which a Workplace sets. What it has said is
-// gathered.
+// The tool as a process in the temporary folder, which a Workplace sets; gathers what it says.
 class Tool : public QProcess
 {
 public:

@@ -6,8 +6,8 @@
 
 #include <random>
 
-// A port that nobody uses. Without the system's proxy settings, here and below: Qt would ask for
-// them on a thread that the thread sanitizer does not understand.
+// Returns a free port. No socket here asks for the system's proxy settings: Qt would do so on a
+// thread that the thread sanitizer does not understand.
 inline quint16 freeUdpPort()
 {
     QUdpSocket probe;

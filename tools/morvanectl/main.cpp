@@ -67,7 +67,7 @@ QStringList firstWords()
 int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
-    std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
+    std::signal(SIGPIPE, SIG_IGN); // a write to a closed pipe then fails with EPIPE
     const QStringList arguments = QCoreApplication::arguments();
     const QString chosen = arguments.value(1);
     const bool isHelp = isHelpWord(chosen);

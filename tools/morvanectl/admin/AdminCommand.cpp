@@ -21,7 +21,7 @@ const Word words[] = {
     {u"quit"_s, "QuitSignal"},
 };
 
-// What stands behind "stop" and "send-command": a module's name, or "all".
+// Reads the word after "stop" and "send-command": a module's name, or "all".
 QByteArray moduleOf(const QString &name)
 {
     return name == "all"_L1 ? QByteArray() : name.toUtf8();

@@ -6,20 +6,20 @@
 
 #include <optional>
 
-// One command for modules, as an operator gives it: a word of this tool, with the name of a module
-// behind it if it is for that one only, or the command's own name.
+// A command for modules, as an operator gives it: a word of this tool, followed by a module's name
+// if it is for one module only, or the name that the modules have for the command.
 struct AdminCommand
 {
     QByteArray name; // as modules know it
-    QByteArray module; // for this one only; empty: for all
-    bool isKnown = true; // or any text, for modules that know it
+    QByteArray module; // empty: all modules
+    bool isKnown = true; // to this tool
 
-    // Nothing if a word of this tool stands with something that it does not take.
+    // Returns nullopt if a word of this tool is followed by something that it does not take.
     [[nodiscard]] static std::optional<AdminCommand> read(const QString &text);
 
-    // The words that a person can begin a command with.
+    // Returns the words that a typed command can begin with.
     [[nodiscard]] static QStringList firstWords();
 
-    // The texts of commands from arguments, where "watch on" may be two of them.
+    // Returns one text for each command. "watch on" may be one argument or two.
     [[nodiscard]] static QStringList textsOf(const QStringList &arguments);
 };

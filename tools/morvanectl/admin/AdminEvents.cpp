@@ -34,7 +34,7 @@ QString describe(const ModuleAction &action)
     return shown.isEmpty() ? text : text + u": "_s + shown;
 }
 
-// The journal knows the time.
+// The journal records the time itself.
 QString stamp()
 {
     return isJournal() ? QString() : timeStamp() + u"  "_s;

@@ -7,15 +7,15 @@
 class ModuleBus;
 struct ModuleAction;
 
-// Shows what happens to the modules: one line or paragraph each for a person, in colour on a
-// terminal, or one JSON object a line.
+// Shows what happens to the modules: as lines for a person, in colour on a terminal, or as one JSON
+// object in each line.
 class AdminEvents : public QObject
 {
     Q_OBJECT
 public:
     AdminEvents(const ModuleBus &bus, bool json);
 
-    // What happens to this process itself: the text for a person, and the event and its details.
+    // Shows an event of this process itself: the text to a person, the rest as JSON.
     void show(const QString &text, const char *event, const QJsonObject &details) const;
 
 private:

@@ -43,7 +43,7 @@ void AdminServer::accept(TMyLocalSocket *socket)
 
 void AdminServer::read(TMyLocalSocket *socket)
 {
-    // A command that goes out in between may end the connection.
+    // A signal may lead to a command, and sending it may end the connection.
     BusFrame frame;
     while (socket->isOpen() && socket->takeFrame(frame)) {
         const Key key = keys.value(socket);

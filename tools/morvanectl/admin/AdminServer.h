@@ -8,26 +8,23 @@
 class TMyLocalServer;
 class TMyLocalSocket;
 
-// The administration server that modules connect to.
-//
-// A connection counts as a module once its name frame has arrived.
-//
-// Errors:  a module's mistakes end only its own connection.
+// The administration server that modules connect to. A connection counts as a module once its name
+// frame has arrived. A module's mistakes end only its own connection.
 class AdminServer : public ModuleBus
 {
     Q_OBJECT
 public:
     AdminServer();
 
-    // Listens at once. Returns why it cannot, or nothing. It takes no name away that is in use.
+    // Returns why it cannot listen; empty on success. Takes no name that is in use.
     [[nodiscard]] QString listen(const QString &name);
 
-    // Listens again if the socket file has gone. Returns why that fails, or nothing.
+    // Listens again if the socket file has gone. Returns why that fails; empty on success.
     [[nodiscard]] QString repair();
 
-    // Skips a module that has stopped reading, and reports that by trouble().
+    // Skips a module that has stopped reading, and emits trouble().
     qint32 send(const QByteArray &command, const QByteArray &name) override;
-    // The same with an id from somebody else's range.
+    // Sends with an id from the range of a console.
     void sendAs(qint32 id, const QByteArray &command, const QByteArray &name);
 
     [[nodiscard]] QString fateOfModules() const override

@@ -12,7 +12,7 @@ constexpr auto repairInterval = 2s;
 constexpr int signsInTime = 3; // of life, in the time in which the service manager wants one
 constexpr qsizetype mostNames = 10; // of modules in the status line
 
-// A console must not write other lines than its own.
+// A command with line feeds must not look like several lines of this service.
 QString onOneLine(const QByteArray &text)
 {
     return printable(text).replace(u'\n', u"\\n"_s);

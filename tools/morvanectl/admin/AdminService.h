@@ -6,17 +6,15 @@
 
 #include <QTimer>
 
-// Runs an administration server until it is stopped: lets consoles attach and detach, keeps the
-// service manager informed, and writes what happens to standard output.
-//
-// Errors:  a removed socket file is created again.
+// Runs an administration server: lets consoles attach and detach, informs the service manager, and
+// writes what happens to standard output. Creates a removed socket file again.
 class AdminService : public QObject
 {
     Q_OBJECT
 public:
     explicit AdminService(bool asJson);
 
-    // Listens under the bus name. Returns why it cannot, or nothing.
+    // Returns why it cannot listen under the bus name; empty on success.
     [[nodiscard]] QString listen(const QString &name);
 
     [[nodiscard]] const AdminServer &modules() const { return server; }

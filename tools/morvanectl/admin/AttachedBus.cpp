@@ -23,7 +23,7 @@ AttachedBus::AttachedBus()
 {
 }
 
-// The socket reports its end while it is destroyed.
+// The socket emits signals while it is destroyed.
 AttachedBus::~AttachedBus()
 {
     socket.disconnect(this);
@@ -56,7 +56,7 @@ AttachedBus::Outcome AttachedBus::attach(const QString &serverName)
     takeModules(greeting);
     connect(&socket, &QLocalSocket::readyRead, this, &AttachedBus::read);
     connect(&socket, &QLocalSocket::disconnected, this, &AttachedBus::lost);
-    // What has come already makes no signal any more.
+    // No signal comes for what has already arrived.
     QMetaObject::invokeMethod(this, &AttachedBus::read, Qt::QueuedConnection);
     if (socket.state() != QLocalSocket::ConnectedState)
         QMetaObject::invokeMethod(this, &AttachedBus::lost, Qt::QueuedConnection);
@@ -77,7 +77,7 @@ qint32 AttachedBus::send(const QByteArray &command, const QByteArray &name)
     if (!name.isEmpty())
         object.insert(u"module"_s, QString::fromUtf8(name));
     socket.write(QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n');
-    socket.flush(); // this process may leave at once
+    socket.flush(); // this process may exit at once
     return id;
 }
 
@@ -93,7 +93,7 @@ void AttachedBus::takeLine(const QByteArray &line)
     takeEvent(object[u"event"].toString(), object);
 }
 
-// Other events are for other consoles, or from a server that knows more.
+// Ignores events that a newer server may have.
 void AttachedBus::takeEvent(const QString &event, const QJsonObject &object)
 {
     const Key key = object[u"key"].toInteger();

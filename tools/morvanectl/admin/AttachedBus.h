@@ -8,10 +8,7 @@
 
 class QJsonObject;
 
-// The modules at an administration server that runs elsewhere, seen through its control socket.
-//
-// Thread:  attach() blocks until the server answers, five seconds at most for each step.
-// Errors:  lost() comes when the server goes.
+// The modules at an administration server in another process, seen through its control socket.
 class AttachedBus : public ModuleBus
 {
     Q_OBJECT
@@ -21,9 +18,10 @@ public:
     AttachedBus();
     ~AttachedBus() override;
 
-    // Does not announce the modules that are already there. Emits events from the event loop only.
+    // Blocks until the server answers, for at most five seconds in each of two steps. Emits nothing
+    // for the modules that are already connected; later signals come from the event loop.
     [[nodiscard]] Outcome attach(const QString &serverName);
-    // Why attach() has failed.
+    // Returns why attach() has failed.
     [[nodiscard]] QString problem() const { return reason; }
 
     qint32 send(const QByteArray &command, const QByteArray &name) override;
@@ -33,6 +31,7 @@ public:
     }
 
 Q_SIGNALS:
+    // The server has gone.
     void lost();
 
 private:

@@ -2,13 +2,13 @@
 
 #include <QtGlobal>
 
-// The ids that one sender's commands bear, one after the other and then again: a range of its own,
-// so that it knows the answers to its own commands.
+// The ids for the commands of one sender. Each sender has a range of its own, so that it recognises
+// the answers to its commands. After the last id the first one follows.
 class CommandIds
 {
 public:
     static constexpr qint32 rangeSize = 1'000'000;
-    static constexpr qint32 rangeCount = 2'147; // of positive numbers
+    static constexpr qint32 rangeCount = 2'147; // ranges in the positive numbers
 
     explicit CommandIds(qint32 rangeNumber = 0)
         : firstId(rangeNumber * rangeSize + 1)

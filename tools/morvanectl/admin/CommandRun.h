@@ -10,9 +10,8 @@
 class ModuleBus;
 struct ModuleAction;
 
-// Carries out the commands that were given as arguments, one after the other.
-//
-// Errors:  reports a step that takes too long, and emits failed().
+// Carries out the commands from the arguments, one after the other. Reports a step that takes too
+// long and emits failed().
 class CommandRun : public QObject
 {
     Q_OBJECT

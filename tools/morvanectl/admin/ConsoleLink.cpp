@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 maxUnreadBytes = 16'777'216; // events that wait for a console to read them
+constexpr qint64 maxUnreadBytes = 16'777'216;
 
 QString ownerOf(const QLocalSocket &socket)
 {
@@ -28,7 +28,7 @@ QString ownerOf(const QLocalSocket &socket)
         QString::number(peer.pid));
 }
 
-// What keeps an object from being a command; empty if nothing does.
+// Returns why the object is not a command; empty if it is.
 QString problemWith(const QJsonObject &object, const CommandIds &ids)
 {
     if (object[u"command"].toString().isEmpty())
@@ -67,7 +67,7 @@ void ConsoleLink::greet(const QString &serverName)
 void ConsoleLink::refuse(const QString &reason)
 {
     sayError(reason);
-    socket->disconnectFromServer(); // once that has been written
+    socket->disconnectFromServer(); // after the line has been written
 }
 
 qint64 ConsoleLink::unreadBytes() const
@@ -85,7 +85,7 @@ void ConsoleLink::tell(const QByteArray &line)
     socket->write(line);
 }
 
-// With the modules that are there now, for their coming and going may be among the events.
+// Lists the connected modules too, because the missed events may have changed them.
 void ConsoleLink::sayMissed()
 {
     if (missedEvents == 0 || unreadBytes() > 0)

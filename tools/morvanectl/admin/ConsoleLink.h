@@ -10,31 +10,30 @@
 class AdminServer;
 class QLocalSocket;
 
-// One console that is attached to the administration server: takes its commands, tells it events.
+// The administration server's connection to one attached console: takes commands and sends events.
 //
-// Owner:   ControlServer, until ended().
-// Errors:  answers a line that is not a command with an "error". A console that does
-//          not read misses events, and is told how many once it reads again.
+// Errors:  answers a line that is not a command with an "error". A console that does not read misses
+//          events, and is told their number when it reads again.
 class ConsoleLink : public QObject
 {
     Q_OBJECT
 public:
-    // Takes the socket over. Commands of the console bear ids of this range.
+    // Takes over the socket. `ids` is the range for the console's commands.
     ConsoleLink(QLocalSocket *socket, AdminServer &bus, CommandIds ids);
 
-    // The first line: what the console needs to know of the server with this bus name.
+    // Sends the first line, which introduces the server with this bus name.
     void greet(const QString &serverName);
-    // Whether it has read nearly all that it was told.
+    // Returns whether the console has missed nothing and little is unread.
     [[nodiscard]] bool isKeepingUp() const;
-    // One line, its end included.
+    // Sends one line, which includes its line feed.
     void tell(const QByteArray &line);
-    // The console does not hear of an event for now.
+    // Counts an event that the console is not told.
     void miss() { ++missedEvents; }
-    // The reason why there can be no attachment.
+    // Tells why the console cannot attach, and closes the connection.
     void refuse(const QString &reason);
 
     [[nodiscard]] qint64 unreadBytes() const;
-    // The user and the process at the other end.
+    // Returns the user and the process of the console.
     [[nodiscard]] QString who() const { return owner; }
 
 Q_SIGNALS:

@@ -2,11 +2,11 @@
 
 #include <QString>
 
-// What the control socket of an administration server and its consoles agree on. Each line is a
-// JSON object; docs/bus.md lists them.
+// The protocol between an administration server and its consoles. Each line is a JSON object;
+// docs/bus.md lists them.
 namespace ControlProtocol {
 
-// The control socket lies beside the server's own, under this bus name.
+// Returns the bus name of a server's control socket.
 [[nodiscard]] inline QString socketName(const QString &serverName)
 {
     return serverName + QStringLiteral(".control");

@@ -37,7 +37,7 @@ ControlServer::ControlServer(AdminServer &adminServer)
     });
 }
 
-// Their sockets report their end while they are destroyed, when nobody is left to hear of it.
+// The links' sockets emit signals while they are destroyed.
 ControlServer::~ControlServer()
 {
     for (ConsoleLink *link : std::as_const(links))
@@ -86,7 +86,7 @@ void ControlServer::forget(ConsoleLink *link)
     Q_EMIT consoleLeft(link->who());
 }
 
-// The key stands for the module, whose name need not be its own alone.
+// Adds the module's key to the event, because several modules may have the same name.
 void ControlServer::tellAll(qint64 module, QJsonObject event)
 {
     if (links.isEmpty())
@@ -102,7 +102,7 @@ void ControlServer::tellAll(qint64 module, QJsonObject event)
     }
 }
 
-// Its data may be large: they become a line only where somebody gets it.
+// The action's data may be large, so no line is made of it unless a console gets it.
 void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
 {
     if (std::none_of(links.begin(), links.end(), [this](auto *link) { return canTell(link); })) {
@@ -116,7 +116,7 @@ void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
     tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
 }
 
-// Those that do not read keep nothing from one that does.
+// A console that has read everything always gets the event, whatever others leave unread.
 bool ControlServer::canTell(const ConsoleLink *link) const
 {
     if (link->unreadBytes() == 0)

@@ -9,10 +9,8 @@ class ConsoleLink;
 class QJsonObject;
 struct ModuleAction;
 
-// Lets consoles attach to an administration server, through a control socket next to its own.
-//
-// Owner:   AdminService.
-// Errors:  a console that misbehaves or does not read harms nobody else.
+// Lets consoles attach to an administration server, through a control socket beside its own. A
+// console that misbehaves or does not read does not affect others.
 class ControlServer : public QObject
 {
     Q_OBJECT
@@ -20,15 +18,15 @@ public:
     explicit ControlServer(AdminServer &server);
     ~ControlServer() override;
 
-    // Listens next to the server with this bus name. Returns why it cannot, or nothing.
+    // Listens beside the server with this bus name. Returns why it cannot; empty on success.
     [[nodiscard]] QString listen(const QString &name);
-    // Listens again if the socket file has gone. Returns why that fails, or nothing.
+    // Listens again if the socket file has gone. Returns why that fails; empty on success.
     [[nodiscard]] QString repair();
 
     [[nodiscard]] qsizetype consoles() const { return links.size(); }
 
 Q_SIGNALS:
-    // For a journal; who names the user and the process.
+    // `who` names the user and the process of the console.
     void consoleCame(const QString &who);
     void consoleLeft(const QString &who);
     void commandTaken(const QString &who, const QByteArray &command, const QByteArray &module);

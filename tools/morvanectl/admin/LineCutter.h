@@ -5,7 +5,7 @@
 
 #include <functional>
 
-// Cuts bytes that arrive in any pieces into lines, in the memory of one line at most.
+// Cuts bytes that arrive in arbitrary pieces into lines. Holds at most one line in memory.
 class LineCutter
 {
 public:
@@ -19,7 +19,7 @@ public:
     [[nodiscard]] bool feed(
         QByteArrayView bytes, const std::function<void(const QByteArray &line)> &take);
 
-    // Returns the unfinished line, and forgets it.
+    // Removes and returns the unfinished line.
     [[nodiscard]] QByteArray takeRest();
 
 private:

@@ -18,9 +18,9 @@
 
 namespace {
 
-LineEditor *current = nullptr; // the library's callback has no argument for it
+LineEditor *current = nullptr; // libedit's callbacks take no argument
 constexpr char clearFromHere[] = "\r\x1b[J";
-constexpr int escapedWidth = 2; // of a control character, as in ^X
+constexpr int escapedWidth = 2; // as in ^X
 constexpr int usualColumns = 80;
 
 bool isHungUp()
@@ -50,7 +50,7 @@ LineEditor::LineEditor(const QByteArray &promptText)
     , keys(STDIN_FILENO, QSocketNotifier::Read)
 {
     current = this;
-    ::rl_catch_signals = 0; // its handlers change what they have interrupted
+    ::rl_catch_signals = 0; // its handlers would change what they interrupt
     connect(&keys, &QSocketNotifier::activated, this, &LineEditor::readKey);
     ::rl_attempted_completion_function = &LineEditor::complete;
     open();
@@ -84,13 +84,13 @@ void LineEditor::open()
 
 void LineEditor::readKey()
 {
-    if (isHungUp()) // the library would neither read nor say so
+    if (isHungUp()) // libedit would neither read nor report it
         return take(nullptr);
     ::rl_callback_read_char();
     if (isLineOpen || !keys.isEnabled())
         return;
-    // The library leaves the terminal as it is without an editor behind each line, until a key
-    // comes; an end of input that comes first would be lost.
+    // After each line libedit leaves the terminal without an editor until the next key, and would
+    // miss an end of input before that.
     ::rl_callback_handler_remove();
     open();
 }
@@ -110,12 +110,12 @@ void LineEditor::take(char *line)
     Q_EMIT editor->typed(QByteArray(line));
 }
 
-// The library asks for one match after the other, and frees them.
+// libedit asks for one match after the other and frees them.
 char **LineEditor::complete(const char *word, int start, int)
 {
     static QByteArrayList matches;
     matches.clear();
-    ::rl_attempted_completion_over = 1; // no file names
+    ::rl_attempted_completion_over = 1; // or libedit offers file names
     const QString before = QString::fromUtf8(::rl_line_buffer, start).simplified();
     if (!current->candidates)
         return nullptr;
@@ -133,7 +133,7 @@ void LineEditor::hide()
     hideBelow(rowOfCursor(editorColumns()));
 }
 
-// The cursor stands in this row of the line, which disappears.
+// Clears the line, given the row in it where the cursor is.
 void LineEditor::hideBelow(int row)
 {
     if (isLineOpen && row > 0)
@@ -143,7 +143,7 @@ void LineEditor::hideBelow(int row)
     std::fflush(stdout);
 }
 
-// libedit knows it, but does not tell.
+// libedit does not tell in which row of the line the cursor is.
 int LineEditor::rowOfCursor(int columns) const
 {
     int row = 0, column = 0;
@@ -154,13 +154,13 @@ int LineEditor::rowOfCursor(int columns) const
         if (column < columns)
             continue;
         ++row;
-        column = column > columns ? width : 0; // a wide character does not stand in two rows
+        column = column > columns ? width : 0; // a wide character moves to the next row as a whole
     }
     return row;
 }
 
-// Some terminals wrap their lines anew and others do not. We clear the smaller number of rows: a
-// leftover is ugly, but no earlier output may disappear.
+// Some terminals wrap their lines anew when they are resized, and others do not. Clears the smaller
+// number of rows: a leftover is ugly, but no earlier output may disappear.
 void LineEditor::fitWindow()
 {
     hideBelow(std::min(rowOfCursor(editorColumns()), rowOfCursor(windowColumns())));
@@ -176,17 +176,17 @@ void LineEditor::suspend()
     sigemptyset(&stop);
     sigaddset(&stop, SIGTSTP);
     ::pthread_sigmask(SIG_UNBLOCK, &stop, nullptr);
-    ::raise(SIGTSTP); // returns when a shell has the process go on; at once if there is none
+    ::raise(SIGTSTP); // returns on SIGCONT; at once if no shell can stop the process
     ::pthread_sigmask(SIG_BLOCK, &stop, nullptr);
     ::sigpending(&pending);
     if (!sigismember(&pending, SIGCONT))
         resume();
 }
 
-// The shell had the terminal in between: the line begins anew where the cursor is.
+// Draws the line anew where the cursor is, because the shell has used the terminal meanwhile.
 void LineEditor::resume()
 {
-    ::rl_deprep_terminal(); // what is done already would not be done again
+    ::rl_deprep_terminal(); // or preparing it again would have no effect
     ::rl_prep_terminal(0);
     hideBelow(0);
     ::rl_resize_terminal();

@@ -8,11 +8,10 @@
 
 #include <functional>
 
-// Reads the lines that a person types on the terminal, with editing and a history. Other output
-// appears above the line being edited, which may be longer than the window is wide.
+// Reads lines from the terminal, with editing and a history. Other output appears above the line
+// being edited, which may be longer than the window is wide. The destructor restores the terminal.
 //
-// Owner:   whoever wants the lines. Only one can exist, because libedit has one global state.
-// Errors:  the destructor leaves the terminal as it was.
+// Only one object can exist, because libedit keeps global state.
 class LineEditor : public QObject, private OpenLine
 {
     Q_OBJECT
@@ -20,7 +19,7 @@ public:
     explicit LineEditor(const QByteArray &prompt);
     ~LineEditor() override;
 
-    // Returns the words that the Tab key offers after the text before the cursor.
+    // Returns the words that the Tab key offers after the text `before` the cursor's word.
     std::function<QStringList(const QString &before)> candidates;
 
     // Returns whether standard input and output are a terminal that can move its cursor.
@@ -45,5 +44,5 @@ private:
 
     const QByteArray prompt;
     QSocketNotifier keys;
-    bool isLineOpen = false; // not while a finished line is handled
+    bool isLineOpen = false;
 };

@@ -11,32 +11,31 @@ struct ModuleAction
     QByteArray name;
     QByteArray message; // UTF-8
     QByteArray data;
-    qint32 id = -1; // of the command that is answered
+    qint32 id = -1; // of the command that it answers
 };
 
-// The modules at one administration server, wherever it runs: what they do, and commands for them.
-//
-// Errors:  trouble() reports what did not work.
+// The modules at one administration server, in this process or elsewhere: reports what they do, and
+// sends them commands.
 class ModuleBus : public QObject
 {
     Q_OBJECT
 public:
-    // Stands for one connection of a module, and never for another one.
+    // Identifies one connection of a module and is never reused.
     using Key = qint64;
 
-    // Returns the modules with this name, or all, in the order in which they came.
+    // Returns the modules with this name, or all if it is empty, in the order of their arrival.
     [[nodiscard]] QList<Key> modules(const QByteArray &name = {}) const
     {
         return name.isEmpty() ? names.keys() : names.keys(name);
     }
-    // Safe to print, also for a module that has not announced itself.
+    // Returns a text that is safe to print, even for a module without a name.
     [[nodiscard]] QString nameOf(Key module) const;
     [[nodiscard]] QByteArray rawNameOf(Key module) const { return names.value(module); }
 
-    // Sends to the modules with this name, or to all; returns the id of the command.
+    // Sends to the modules with this name, or to all if it is empty. Returns the command's id.
     virtual qint32 send(const QByteArray &command, const QByteArray &name) = 0;
 
-    // What becomes of the modules when this process leaves.
+    // Returns what happens to the modules when this process exits, as part of a sentence.
     [[nodiscard]] virtual QString fateOfModules() const = 0;
 
 Q_SIGNALS:
@@ -47,7 +46,7 @@ Q_SIGNALS:
     void trouble(const QString &text);
 
 protected:
-    // The module has this name from now on.
+    // Adds the module or changes its name.
     void noteName(Key module, const QByteArray &name);
     void noteLoss(Key module);
 

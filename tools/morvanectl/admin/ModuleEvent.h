@@ -4,10 +4,10 @@
 
 struct ModuleAction;
 
-// What happens to the modules, as objects for programs: each names its "event" and its "time".
+// JSON objects for what happens to the modules. Each has an "event" and a "time".
 namespace ModuleEvent {
 
-// The details are those of the event's own.
+// Adds the event and the time to the details.
 [[nodiscard]] QJsonObject make(const char *event, const QJsonObject &details = {});
 
 [[nodiscard]] QJsonObject connected(const QByteArray &module);
@@ -15,7 +15,7 @@ namespace ModuleEvent {
 [[nodiscard]] QJsonObject disconnected(const QByteArray &module);
 [[nodiscard]] QJsonObject action(const QByteArray &module, const ModuleAction &action);
 
-// One line, its end included.
+// Returns the object as one line with its line feed.
 [[nodiscard]] QByteArray line(const QJsonObject &event);
 
 } // namespace ModuleEvent

@@ -75,7 +75,7 @@ void TypedCommands::takeLine(const QByteArray &line)
     sendWaiting();
 }
 
-// From a person: only what is known goes to the modules, and nothing ends them unasked.
+// Takes a line from a person. Sends only known commands, and ends no module without asking.
 void TypedCommands::takeTyped(const QByteArray &line)
 {
     const QString text = QString::fromUtf8(line).simplified();

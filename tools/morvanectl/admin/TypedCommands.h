@@ -12,8 +12,8 @@
 class ModuleBus;
 struct AdminCommand;
 
-// Sends the commands that come on standard input; on a terminal their lines can be edited. They
-// wait while no module is connected. A script that sends too many waits in its own write.
+// Sends the commands from standard input, whose lines can be edited on a terminal. Commands wait
+// until a module is connected. If many wait, reading pauses, so that a script blocks in its write.
 class TypedCommands : public QObject
 {
     Q_OBJECT
@@ -36,5 +36,5 @@ private:
     bool inputEnded = false;
     LineCutter lines;
     QByteArrayList waitingCommands;
-    QByteArray commandToConfirm; // until the person answers
+    QByteArray commandToConfirm;
 };

@@ -148,7 +148,7 @@ int runServer(const QString &name, const AdminOptions &options)
 int runService(const QString &name, bool asJson)
 {
     AdminService service(asJson);
-    outliveOutput(); // modules end with this process
+    outliveOutput(); // because the modules end with this process
     endLoopOnStopSignals(&service);
     if (const QString problem = service.listen(name); !problem.isEmpty())
         return failToListen(name, problem);

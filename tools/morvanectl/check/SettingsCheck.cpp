@@ -40,7 +40,7 @@ QString otherGroup(const QString &group)
     return group == BaseSettings::group ? MainSettings::group : BaseSettings::group;
 }
 
-// Why this user can put no file into the folder; empty if that works.
+// Returns why this user cannot create a file in the folder; empty if that works.
 QString folderProblem(const QString &path)
 {
     const QFileInfo folder(path);
@@ -167,7 +167,7 @@ void SettingsCheck::checkLog()
         addBase(Severity::Error, BaseSettings::logName, u"the log cannot be written: "_s + problem);
 }
 
-// Whatever lies in the spool directory itself is sent, and removed then.
+// Whatever is in the spool directory itself is sent and then removed.
 void SettingsCheck::checkWhatLiesInSpool()
 {
     const QString spool = QFileInfo(spoolPath()).canonicalFilePath();

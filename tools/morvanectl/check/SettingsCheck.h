@@ -3,15 +3,15 @@
 #include "ModuleSettings.h"
 #include "SettingsText.h"
 
-// Finds what will not work in one settings file, beyond what the module itself reports.
+// Finds the mistakes in one settings file that the module itself does not report.
 //
-// Errors:  creates and binds nothing. run() connects to the administration server and to nobody
-//          else, and sends nothing there.
+// It creates and binds nothing. run() connects to the administration server only, and sends nothing
+// there.
 class SettingsCheck
 {
 public:
     enum class Severity {
-        Warning, // the module works, but hardly as the operator means it
+        Warning, // the module works, but probably not as intended
         Error,
     };
     struct Finding
@@ -21,13 +21,12 @@ public:
         QString text;
     };
 
-    // Reads the file. The working directory is the module's; if it is empty, paths are resolved
-    // against the current one.
+    // `workingDirectory` is the module's; if it is empty, the current one stands in for it.
     SettingsCheck(const QString &file, const QString &workingDirectory);
 
-    // Returns what is wrong, in the order of the lines.
+    // Returns the mistakes in the order of their lines.
     [[nodiscard]] QList<Finding> run();
-    // Returns what this file and one that was checked before cannot both have.
+    // Returns the values that this file and another one cannot both have.
     [[nodiscard]] QList<Finding> clashesWith(const SettingsCheck &other) const;
 
 private:

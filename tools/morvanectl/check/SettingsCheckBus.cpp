@@ -1,4 +1,4 @@
-// The part of SettingsCheck that knows what the bus makes of its names.
+// The part of SettingsCheck for the names on the bus.
 #include "BusName.h"
 #include "SettingsCheck.h"
 
@@ -11,7 +11,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// The module makes room for its socket by removing whatever bears the name.
+// The module removes whatever has the name of its socket.
 bool isInTheWay(const QString &path)
 {
     struct stat info;

@@ -1,4 +1,4 @@
-// The part of SettingsCheck that knows the spool and the two transports.
+// The part of SettingsCheck for the spool and the two transports.
 #include "NameGuess.h"
 #include "Packet.h"
 #include "PeerAddress.h"
@@ -34,7 +34,7 @@ QByteArray firstLineOf(const QString &path, const QByteArray &beginning)
     return {};
 }
 
-// Ports from here on are everybody's.
+// Returns the lowest port that needs no privilege.
 int firstFreePort()
 {
     const QByteArray text = firstLineOf(u"/proc/sys/net/ipv4/ip_unprivileged_port_start"_s, "");

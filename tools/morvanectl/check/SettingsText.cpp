@@ -11,8 +11,8 @@ QString shown(const QByteArray &text)
     return QString::fromUtf8(text);
 }
 
-// QSettings keeps characters that a name cannot hold as percent escapes, and takes a backslash for
-// the mark between a group and a key.
+// QSettings writes some characters of a name as percent escapes, and reads a backslash as the
+// separator between a group and a key.
 QString nameIn(const QByteArray &text)
 {
     return shown(QByteArray::fromPercentEncoding(text.trimmed())).replace(u'\\', u'/');

@@ -5,13 +5,11 @@
 #include <QList>
 #include <QString>
 
-// Knows the line of each setting in a file, which QSettings does not tell.
+// Finds the line of each setting in a file, which QSettings does not tell, and remarks on lines that
+// make no sense.
 //
-// The text is cut into lines as QSettings does it: an open quote or a backslash carries a value on
-// over the end of its line, a semicolon ends it. Only places are taken from here, never values.
-//
-// Owner:   whoever reports on a settings file.
-// Errors:  lines that make no sense become remarks.
+// The text is cut into lines as QSettings does it: an open quote or a backslash continues a value on
+// the next line, and a semicolon ends it. Values come from QSettings only, never from here.
 class SettingsText
 {
 public:
@@ -23,8 +21,8 @@ public:
 
     explicit SettingsText(const QByteArray &text);
 
-    // Returns the line of the key (of the last one, which counts), else of its group, else 1. The
-    // group of names outside any group is empty.
+    // Returns the line of the key, or if it is missing of its group, or else 1. Of several lines
+    // with the key, the last one counts. The group of keys outside any group is empty.
     [[nodiscard]] int lineOf(const QString &group, const QString &key = {}) const;
     [[nodiscard]] const QList<Remark> &remarks() const { return allRemarks; }
 

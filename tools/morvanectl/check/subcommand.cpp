@@ -26,7 +26,7 @@ they decide what can be written and where the bus sockets are.
 Exit status: 0 nothing found, 1 warnings only, 2 errors or wrong usage. With --errors-only
 warnings do not count, for a service manager that must not stop at them.)";
 
-// The worse of two statuses.
+// Prints the findings. Returns the status for the worst finding, if that is worse than `worst`.
 int report(const QString &file, const QList<SettingsCheck::Finding> &findings, int worst)
 {
     for (const SettingsCheck::Finding &finding : findings) {

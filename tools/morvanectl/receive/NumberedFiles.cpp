@@ -37,7 +37,7 @@ QMap<qint64, QString> NumberedFiles::behind(qint64 number) const
     return found;
 }
 
-// A file that is cut short by a crash keeps its hidden name.
+// A crash leaves an incomplete file under its hidden name only.
 std::optional<qint64> NumberedFiles::add(const QByteArray &content)
 {
     const QString hidden = u".incoming-%1"_s.arg(QCoreApplication::applicationPid());

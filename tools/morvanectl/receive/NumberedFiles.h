@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <optional>
 
-// Numbered files in one folder, each under a name that a template gives.
-//
-// Errors:  results say what failed, with the reason in errno; nothing is ever written outside the
-//          folder.
+// Numbered files in one folder, each under a name that a template gives. Nothing is ever written
+// outside the folder.
 class NumberedFiles
 {
 public:
@@ -20,17 +18,17 @@ public:
     // Returns the number of the new file, or nullopt if it could not be written.
     [[nodiscard]] std::optional<qint64> add(const QByteArray &content);
 
-    // The same in two steps: a file under a hidden name of the folder,
+    // add() in two steps. The first writes a file under a hidden name of the folder,
     [[nodiscard]] bool write(const QString &hidden, const QByteArray &content) const;
-    // which gets the next number and name.
+    // and the second gives it the next number and name.
     [[nodiscard]] std::optional<qint64> giveName(const QString &hidden);
 
     [[nodiscard]] const QDir &folder() const { return directory; }
-    // Returns the name of the file that was named last.
+    // Returns the name that the latest file was given.
     [[nodiscard]] const QString &latestFileName() const { return latestName; }
     // Continues the numbering after this number at least.
     void startBehind(qint64 number) { lastNumber = std::max(lastNumber, number); }
-    // Returns the files with higher numbers that exist now.
+    // Returns the existing files with higher numbers.
     [[nodiscard]] QMap<qint64, QString> behind(qint64 number) const;
 
 private:

@@ -49,7 +49,7 @@ bool Receiver::start()
             options.address.toString(), QString::number(options.port), errorString()));
         return false;
     }
-    // Connections inherit it.
+    // Connections inherit the buffer size.
     if (options.kernelBuffer > 0)
         ::setsockopt(int(socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &options.kernelBuffer,
             sizeof(options.kernelBuffer));
@@ -214,7 +214,7 @@ bool Receiver::isToMisbehave(const Link &link) const
         && (link.records == options.closeAfter || link.records == options.stopAfter);
 }
 
-// As an operator has asked for it, to see what the modules do then.
+// Rehearses the outage that --close-after or --stop-after asks for.
 void Receiver::misbehave(Link &link)
 {
     if (!isToMisbehave(link))
@@ -254,7 +254,7 @@ void Receiver::close(Link &link)
         links.begin(), links.end(), [&](const auto &other) { return other.get() == &link; });
     const std::shared_ptr<Link> closed = std::move(*found);
     links.erase(found);
-    // Its own slot may run: it lives until control is back in the event loop.
+    // A slot of the link may be running, so delete it only from the event loop.
     QMetaObject::invokeMethod(
         this, [closed] {}, Qt::QueuedConnection);
 }

@@ -31,17 +31,17 @@ struct ReceiveOptions
 
 // The TCP peer: takes every connection, cuts its stream into records and keeps or shows them.
 //
-// Errors:  a peer's fault is reported and ends its connection; a record that cannot be written ends
-//          the event loop with the tool's failure status. What is not safe on the disk is never
-//          acknowledged.
+// Errors:  a fault of a peer is reported and ends its connection. A record that cannot be written
+//          ends the event loop with failureStatus. Nothing is acknowledged before it is safe on the
+//          disk.
 class Receiver : public QTcpServer
 {
 public:
     explicit Receiver(const ReceiveOptions &receiveOptions);
     // Prints an error and returns false if the port or the folder cannot be used.
     [[nodiscard]] bool start();
-    // Keeps the records that have arrived whole, unless --count is reached, and prints the summary.
-    // Returns the given exit status, or lossStatus if it was 0 and records were lost.
+    // Keeps the records that have arrived completely, unless --count is reached, and prints the
+    // summary. Returns the exit status: `status`, or lossStatus if that is 0 and records were lost.
     [[nodiscard]] int finish(int status);
 
 private:

@@ -32,7 +32,7 @@ bool RecordBatch::open(const QString &path, const QString &nameTemplate)
     return true;
 }
 
-// Some file systems know no locks.
+// Succeeds on file systems that do not support locks.
 bool RecordBatch::lock()
 {
     lockedFolder = Descriptor(::open(
@@ -55,7 +55,7 @@ bool RecordBatch::indexFilesWithoutLine()
     for (auto found = unknown.begin(); found != unknown.end(); ++found) {
         QFile file(files.folder().absoluteFilePath(found.value()));
         if (!file.open(QIODevice::ReadOnly))
-            continue; // somebody has fetched it
+            continue; // somebody has just fetched it
         QCryptographicHash hash(RecordIndex::algorithm);
         if (!hash.addData(&file))
             return false;
@@ -80,8 +80,8 @@ bool RecordBatch::isFull() const
     return records.size() >= mostRecords || recordBytes >= mostBytes;
 }
 
-// Many files are brought to the disk much faster with all else that waits to be written there; a
-// few need not wait for what others write.
+// Flushing the whole file system is much faster for many files. For a few it would be slower,
+// because it also waits for what other programs have written.
 bool RecordBatch::flushFiles() const
 {
     if (records.size() > fewRecords)

@@ -5,30 +5,29 @@
 
 #include <QList>
 
-// Records in numbered files that are safe on the disk before anybody acknowledges them.
+// Stores records in numbered files, which a commit() brings safely to the disk.
 //
-// add() writes a record under a hidden name. commit() brings all of them to the disk, gives them
-// their names, adds their lines to the index, and brings both to the disk. So a file that has its
-// name is whole, and what commit() has confirmed outlives a kill and a power cut. One in between
-// leaves hidden files, which the next open() removes, and files without a line, which it adds.
+// add() writes a record to a file with a hidden name. commit() flushes all these files, gives them
+// their names, appends a line for each to the index, and flushes names and index. So a file under
+// its name is complete, and committed records survive a kill and a power cut. A kill during
+// commit() leaves hidden files, which the next open() removes, and named files that the index does
+// not list, which open() adds to it.
 //
-// Owner:   the receiver.
-// Thread:  any one thread, which waits for the disk.
-// Errors:  results say what failed, with the reason in errno. What a commit() that failed was for
-//          must not be acknowledged.
+// Thread:  blocks until the disk has everything.
+// Errors:  if commit() fails, none of its records may be acknowledged.
 class RecordBatch
 {
 public:
-    static constexpr int mostRecords = 1'000; // of a batch
+    static constexpr int mostRecords = 1'000;
 
-    // False, with EWOULDBLOCK in errno, while another process has the folder open.
+    // Fails with EWOULDBLOCK while another process has the folder open.
     [[nodiscard]] bool open(const QString &path, const QString &nameTemplate);
-    // The number under which the index knows a new link.
+    // Returns a number for a new connection, which the index has not used before.
     [[nodiscard]] qint64 newLink() { return ++lastLink; }
 
     [[nodiscard]] bool add(const QByteArray &content, qint64 link);
     [[nodiscard]] bool isFull() const;
-    // The numbers of the records, in the order in which they were added; nothing if it has failed.
+    // Returns the numbers of the records, in the order in which they were added.
     [[nodiscard]] std::optional<QList<qint64>> commit();
 
 private:

@@ -13,11 +13,11 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qint64 fullSize = 67'108'864; // bytes; half a million records
-constexpr qsizetype tailSize = 1'048'576; // bytes; more than one batch of lines
+constexpr qsizetype tailSize = 1'048'576; // bytes; more than the lines of a batch
 constexpr char heading[] = "# after ";
 constexpr qsizetype digestDigits = 64;
 
-// The number and the link of a whole line; of the heading, which has no link, only the number.
+// Reads the number and the link of a complete line. The heading has only a number.
 std::optional<RecordIndex::Line> readLine(const QByteArray &text)
 {
     bool isNumber = false, isLink = true;
@@ -78,7 +78,7 @@ bool RecordIndex::mend()
     return false;
 }
 
-// The newest link need not be that of the last line.
+// The highest link number need not be in the last line.
 void RecordIndex::noteLinks(const QByteArray &lines)
 {
     const QByteArrayList all = lines.split('\n');

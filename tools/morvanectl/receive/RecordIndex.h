@@ -8,18 +8,16 @@
 
 #include <optional>
 
-// The index of a folder of records: what came when and over which link, so that a record which
-// stands there twice can be told.
+// The index of a folder of records. It lists them in the order of arrival, each with its link and
+// its digest, which shows the records that came twice.
 //
 //   # after 12: number, link, bytes, BLAKE2b-256, file
 //   000013 4 5 2d18...(64 hexadecimal digits) 000013
 //
-// A line for each record, in the order of arrival. The heading says behind which number it begins.
-// The file grows at its end only; a full one is kept under the name of the previous one, and a new
-// one begins.
+// The heading states the number of the last record before this file. Lines are only appended. A
+// full file is renamed and replaces the previous one, and a new file begins.
 //
-// Owner:   RecordBatch, which holds the lock of the folder.
-// Errors:  results say what failed, with the reason in errno.
+// The caller holds the lock of the folder.
 class RecordIndex
 {
 public:
@@ -29,23 +27,23 @@ public:
     struct Line
     {
         qint64 number = 0;
-        qint64 link = 0; // 0: unknown, the file was there and the line was not
+        qint64 link = 0; // 0: unknown, as the file was found without a line
         qint64 bytes = 0;
         QByteArray digest; // binary
         QString file;
     };
     static constexpr auto algorithm = QCryptographicHash::Blake2b_256;
 
-    // Continues the index of the folder, without what a crash has left unfinished at its end, or
-    // begins one behind the number.
+    // Continues the index of the folder after removing a line that a crash has cut short. If there
+    // is no index, begins one after `number`.
     [[nodiscard]] bool open(const QDir &folder, qint64 number);
-    // Of the last line, or the heading's.
+    // Returns the number of the last line, or the heading's if there is no line.
     [[nodiscard]] qint64 lastNumber() const { return newestNumber; }
-    // The newest one that the end of the file tells.
+    // Returns the highest link number among the lines at the end of the file.
     [[nodiscard]] qint64 lastLink() const { return newestLink; }
 
     void add(const Line &line);
-    // Writes what was added, and brings it and the names in the folder to the disk.
+    // Writes the added lines, and flushes them and the names in the folder to the disk.
     [[nodiscard]] bool flush();
     // Begins a new file if the old one is full. Nothing may be added and not flushed.
     [[nodiscard]] bool makeRoom();

@@ -12,7 +12,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype pieceBytes = 1'048'576; // of a large record; memory grows as it arrives
+constexpr qsizetype pieceBytes = 1'048'576; // so that memory grows only as a large record arrives
 
 } // namespace
 
@@ -22,7 +22,7 @@ RecordLink::RecordLink(int socket, quint32 longestRecord, QObject *parent)
     , notifier(socket, QSocketNotifier::Read)
     , reader(longestRecord)
 {
-    // A number that acknowledges must not wait for more bytes to go with it.
+    // An acknowledgement must not wait for more bytes to share a packet with.
     const int noDelay = 1;
     ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof(noDelay));
     connect(&notifier, &QSocketNotifier::activated, this, &RecordLink::readable);
@@ -65,7 +65,7 @@ std::optional<QByteArray> RecordLink::next()
     return std::nullopt;
 }
 
-// That the connection has ended is found by reading on.
+// An error here counts as success: next() finds out that the connection has ended.
 bool RecordLink::acknowledge(quint64 records) const
 {
     const QByteArray number = LinkRecord::acknowledgement(records);
@@ -86,7 +86,7 @@ QByteArrayList RecordLink::unread() const
     int waiting = 0;
     ::ioctl(descriptor.get(), FIONREAD, &waiting);
     QByteArray queue(waiting, Qt::Uninitialized);
-    // Only looked at: reading would open the window, and the module would send more.
+    // MSG_PEEK, because reading would open the window, and the module would send more.
     const ssize_t count =
         ::recv(descriptor.get(), queue.data(), size_t(queue.size()), MSG_PEEK | MSG_DONTWAIT);
     LinkRecord::Reader rest(std::numeric_limits<quint32>::max());

@@ -7,42 +7,40 @@
 #include <QObject>
 #include <QSocketNotifier>
 
-// One module's connection to a receiver. It reads record by record and not a byte further: what the
-// receiver does not want stays in the kernel, whose buffer bounds what is lost with the connection.
+// One module's connection to a receiver. It never reads past the record that next() returns: the
+// rest stays in the kernel, so its buffer limits what is lost with the connection.
 //
-// Owner:   the receiver.
 // Errors:  a connection that fails counts as ended.
 class RecordLink : public QObject
 {
     Q_OBJECT
 public:
-    // Takes over a connected TCP socket. Longer records are refused.
+    // Takes over a connected TCP socket.
     RecordLink(int descriptor, quint32 longestRecord, QObject *parent);
 
     // "127.0.0.1 port 4711"
     [[nodiscard]] QString peer() const;
 
-    // The next record's body; nothing when more bytes must come first, the connection has ended or
-    // a record was refused.
+    // Returns the next record's body, or nullopt if it is not complete yet, the connection has
+    // ended, or the record is too long and was refused.
     [[nodiscard]] std::optional<QByteArray> next();
     [[nodiscard]] bool hasEnded() const { return ended; }
     [[nodiscard]] quint32 refusedLength() const { return reader.refusedLength(); }
     [[nodiscard]] bool isAtRecordBoundary() const { return reader.isAtRecordBoundary(); }
 
-    // Tells the module how many records of this connection are stored for good. Returns false if it
-    // has read no acknowledgements for so long that the kernel takes no more.
+    // Tells the module how many records of this connection are safely stored. Returns false if the
+    // kernel takes no more bytes, because the module does not read its acknowledgements.
     [[nodiscard]] bool acknowledge(quint64 records) const;
 
-    // Reads nothing more; what has come stays unread.
+    // Leaves what has arrived unread.
     void stopReading() { notifier.setEnabled(false); }
-    // Ends the connection at once. Unread bytes make that a reset.
+    // Ends the connection at once, with a reset if bytes are unread.
     void close();
 
-    // Whole records that this side has acknowledged and next() has not returned, keep-alives left
-    // out. The module has forgotten them.
+    // Returns the complete records, without keep-alives, that the kernel has acknowledged and
+    // next() has not returned. The module has forgotten them.
     [[nodiscard]] QByteArrayList unread() const;
 
-    // What was read since the connection came.
     [[nodiscard]] qint64 bytesRead() const { return readBytes; }
 
 Q_SIGNALS:

@@ -4,9 +4,8 @@
 #include <QString>
 
 // Draws a bar on the last line of a terminal for work that takes longer than a second. Draws
-// nothing if standard output is not a terminal.
-//
-// Owner:   a subcommand, which prints its own lines by sayAbove().
+// nothing if standard output is not a terminal. While a bar may be there, print other lines with
+// sayAbove().
 class Progress
 {
 public:

@@ -17,8 +17,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr qint64 maxUnsentBytes = 4'194'304; // read ahead no further while so much has not left
-constexpr auto retryInterval = 200ms; // between two looks for a module that is not there yet
+constexpr qint64 maxUnsentBytes = 4'194'304; // reading pauses above it
+constexpr auto retryInterval = 200ms;
 constexpr auto standstillInterval = 500ms;
 constexpr qint64 longStandstill = 5'000; // milliseconds; more than a busy module needs
 
@@ -80,7 +80,7 @@ Sender::Sender(const SendOptions &sendOptions)
     connect(&socket, &QLocalSocket::bytesWritten, this, &Sender::noteWritten);
     connect(&socket, &QLocalSocket::disconnected, this,
         [this] { fail(u"the module has closed the connection"_s); });
-    // A module has nothing to say to a sender; unread bytes would only pile up.
+    // A module sends nothing that concerns a sender; unread bytes would pile up.
     connect(&socket, &QIODevice::readyRead, this, [this] { socket.skip(socket.bytesAvailable()); });
     connect(&retryTimer, &QTimer::timeout, this, &Sender::tryToConnect);
     connect(&standstillTimer, &QTimer::timeout, this, &Sender::noteStandstill);
@@ -115,7 +115,7 @@ void Sender::tryToConnect()
 {
     if (socket.state() == QLocalSocket::UnconnectedState)
         socket.connectToServer(options.module);
-    // Waiting brings no right to connect.
+    // Waiting would not change the permissions.
     if (socket.error() == QLocalSocket::SocketAccessError)
         fail(connectionProblem(options.module, socket.error()));
 }
@@ -179,7 +179,7 @@ void Sender::showProgress()
             QString::number(sentRecords), counted(options.items.size(), u"record"_s), standstill));
 }
 
-// Without a progress bar a standstill is reported once.
+// Reports a standstill once, unless the progress bar shows it.
 void Sender::noteStandstill()
 {
     if (options.timeoutSeconds > 0 && sinceMovement.hasExpired(options.timeoutSeconds * 1'000LL))

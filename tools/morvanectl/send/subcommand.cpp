@@ -65,14 +65,14 @@ bool canSendAll(const SendOptions &options)
     return all;
 }
 
-// Every file with the name of its record. Without a template that is the base name.
+// Pairs each file with the name of its record, which is the base name if there is no template.
 QList<SendOptions::Item> itemsOf(const QStringList &files, const QString &nameTemplate)
 {
     const QDateTime now = QDateTime::currentDateTime();
     QList<SendOptions::Item> items;
     for (const QString &file : files) {
         const QString text = nameTemplate.isEmpty() ? u"{name}"_s : nameTemplate;
-        // The base name comes last: what is in it stays as it is.
+        // Insert the base name last, so that braces in it stay as they are.
         QString name = fillIn(text, items.size() + 1, now);
         name.replace(u"{name}"_s, QFileInfo(file).fileName());
         items.append({file, name});
@@ -177,7 +177,7 @@ int runSend(const QStringList &arguments)
     if (!canSendAll(options))
         return failureStatus;
 
-    outliveOutput(); // what is on its way counts for more
+    outliveOutput(); // delivering the records matters more
     Sender sender(options);
     QTimer::singleShot(0, &sender, &Sender::start);
     return QCoreApplication::exec();

@@ -18,13 +18,13 @@ constexpr qsizetype longestPath = 106; // bytes that the kernel's socket address
 
 constexpr mode_t othersMask = 0007; // the user and the group may connect
 
-// A module reads the names in its settings as Latin-1, so others lead to different files.
+// A module reads names in its settings as Latin-1, so other characters lead to different files.
 bool isPlainAscii(const QString &name)
 {
     return std::all_of(name.begin(), name.end(), [](QChar c) { return c > u' ' && c < u'\x7f'; });
 }
 
-// Only the socket file that a server has left behind may go. Whatever else bears the name stays.
+// Removes the socket file of a dead server. Returns why the name is not free; empty if it is.
 QString clearName(const QString &name)
 {
     QLocalSocket probe;
@@ -48,7 +48,7 @@ QString clearName(const QString &name)
 
 QString busSocketPath(const QString &name)
 {
-    // As the sockets themselves put it together, also where the folder does not exist.
+    // Composed as QLocalSocket does, which does not check that the folder exists.
     return QDir::isAbsolutePath(name) ? name : QDir::tempPath() + u'/' + name;
 }
 

@@ -5,21 +5,21 @@
 
 class QLocalServer;
 
-// Why no socket can have this bus name; empty if one can.
+// Returns why no socket can have this bus name; empty if one can.
 [[nodiscard]] QString busNameProblem(const QString &name);
 
-// Why TMPDIR makes the bus lie where nobody expects it; empty if it does not.
+// Returns why TMPDIR puts the bus sockets where nobody expects them; empty if it does not.
 [[nodiscard]] QString busFolderProblem();
 
-// Why nobody could be reached under the bus name, after an attempt that has ended with this error.
+// Returns why an attempt to connect to the bus name has ended with this error.
 [[nodiscard]] QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError error);
 
-// The socket file of a bus name. It lies in the temporary folder, which TMPDIR moves.
+// Returns the path of the socket file, which is in the folder TMPDIR or in /tmp.
 [[nodiscard]] QString busSocketPath(const QString &name);
 
-// Listens under a bus name, for this user and the group. Returns why it cannot, or nothing. It
-// removes only a socket file that a dead server has left behind.
+// Listens under a bus name, with permission for the user and the group. Removes a socket file that a
+// dead server has left behind, but nothing else. Returns why it cannot listen; empty on success.
 [[nodiscard]] QString listenOnBus(QLocalServer &server, const QString &name);
-// Listens again if somebody has removed the server's socket file; connections stay. Returns why it
-// cannot, or nothing.
+// Listens again if somebody has removed the server's socket file. Connections stay. Returns why it
+// cannot listen; empty on success.
 [[nodiscard]] QString keepListening(QLocalServer &server, const QString &name);

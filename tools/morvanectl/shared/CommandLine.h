@@ -7,13 +7,12 @@
 #include <limits>
 #include <optional>
 
-// The command line of one subcommand: its help, its options and what is wrong with them.
-//
-// Errors:  prints them to standard error and returns the exit status.
+// The command line of one subcommand: its help and its options. Every function that finds a usage
+// error prints it to standard error, with a hint at --help.
 class CommandLine
 {
 public:
-    // The synopsis is what follows the options, such as "NAME [COMMAND...]".
+    // `synopsis` is what follows the options, such as "NAME [COMMAND...]".
     CommandLine(const QString &subcommand, const QString &synopsis, const QString &description);
 
     void addFlag(const QString &name, const QString &description);
@@ -45,7 +44,7 @@ private:
     QStringList options; // with their dashes
 };
 
-// --directory, for what a settings file says relative to the module's working directory.
+// Adds --directory, the folder that relative paths in a settings file start from.
 void addDirectoryOption(CommandLine &line);
 
-inline constexpr int longestSeconds = 1'000'000; // of an option; fits a timer's milliseconds
+inline constexpr int longestSeconds = 1'000'000; // the milliseconds fit a timer

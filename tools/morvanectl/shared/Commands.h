@@ -2,8 +2,8 @@
 
 #include <QStringList>
 
-// The subcommands. Each takes its own name and what stands behind it on the command line, and
-// returns the exit status of the process.
+// The subcommands. Each takes its own name and its arguments, and returns the exit status of the
+// process.
 int runAdmin(const QStringList &arguments);
 int runCheck(const QStringList &arguments);
 int runReceive(const QStringList &arguments);

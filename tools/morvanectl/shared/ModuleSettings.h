@@ -4,15 +4,13 @@
 
 #include <QStringList>
 
-// A module's settings file, read as the module reads it.
-//
-// Errors:  a missing file gives the defaults, as it does in the module.
+// A module's settings file, read as the module reads it: a missing file gives the defaults.
 class ModuleSettings
 {
 public:
     explicit ModuleSettings(const QString &path);
 
-    // Why the file as a whole cannot be read; empty if it can.
+    // Returns why the file as a whole cannot be read; empty if it can.
     [[nodiscard]] QString problem() const;
 
     [[nodiscard]] QString base(const SettingKey &key) const;
@@ -21,12 +19,12 @@ public:
     [[nodiscard]] bool isUdp() const { return main(MainSettings::protocol) == u"UDP"; }
     [[nodiscard]] bool isTcp() const { return main(MainSettings::protocol) == u"TCP"; }
 
-    // The spool directory of a module that works in the given directory.
+    // Returns the spool directory of a module with this working directory.
     [[nodiscard]] QString spoolPath(const QString &workingDirectory) const;
 
-    // All that the file sets, as "Group/Key", or "Key" outside of any group.
+    // Returns all keys of the file, as "Group/Key", or "Key" outside any group.
     [[nodiscard]] QStringList allKeys() const { return settings.allKeys(); }
-    // Returns whether an unquoted comma makes a list of the value; blanks next to it are lost.
+    // Returns whether the value holds an unquoted comma, next to which blanks are lost.
     [[nodiscard]] bool isList(const QString &path) const;
 
 private:

@@ -11,7 +11,7 @@ namespace {
 constexpr qsizetype mostSlips = 2; // letters missing, wrong or too many
 constexpr qsizetype longestName = 64; // no known one is as long
 
-// Letters to insert, remove or replace to make one text of the other.
+// Counts the letters to insert, remove or replace to turn one text into the other.
 qsizetype slipsBetween(const QString &a, const QString &b)
 {
     std::vector<qsizetype> row(size_t(b.size()) + 1);

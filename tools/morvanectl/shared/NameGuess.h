@@ -2,9 +2,9 @@
 
 #include <QStringList>
 
-// Returns "; did you mean \"NAME\"?" with the known name that is most like the given one, or
-// nothing if none is like it.
+// Returns "; did you mean \"NAME\"?" with the known name that is closest to `name`, or an empty
+// text if none is close.
 [[nodiscard]] QString guessHint(const QString &name, const QStringList &known);
-// Returns the statement about the name as a sentence, with such a hint if there is one.
+// Ends the statement about the name with such a hint, or with a full stop if there is none.
 [[nodiscard]] QString guessSentence(
     const QString &statement, const QString &name, const QStringList &known);

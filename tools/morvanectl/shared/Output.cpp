@@ -19,7 +19,7 @@ OpenLine *openLine = nullptr;
 bool outputFailed = false;
 bool outlivesOutput = false;
 
-// 0, or the error number.
+// Returns 0 or an errno value.
 int writeLine(FILE *file, const QString &line)
 {
     const QByteArray bytes = line.toUtf8() + '\n';
@@ -42,7 +42,7 @@ void say(const QString &line)
     if (error == 0 || std::exchange(outputFailed, true))
         return;
     complain(u"cannot write to standard output: "_s + qt_error_string(error));
-    // Queued, it also ends a loop that has not begun.
+    // Queued, so that it also ends a loop that has not begun.
     if (!outlivesOutput)
         QMetaObject::invokeMethod(
             qApp, [] { QCoreApplication::exit(failureStatus); }, Qt::QueuedConnection);

@@ -6,11 +6,12 @@
 // Exit statuses of the tool. Success is 0.
 inline constexpr int failureStatus = 1;
 inline constexpr int usageStatus = 2;
-inline constexpr int lossStatus = 3; // records that a module has forgotten were not kept
+inline constexpr int lossStatus = 3;
 
-// Print a line to standard output or standard error and flush it. The first line that standard
-// output does not take is reported on standard error and ends the event loop with failureStatus.
+// Prints a line to standard output and flushes it. The first failure is reported on standard error
+// and ends the event loop with failureStatus.
 void say(const QString &line);
+// Prints a line to standard error.
 void complain(const QString &line);
 
 // Returns failureStatus instead of 0 if any output was lost, and other statuses as they are.
@@ -18,7 +19,7 @@ void complain(const QString &line);
 // Keeps the event loop running when standard output fails.
 void outliveOutput();
 
-// The prompt being edited: hidden while a line is printed, then redrawn.
+// A line that a person is editing. It is hidden while another line is printed.
 class OpenLine
 {
 public:
@@ -28,23 +29,23 @@ public:
 protected:
     ~OpenLine() = default;
 };
-void setOpenLine(OpenLine *line); // null: there is none
+// Null stands for none.
+void setOpenLine(OpenLine *line);
 
-// Whether a person is looking at standard output.
 [[nodiscard]] bool isTerminal();
-// Whether that terminal can move its cursor; whether it shows colours and NO_COLOR is not set.
+// Returns whether standard output is a terminal that can move its cursor.
 [[nodiscard]] bool isFullTerminal();
+// Returns whether standard output is such a terminal and NO_COLOR is not set.
 [[nodiscard]] bool hasColours();
-
-// Whether standard output goes to the journal of the system.
+// Returns whether standard output goes to the journal of the system.
 [[nodiscard]] bool isJournal();
 
-// Returns the local time, which begins each line about an event.
+// Returns the local time for the beginning of a line about an event.
 [[nodiscard]] QString timeStamp();
 
 // Makes foreign UTF-8 safe to print: escapes control characters except line feed and tab, and cuts
-// off a very long text with a remark.
+// off a very long text.
 [[nodiscard]] QString printable(const QByteArray &text);
 
-// "1 record", "2 records"
+// Returns text such as "1 record" or "2 records".
 [[nodiscard]] QString counted(qint64 number, const QString &noun);

@@ -5,8 +5,7 @@
 #include <chrono>
 #include <optional>
 
-// How fast a file travels over an undisturbed UDP link: one packet in every tick but each fifth,
-// which asks for acknowledgement, after three ticks that announce the file.
+// How long a file travels over an undisturbed UDP link; see FixedPace.
 namespace UdpPace {
 
 // Returns the number of data packets of a file, from its compressed size.

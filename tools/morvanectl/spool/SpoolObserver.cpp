@@ -137,7 +137,7 @@ void SpoolObserver::addTransfer(
         transfer.duration.reset();
 }
 
-// Nothing if the file cannot be read, or would take too long.
+// Returns nullopt if the file cannot be read, or if compressing it would take too long.
 std::optional<qint64> SpoolObserver::compressedSize(
     const SpoolDirectory &directory, const QString &name, const SpoolDirectory::Mark &mark)
 {
@@ -210,7 +210,7 @@ void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
             ++sent.files;
             sent.bytes += file.bytes;
         });
-        Journal journal; // its owner may be writing: what is half written does not count
+        Journal journal; // skips an entry that its owner is just writing
         if (journal.open(folder.get()))
             journal.forEach([&](const Journal::Entry &entry) {
                 ++sent.files;

@@ -5,19 +5,18 @@
 
 #include <QHash>
 
-// Reads the state of a spool directory. Changes nothing in it and gets in nobody's way.
+// Reads the state of a spool directory without changing it or keeping others from using it. It
+// remembers the compressed sizes that it has found, so use one object for repeated looks.
 //
-// Owner:   the subcommand spool, for all its looks: it keeps the compressed sizes it has found.
-// Thread:  any one thread.
-// Errors:  leaves out files that go while it looks.
+// Errors:  leaves out files that disappear while it looks.
 class SpoolObserver
 {
 public:
-    // The timeout of UDP mode; none in any other.
+    // `timeout` is nullopt unless the module is in UDP mode.
     SpoolObserver(const QString &path, std::optional<quint16> timeout);
 
     [[nodiscard]] const QString &path() const { return spool.path(); }
-    // Why nothing can be seen there; empty if it can.
+    // Returns why the directory cannot be read; empty if it can.
     [[nodiscard]] QString problem() const;
     [[nodiscard]] SpoolState look();
 

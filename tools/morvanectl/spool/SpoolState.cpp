@@ -44,7 +44,7 @@ template <typename Items, typename ToJson> QJsonArray jsonOf(const Items &items,
     return array;
 }
 
-// A title only in front of the first of several lines.
+// Lines with titles. Consecutive lines with the same title show it once.
 class Table
 {
 public:

@@ -21,9 +21,9 @@ struct SpoolState
     struct Refused
     {
         File file;
-        QString reason; // empty if it cannot be told any more
+        QString reason; // empty if no longer known
     };
-    // Records that a link has taken and the peer has not acknowledged.
+    // Records that were sent and that the peer has not acknowledged.
     struct Unacknowledged
     {
         QString folder;
@@ -37,7 +37,7 @@ struct SpoolState
         qint64 packets = 0;
         // Over an undisturbed link; nullopt if no pace is set.
         std::optional<std::chrono::milliseconds> duration = std::chrono::milliseconds(0);
-        bool isUpperBound = false; // not all files could be compressed in acceptable time
+        bool isUpperBound = false; // some files were counted uncompressed
     };
 
     QString path;
@@ -51,6 +51,6 @@ struct SpoolState
     std::optional<Transfer> transfer; // in UDP mode
 
     [[nodiscard]] QJsonObject toJson() const;
-    // Several lines; the last one without its end.
+    // Returns several lines, without a line feed at the end.
     [[nodiscard]] QString toText() const;
 };

@@ -3,26 +3,26 @@
 #include <QJsonObject>
 #include <QStringList>
 
-// The status file of a module, as it has written it last.
+// The counters in the status file of a module.
 //
-// Errors:  without a file there are no values; lines that make no sense are left out.
+// Errors:  without a file there are no values; lines of another form are left out.
 class StatusPage
 {
 public:
-    // The path may be empty: the module writes none.
+    // An empty path stands for a module that writes no status file.
     explicit StatusPage(const QString &path);
 
-    // Why the file cannot be read; empty if it can, or if there is to be none.
+    // Returns why the file cannot be read; empty if it can, or if there is none to read.
     [[nodiscard]] QString problem() const { return reason; }
 
-    // "records accepted  12", one line each, in the order of the file.
+    // Returns lines such as "records accepted  12", in the order of the file.
     [[nodiscard]] QStringList lines() const;
     [[nodiscard]] QJsonObject toJson() const;
 
 private:
     struct Value
     {
-        QString name; // as in the file, without what all have in common
+        QString name; // without the prefix "morvane_" and the label "module"
         double number;
     };
     QList<Value> values;
