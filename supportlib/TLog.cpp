@@ -60,10 +60,6 @@ QString timeStamp()
     return now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
 }
 
-} // namespace
-
-namespace {
-
 TLog *const disabledLog = new TLog(u"early"_s); // never destroyed: others may log until the end
 
 } // namespace
@@ -87,6 +83,7 @@ QString TLog::getDirPathDefault(const QString &executableBaseName)
 
 void TLog::Enabled(bool on)
 {
+    Q_ASSERT(isMainThread());
     enabled = on;
 }
 
@@ -122,11 +119,13 @@ bool TLog::isJournal() const
 
 void TLog::SetCommonFields(const Fields &fields)
 {
+    Q_ASSERT(isMainThread());
     commonFields = fields;
 }
 
 void TLog::SetObserver(Observer newObserver)
 {
+    Q_ASSERT(isMainThread());
     observer = std::move(newObserver);
 }
 
@@ -135,8 +134,10 @@ void TLog::writeToJournal(const QString &text, Priority priority, const Fields &
     QByteArrayList entry{
         "MESSAGE=" + text.toUtf8(), "PRIORITY=" + QByteArray::number(int(priority))};
     for (const Fields &some : {commonFields, fields}) {
-        for (const auto &[name, value] : some.asKeyValueRange())
+        for (const auto &[name, value] : some.asKeyValueRange()) {
+            Q_ASSERT(name == name.toUpper());
             entry.append(name + '=' + value.toUtf8());
+        }
     }
     if (!SystemJournal::send(entry))
         std::fprintf(
