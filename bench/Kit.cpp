@@ -1,7 +1,7 @@
 #include "Kit.h"
 
 #include "BusFrame.h"
-#include "Record.h"
+#include "DataRecord.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -3,7 +3,7 @@
 
 #include "Kit.h"
 
-#include "Record.h"
+#include "LinkRecord.h"
 
 #include <cstdio>
 #include <filesystem>
@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int fileBytes = 300; // of a spool file
-constexpr int linkRecordBytes = 4 + fileBytes;
+constexpr int linkRecordBytes = LinkRecord::lengthSize + fileBytes;
 constexpr int firstNew = 500'000'000; // number of a record behind every backlog
 
 void fill(const std::string &spool, int files)

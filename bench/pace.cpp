@@ -12,8 +12,10 @@
 
 namespace {
 
-constexpr double settle = 1; // seconds until the bottleneck must be used
-constexpr double apart = 0.25; // seconds; run n starts the second transfer n times this later
+// The bottleneck must be used after settleSeconds. Run n starts the second transfer n times
+// startOffsetSeconds later, so that the runs differ.
+constexpr double settleSeconds = 1;
+constexpr double startOffsetSeconds = 0.25;
 constexpr size_t fixedBytes = 600'000; // takes three seconds at a Timeout of 1
 
 int freePort()
@@ -138,7 +140,7 @@ Use useOf(double megabits, int timeout, size_t bytes)
     path.bitsPerSecond = megabits * 1e6;
     const Crossing crossing(path, timeout, bytes);
     const Relay &relay = crossing.relay;
-    std::this_thread::sleep_for(std::chrono::duration<double>(settle));
+    std::this_thread::sleep_for(std::chrono::duration<double>(settleSeconds));
     const double before = relay.bytes(0), from = seconds();
     while (!crossing.pair.hasArrived() && seconds() < crossing.begin + 30)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -189,11 +191,11 @@ void measureSharing(const Options &options)
             one.put(bytesFor(options, megabits));
             two.put(bytesFor(options, megabits));
             one.start();
-            std::this_thread::sleep_for(std::chrono::duration<double>(apart * run));
+            std::this_thread::sleep_for(std::chrono::duration<double>(startOffsetSeconds * run));
             two.start();
             waitForFirst(relay, 0);
             waitForFirst(relay, 2);
-            std::this_thread::sleep_for(std::chrono::duration<double>(settle));
+            std::this_thread::sleep_for(std::chrono::duration<double>(settleSeconds));
             const double first = relay.bytes(0), second = relay.bytes(2), from = seconds();
             while (!one.hasArrived() && !two.hasArrived())
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -3,7 +3,7 @@
 // acknowledgements.
 
 #include "Kit.h"
-#include "Record.h"
+#include "LinkRecord.h"
 
 #include <array>
 #include <fcntl.h>

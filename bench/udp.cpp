@@ -3,6 +3,7 @@
 
 #include "Relay.h"
 
+#include "FixedPace.h"
 #include "TTransferData.h"
 
 #include <QCoreApplication>
@@ -22,17 +23,17 @@
 
 namespace {
 
-constexpr int payloadBytes = 250; // of a data packet
-constexpr int announcing = 3; // ticks: the information record twice, one status request
-constexpr int groupSize = 4; // data packets between two status requests
-constexpr int listSize = 25; // packet numbers that a status request names at most
+constexpr int announcingTicks = int(FixedPace::ticks(0));
+constexpr int groupPackets = FixedPace::groupPackets;
+constexpr int groupTicks = groupPackets + 1;
 constexpr int never = 86'400'000; // milliseconds: the engine never ticks by itself
 
 // Writes a file of noise that makes `packets` data packets. Deflate stores noise in plain blocks.
 void writePackets(const std::string &path, int packets)
 {
     constexpr int blockBytes = 16'383; // deflate's smallest block; each adds 5 bytes
-    const int bytes = packets * payloadBytes - 6 - 5 * (packets * payloadBytes / blockBytes + 2);
+    const int whole = packets * int(Packet::maxPayload);
+    const int bytes = whole - 6 - 5 * (whole / blockBytes + 2);
     writeNoise(path, size_t(std::max(bytes, 1)));
 }
 
@@ -93,11 +94,6 @@ private:
     bool isDone = false;
 };
 
-int leastTicks(int packets)
-{
-    return announcing + (packets + groupSize - 1) / groupSize * (groupSize + 1);
-}
-
 void measureCleanPath(const Options &options, const RamFolder &folder)
 {
     for (const int wanted : {1, 100, options.amount(65'400, 1'000)}) {
@@ -107,7 +103,7 @@ void measureCleanPath(const Options &options, const RamFolder &folder)
         const int ticks = link.ticksToTheEnd();
         Figure figure("UDP clean path, a file of " + std::to_string(link.packets) + " packets",
             "ticks", "1.00 to 1.02");
-        figure.add(ticks, leastTicks(link.packets));
+        figure.add(ticks, double(FixedPace::ticks(link.packets)));
         figure.print();
     }
 }
@@ -121,9 +117,9 @@ double tickCost(const RamFolder &folder, const std::string &file, int leastTotal
     int ticks = 0;
     while (ticks < leastTotal) {
         link.open(folder.path(file));
-        for (int i = 0; i < announcing; ++i)
+        for (int i = 0; i < announcingTicks; ++i)
             link.tick();
-        const int timed = leastTicks(link.packets) - announcing - (groupSize + 1);
+        const int timed = int(FixedPace::ticks(link.packets)) - announcingTicks - groupTicks;
         const double start = threadSeconds();
         for (int i = 0; i < timed; ++i)
             link.tick();
@@ -168,7 +164,7 @@ public:
         int ticks = 0, sinceRequest = 0;
         while (missing > 0) {
             ++ticks;
-            if (++sinceRequest > (acknowledged[0] ? groupSize : announcing - 1)) {
+            if (++sinceRequest > (acknowledged[0] ? groupPackets : FixedPace::announcements)) {
                 sinceRequest = 0;
                 request();
             } else {
@@ -199,7 +195,7 @@ private:
         next = number + 1; // all lower ones have been sent as often as this one
         ++sent[number];
         recent.push_back(number);
-        if (recent.size() > listSize)
+        if (recent.size() > size_t(Packet::maxListed))
             recent.pop_front();
         if (!arrives())
             return;
@@ -254,7 +250,7 @@ void measureLoss(const Options &options, const RamFolder &folder)
             const int ticks = link.ticksToTheEnd();
             const int expected = Rules(link.packets, loss, run + 1'000).ticksToTheEnd();
             rules.add(ticks, expected);
-            bound.add(ticks, link.packets / (1 - loss) * (groupSize + 1) / groupSize);
+            bound.add(ticks, link.packets / (1 - loss) * groupTicks / groupPackets);
         }
         rules.print();
         bound.print();

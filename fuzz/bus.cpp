@@ -2,8 +2,8 @@
 // pieces. Cutting frames from the two pieces must give the same frames as from one. The receive
 // loop then dispatches the pieces from a real connection.
 #include "BusFrame.h"
+#include "DataRecord.h"
 #include "Fuzzing.h"
-#include "Record.h"
 #include "TConnector.h"
 
 #include <sys/socket.h>
@@ -24,15 +24,14 @@ struct Memory : ByteSource
     QByteArrayView bytes;
 };
 
-QByteArray cutFrames(const QByteArray &stream, qsizetype firstPiece)
+QByteArray cutFrames(const QList<QByteArray> &pieces)
 {
     Memory source;
     int expectedSize = 0;
     FrameReader reader(source, expectedSize);
     QByteArray frames;
     BusFrame frame;
-    for (const QByteArrayView piece :
-        {QByteArrayView(stream).first(firstPiece), QByteArrayView(stream).sliced(firstPiece)}) {
+    for (const QByteArray &piece : pieces) {
         source.bytes = piece;
         FrameReader::Result result;
         while ((result = reader.next(frame)) == FrameReader::Result::Frame)
@@ -67,8 +66,9 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 
     const QByteArray bytes = bytesOf(data + 1, size - 1);
     const qsizetype cut = std::min<qsizetype>(data[0], bytes.size());
-    require(cutFrames(bytes, cut) == cutFrames(bytes, bytes.size()));
-    for (const QByteArray &piece : {bytes.first(cut), bytes.sliced(cut)}) {
+    const QList<QByteArray> pieces = {bytes.first(cut), bytes.sliced(cut)};
+    require(cutFrames(pieces) == cutFrames({bytes}));
+    for (const QByteArray &piece : pieces) {
         if (::send(ends[1], piece.data(), size_t(piece.size()), MSG_NOSIGNAL) > 0)
             socket->waitForReadyRead(0);
     }

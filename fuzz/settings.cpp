@@ -10,15 +10,11 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     // Settings may put the log anywhere, but a fuzzer must not write outside its folder.
     QByteArray bytes = bytesOf(data, size);
     bytes.replace('/', '|').replace('\\', '|').replace('%', '|');
-    const QString path = fuzzing.folder.filePath(QStringLiteral("m.ini"));
-    {
-        QFile file(path);
-        require(file.open(QFile::WriteOnly) && file.write(bytes) == bytes.size());
-    }
-    {
-        Morvane module;
-        module.LoadSettings(path);
-    }
+    QFile file(fuzzing.folder.filePath(QStringLiteral("m.ini")));
+    require(file.open(QFile::WriteOnly) && file.write(bytes) == bytes.size());
+    file.close();
+    Morvane().LoadSettings(file.fileName());
+    file.remove();
     QFile::remove(pLog->filePath());
     delete std::exchange(pLog, &fuzzing.log);
     return 0;

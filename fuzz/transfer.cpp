@@ -18,6 +18,18 @@ void writeSource(const QString &path)
         file.putChar(char(noise >> 16));
 }
 
+// Requires that the engine has written the reported files and nothing else. Removes them.
+void requireNothingElse(const QDir &top, QStringList reported)
+{
+    QDir folder(top.filePath(QStringLiteral("received")));
+    const auto everything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    require(top.entryList(everything).size() == 2);
+    reported.removeDuplicates();
+    require(folder.entryList(everything).size() == reported.size());
+    for (const QString &name : std::as_const(reported))
+        require(folder.remove(name));
+}
+
 } // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -35,8 +47,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     engine.SendPath(top.filePath(QStringLiteral("received/")));
     engine.OpenFile(source);
     for (QByteArray rest = bytesOf(data, size); !rest.isEmpty();) {
-        QByteArray datagram =
-            rest.sliced(1).first(std::min<qsizetype>(uchar(rest[0]), rest.size() - 1));
+        QByteArray datagram = rest.mid(1, uchar(rest[0]));
         rest.remove(0, 1 + datagram.size());
         QTimerEvent tick(0);
         if (datagram.isEmpty())
@@ -45,12 +56,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             engine.ReceiveData(datagram.data(), int(datagram.size()));
     }
 
-    QDir folder(top.filePath(QStringLiteral("received")));
-    const auto everything = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
-    require(top.entryList(everything).size() == 2);
-    received.removeDuplicates();
-    require(folder.entryList(everything).size() == received.size());
-    for (const QString &name : std::as_const(received))
-        require(folder.remove(name));
+    requireNothingElse(top, received);
     return 0;
 }

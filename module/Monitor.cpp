@@ -1,5 +1,6 @@
 #include "Monitor.h"
 
+#include "FileTime.h"
 #include "ServiceManager.h"
 #include "TConnector.h"
 #include "TLog.h"
@@ -27,9 +28,6 @@ constexpr int signsInTime = 3;
 constexpr int restFactor = 20;
 // Independent of the umask: the folder decides who may read the status file.
 constexpr mode_t statusFileMode = 0644;
-// Two changes within the resolution of file times look like one. A modification time is trusted
-// only when it is at least this old.
-constexpr qint64 settledSeconds = 2;
 
 qint64 seconds()
 {
@@ -49,7 +47,7 @@ Monitor::Monitor(const TConnector &connector)
     connect(&bus, &TConnector::passEnded, this, &Monitor::tellServiceManager);
     connect(&reportTimer, &QTimer::timeout, this, &Monitor::tick);
     connect(&aliveTimer, &QTimer::timeout, this, &ServiceManager::sayAlive);
-    TLog::SetObserver([this](const QString &text) { error(text); });
+    TLog::SetObserver([this](const QString &text) { noteError(text); });
 }
 
 Monitor::~Monitor()
@@ -57,8 +55,11 @@ Monitor::~Monitor()
     TLog::SetObserver({});
 }
 
-void Monitor::start(std::function<void(Status &)> fillInCounters)
+void Monitor::start(
+    const SpoolDirectory &spoolDirectory, std::function<void(Status &)> fillInCounters)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
+    spool = spoolDirectory;
     fillIn = std::move(fillInCounters);
     if (status.startedAt == 0)
         status.startedAt = status.linkChangedAt = seconds();
@@ -91,7 +92,7 @@ void Monitor::linkDown()
     pLog->JournalOnly(tr("The link to %1 is down").arg(status.peer), TLog::Priority::Warning);
 }
 
-void Monitor::error(const QString &text)
+void Monitor::noteError(const QString &text)
 {
     Q_ASSERT(thread() == QThread::currentThread());
     status.lastError = text;
@@ -100,8 +101,9 @@ void Monitor::error(const QString &text)
 
 void Monitor::stop()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     ServiceManager::sayStopping();
-    counter = {};
+    countThread = {};
     status.isRunning = false;
     status.isLinkUp = false;
     refresh();
@@ -177,32 +179,32 @@ bool Monitor::isCountDue()
 {
     struct stat info;
     const Clock::time_point now = Clock::now();
-    if (counter.joinable() || now - countBegan < restFactor * countTook
-        || ::stat(QFile::encodeName(spool).constData(), &info) != 0)
+    if (countThread.joinable() || now - countBegan < restFactor * countTook
+        || ::stat(spool->encodedPath().constData(), &info) != 0)
         return false;
-    const qint64 modification = qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    const qint64 modification = FileTime::of(info.st_mtim);
     if (modification == countedModification)
         return false;
-    const bool isSettled = seconds() - info.st_mtim.tv_sec >= settledSeconds;
-    countedModification = isSettled ? modification : 0;
+    countedModification = FileTime::isSettled(modification) ? modification : 0;
     countBegan = now;
     return true;
 }
 
 void Monitor::beginCount()
 {
-    counter = std::jthread([this, directory = SpoolDirectory(spool)](std::stop_token stop) {
+    countThread = std::jthread([this, directory = *spool](std::stop_token stop) {
         const SpoolCensus census = SpoolCensus::take(directory, stop);
         const std::lock_guard lock(mutex);
         counted = census;
-        QMetaObject::invokeMethod(this, "takeCount", Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { takeCount(); }, Qt::QueuedConnection);
     });
 }
 
 void Monitor::takeCount()
 {
     Q_ASSERT(thread() == QThread::currentThread());
-    counter = {};
+    countThread = {};
     countTook = Clock::now() - countBegan;
     {
         const std::lock_guard lock(mutex);
@@ -217,6 +219,7 @@ void Monitor::takeCount()
 
 void Monitor::refresh()
 {
+    Q_ASSERT(fillIn);
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
     const qint64 sentBefore = status.udp ? status.udp->bytesSent : 0;
     fillIn(status);

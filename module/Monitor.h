@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 class TConnector;
@@ -27,14 +28,14 @@ public:
 
     // The owner fills in what never changes before start().
     Status status;
-    void setSpool(const QString &directory) { spool = directory; }
     void setStatusFile(const QString &path) { statusFile = path; }
 
     // Begins to report. Calls `fillInCounters` before each report for the figures that change.
-    void start(std::function<void(Status &)> fillInCounters);
+    void start(const SpoolDirectory &spool, std::function<void(Status &)> fillInCounters);
     void linkUp();
     void linkDown();
-    void error(const QString &text);
+    // Shows the text as the last error.
+    void noteError(const QString &text);
     // Writes the last status before the process ends.
     void stop();
 
@@ -45,13 +46,13 @@ private:
     [[nodiscard]] QString statusLine() const;
     [[nodiscard]] bool isReady() const;
     void beginCount();
-    Q_INVOKABLE void takeCount();
+    void takeCount();
     [[nodiscard]] bool isCountDue();
     void refresh();
     void writeFile();
 
     const TConnector &bus;
-    QString spool;
+    std::optional<SpoolDirectory> spool; // from start() on
     QString statusFile; // empty for none
     std::function<void(Status &)> fillIn;
     QTimer reportTimer;
@@ -72,5 +73,5 @@ private:
 
     std::mutex mutex;
     SpoolCensus counted; // guarded by mutex
-    std::jthread counter; // the last member, so that it ends before what it uses
+    std::jthread countThread; // the last member, so that it ends before what it uses
 };

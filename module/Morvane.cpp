@@ -1,17 +1,18 @@
 #include "Morvane.h"
 
+#include "DataRecord.h"
+#include "FileName.h"
+#include "LoggingLevel.h"
 #include "MainSettings.h"
 #include "ModuleVersion.h"
-#include "Record.h"
+#include "RecordKinds.h"
 #include "Settings.h"
 #include "TConnector.h"
 #include "TLog.h"
 #include "Version.h"
-#include "WholeFile.h"
 #include "test_object.h"
 
 #include <QCoreApplication>
-#include <QDebug>
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QNetworkProxy>
@@ -26,6 +27,8 @@ using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
 
 namespace {
+
+Q_LOGGING_CATEGORY(moduleCategory, "morvane.module", defaultLoggingLevel())
 
 constexpr char recordField[] = "MORVANE_RECORD"; // a field of the system journal
 // The least time without acknowledgement after which the link counts as dead.
@@ -48,7 +51,7 @@ Morvane::Morvane()
     connect(&tspSocket, &QAbstractSocket::errorOccurred, this, &Morvane::tspSocketError);
     connect(&tspSocket, &QAbstractSocket::connected, this, &Morvane::tspSocketConnected);
     connect(&tspSocket, &QAbstractSocket::stateChanged, this, &Morvane::linkStateChanged);
-    connect(connector, &TConnector::ReadDone, this, &Morvane::busRead);
+    connect(connector, &TConnector::ReadDone, this, &Morvane::sendNewRecords);
     connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this, &Morvane::stop);
     // The system's proxy settings must not redirect the link.
     tspSocket.setProxy(QNetworkProxy::NoProxy);
@@ -60,6 +63,7 @@ Morvane::~Morvane() = default;
 
 void Morvane::LoadSettings(QString path)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (path.isEmpty())
         path = getIniNameDefault(false);
     TServerPlugin::LoadSettings(path);
@@ -85,13 +89,13 @@ void Morvane::LoadSettings(QString path)
     settings.endGroup();
 
     setUpMonitor(path, statusFile);
-    keepSpool();
+    setUpSpool();
 }
 
-void Morvane::keepSpool()
+void Morvane::setUpSpool()
 {
     spoolSender.reset();
-    keeper = std::make_unique<SpoolKeeper>(tempDir, logWarning);
+    keeper = std::make_unique<SpoolKeeper>(SpoolDirectory(tempDir), logWarning);
     connect(keeper.get(), &SpoolKeeper::ready, this, &Morvane::startTransport);
     const SpoolSender::Times times = {std::max<std::chrono::milliseconds>(leastDeadTime,
                                           2 * std::chrono::seconds(liveMessageTimeout)),
@@ -99,9 +103,7 @@ void Morvane::keepSpool()
             std::chrono::seconds(std::max(acknowledgementTimeout, shortestTimer)))
                          : std::nullopt};
     spoolSender = std::make_unique<SpoolSender>(tspSocket, *keeper, counters, logWarning, times,
-        [this](const QString &name, const QByteArray &content) {
-            MakeTmpFile(tempDir + u'/' + name, content);
-        });
+        [this](const QString &name, const QByteArray &content) { writeToSpool(name, content); });
     connect(spoolSender.get(), &SpoolSender::fileKept, this,
         [this](const QString &path) { report(tr("Can not delete file %1").arg(path).toUtf8()); });
 }
@@ -114,7 +116,6 @@ void Morvane::setUpMonitor(const QString &settingsFile, const QString &statusFil
     status.version = moduleVersion();
     status.protocol = QString::fromLatin1(protocol);
     status.peer = u"%1 port %2"_s.arg(host).arg(port);
-    monitor.setSpool(tempDir);
     monitor.setStatusFile(statusFile);
     TLog::SetCommonFields({{"MORVANE_INSTANCE", status.module}, {"MORVANE_PEER", status.peer}});
 }
@@ -131,7 +132,9 @@ void Morvane::checkSettingsStruct(QSettings &settings)
 
 void Morvane::Start()
 {
-    monitor.start([this](Status &status) {
+    Q_ASSERT(thread() == QThread::currentThread());
+    Q_ASSERT(keeper); // made by LoadSettings()
+    monitor.start(keeper->directory(), [this](Status &status) {
         status.counters = counters;
         status.unacknowledged = spoolSender->unacknowledged().waiting();
         if (acknowledgements)
@@ -155,7 +158,7 @@ void Morvane::startTransport()
     restartTimer(liveTimerId, liveMessageTimeout);
 }
 
-void Morvane::beforeEnd()
+void Morvane::reportEnd()
 {
     monitor.stop();
 }
@@ -185,7 +188,7 @@ void Morvane::restartTimer(int &timerId, quint16 seconds)
 void Morvane::timerEvent(QTimerEvent *event)
 {
     if (event->timerId() == reconnectTimerId)
-        keeper->lookForFiles();
+        keeper->flushFilesOfOthers();
     if (protocol != "TCP")
         return;
     const bool connected = tspSocket.state() == QAbstractSocket::ConnectedState;
@@ -258,9 +261,10 @@ void Morvane::Debug(QByteArray data)
 
 void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *socket)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     const DataRecord record = DataRecord::read(data);
     const qint64 size = record.kind.size() + record.payload.size();
-    if (!record.isAccepted())
+    if (!isAcceptedKind(record.kind))
         return counters.unknownKind.add(size);
     if (inputDataOn)
         report((tr("New data") + u": "_s + record.fileName).toUtf8());
@@ -268,41 +272,47 @@ void Morvane::NewData(uchar, QByteArray &data, TMyLocalSocket *socket)
         return counters.noTransport.add(size);
     sendingModule = socket ? socket->name : QByteArray();
     if (protocol != "TCP" || !spoolSender->sendAtOnce(record)) {
-        spoolSender->commit();
-        MakeTmpFile(tempDir + u'/' + record.fileName, record.spoolContent());
-        mustSend = true;
+        spoolSender->commit(); // the records before this one go first
+        writeToSpool(record.fileName, record.kind + record.payload);
+        hasNewFiles = true;
     }
     if (!connector->isReading())
-        busRead();
+        sendNewRecords();
 }
 
 // Sends the records of one read of the bus together.
-void Morvane::busRead()
+void Morvane::sendNewRecords()
 {
     spoolSender->commit();
-    if (std::exchange(mustSend, false) && protocol == "TCP")
+    if (std::exchange(hasNewFiles, false) && protocol == "TCP")
         SendOldData();
 }
 
 void Morvane::MakeTmpFile(QString path, QByteArray data)
 {
+    const QString folder = tempDir + u'/';
+    Q_ASSERT(path.startsWith(folder));
+    writeToSpool(path.sliced(folder.size()), data);
+}
+
+void Morvane::writeToSpool(const QString &name, const QByteArray &content)
+{
     Q_ASSERT(thread() == QThread::currentThread());
-    const QString name = path.sliced(tempDir.size() + 1);
-    const SpoolDirectory::WriteResult result = keeper->write(name, data);
+    const SpoolDirectory::WriteResult result = keeper->write(name, content);
     const QString reason = qt_error_string();
     switch (result) {
     case SpoolDirectory::WriteResult::Written:
-        return counters.accepted.add(data.size());
+        return counters.accepted.add(content.size());
     case SpoolDirectory::WriteResult::NoLock:
-        counters.noLock.add(data.size());
+        counters.noLock.add(content.size());
         pLog->Message(u"Can not open lock-file"_s, TLog::Priority::Error, {{recordField, name}});
-        return logDropped(name, data.size(), reason);
+        return logDropped(name, content.size(), reason);
     case SpoolDirectory::WriteResult::NoFile:
-        counters.noFile.add(data.size());
+        counters.noFile.add(content.size());
         pLog->Message(
             u"Can not create temporary file"_s, TLog::Priority::Error, {{recordField, name}});
         return logDropped(
-            name, data.size(), isPlainName(name) ? reason : tr("the name cannot be a file's"));
+            name, content.size(), isPlainName(name) ? reason : tr("the name cannot be a file's"));
     }
 }
 
@@ -341,7 +351,7 @@ void Morvane::tspSocketConnected()
 void Morvane::tspSocketError(QAbstractSocket::SocketError error)
 {
     const QString text = tr("Socket error: %1").arg(error);
-    monitor.error(text);
+    monitor.noteError(text);
     report(text.toUtf8());
 }
 
@@ -361,17 +371,19 @@ void Morvane::SendOldData()
 
 void Morvane::StartScanning()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
+    Q_ASSERT(scanning == (scanThread != nullptr));
     if (!scanning) {
         scanThread = new ScanThread(this, localPort, port, host, timeout, tempDir);
         scanThread->setOnlyPeer(onlyPeer);
         scanThread->setMaxReceivedBytes(maxReceivedBytes);
         connect(scanThread, &ScanThread::LogMessage, this, &Morvane::Debug);
-        qDebug("Start Scanning");
+        qCDebug(moduleCategory, "Start Scanning");
         scanThread->start();
         scanning = true;
         return;
     }
-    qDebug("Stop Scanning");
+    qCDebug(moduleCategory, "Stop Scanning");
     scanThread->stop();
     scanning = false;
     disconnect(scanThread, &ScanThread::LogMessage, this, &Morvane::Debug);
@@ -380,7 +392,7 @@ void Morvane::StartScanning()
 
 void Morvane::OnFileReceived(QString name)
 {
-    qDebug() << "File received" << name;
+    qCDebug(moduleCategory) << "File received" << name;
 }
 
 void Morvane::UdpDatagrams()

@@ -32,25 +32,28 @@ public:
     void checkSettingsStruct(QSettings &settings);
     // Starts the reports and, as soon as the spool is ready, the chosen transport and both timers.
     void Start() override;
+    // Writes one spool file as the module does for a record. `path` is the spool directory + "/" +
+    // the file's name. For code that has a path; the module itself has the name.
+    void MakeTmpFile(QString path, QByteArray data);
 
-    // main() calls this once, after the event loop has ended.
-    void beforeEnd();
+    // Reports that the module has ended. main() calls this once, after the event loop.
+    void reportEnd();
 
 public Q_SLOTS:
     void AdminCommand(
         QByteArray &command_name, QByteArray &data, int IDConnection, TMyLocalSocket *socket);
-    void UdpDatagrams();
-    void OnFileReceived(QString name);
-    void SendData(QByteArray &data);
+    void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     // Reports a log line of the scan thread, in UTF-8.
     void Debug(QByteArray data);
-    void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void tspSocketError(QAbstractSocket::SocketError error);
     void tspSocketConnected();
     // These belong to the module's interface; nothing in this program calls them. Reconnect() calls
     // Start() again, which stops a running scan thread. The last two do nothing: ScanThread
     // receives and sends.
     void Reconnect();
+    void OnFileReceived(QString name);
+    void UdpDatagrams();
+    void SendData(QByteArray &data);
 
 protected:
     void timerEvent(QTimerEvent *event) override;
@@ -60,14 +63,15 @@ private:
     void SendOldData();
     // Starts the scan thread of UDP mode. If it is running, stops it instead.
     void StartScanning();
-    // Writes one spool file. `path` is tempDir + "/" + a plain name.
-    void MakeTmpFile(QString path, QByteArray data);
-
+    // Writes one spool file. Logs why if it cannot, and the record is dropped then.
+    void writeToSpool(const QString &name, const QByteArray &content);
     void logDropped(const QString &name, qsizetype size, const QString &reason) const;
     void setUpMonitor(const QString &settingsFile, const QString &statusFile);
-    void keepSpool();
+    void setUpSpool();
     void startTransport();
-    void busRead();
+    void sendNewRecords();
+    // Keeps what has not arrived: reads the bus to its end, and returns to the spool what the peer
+    // has not acknowledged.
     void stop();
     void connectToPeer();
     void linkStateChanged(QAbstractSocket::SocketState state);
@@ -102,6 +106,6 @@ private:
     std::unique_ptr<SpoolSender> spoolSender;
     // The bus name of the module that sent the last record, UTF-8.
     QByteArray sendingModule;
-    // Records of the current read of the bus have become files, which must be sent after it.
-    bool mustSend = false;
+    // The current read of the bus has made files, which are sent after it.
+    bool hasNewFiles = false;
 };

@@ -1,10 +1,13 @@
 #include "OnItsWay.h"
 
+#include "MainThread.h"
+
 #include <QFile>
 
 #include <algorithm>
 #include <array>
 #include <fcntl.h>
+#include <limits>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -16,16 +19,16 @@ namespace {
 // Names given back are remembered only to count repetitions, so forgetting them is harmless.
 constexpr qsizetype mostNamesGivenBack = 100'000;
 // Limits of one call of freeAcknowledged(), because removing files may block for long.
-constexpr int mostFreed = 4'096; // records
+constexpr int mostFreedAtOnce = 4'096; // records
 constexpr auto longestFreeing = 10ms;
 constexpr int freedPerClockCheck = 64; // records
 constexpr auto flushAge = 250ms; // a record that waits longer is flushed to the disk
-constexpr size_t mostRecords = 65'536;
-constexpr qint64 mostBytes = Journal::defaultBytes; // if the peer's program acknowledges
+constexpr size_t mostWaitingRecords = 65'536;
+constexpr qint64 mostWaitingBytes = Journal::defaultBytes; // if the peer's program acknowledges
 constexpr int mostFinalReads = 16; // of the peer's numbers, after the link has ended
 // Limits the bytes that the kernel holds unsent. It still sends them after this process is killed,
 // and then they arrive twice.
-constexpr int mostUnsent = 131'072;
+constexpr int mostUnsentBytes = 131'072;
 
 // Returns how many bytes of this connection the peer's kernel has acknowledged.
 qint64 kernelCount(int socket)
@@ -54,6 +57,9 @@ OnItsWay::OnItsWay(
 
 bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 {
+    Q_ASSERT(isMainThread());
+    Q_ASSERT(records.empty()); // the end of the link before has returned them
+    Q_ASSERT(deadAfter.count() <= std::numeric_limits<int>::max());
     ownLink = Descriptor(::fcntl(int(socket), F_DUPFD_CLOEXEC, 0));
     if (!ownLink.isOpen())
         return false;
@@ -64,7 +70,7 @@ bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
     kernelCountAtStart = kernelCount(ownLink.get());
     const int timeout = int(deadAfter.count());
     if (setOption(ownLink.get(), TCP_USER_TIMEOUT, timeout)
-        && setOption(ownLink.get(), TCP_NOTSENT_LOWAT, mostUnsent))
+        && setOption(ownLink.get(), TCP_NOTSENT_LOWAT, mostUnsentBytes))
         return true;
     ownLink = Descriptor();
     return false;
@@ -72,17 +78,18 @@ bool OnItsWay::linkUp(qintptr socket, std::chrono::milliseconds deadAfter)
 
 void OnItsWay::linkDown()
 {
+    Q_ASSERT(isMainThread());
     if (!ownLink.isOpen())
         return;
     if (acknowledgementTime)
-        readRest();
+        readLastNumbers();
     while (freeAcknowledged()) { }
     ownLink = Descriptor();
     const bool wasEmpty = records.empty();
     if (namesGivenBack.size() > mostNamesGivenBack)
         namesGivenBack.clear();
     for (const Record &record : records) {
-        counters.givenBack.add(record.size);
+        counters.givenBack.add(record.bodySize);
         namesGivenBack.insert(record.name);
     }
     records.clear();
@@ -116,6 +123,8 @@ void OnItsWay::addListed(const QString &name, const SpoolFile::Mark &mark, qint6
 void OnItsWay::add(quint64 journalEnd, const QByteArray &name,
     const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes)
 {
+    Q_ASSERT(isMainThread() && bytes >= LinkRecord::lengthSize);
+    Q_ASSERT(journalEnd == 0 || !listedAs); // it is in one place
     addUnkept(bytes);
     const qint64 size = bytes - LinkRecord::lengthSize;
     records.push_back({bytesTaken, recordsTaken, Clock::now(), journalEnd, name, listedAs, size});
@@ -127,7 +136,8 @@ void OnItsWay::add(quint64 journalEnd, const QByteArray &name,
 bool OnItsWay::hasRoomFor(qint64 bytes) const
 {
     const bool isBounded = acknowledgementTime && !records.empty();
-    return records.size() < mostRecords && (!isBounded || waitingBytes + bytes <= mostBytes);
+    return records.size() < mostWaitingRecords
+        && (!isBounded || waitingBytes + bytes <= mostWaitingBytes);
 }
 
 // --- acknowledgement ---
@@ -139,22 +149,24 @@ qint64 OnItsWay::arrivedBytes() const
 
 bool OnItsWay::freeAcknowledged()
 {
+    Q_ASSERT(isMainThread());
     if (records.empty())
         return false;
     const qint64 acknowledged = acknowledgementTime ? storedStreamEnd : arrivedBytes();
     const Clock::time_point end = Clock::now() + longestFreeing;
     quint64 journalEnd = 0;
     int freed = 0;
-    for (; !records.empty() && records.front().streamEnd <= acknowledged && freed < mostFreed
+    for (; !records.empty() && records.front().streamEnd <= acknowledged && freed < mostFreedAtOnce
          && (freed % freedPerClockCheck != 0 || Clock::now() < end);
          records.pop_front(), ++freed) {
-        counters.acknowledged.add(records.front().size);
-        waitingBytes -= records.front().size;
+        counters.acknowledged.add(records.front().bodySize);
+        waitingBytes -= records.front().bodySize;
         if (records.front().journalEnd != 0)
             journalEnd = records.front().journalEnd;
         else
-            forget(records.front());
+            removeFileOf(records.front());
     }
+    Q_ASSERT(!records.empty() || waitingBytes == 0);
     keeper.sent().journal().free(journalEnd);
     if (records.empty())
         rememberedEnds.clear();
@@ -168,7 +180,7 @@ bool OnItsWay::hasMoreToFree() const
     return !records.empty() && records.front().streamEnd <= storedStreamEnd;
 }
 
-void OnItsWay::forget(const Record &record)
+void OnItsWay::removeFileOf(const Record &record)
 {
     const QString name = QFile::decodeName(record.name);
     if (!record.listedAs)
@@ -207,6 +219,7 @@ quint64 OnItsWay::arrivedRecords() const
 
 OnItsWay::Fault OnItsWay::acknowledge(QByteArrayView bytes)
 {
+    Q_ASSERT(isMainThread());
     if (fault != Fault::None)
         return fault;
     reader.append(bytes);
@@ -223,11 +236,11 @@ OnItsWay::Fault OnItsWay::readNumbers()
     while (const std::optional<quint64> number = reader.next()) {
         lastNumberRead = *number;
         if (*number < recordsStored)
-            return Fault::Backwards;
+            return Fault::NumberFell;
         if (*number > recordsKnownArrived)
             recordsKnownArrived = arrivedRecords();
         if (*number > recordsKnownArrived)
-            return Fault::Beyond;
+            return Fault::NumberTooHigh;
         if (*number > recordsStored)
             lastProgress = Clock::now();
         recordsStored = *number;
@@ -251,7 +264,7 @@ OnItsWay::Fault OnItsWay::checkOverdue()
 
 // Reads the numbers that arrived before the link ended: a socket that fails while sending closes
 // without reading them.
-void OnItsWay::readRest()
+void OnItsWay::readLastNumbers()
 {
     std::array<char, 65'536> buffer;
     for (int read = 0; read < mostFinalReads; ++read) {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "Counters.h"
-#include "Record.h"
+#include "LinkRecord.h"
 #include "SpoolKeeper.h"
 
 #include <QByteArray>
@@ -74,8 +74,8 @@ public:
 
     enum class Fault {
         None,
-        Backwards, // a number is smaller than the one before it
-        Beyond, // a number counts records that have not arrived at the peer's host
+        NumberFell,
+        NumberTooHigh, // it counts records that have not arrived at the peer's host
         Overdue
     };
     // Reads the numbers in `bytes`, which the peer has sent. The next freeAcknowledged() frees the
@@ -97,16 +97,16 @@ private:
         quint64 journalEnd = 0; // 0 for a record of a file
         QByteArray name; // file system encoding
         std::optional<SpoolFile::Mark> listedAs;
-        qint64 size; // without the length in front of it on the link
+        qint64 bodySize;
     };
     void add(quint64 journalEnd, const QByteArray &name,
         const std::optional<SpoolFile::Mark> &listedAs, qint64 bytes);
-    void forget(const Record &record);
+    void removeFileOf(const Record &record);
     void askForFlush(Clock::time_point now);
     [[nodiscard]] qint64 arrivedBytes() const;
     [[nodiscard]] quint64 arrivedRecords() const;
     [[nodiscard]] Fault readNumbers();
-    void readRest();
+    void readLastNumbers();
 
     SpoolKeeper &keeper;
     Counters &counters;

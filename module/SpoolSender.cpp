@@ -1,21 +1,23 @@
 #include "SpoolSender.h"
 
 #include "Counters.h"
+#include "DataRecord.h"
+#include "FileName.h"
+#include "FileTime.h"
 
 #include <QFile>
 #include <QTcpSocket>
 #include <QThread>
 
-#include <ctime>
 #include <thread>
 
 using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto sliceTime = 10ms; // of a listing, before the event loop gets its next turn
+constexpr auto listingSliceTime = 10ms; // then the event loop gets its next turn
 constexpr auto shortScan = 5ms; // a longer scan continues on another thread
-constexpr auto lockInterval = 100ms; // between two attempts while another process holds the lock
+constexpr auto lockRetryInterval = 100ms; // while another process holds the lock
 // Acknowledgements are checked soon after something was sent or freed, then ever less often: after
 // each further quarter of the oldest record's age.
 constexpr auto shortestCheck = 1ms;
@@ -24,32 +26,25 @@ constexpr int checkShare = 4;
 // How long the process waits for acknowledgements before it ends.
 constexpr auto longestKernelWait = 50ms;
 constexpr auto longestPeerWait = 1s;
-constexpr auto faultInterval = 1h; // between two log lines about the same fault
-constexpr qint64 mostUnread = 65'536; // bytes of the peer's numbers; the kernel keeps the rest
+constexpr auto faultLogInterval = 1h; // between two lines about the same fault
+constexpr qint64 maxUnreadNumberBytes = 65'536; // the kernel keeps the rest
 // Bytes. The socket copies smaller records together into pieces of this size.
 constexpr qsizetype sharedPieceSize = 16'384;
-constexpr qint64 maxBuffered = 1'048'576; // bytes in the socket; one larger record may wait alone
-
-qint64 timeNow()
-{
-    timespec now;
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &now); // the clock of the files' times
-    return qint64(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
-}
+constexpr qint64 maxBufferedBytes = 1'048'576; // in the socket; one larger record may wait alone
 
 } // namespace
 
 SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters &countedIn,
-    MessageSink log, const Times &timeLimits, WriteFile write)
+    MessageSink messages, const Times &timeLimits, WriteFile write)
     : link(tcpLink)
     , keeper(spoolKeeper)
     , counters(countedIn)
-    , report(std::move(log))
+    , log(std::move(messages))
     , times(timeLimits)
     , writeFile(std::move(write))
     , onItsWay(spoolKeeper, countedIn, timeLimits.acknowledgement)
-    , lock(spoolKeeper.directory().path(), report)
-    , quiet(spoolKeeper.directory().path())
+    , lock(spoolKeeper.directory(), log)
+    , quiet(spoolKeeper.directory())
 {
     listingTimer.setSingleShot(true);
     checkTimer.setSingleShot(true);
@@ -59,7 +54,7 @@ SpoolSender::SpoolSender(QTcpSocket &tcpLink, SpoolKeeper &spoolKeeper, Counters
     connect(&link, &QAbstractSocket::stateChanged, this, &SpoolSender::linkStateChanged);
     connect(&link, &QIODevice::bytesWritten, this, &SpoolSender::bytesWritten);
     connect(&link, &QIODevice::readyRead, this, &SpoolSender::readFromPeer);
-    link.setReadBufferSize(times.acknowledgement ? mostUnread : 0);
+    link.setReadBufferSize(times.acknowledgement ? maxUnreadNumberBytes : 0);
     connect(&keeper, &SpoolKeeper::gaveBack, this, &SpoolSender::send);
 }
 
@@ -72,6 +67,7 @@ SpoolSender::~SpoolSender()
 
 bool SpoolSender::linkUp()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (!onItsWay.linkUp(link.socketDescriptor(), times.deadAfter))
         return false;
     if (!keeper.sent().isEmpty() && !keeper.giveBack())
@@ -85,7 +81,7 @@ void SpoolSender::resendJournal()
     keeper.sent().journal().forEach([this](const Journal::Entry &entry) {
         const QByteArray record = LinkRecord::make(entry.content.toByteArray());
         onItsWay.addJournaled(entry.name.toByteArray(), entry.end, record.size());
-        return write(record);
+        return writeToLink(record);
     });
     checkSoon();
 }
@@ -107,19 +103,20 @@ void SpoolSender::bytesWritten()
     // brings many records in one turn, so the buffer would fill up although the peer reads.
     link.flush();
     // Refilling a half-empty buffer is early enough: the kernel's own buffer keeps the link busy.
-    if (!namesLeft.isEmpty() && link.bytesToWrite() <= maxBuffered / 2 && !listingTimer.isActive())
+    if (!namesLeft.isEmpty() && link.bytesToWrite() <= maxBufferedBytes / 2
+        && !listingTimer.isActive())
         listingTimer.start(0ms);
 }
 
 bool SpoolSender::hasRoomFor(qint64 bytes) const
 {
     return onItsWay.hasRoomFor(bytes)
-        && (link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBuffered);
+        && (link.bytesToWrite() == 0 || link.bytesToWrite() + bytes <= maxBufferedBytes);
 }
 
 // Given a pointer and a size, the socket copies small records together and sends many of them in
 // one call. Given a QByteArray, it shares the array and copies nothing.
-bool SpoolSender::write(const QByteArray &record)
+bool SpoolSender::writeToLink(const QByteArray &record)
 {
     const qint64 count = record.size() < sharedPieceSize
         ? link.write(record.constData(), record.size())
@@ -131,7 +128,7 @@ void SpoolSender::sendKeepAlive()
 {
     commit();
     const QByteArray record = LinkRecord::make(LinkRecord::keepAlive);
-    if (write(record))
+    if (writeToLink(record))
         onItsWay.addUnkept(record.size());
 }
 
@@ -172,6 +169,7 @@ std::chrono::milliseconds SpoolSender::nextCheck(bool hasFreed) const
 
 void SpoolSender::stop()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     commit();
     const QDeadlineTimer end(times.acknowledgement ? longestPeerWait : longestKernelWait);
     while (onItsWay.isLinkUp() && !onItsWay.isEmpty() && !end.hasExpired()) {
@@ -199,10 +197,10 @@ void SpoolSender::readFromPeer()
 
 void SpoolSender::endLink(OnItsWay::Fault fault)
 {
-    if (fault != loggedFault || logPause.hasExpired()) {
-        report(textOf(fault));
+    if (fault != loggedFault || faultLogPause.hasExpired()) {
+        log(textOf(fault));
         loggedFault = fault;
-        logPause.setRemainingTime(faultInterval);
+        faultLogPause.setRemainingTime(faultLogInterval);
     }
     link.abort();
 }
@@ -214,10 +212,10 @@ QString SpoolSender::textOf(OnItsWay::Fault fault) const
     switch (fault) {
     case OnItsWay::Fault::None:
         break;
-    case OnItsWay::Fault::Backwards:
+    case OnItsWay::Fault::NumberFell:
         return tr("The peer acknowledges %1 records after %2: the link is ended")
             .arg(refused, stored);
-    case OnItsWay::Fault::Beyond:
+    case OnItsWay::Fault::NumberTooHigh:
         return tr("The peer acknowledges %1 records, which it cannot have: the link is ended")
             .arg(refused);
     case OnItsWay::Fault::Overdue:
@@ -229,22 +227,19 @@ QString SpoolSender::textOf(OnItsWay::Fault fault) const
 
 // --- the direct path ---
 
-// The spool is checked once for all records of one read of the bus.
-bool SpoolSender::isDirectPathOpen()
+void SpoolSender::checkDirectPath()
 {
-    if (directPath == DirectPath::Unknown) {
-        const bool isIdle = !scan && namesLeft.isEmpty() && !listAgain;
-        const bool isOpen =
-            link.state() == QAbstractSocket::ConnectedState && onItsWay.isLinkUp() && isIdle;
-        directPath = isOpen && quiet.look() ? DirectPath::Open : DirectPath::Closed;
-    }
-    return directPath == DirectPath::Open;
+    const bool isLinkReady = link.state() == QAbstractSocket::ConnectedState && onItsWay.isLinkUp();
+    const bool isIdle = !scan && namesLeft.isEmpty() && !listAgain;
+    directPath = isLinkReady && isIdle && quiet.isQuiet() ? DirectPath::Open : DirectPath::Closed;
 }
 
 bool SpoolSender::sendAtOnce(const DataRecord &record)
 {
     Q_ASSERT(thread() == QThread::currentThread());
-    if (!isDirectPathOpen())
+    if (directPath == DirectPath::Unknown)
+        checkDirectPath(); // once for all records of one read of the bus
+    if (directPath == DirectPath::Closed)
         return false;
     // Closed until this record has been taken: if it becomes a file, no later one may overtake it.
     directPath = DirectPath::Closed;
@@ -255,7 +250,7 @@ bool SpoolSender::sendAtOnce(const DataRecord &record)
         || !hasRoomFor(outgoing.size() + LinkRecord::lengthSize + size)
         || !journal.hasRoomFor(name.size(), size))
         return false;
-    const quint64 end = journal.add(name, timeNow(), record.kind, record.payload);
+    const quint64 end = journal.add(name, FileTime::now(), record.kind, record.payload);
     LinkRecord::append(outgoing, record.kind, record.payload);
     staged.push_back({name, end, LinkRecord::lengthSize + size});
     directPath = DirectPath::Open;
@@ -264,6 +259,8 @@ bool SpoolSender::sendAtOnce(const DataRecord &record)
 
 void SpoolSender::commit()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
+    Q_ASSERT(staged.empty() == outgoing.isEmpty());
     directPath = DirectPath::Unknown;
     if (staged.empty())
         return;
@@ -308,18 +305,21 @@ void SpoolSender::send()
 
 void SpoolSender::beginListing(const QByteArray &after)
 {
-    scan.emplace(keeper.directory().path(), after);
+    Q_ASSERT(!scan && !scanner.joinable() && namesLeft.isEmpty());
+    scan.emplace(keeper.directory(), after);
     onItsWay.rememberNames();
 }
 
-// If the lock is stuck, gives up the listing: everything stays in the spool until the next send().
-bool SpoolSender::isSpoolFree()
+// Returns whether no other process holds the lock of the spool. If one does, continues the listing
+// later. If the lock is stuck, gives the listing up: everything stays in the spool until the next
+// send().
+bool SpoolSender::checkLock()
 {
-    switch (lock.look()) {
+    switch (lock.removeIfStale()) {
     case SpoolLock::State::Free:
         return true;
     case SpoolLock::State::Held:
-        listingTimer.start(lockInterval);
+        listingTimer.start(lockRetryInterval);
         return false;
     case SpoolLock::State::Stuck:
         dropListing();
@@ -332,15 +332,16 @@ bool SpoolSender::isSpoolFree()
 // socket is full, or when a record must wait for acknowledgements.
 void SpoolSender::continueListing()
 {
-    const QDeadlineTimer deadline(sliceTime);
-    if (!isSpoolFree() || (scan && !continueScan()))
+    Q_ASSERT(thread() == QThread::currentThread());
+    const QDeadlineTimer deadline(listingSliceTime);
+    if (!checkLock() || (scan && !continueScan()))
         return;
     while (!namesLeft.isEmpty()) {
         if (deadline.hasExpired()) {
             link.flush();
             return listingTimer.start(0ms);
         }
-        if (sendFile(namesLeft.first()) == Step::MustWait)
+        if (sendFile(namesLeft.first()) == Attempt::Postponed)
             return checkSoon();
         if (namesLeft.isEmpty())
             break; // the link has ended during sendFile()
@@ -356,22 +357,24 @@ bool SpoolSender::continueScan()
 {
     if (scanner.joinable())
         return false;
-    if (!scan->goOn(QDeadlineTimer(shortScan))) {
+    if (!scan->readUntil(QDeadlineTimer(shortScan))) {
         scanner = std::thread([this] {
-            std::ignore = scan->goOn();
-            QMetaObject::invokeMethod(this, "scanned", Qt::QueuedConnection);
+            std::ignore = scan->readUntil(QDeadlineTimer::Forever);
+            QMetaObject::invokeMethod(
+                this, [this] { takeScan(); }, Qt::QueuedConnection);
         });
         return false;
     }
-    hasMoreNames = scan->isCutOff();
+    isListingCutOff = scan->isCutOff();
     namesLeft = scan->takeNames();
     scan.reset();
     return true;
 }
 
-void SpoolSender::scanned()
+void SpoolSender::takeScan()
 {
     Q_ASSERT(thread() == QThread::currentThread());
+    Q_ASSERT(scanner.joinable());
     waitForScan();
     if (!std::exchange(isScanObsolete, false))
         return continueListing();
@@ -389,8 +392,8 @@ void SpoolSender::waitForScan()
 void SpoolSender::dropListing()
 {
     namesLeft = SpoolListing();
-    listAgain = hasMoreNames = false;
-    isScanObsolete = scanner.joinable(); // scanned() drops the result
+    listAgain = isListingCutOff = false;
+    isScanObsolete = scanner.joinable(); // takeScan() drops the result
     if (!isScanObsolete)
         scan.reset();
 }
@@ -398,7 +401,7 @@ void SpoolSender::dropListing()
 void SpoolSender::endOfListing()
 {
     checkSoon();
-    const bool isMoreWaiting = std::exchange(hasMoreNames, false);
+    const bool isMoreWaiting = std::exchange(isListingCutOff, false);
     namesLeft = SpoolListing();
     if (!isMoreWaiting && !std::exchange(listAgain, false))
         return;
@@ -408,41 +411,49 @@ void SpoolSender::endOfListing()
 }
 
 // Passes over a file that cannot be opened, read or sent: it stays in the spool.
-SpoolSender::Step SpoolSender::sendFile(const QString &name)
+SpoolSender::Attempt SpoolSender::sendFile(const QString &name)
 {
     const SpoolFile file = keeper.directory().open(name);
     if (!file.isOpen())
-        return Step::Done;
+        return Attempt::Finished;
     if (onItsWay.holds(name) || !hasRoomFor(LinkRecord::lengthSize + file.mark().size))
-        return Step::MustWait;
+        return Attempt::Postponed;
     std::optional<QByteArray> record = file.read(LinkRecord::lengthSize);
     if (!record)
-        return Step::Done;
+        return Attempt::Finished;
     LinkRecord::complete(*record);
     const auto content = QByteArrayView(*record).sliced(LinkRecord::lengthSize);
     const SentFolder::Take taken = keeper.sent().take(name, file.mark(), content);
     if (taken == SentFolder::Take::Gone)
-        return Step::Done;
+        return Attempt::Finished;
     if (taken == SentFolder::Take::Replaced) {
         listAgain = true; // the file that has taken its place has not been sent
-        return Step::Done;
+        return Attempt::Finished;
     }
     if (taken == SentFolder::Take::NoRoom && !onItsWay.isEmpty())
-        return Step::MustWait;
-    const qint64 size = record->size();
-    if (!write(*record)) {
+        return Attempt::Postponed;
+    sendRecord(name, file.mark(), *record, taken);
+    return Attempt::Finished;
+}
+
+// Sends the record of a file, and remembers it according to where the file is now.
+void SpoolSender::sendRecord(const QString &name, const SpoolFile::Mark &mark,
+    const QByteArray &record, SentFolder::Take taken)
+{
+    const qint64 size = record.size();
+    if (!writeToLink(record)) {
         if (taken == SentFolder::Take::Taken)
             keeper.sent().giveBack(name);
-        return Step::Done;
+        return;
     }
-    counters.sent.add(content.size());
+    counters.sent.add(size - LinkRecord::lengthSize);
     if (taken == SentFolder::Take::Taken)
         onItsWay.addKept(name, size);
     else if (taken == SentFolder::Take::NoRoom)
-        onItsWay.addListed(name, file.mark(), size);
+        onItsWay.addListed(name, mark, size);
     else {
+        Q_ASSERT(taken == SentFolder::Take::Stuck);
         onItsWay.addUnkept(size);
         Q_EMIT fileKept(keeper.directory().pathOf(name));
     }
-    return Step::Done;
 }

@@ -2,7 +2,7 @@
 
 #include "OnItsWay.h"
 #include "QuietSpool.h"
-#include "Record.h"
+#include "SpoolLock.h"
 #include "SpoolScan.h"
 
 #include <QDeadlineTimer>
@@ -15,6 +15,7 @@
 
 class QTcpSocket;
 struct Counters;
+struct DataRecord;
 
 // Sends records over the TCP link, one for each file of the spool, in the order of the listing.
 //
@@ -68,25 +69,27 @@ Q_SIGNALS:
     void fileKept(const QString &path);
 
 private:
-    enum class Step { Done, MustWait };
+    enum class Attempt { Finished, Postponed };
 
     void linkStateChanged();
     void bytesWritten();
     [[nodiscard]] bool hasRoomFor(qint64 bytes) const;
 
-    [[nodiscard]] bool isDirectPathOpen();
+    void checkDirectPath();
     void spillStaged();
 
-    [[nodiscard]] bool isSpoolFree();
+    [[nodiscard]] bool checkLock();
     void beginListing(const QByteArray &after);
     void continueListing();
     [[nodiscard]] bool continueScan();
-    Q_INVOKABLE void scanned();
+    void takeScan();
     void waitForScan();
     void dropListing();
     void endOfListing();
-    [[nodiscard]] Step sendFile(const QString &name);
-    [[nodiscard]] bool write(const QByteArray &record);
+    [[nodiscard]] Attempt sendFile(const QString &name);
+    void sendRecord(const QString &name, const SpoolFile::Mark &mark, const QByteArray &record,
+        SentFolder::Take taken);
+    [[nodiscard]] bool writeToLink(const QByteArray &record);
     void resendJournal();
 
     void checkSoon();
@@ -100,7 +103,7 @@ private:
     QTcpSocket &link;
     SpoolKeeper &keeper;
     Counters &counters;
-    const MessageSink report;
+    const MessageSink log;
     const Times times;
     const WriteFile writeFile;
     OnItsWay onItsWay;
@@ -108,7 +111,7 @@ private:
     QTimer listingTimer;
     QTimer checkTimer; // runs while any record is unacknowledged
     OnItsWay::Fault loggedFault = OnItsWay::Fault::None;
-    QDeadlineTimer logPause; // a repetition of loggedFault is not logged before it expires
+    QDeadlineTimer faultLogPause; // a repetition of loggedFault is not logged before it expires
 
     // While `scanner` is joinable, only its thread may use `scan`.
     std::optional<SpoolScan> scan;
@@ -118,8 +121,8 @@ private:
 
     SpoolListing namesLeft;
     QByteArray lastListedName;
-    // The current listing was cut off, so another one continues behind its last name.
-    bool hasMoreNames = false;
+    // The names do not fit into the current listing: another one continues behind its last name.
+    bool isListingCutOff = false;
     // send() was called during a listing.
     bool listAgain = false;
 

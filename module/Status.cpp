@@ -123,7 +123,7 @@ void addTransfer(Page &page, const TransferCounters &udp, double rate)
     page.counter("udp_files_refused", "Files set aside as not to be sent.", udp.filesRefused);
     page.counter("udp_files_received", "Files that have come from the peer.", udp.filesReceived);
     page.gauge("udp_last_answer_time_seconds",
-        "When a packet of the peer came last, 0 if none did.", double(udp.lastAnswer));
+        "When a packet of the peer came last, 0 if none did.", double(udp.lastPeerPacket));
 }
 
 } // namespace

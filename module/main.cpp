@@ -64,7 +64,7 @@ int run(const QStringList &settingsFiles)
     // If the administration server is stopped together with the module, losing it ends the loop
     // with an error. After a stop signal that does not count.
     const int status = stopSignal() == 0 ? endOfLoop : 0;
-    module->beforeEnd();
+    module->reportEnd();
     logStop(status);
     return status;
 }
@@ -78,6 +78,8 @@ int main(int argc, char *argv[])
     // code instead of ending the process.
     std::signal(SIGXFSZ, SIG_IGN);
     std::signal(SIGPIPE, SIG_IGN);
+    // Lines on standard error do not begin with the name of their category.
+    qSetMessagePattern(u"%{message}"_s);
     QCoreApplication application(argc, argv);
     const Arguments arguments(QCoreApplication::arguments());
     for (const QString &remark : arguments.remarks)

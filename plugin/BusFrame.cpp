@@ -5,6 +5,7 @@
 #include <QtEndian>
 
 #include <algorithm>
+#include <limits>
 
 namespace {
 
@@ -12,7 +13,7 @@ constexpr int streamVersion = QDataStream::Qt_4_5;
 constexpr quint32 nullCount = 0xFFFFFFFF;
 constexpr qint8 actionFlag = 1;
 constexpr qint16 actionFields[] = {-1, -1, 0, 0, 0};
-constexpr qsizetype dataAt = sizeof(uchar) + sizeof(quint32); // offset of the data in a data frame
+constexpr qsizetype dataOffset = sizeof(uchar) + sizeof(quint32); // in the body of a data frame
 
 bool isControlKind(uchar kind)
 {
@@ -27,6 +28,7 @@ template <typename... Fields> QByteArray frame(uchar kind, const Fields &...fiel
     stream.setVersion(streamVersion);
     stream << qint32(0) << quint8(kind);
     (stream << ... << fields);
+    Q_ASSERT(bytes.size() <= std::numeric_limits<qint32>::max());
     stream.device()->seek(0);
     stream << qint32(bytes.size() - qsizetype(sizeof(qint32)));
     return bytes;
@@ -95,8 +97,9 @@ void BusFrame::takeOver(QByteArray body)
     if (size == 0 || isControlKind(first))
         return read(body);
     read(QByteArrayView(body).first(sizeof(kind)));
-    body.truncate(dataAt + size);
-    data = std::move(body.remove(0, dataAt));
+    Q_ASSERT(dataOffset + size <= body.size());
+    body.truncate(dataOffset + size);
+    data = std::move(body.remove(0, dataOffset));
 }
 
 QByteArray BusFrame::makeName(const QByteArray &name)

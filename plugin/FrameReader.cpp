@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr int maxAnnouncedBytes = 50'000'000; // a longer body is read only if it is there already
 constexpr qsizetype inboxBytes = 16'384; // a larger body does not pass through the inbox
 
 } // namespace
@@ -45,19 +44,19 @@ FrameReader::Result FrameReader::next(BusFrame &frame)
 FrameReader::Result FrameReader::nextLarge(BusFrame &frame)
 {
     frame = {};
-    const qsizetype arrived = largeBody.size();
+    const qsizetype arrived = partialBody.size();
     const qsizetype missing = expectedSize - arrived;
     Q_ASSERT(missing > 0);
     const qsizetype waiting = inbox.size() - inboxOffset + source.bufferedBytes();
     if (expectedSize > maxAnnouncedBytes && waiting < missing)
         return Result::TooLong;
-    largeBody.reserve(expectedSize); // memory that no byte has reached costs nothing
-    largeBody.resize(expectedSize);
-    largeBody.truncate(arrived + takeLarge(largeBody.data() + arrived, missing));
-    if (largeBody.size() < expectedSize)
+    partialBody.reserve(expectedSize); // memory that no byte has reached costs nothing
+    partialBody.resize(expectedSize);
+    partialBody.truncate(arrived + takeLarge(partialBody.data() + arrived, missing));
+    if (partialBody.size() < expectedSize)
         return Result::Incomplete;
     expectedSize = 0;
-    frame.takeOver(std::exchange(largeBody, {}));
+    frame.takeOver(std::exchange(partialBody, {}));
     return Result::Frame;
 }
 
@@ -80,7 +79,9 @@ void FrameReader::fillInbox()
     std::memmove(inbox.data(), inbox.constData() + inboxOffset, size_t(rest));
     inboxOffset = 0;
     inbox.resize(inboxBytes);
-    inbox.truncate(rest + source.readBuffered(inbox.data() + rest, inboxBytes - rest));
+    const qint64 count = source.readBuffered(inbox.data() + rest, inboxBytes - rest);
+    Q_ASSERT(count >= 0 && count <= inboxBytes - rest);
+    inbox.truncate(rest + count);
 }
 
 // Copies up to `size` bytes, including any that arrive during the call; returns the count.

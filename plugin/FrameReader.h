@@ -31,6 +31,9 @@ public:
         Incomplete, // call again when more bytes have arrived
         TooLong // over maxAnnouncedBytes are announced and have not all arrived: cut the peer off
     };
+    // Bounds the memory that a peer can claim by announcing a body. A longer body is read only if
+    // all of it has arrived already, so a sender must not rely on that.
+    static constexpr int maxAnnouncedBytes = 50'000'000;
 
     // `expectedSize` is the length of the body that is awaited, 0 while a length is.
     FrameReader(ByteSource &source, int &expectedSize);
@@ -51,5 +54,5 @@ private:
     // else that is done with one of them.
     QByteArray inbox;
     qsizetype inboxOffset = 0; // of the first byte that belongs to no frame yet
-    QByteArray largeBody; // as far as it has arrived
+    QByteArray partialBody; // of a body larger than the inbox
 };

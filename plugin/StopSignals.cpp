@@ -47,5 +47,12 @@ void endLoopOnStopSignals(QObject *context)
 
 int stopSignal()
 {
+    // One may have come since the event loop looked last.
+    sigset_t waiting;
+    sigemptyset(&waiting);
+    if (endingSignal == 0 && ::sigpending(&waiting) == 0)
+        for (const int signal : {SIGINT, SIGTERM})
+            if (sigismember(&waiting, signal) == 1)
+                endingSignal = signal;
     return endingSignal;
 }

@@ -18,14 +18,14 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto passInterval = 5'000ms; // one repair pass of the bus
-constexpr auto maxWait = 30'000ms; // for one connect or disconnect of one socket
+constexpr auto maxSocketWait = 30'000ms; // for one connect or disconnect of one socket
 constexpr auto connectPoll = 50ms; // between two checks of a server whose queue is full
 constexpr qint64 acceptedReadBuffer = 536'870'912; // bytes; when it is full, the peer waits
-constexpr qint64 maxUnreadBytes = 16'777'216; // a peer that leaves more unread must make progress
-constexpr qint64 mostUnreadBytes = 67'108'864; // room for one more of the longest frames
-constexpr qint64 resumeBytes = maxUnreadBytes / 2; // so few that the peer counts as reading again
+constexpr qint64 softUnreadBytes = 16'777'216; // a peer that leaves more unread must make progress
+constexpr qint64 hardUnreadBytes = 67'108'864; // room for one more of the longest frames
+constexpr qint64 resumeUnreadBytes = softUnreadBytes / 2; // the peer reads again
 constexpr auto holdInterval = 250ms; // between two checks whether senders may continue
-constexpr auto maxFinalRead = 5'000ms; // of all connections, before the process ends
+constexpr auto maxFinalReadTime = 5'000ms; // of all connections, before the process ends
 constexpr int adminLostStatus = 5; // exit status of the process
 
 constexpr char watchReport[] = "Watch_Arrow";
@@ -45,7 +45,7 @@ QString shownNameOf(const TMyLocalSocket *socket)
 // Polls: Qt's own wait uses a whole core while the server's queue is full.
 bool waitUntilConnected(TMyLocalSocket *socket)
 {
-    const QDeadlineTimer deadline(maxWait);
+    const QDeadlineTimer deadline(maxSocketWait);
     while (!socket->waitForConnected(0) && socket->state() == QLocalSocket::ConnectingState
         && !deadline.hasExpired()) {
         ServiceManager::sayAlive();
@@ -97,21 +97,22 @@ qint64 TMyLocalSocket::readDirect(char *to, qint64 size)
 void TMyLocalSocket::updateStalled(std::chrono::milliseconds patience)
 {
     // Write what the kernel takes now: the peer is not to blame while this process was busy.
-    if (bytesToWrite() > maxUnreadBytes)
+    if (bytesToWrite() > softUnreadBytes)
         flush();
     const qint64 unread = bytesToWrite();
-    if (unread < lastUnreadBytes || unread <= maxUnreadBytes)
+    if (unread < lastUnreadBytes || unread <= softUnreadBytes)
         sincePeerProgress.start();
     lastUnreadBytes = unread;
     if (stalled)
-        stalled = unread > resumeBytes;
+        stalled = unread > resumeUnreadBytes;
     else
-        stalled = unread > mostUnreadBytes
-            || (unread > maxUnreadBytes && sincePeerProgress.hasExpired(patience.count()));
+        stalled = unread > hardUnreadBytes
+            || (unread > softUnreadBytes && sincePeerProgress.hasExpired(patience.count()));
 }
 
 void TMyLocalSocket::enqueue(const QByteArray &frame)
 {
+    Q_ASSERT(isOpen());
     write(frame);
     lastUnreadBytes = bytesToWrite();
 }
@@ -141,14 +142,15 @@ TConnector::TConnector(QObject *parent)
     connect(adminConnection, &QLocalSocket::errorOccurred, this, &TConnector::connectionAdminError);
     connect(adminConnection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
     connect(server, &TMyLocalServer::newConnection, this, &TConnector::newInConnection);
-    connect(&holdTimer, &QTimer::timeout, this, &TConnector::releaseSenders);
+    connect(&holdTimer, &QTimer::timeout, this, &TConnector::tryToReleaseSenders);
     // Queued, because the signal is emitted inside write(), possibly inside the receive loop.
-    connect(adminConnection, &QLocalSocket::bytesWritten, this, &TConnector::releaseSenders,
+    connect(adminConnection, &QLocalSocket::bytesWritten, this, &TConnector::tryToReleaseSenders,
         Qt::QueuedConnection);
 }
 
 void TConnector::SetServerName(QString name)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     serverName = name;
     firstStart = true;
     startTimer(passInterval);
@@ -156,6 +158,7 @@ void TConnector::SetServerName(QString name)
 
 void TConnector::addOutServerName(QString name)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     for (const TMyLocalSocket *socket : std::as_const(outConnections)) {
         if (shownNameOf(socket) == name)
             return;
@@ -216,7 +219,7 @@ void TConnector::reconnect(TMyLocalSocket *socket, const QByteArray &greeting)
     socket->flush();
     socket->disconnectFromServer();
     if (socket->state() != QLocalSocket::UnconnectedState)
-        socket->waitForDisconnected(int(maxWait.count()));
+        socket->waitForDisconnected(int(maxSocketWait.count()));
     socket->connectToServer(serverNameOf(socket), QIODevice::ReadWrite);
     if (waitUntilConnected(socket))
         socket->write(greeting);
@@ -303,6 +306,7 @@ void TConnector::DisconnectAdminConnection()
 
 void TConnector::newInConnection(TMyLocalSocket *connection)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     connect(connection, &QLocalSocket::disconnected, this, &TConnector::DisconnectInConnection);
     connect(connection, &QLocalSocket::errorOccurred, this, &TConnector::connectionInError);
     connect(connection, &TMyLocalSocket::NewData, this, &TConnector::SlotNewData);
@@ -341,32 +345,36 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
     Q_ASSERT(thread() == QThread::currentThread());
     BusFrame frame; // one for the whole loop, so that small frames share its memory
     ++readDepth;
-    while (socket->isOpen() && !mustWait(socket) && socket->takeFrame(frame))
+    // A slot that receives a frame may abort the socket, which loses the frames behind it.
+    while (socket->isOpen() && !holdBack(socket) && socket->takeFrame(frame))
         dispatch(frame, socket);
     if (--readDepth == 0)
         Q_EMIT ReadDone();
 }
 
-// Never holds back the administration server's own commands: one of them may switch a watch off.
-bool TConnector::mustWait(const TMyLocalSocket *socket)
+// Returns whether the socket must not be read now. Begins to hold the senders back when too much
+// waits for the administration server. Never holds back that server's own commands: one of them may
+// switch a watch off.
+bool TConnector::holdBack(const TMyLocalSocket *socket)
 {
     if (socket == adminConnection)
         return false;
     if (!holdsSenders && adminConnection->isOpen() && !adminConnection->stalled
-        && adminConnection->bytesToWrite() > maxUnreadBytes) {
+        && adminConnection->bytesToWrite() > softUnreadBytes) {
         holdsSenders = true;
         holdTimer.start(holdInterval);
     }
     return holdsSenders;
 }
 
-void TConnector::releaseSenders()
+void TConnector::tryToReleaseSenders()
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (!holdsSenders)
         return;
     checkStalled(adminConnection);
     if (adminConnection->isOpen() && !adminConnection->stalled
-        && adminConnection->bytesToWrite() > resumeBytes)
+        && adminConnection->bytesToWrite() > resumeUnreadBytes)
         return;
     holdsSenders = false;
     holdTimer.stop();
@@ -380,7 +388,9 @@ void TConnector::releaseSenders()
 // The kernel has told the senders that it took the bytes in the sockets. Unread, they would be lost.
 void TConnector::readToEnd()
 {
-    const QDeadlineTimer deadline(maxFinalRead);
+    Q_ASSERT(thread() == QThread::currentThread());
+    Q_ASSERT(!isReading());
+    const QDeadlineTimer deadline(maxFinalReadTime);
     // Nobody can connect from here on, and the server closes itself after it has accepted those who
     // already have. A client that connected between a last check and a close would be lost.
     if (server->isListening())

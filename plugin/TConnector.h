@@ -129,9 +129,9 @@ Q_SIGNALS:
     void NewData(uchar version, QByteArray &data, TMyLocalSocket *socket);
     void NewAction(QByteArray &action_name, QByteArray &message, QByteArray &data, int IDConnection,
         TMyLocalSocket *socket);
+    void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
     // All frames that had arrived on a connection have been dispatched.
     void ReadDone();
-    void NewBusMessage(const QByteArray &iface, const QByteArray &data, const int &idConnect);
     // A repair pass has ended, whatever it could repair.
     void passEnded();
 
@@ -162,8 +162,8 @@ private:
     void send(TMyLocalSocket *socket, const QByteArray &frame);
     void checkStalled(TMyLocalSocket *socket);
     void logDropped(TMyLocalSocket *socket);
-    [[nodiscard]] bool mustWait(const TMyLocalSocket *socket);
-    void releaseSenders();
+    [[nodiscard]] bool holdBack(const TMyLocalSocket *socket);
+    void tryToReleaseSenders();
 
     bool firstStart = true;
     TMyLocalServer *server;

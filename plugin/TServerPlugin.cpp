@@ -3,6 +3,7 @@
 #include "BaseSettings.h"
 #include "BusFrame.h"
 #include "DataBase.h"
+#include "LoggingLevel.h"
 #include "Settings.h"
 #include "TConnector.h"
 #include "TLog.h"
@@ -11,8 +12,15 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSqlError>
+#include <QThread>
 
 using namespace Qt::StringLiterals;
+
+namespace {
+
+Q_LOGGING_CATEGORY(pluginCategory, "morvane.plugin", defaultLoggingLevel())
+
+} // namespace
 
 TServerPlugin::TServerPlugin(QObject *parent)
     : QObject(parent)
@@ -35,6 +43,7 @@ void TServerPlugin::Start()
 
 bool TServerPlugin::LoadSettings(QString path)
 {
+    Q_ASSERT(thread() == QThread::currentThread());
     if (path.isEmpty())
         path = getIniNameDefault(false);
     QSettings settings(path, QSettings::IniFormat);
@@ -45,9 +54,10 @@ bool TServerPlugin::LoadSettings(QString path)
 
     // The log is off by default, so a wrong path would otherwise leave no trace at all.
     if (!QFileInfo::exists(path))
-        qWarning("Settings file \"%s\" does not exist: defaults apply", qPrintable(path));
+        qCWarning(pluginCategory, "Settings file \"%s\" does not exist: defaults apply",
+            qPrintable(path));
     else if (settings.status() != QSettings::NoError)
-        qWarning("Settings file \"%s\" cannot be read in full", qPrintable(path));
+        qCWarning(pluginCategory, "Settings file \"%s\" cannot be read in full", qPrintable(path));
     return true;
 }
 

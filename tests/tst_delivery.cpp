@@ -3,364 +3,610 @@
 #include "ModuleBench.h"
 #include "Oracle.h"
 #include "SentFolder.h"
+#include "SmallDisk.h"
+#include "SpoolKeeper.h"
 
+#include <QElapsedTimer>
+#include <QSignalSpy>
+
+#include <atomic>
+#include <cstdio>
+#include <ctime>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <ctime>
-
 using namespace std::chrono_literals;
 
-static bool areLocksMissing = false; // on the file system
+// Errors for which functions of the C library fail, by their stand-ins below; 0 for none.
+static std::atomic<int> lockError, moveError, flushError;
+static std::atomic<int> flushes;
+static std::atomic<bool> isFlushHeld;
 
-// Stands in for the C library's flock().
-int lockOrFail(int file, int operation) noexcept __asm__("flock");
-int lockOrFail(int file, int operation) noexcept
+template <typename... Arguments>
+static int callOrFail(int error, long number, Arguments... arguments)
 {
-    if (!areLocksMissing)
-        return int(::syscall(SYS_flock, file, operation));
-    errno = ENOLCK;
-    return -1;
+    errno = error;
+    return error == 0 ? int(::syscall(number, arguments...)) : -1;
 }
+
+int flock(int file, int operation) noexcept
+{
+    return callOrFail(lockError, SYS_flock, file, operation);
+}
+
+int renameat(int from, const char *name, int to, const char *newName) noexcept
+{
+    return callOrFail(moveError, SYS_renameat2, from, name, to, newName, 0);
+}
+
+int syncfs(int file) noexcept
+{
+    ++flushes;
+    while (isFlushHeld)
+        ::usleep(1'000);
+    return callOrFail(flushError, SYS_syncfs, file);
+}
+
+namespace {
+
+const QByteArray acknowledged = "Acknowledgements=1\n"; // by the peer's program
+
+// A module and its peer, and the oracle that knows what goes from one to the other.
+struct Line
+{
+    explicit Line(const QByteArray &settings = {}, qsizetype payloadBytes = 100)
+        : bench(tcpSettings(peer) + settings)
+        , oracle(payloadBytes)
+    {
+    }
+    void start()
+    {
+        bench.module.Start();
+        QTRY_VERIFY(peer.socket);
+    }
+    void put(int count) { oracle.put(bench, count); }
+    void record(const QString &name, const QByteArray &payload)
+    {
+        bench.record("error", name, payload);
+    }
+    [[nodiscard]] qsizetype kept() const { return keptRecords(bench.spool).size(); }
+    [[nodiscard]] QStringList logged(const QString &text) const
+    {
+        return bench.place.logged().filter(text);
+    }
+    // Why the peer has lost its links, without the words that are always there.
+    [[nodiscard]] QString ends() const
+    {
+        QString lines = logged(u": the link is ended"_s).join(u'\n');
+        return lines.remove(u"The peer "_s).remove(u": the link is ended"_s);
+    }
+    // Everything arrives, and nothing stays behind.
+    void settle(int mostDuplicates = 0)
+    {
+        QTRY_VERIFY(oracle.hasLast(peer.bodies));
+        QCOMPARE(oracle.judge(peer, mostDuplicates), QString());
+        QTRY_COMPARE(kept(), 0);
+    }
+
+    TcpPeer peer;
+    ModuleBench bench;
+    Oracle oracle;
+};
+
+// A spool, and what is said when leftovers go back into it.
+struct Spool
+{
+    const Workplace place;
+    const SpoolDirectory directory{place.makeFolder(u"spool"_s)};
+    QStringList said;
+    Leftovers leftovers{directory, [this](const QString &text) { said.append(text); }};
+};
+
+// Puts a record on its way: it is in the journal, and has not been acknowledged.
+void hold(SentFolder &owner, const char *name, const QByteArray &payload = "x", qint64 time = 1)
+{
+    if (!owner.open())
+        qFatal("cannot make a folder of sent files");
+    owner.journal().add(name, time, "error", payload);
+    if (!owner.journal().commit())
+        qFatal("cannot write a journal");
+}
+
+// The peer's program as it acknowledges five records.
+struct Program
+{
+    QList<quint64> numbers;
+    QString said = {}; // when its link is ended
+    int again = 0; // so many come again, over a new link
+    int timeout = 60; // seconds
+    int piece = 8; // bytes of the numbers that arrive at once
+    int pause = 0; // milliseconds before each number
+};
+
+QStringList filesIn(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::Files, QDir::Name);
+}
+
+} // namespace
 
 class TestDelivery : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    void cleanup()
+    {
+        lockError = moveError = flushError = flushes = 0;
+        isFlushHeld = false;
+    }
     void backlogWaitsOnDiskAndAResetLosesNothing();
     void cleanCloseCausesNoDuplicate();
     void unreachablePeerLosesNothing();
     void newerRecordOfTheSameNameStands();
+    void othersFilesGoInTheirTurn();
+    void fileThatCannotLeaveTheSpool();
+    void journalThatCannotBeWrittenOrGivenBack();
     void programThatAcknowledges_data();
     void programThatAcknowledges();
     void keepAlivesCountButEndNoLink();
     void numbersBeforeTheEndCount();
     void unacknowledgedRecordsAreBounded();
-    void leftoversOfSeveralOwnersGoBackByAge_data();
     void leftoversOfSeveralOwnersGoBackByAge();
-    void leftoversOfOthersStay_data();
     void leftoversOfOthersStay();
+    void recordThatCannotGoBackYetStays();
+    void failuresAreSaidOnceAndTriedAgain();
+    void whateverEntersTheSpoolIsFlushed();
     void powerCutPutsYoungFilesInDoubt();
 };
 
 void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
 {
-    TcpPeer peer;
-    peer.reading = false;
-    peer.setKernelBuffer(16'384); // no record is acknowledged until it is read
-    ModuleBench bench(tcpSettings(peer));
-    Oracle oracle(100'000);
-    oracle.put(bench, 500);
-    bench.module.Start();
+    Line line({}, 100'000);
+    line.peer.reading = false;
+    line.peer.setKernelBuffer(16'384); // no record is acknowledged until it is read
+    line.put(500);
+    line.bench.module.Start();
     // 1 MiB waits in the socket, and the kernel takes what it likes.
-    QTRY_VERIFY(bench.spooled().size() < 495);
-    oracle.put(bench, 1);
-    QVERIFY2(bench.spooled().size() > 350, qPrintable(QString::number(bench.spooled().size())));
-    QCOMPARE(keptRecords(bench.spool).size(), 501);
-
-    peer.reading = true;
-    peer.reset();
-    QTRY_VERIFY(oracle.hasLast(peer.bodies));
-    QCOMPARE(oracle.judge(peer, 0), QString());
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    QTRY_VERIFY(line.bench.spooled().size() < 495);
+    line.put(1);
+    QVERIFY2(line.bench.spooled().size() > 350, "the socket has taken more than it may");
+    QCOMPARE(line.kept(), 501);
+    line.peer.reading = true;
+    line.peer.reset();
+    line.settle();
 }
 
 void TestDelivery::cleanCloseCausesNoDuplicate()
 {
-    TcpPeer peer;
-    ModuleBench bench(tcpSettings(peer));
-    Oracle oracle(1'000);
-    bench.module.Start();
-    QTRY_VERIFY(peer.socket);
+    Line line({}, 1'000);
+    line.start();
     for (int outage = 0; outage < 3; ++outage) {
-        oracle.put(bench, 200);
-        QTRY_VERIFY(oracle.hasLast(peer.bodies));
-        peer.socket->close();
-        peer.socket = nullptr;
-        QTRY_VERIFY(peer.socket);
+        line.put(200);
+        QTRY_VERIFY(line.oracle.hasLast(line.peer.bodies));
+        line.peer.socket->close();
+        line.peer.socket = nullptr;
+        QTRY_VERIFY(line.peer.socket);
     }
-    oracle.put(bench, 1);
-    QTRY_VERIFY(oracle.hasLast(peer.bodies));
-    QCOMPARE(oracle.judge(peer, 0), QString());
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    line.put(1);
+    line.settle();
 }
 
 void TestDelivery::unreachablePeerLosesNothing()
 {
-    TcpPeer peer;
-    const quint16 port = peer.serverPort();
-    ModuleBench bench(tcpSettings(peer));
-    Oracle oracle(1'000);
+    Line line;
+    const quint16 port = line.peer.serverPort();
     // A server whose queue of connections is full answers no attempt.
-    peer.close();
-    peer.setListenBacklogSize(0);
-    QVERIFY(peer.listen(QHostAddress::LocalHost, port));
-    peer.pauseAccepting();
+    line.peer.close();
+    line.peer.setListenBacklogSize(0);
+    QVERIFY(line.peer.listen(QHostAddress::LocalHost, port));
+    line.peer.pauseAccepting();
     QTcpSocket queued;
     queued.connectToHost(QHostAddress::LocalHost, port);
     QVERIFY(queued.waitForConnected());
 
-    bench.module.Start();
-    oracle.put(bench, 50);
-    QCOMPARE(bench.spooled().size(), 50); // the attempt moves none of them
+    line.bench.module.Start();
+    line.put(50);
     QTest::qWait(1'500);
-    QCOMPARE(bench.spooled().size(), 50);
-    peer.resumeAccepting();
-    QTRY_VERIFY(oracle.hasLast(peer.bodies));
-    QCOMPARE(oracle.judge(peer, 0), QString());
+    QCOMPARE(line.bench.spooled().size(), 50); // the attempts move none of them
+    line.peer.resumeAccepting();
+    line.settle();
 }
 
 void TestDelivery::newerRecordOfTheSameNameStands()
 {
-    TcpPeer peer;
-    peer.reading = false;
-    ModuleBench bench(tcpSettings(peer));
-    bench.module.Start();
-    QTRY_VERIFY(peer.socket);
+    Line line(acknowledged + "AcknowledgementTimeout=1\n");
+    line.peer.reading = false;
+    line.peer.setKernelBuffer(16'384); // no record arrives whole before it is read
+    line.bench.module.Start();
     // The first is on its way and the last still in the spool when the link breaks.
-    bench.record("error", u"f"_s, QByteArray(40'000'000, '1'));
-    bench.record("error", u"f"_s, QByteArray(40'000'000, '2'));
-    QCOMPARE(keptRecords(bench.spool).size(), 2);
-    peer.reading = true;
-    peer.reset();
-    QTRY_COMPARE(peer.bodies.size(), 1);
-    QCOMPARE(peer.bodies.first().back(), '2');
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    line.record(u"f"_s, QByteArray(40'000'000, '1'));
+    QTRY_VERIFY(line.bench.spooled().isEmpty());
+    line.record(u"f"_s, QByteArray(40'000'000, '2'));
+    QCOMPARE(line.kept(), 2);
+    QTest::qWait(1'500);
+    QCOMPARE(line.peer.linkStarts.size(), 1); // nothing is overdue before it has arrived
+    line.peer.reading = line.peer.acknowledging = true;
+    line.peer.reset();
+    QTRY_COMPARE(line.peer.bodies.size(), 1);
+    QCOMPARE(line.peer.bodies.first().back(), '2');
+    QTRY_COMPARE(line.kept(), 0);
+}
+
+void TestDelivery::othersFilesGoInTheirTurn()
+{
+    Line line;
+    const Workplace &place = line.bench.place;
+    QVERIFY(QFile::resize(place.writeFile(u"spool/0"_s, "too large"), 5'000'000'000));
+    place.writeFile(u"spool/1"_s, "1");
+    const QString lock = place.writeFile(u"spool/.lock"_s, "");
+    line.bench.module.Start();
+    QTRY_COMPARE(line.logged(u"Waiting for the lock file"_s).size(), 1);
+    QCOMPARE(line.peer.bodies, QByteArrayList());
+    QVERIFY(QFile::remove(lock));
+    QTRY_COMPARE(line.peer.bodies, QByteArrayList{"1"});
+    QCOMPARE(line.bench.spooled(), QStringList{u"0"_s});
+    QVERIFY(QFile::remove(line.bench.spool + u"/0"_s));
+
+    place.writeFile(u"spool/2"_s, "2");
+    line.record(u"3"_s, "3"); // does not overtake it
+    QTRY_COMPARE(line.peer.bodies, QByteArrayList({"1", "2", "error3"}));
+}
+
+void TestDelivery::fileThatCannotLeaveTheSpool()
+{
+    // The full disk leaves room for no move; the last file may not be moved, and is sent again.
+    const std::pair<int, QString> rows[] = {{ENOSPC, u"g"_s}, {ENOSPC, u"f"_s}, {EPERM, u"g"_s}};
+    for (const auto &[error, next] : rows) {
+        const int again = error == EPERM ? 1 : 0;
+        Line line(acknowledged);
+        line.bench.command("Input_Data_On");
+        line.record(u"f"_s, "1");
+        moveError = error;
+        line.bench.module.Start();
+        QTRY_COMPARE(line.peer.bodies.size(), 1);
+        moveError = 0;
+        line.record(next, next.toLatin1());
+        line.peer.acknowledging = true;
+        line.peer.acknowledge(1);
+        QTRY_COMPARE(line.kept(), 0);
+        QTRY_COMPARE(line.peer.bodies.join(' '),
+            QByteArray("error1 ").repeated(1 + again) + "error" + next.toLatin1());
+        const QString said = u"Can not delete file "_s + line.bench.spool + u"/f"_s;
+        QTRY_COMPARE(line.bench.reports().filter(said).size(), again);
+    }
+}
+
+void TestDelivery::journalThatCannotBeWrittenOrGivenBack()
+{
+    Line line(acknowledged, 100'000);
+    line.start();
+    line.record(u"first"_s, ""); // goes its way when the link is up
+    QTRY_COMPARE(line.peer.bodies.size(), 1);
+    line.peer.acknowledge(1);
+    line.put(3);
+    QTRY_COMPARE(line.peer.bodies.size(), 4);
+    QTRY_COMPARE(line.kept(), 3);
+
+    const FileLimit limit(50'000);
+    line.record(u"small"_s, "");
+    QTRY_COMPARE(line.peer.bodies.size(), 5);
+    QCOMPARE(line.kept(), 4); // one of them as a file
+    line.peer.reset();
+    QTRY_COMPARE(line.peer.bodies.size(), 9);
+    QCOMPARE(line.peer.bodies.sliced(5), line.peer.bodies.sliced(1, 4));
+    line.peer.acknowledging = true;
+    line.peer.acknowledge(4);
+    QTRY_COMPARE(line.kept(), 0);
+    QCOMPARE(line.logged(u"cannot go back"_s).size(), 1);
 }
 
 void TestDelivery::programThatAcknowledges_data()
 {
-    QTest::addColumn<QList<quint64>>("numbers"); // for five records
-    QTest::addColumn<int>("piece"); // bytes of them that arrive at once
-    QTest::addColumn<int>("again"); // so many come again, over a new link
-    QTest::addColumn<QString>("said"); // when the first one is ended
-    const auto row = [](const char *name, const QList<quint64> &numbers, int piece = 8,
-                         int again = 0, const char *said = "") {
-        QTest::newRow(name) << numbers << piece << again << QString::fromLatin1(said);
-    };
-    row("late", {5});
-    row("in single bytes", {1, 5}, 1);
-    row("again and again", {0, 2, 2, 3, 5, 5, 5}, 3);
-    row("never", {}, 8, 5, "has acknowledged 0 records and no more in time");
-    row("too few", {3}, 8, 2, "has acknowledged 3 records and no more in time");
-    row("backwards", {3, 2, 5}, 8, 2, "acknowledges 2 records after 3");
-    row("backwards, and without an end", QList<quint64>{1, 0} + QList<quint64>(20'000, 5), 8, 4,
-        "acknowledges 0 records after 1");
-    row("one too many", {6, 5}, 8, 5, "acknowledges 6 records, which it cannot have");
-    row("far too many", {~quint64(0)}, 8, 5,
-        "acknowledges 18446744073709551615 records, which it cannot have");
+    QTest::addColumn<Program>("program");
+    const auto row = [](const char *name, const Program &p) { QTest::newRow(name) << p; };
+    row("late", {{5}});
+    row("slowly", {.numbers = {1, 2, 5}, .timeout = 3, .pause = 1'300});
+    row("in single bytes", {.numbers = {1, 5}, .piece = 1});
+    row("again and again", {.numbers = {0, 2, 2, 3, 5, 5, 5}, .piece = 3});
+    row("never", {{}, u"has acknowledged 0 records and no more in time"_s, 5, 1});
+    row("too few", {{3}, u"has acknowledged 3 records and no more in time"_s, 2, 2});
+    row("backwards", {{3, 2, 5}, u"acknowledges 2 records after 3"_s, 2});
+    row("backwards, and without an end",
+        {QList<quint64>{1, 0} + QList<quint64>(20'000, 5), u"acknowledges 0 records after 1"_s, 4});
+    row("one too many", {{6, 5}, u"acknowledges 6 records, which it cannot have"_s, 5});
+    row("far too many",
+        {{~quint64(0)}, u"acknowledges 18446744073709551615 records, which it cannot have"_s, 5});
 }
 
 void TestDelivery::programThatAcknowledges()
 {
-    QFETCH(const QList<quint64>, numbers);
-    QFETCH(const int, piece);
-    QFETCH(const int, again);
-    QFETCH(const QString, said);
-    TcpPeer peer;
-    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\nAcknowledgementTimeout=2\n");
-    bench.module.Start();
-    QTRY_VERIFY(peer.socket);
-    Oracle oracle(100);
-    oracle.put(bench, 5);
-    QTRY_COMPARE(peer.bodies.size(), 5);
+    QFETCH(const Program, program);
+    const int again = program.again;
+    Line line(
+        acknowledged + "AcknowledgementTimeout=" + QByteArray::number(program.timeout) + '\n');
+    line.start();
+    line.put(5);
+    QTRY_COMPARE(line.peer.bodies.size(), 5);
     QTest::qWait(100);
-    QCOMPARE(keptRecords(bench.spool).size(), 5); // whatever the kernel says
-    for (const quint64 number : numbers)
-        peer.acknowledge(number, piece);
-    peer.acknowledging = true; // what comes over a new link
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
-    QCOMPARE(peer.bodies, oracle.all() + oracle.all().last(again));
-    oracle.put(bench, 1);
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
-    QCOMPARE(peer.linkStarts.size(), again == 0 ? 1 : 2);
-    const QStringList lines = bench.place.logged().filter(u"the link is ended"_s);
-    QCOMPARE(lines.size(), again == 0 ? 0 : 1);
-    QVERIFY2(lines.value(0).contains(said), qPrintable(lines.value(0)));
+    QCOMPARE(line.kept(), 5); // whatever the kernel says
+    for (const quint64 number : program.numbers) {
+        QTest::qWait(program.pause);
+        line.peer.acknowledge(number, program.piece);
+    }
+    line.peer.acknowledging = true; // what comes over a new link
+    QTRY_COMPARE(line.kept(), 0);
+    QCOMPARE(line.peer.bodies, line.oracle.all() + line.oracle.all().last(again));
+    line.put(1);
+    QTRY_COMPARE(line.kept(), 0);
+    QCOMPARE(line.peer.linkStarts.size(), again == 0 ? 1 : 2);
+    QCOMPARE(line.ends(), program.said);
 }
 
 void TestDelivery::keepAlivesCountButEndNoLink()
 {
-    TcpPeer peer;
-    ModuleBench bench(
-        tcpSettings(peer) + "Acknowledgements=1\nAcknowledgementTimeout=1\nLiveMessageTimeout=1\n");
-    bench.module.Start();
-    QTRY_COMPARE(peer.bodies, QByteArrayList(3, "live"));
-    QCOMPARE(peer.linkStarts.size(), 1);
-    bench.record("error", u"f"_s, "");
-    QTRY_COMPARE(peer.bodies.last(), QByteArray("error"));
-    peer.acknowledge(3);
-    QTRY_COMPARE(peer.linkStarts.size(), 3);
-    const QStringList lines = bench.place.logged().filter(u"the link is ended"_s);
-    QCOMPARE(lines.size(), 1); // for both
-    QVERIFY2(
-        lines.first().contains(u" 3 records and no more in time"_s), qPrintable(lines.first()));
-    peer.acknowledging = true;
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
+    Line line(acknowledged + "AcknowledgementTimeout=1\nLiveMessageTimeout=1\n");
+    line.bench.module.Start();
+    QTRY_COMPARE(line.peer.bodies, QByteArrayList(3, "live"));
+    QCOMPARE(line.peer.linkStarts.size(), 1);
+    line.record(u"f"_s, "");
+    QTRY_COMPARE(line.peer.bodies.last(), QByteArray("error"));
+    line.peer.acknowledge(3);
+    QTRY_COMPARE(line.peer.linkStarts.size(), 3);
+    // Once for both.
+    QCOMPARE(line.ends(), u"has acknowledged 3 records and no more in time"_s);
+    line.peer.acknowledging = true;
+    QTRY_COMPARE(line.kept(), 0);
 }
 
 void TestDelivery::numbersBeforeTheEndCount()
 {
-    TcpPeer peer;
-    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\n");
-    bench.module.Start();
-    QTRY_VERIFY(peer.socket);
-    Oracle oracle(100);
-    oracle.put(bench, 5);
-    QTRY_COMPARE(peer.bodies.size(), 5);
-    peer.acknowledge(5);
-    peer.reset();
-    oracle.put(bench, 1); // cannot be sent, and the numbers have not been read yet
-    QCOMPARE(keptRecords(bench.spool).size(), 1);
-    peer.acknowledging = true;
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
-    QCOMPARE(oracle.judge(peer, 0), QString());
+    Line line(acknowledged);
+    line.start();
+    line.put(5);
+    QTRY_COMPARE(line.peer.bodies.size(), 5);
+    line.peer.acknowledge(5);
+    line.peer.reset();
+    line.put(1); // cannot be sent, and the numbers have not been read yet
+    QCOMPARE(line.kept(), 1);
+    line.peer.acknowledging = true;
+    line.settle();
 }
 
 void TestDelivery::unacknowledgedRecordsAreBounded()
 {
-    TcpPeer peer;
-    ModuleBench bench(tcpSettings(peer) + "Acknowledgements=1\n");
-    bench.module.Start();
-    QTRY_VERIFY(peer.socket);
-    Oracle oracle(100'000);
-    oracle.put(bench, 200);
+    Line line(acknowledged, 100'000);
+    TcpPeer &peer = line.peer;
+    peer.setKernelBuffer(65'536); // less than what waits in the module for it
+    line.start();
+    line.put(200);
     QTRY_VERIFY(peer.bodies.size() >= 80);
     const std::clock_t before = std::clock();
     QTest::qWait(500);
     QVERIFY2(std::clock() - before < CLOCKS_PER_SEC / 5, "waiting keeps a core busy");
     QVERIFY(peer.bodies.size() <= Journal::defaultBytes / 100'000);
-    QCOMPARE(bench.spooled().size() + peer.bodies.size(), 200);
+    QCOMPARE(line.bench.spooled().size() + peer.bodies.size(), 200);
 
     // A program may not acknowledge what its kernel has not got, though the module has sent it.
     peer.stopReading();
     peer.acknowledge(quint64(peer.bodies.size()));
-    QTRY_VERIFY(bench.spooled().size() < 100);
-    peer.acknowledge(quint64(200 - bench.spooled().size()));
+    QTRY_VERIFY(line.bench.spooled().size() < 115);
+    peer.acknowledge(quint64(200 - line.bench.spooled().size()));
     QTRY_COMPARE(peer.linkStarts.size(), 2);
     peer.acknowledging = true;
     peer.resume();
-    QTRY_COMPARE(keptRecords(bench.spool).size(), 0);
-    QCOMPARE(oracle.judge(peer, 100), QString());
+    QTRY_COMPARE(line.kept(), 0);
+    line.settle(100);
 }
 
-void TestDelivery::leftoversOfSeveralOwnersGoBackByAge_data()
-{
-    QTest::addColumn<bool>("firstIsNewer");
-    QTest::newRow("the newer one is found first") << true;
-    QTest::newRow("the newer one is found last") << false;
-}
-
-// Two owners that were killed hold one name each as a file and as a record of the journal.
+// Two owners that were killed hold the same names as files and as records of their journals.
 void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
 {
-    QFETCH(const bool, firstIsNewer);
-    const Workplace place;
-    const QString spool = place.makeFolder(u"spool"_s);
-    const SpoolDirectory directory(spool);
-    const auto leave = [&](const QByteArray &content, qint64 seconds) {
-        SentFolder dead(spool);
-        QVERIFY(dead.open());
-        QFile file(place.writeFile(u"spool/f"_s, content));
+    using Take = SentFolder::Take;
+    Spool spool;
+    const Workplace &place = spool.place;
+    const auto leave = [&](SentFolder &dead, const QString &name, qint64 second) {
+        const QByteArray content = second == 1 ? "old" : "new";
+        hold(dead, ("j" + name.toLatin1()).constData(), content, second * 1'000'000'000);
+        QFile file(place.writeFile(u"spool/"_s + name, content));
         QVERIFY(file.open(QIODevice::ReadWrite));
-        file.setFileTime(QDateTime::fromSecsSinceEpoch(seconds), QFile::FileModificationTime);
+        file.setFileTime(QDateTime::fromSecsSinceEpoch(second), QFile::FileModificationTime);
         file.close();
         // What has changed since it was read is not taken for it.
-        SpoolFile::Mark mark = *directory.mark(u"f"_s);
+        SpoolFile::Mark mark = *spool.directory.mark(name);
         ++mark.modified;
-        QCOMPARE(dead.take(u"f"_s, mark, content), SentFolder::Take::Replaced);
+        QCOMPARE(dead.take(name, mark, content), Take::Replaced);
         --mark.modified;
-        QCOMPARE(dead.take(u"f"_s, mark, content), SentFolder::Take::Taken);
-        dead.journal().add("j", seconds * 1'000'000'000, "error", content);
-        QVERIFY(dead.journal().commit());
+        ++mark.inode; // may change by itself: the content tells
+        QCOMPARE(dead.take(name, mark, "not it"), Take::Replaced);
+        QCOMPARE(dead.take(name, mark, content), Take::Taken);
     };
-    leave(firstIsNewer ? "new" : "old", firstIsNewer ? 2'000 : 1'000);
-    leave(firstIsNewer ? "old" : "new", firstIsNewer ? 1'000 : 2'000);
+    {
+        SentFolder one(spool.directory), other(spool.directory);
+        leave(one, u"f"_s, 1);
+        leave(other, u"f"_s, 2);
+        leave(one, u"g"_s, 2); // whoever is found first
+        leave(other, u"g"_s, 1);
+    }
     place.writeFile(u"spool/.sent-torn"_s, "not a folder");
-    QVERIFY(QFile::link(place.makeFolder(u"else"_s), spool + u"/.sent-link"_s));
+    QVERIFY(QFile::link(place.makeFolder(u"else"_s), spool.directory.pathOf(u".sent-link"_s)));
     place.writeFile(u"else/mine"_s, "not a record");
-    QStringList said;
-    QVERIFY(Leftovers(spool, [&](const QString &text) { said.append(text); }).giveBack());
-    QCOMPARE(place.readFile(u"spool/f"_s), QByteArray("new"));
-    QCOMPARE(place.readFile(u"spool/j"_s), QByteArray("errornew"));
-    QCOMPARE(said, QStringList());
-    QCOMPARE(QDir(spool).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList({u".sent-link"_s, u".sent-torn"_s, u"f"_s, u"j"_s}));
+    QVERIFY(spool.leftovers.giveBack());
+    for (const QString &name : {u"f"_s, u"g"_s}) {
+        QCOMPARE(place.readFile(u"spool/"_s + name), QByteArray("new"));
+        QCOMPARE(place.readFile(u"spool/j"_s + name), QByteArray("errornew"));
+    }
+    QCOMPARE(spool.said, QStringList());
+    QCOMPARE(QDir(spool.directory.path())
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        QStringList({u".sent-link"_s, u".sent-torn"_s, u"f"_s, u"g"_s, u"jf"_s, u"jg"_s}));
     QCOMPARE(place.readFile(u"else/mine"_s), "not a record");
-}
-
-void TestDelivery::leftoversOfOthersStay_data()
-{
-    QTest::addColumn<QString>("whose");
-    QTest::newRow("another host's") << u"another host"_s;
-    QTest::newRow("another user's") << u"another user"_s;
-    QTest::newRow("nobody can tell") << u"no locks"_s;
 }
 
 void TestDelivery::leftoversOfOthersStay()
 {
-    QFETCH(const QString, whose);
-    const Workplace place;
-    const QString spool = place.makeFolder(u"spool"_s);
+    for (const QString &whose : {u"another host"_s, u"another user"_s, u"no locks"_s, QString()}) {
+        Spool spool;
+        const QString path = spool.directory.path();
+        std::optional<SentFolder> owner(spool.directory);
+        hold(*owner, "j");
+        const QByteArray folder = spool.directory.encodedPathOf(owner->name());
+        owner->close(); // keeps the folder, which is not empty
+        if (!whose.isEmpty()) // else it lives
+            owner.reset();
+        if (whose == u"another host")
+            QCOMPARE(ageJournals(path, {Journal::here().boot, Journal::here().host}), 1);
+        if (whose == u"another user") {
+            QVERIFY(::chmod(qPrintable(QDir::tempPath()), 0755) == 0 && ::chmod(folder, 0) == 0);
+            std::ignore = ::seteuid(65'534); // nobody; root would see all
+        }
+        lockError = whose == u"no locks" ? ENOLCK : 0;
+        const bool isDone = spool.leftovers.giveBack() && spool.leftovers.giveBack();
+        lockError = 0;
+        std::ignore = ::seteuid(::getuid());
+        QVERIFY2(isDone && ::chmod(folder, 0700) == 0, qPrintable(whose));
+        QVERIFY2(
+            spool.said.size() == (whose.isEmpty() ? 0 : 1) && spool.said.value(0).contains(whose),
+            qPrintable(whose + u": "_s + spool.said.join(u", "_s)));
+        QVERIFY2(keptRecords(path).size() == 1 && filesIn(path).isEmpty(), qPrintable(whose));
+    }
+}
+
+void TestDelivery::recordThatCannotGoBackYetStays()
+{
+    const QByteArray large(100'000, 'x');
+    for (const bool byItsOwner : {true, false}) {
+        Spool spool;
+        const SpoolDirectory &directory = spool.directory;
+        std::optional<SentFolder> owner(directory);
+        for (const char *name : {"../outside", "small", "large", "folder"})
+            hold(*owner, name, *name == 'l' ? large : "x");
+        if (!byItsOwner)
+            owner.reset();
+        const auto giveBack = [&] {
+            return owner ? owner->giveAllBack() : spool.leftovers.giveBack();
+        };
+        {
+            const FileLimit limit(50'000);
+            QVERIFY(!giveBack());
+            QVERIFY(directory.remove(u"small"_s)); // it is sent
+            QVERIFY(!giveBack());
+        }
+        QCOMPARE(filesBelow(spool.place.path()), 1); // the journal
+        spool.place.makeFolder(u"spool/folder"_s);
+        QVERIFY(!giveBack());
+        QVERIFY(QDir(directory.path()).rmdir(u"folder"_s));
+        QVERIFY(giveBack());
+        QCOMPARE(filesIn(directory.path()), QStringList({u"folder"_s, u"large"_s}));
+        QCOMPARE(spool.place.readFile(u"spool/large"_s), "error" + large);
+        QCOMPARE(spool.said.size(), byItsOwner ? 0 : 1);
+    }
+}
+
+void TestDelivery::failuresAreSaidOnceAndTriedAgain()
+{
+    const Workplace ours, theirs;
+    const QByteArray large(100'000, 'x');
     {
-        SentFolder dead(spool);
-        QVERIFY(dead.open());
-        dead.journal().add("j", 1, "error", "x");
-        QVERIFY(dead.journal().commit());
+        SentFolder dead(SpoolDirectory(theirs.path()));
+        hold(dead, "f", large);
+        QVERIFY(Journal::noteSynced(dead.journal().descriptor(), 1'000));
     }
     QStringList said;
-    Leftovers leftovers(spool, [&](const QString &text) { said.append(text); });
-    if (whose == u"another host")
-        QCOMPARE(ageJournals(spool, {Journal::here().boot, Journal::here().host}), 1);
-    const QString folder =
-        QDir(spool).entryInfoList({u".sent-*"_s}, QDir::Dirs | QDir::Hidden)[0].filePath();
-    if (whose == u"another user")
-        QVERIFY(::chmod(qPrintable(QDir::tempPath()), 0755) == 0
-            && ::chmod(qPrintable(folder), 0) == 0);
-    constexpr uid_t nobody = 65'534;
-    std::ignore = whose == u"another user" ? ::seteuid(nobody) : 0; // root would see all
-    areLocksMissing = whose == u"no locks";
-    QVERIFY(leftovers.giveBack() && leftovers.giveBack());
-    areLocksMissing = false;
-    std::ignore = ::seteuid(::getuid());
-    QCOMPARE(::chmod(qPrintable(folder), 0700), 0);
-    QCOMPARE(said.size(), 1);
-    QVERIFY2(said.first().contains(whose), qPrintable(said.first()));
-    QCOMPARE(keptRecords(spool).size(), 1);
-    QVERIFY(QDir(spool).entryList(QDir::Files).isEmpty());
+    const MessageSink report = [&](const QString &text) { said.append(text); };
+    SpoolKeeper owner(SpoolDirectory(ours.path()), report);
+    SpoolKeeper heir(SpoolDirectory(theirs.path()), report);
+    const QSignalSpy back[] = {
+        QSignalSpy(&owner, &SpoolKeeper::gaveBack), QSignalSpy(&heir, &SpoolKeeper::gaveBack)};
+    owner.start();
+    QTRY_VERIFY(owner.isReady());
+    hold(owner.sent(), "f", large);
+
+    std::optional<FileLimit> limit(50'000);
+    flushError = EIO;
+    flushes = 0;
+    QElapsedTimer time;
+    time.start();
+    QVERIFY(!owner.giveBack());
+    heir.start();
+    QVERIFY(heir.write(u"small"_s, "x") == SpoolDirectory::WriteResult::Written);
+    QTRY_VERIFY(flushes >= 4);
+    QVERIFY2(time.elapsed() > 5'000, "a failed flush is repeated at once");
+    QTRY_COMPARE(heir.sent().journal().syncedUntil(), 1'000);
+    QTRY_COMPARE(said.filter(u"cannot go back"_s).size(), 2);
+    QTRY_COMPARE(said.filter(u"Can't bring"_s).size(), 2);
+
+    limit.reset();
+    flushError = 0;
+    QTRY_COMPARE(back[0].size() + back[1].size(), 2);
+    QTRY_COMPARE(said.filter(u"brought to the disk again"_s).size(), 2);
+    QCOMPARE(said.size(), 6);
+    QCOMPARE(ours.readFile(u"f"_s), "error" + large);
+    QCOMPARE(theirs.readFile(u"f"_s), "error" + large);
+    QTRY_VERIFY(heir.sent().journal().syncedUntil() > 1'000);
+}
+
+void TestDelivery::whateverEntersTheSpoolIsFlushed()
+{
+    const Workplace place;
+    const SpoolDirectory spool(place.path());
+    hold(*std::make_unique<SentFolder>(spool), "of a killed process");
+    SpoolKeeper keeper(spool, [](const QString &) {});
+    const auto write = [&] { std::ignore = keeper.write(u"written"_s, "x"); };
+    keeper.start();
+    QTRY_COMPARE(flushes, 1);
+    write();
+    QTRY_COMPARE(flushes, 2);
+    place.writeFile(u"others"_s, "x");
+    keeper.flushFilesOfOthers();
+    QTRY_COMPARE(flushes, 3);
+    hold(keeper.sent(), "given back");
+    QVERIFY(keeper.giveBack());
+    QTRY_COMPARE(flushes, 4);
+    isFlushHeld = true;
+    write();
+    QTRY_COMPARE(flushes, 5);
+    write(); // may be too late for the flush that is under way
+    isFlushHeld = false;
+    QTRY_COMPARE(flushes, 6);
+    flushError = EIO;
+    write();
+    QTRY_COMPARE(flushes, 8); // a failed one is repeated
 }
 
 void TestDelivery::powerCutPutsYoungFilesInDoubt()
 {
-    const Workplace place;
-    const QString spool = place.makeFolder(u"spool"_s);
-    const auto write = [&](const QString &name) {
-        QTest::qSleep(20); // the clock of files goes in steps
-        place.writeFile(u"spool/"_s + name, "x");
-        QTest::qSleep(20);
-    };
-    write(u"old"_s);
-    {
-        SentFolder dead(spool);
-        QVERIFY(dead.open());
-        const auto now = std::chrono::system_clock::now().time_since_epoch();
-        QVERIFY(Journal::noteSynced(dead.journal().descriptor(), now / 1ns));
-        write(u"taken"_s);
-        const SpoolFile::Mark mark = *SpoolDirectory(spool).mark(u"taken"_s);
-        QCOMPARE(dead.take(u"taken"_s, mark, "x"), SentFolder::Take::Taken);
-        dead.journal().add("whole", 1, "error", "x");
-        QVERIFY(dead.journal().commit());
+    // Seconds from the last flush: just now; never, so the start counts; before the system started.
+    for (const int flushed : {0, -1, 1'000'000'000}) {
+        Spool spool;
+        const auto write = [&](const QString &name) {
+            QTest::qSleep(20); // the clock of files goes in steps
+            spool.place.writeFile(u"spool/"_s + name, "x");
+            QTest::qSleep(20);
+        };
+        write(u"old"_s);
+        {
+            SentFolder dead(spool.directory);
+            hold(dead, "whole");
+            const auto time =
+                std::chrono::system_clock::now().time_since_epoch() - std::chrono::seconds(flushed);
+            QVERIFY(flushed < 0 || Journal::noteSynced(dead.journal().descriptor(), time / 1ns));
+            write(u"taken"_s);
+            const SpoolFile::Mark mark = *spool.directory.mark(u"taken"_s);
+            QCOMPARE(dead.take(u"taken"_s, mark, "x"), SentFolder::Take::Taken);
+        }
+        write(u"young"_s);
+        QCOMPARE(ageJournals(spool.directory.path()), 1);
+        QVERIFY(spool.leftovers.giveBack());
+        const QString doubtful = filesIn(spool.directory.pathOf(u"refused"_s)).join(u' ');
+        const QString sure = filesIn(spool.directory.path()).join(u' ');
+        QCOMPARE(u"%1: %2, not %3"_s.arg(flushed).arg(sure, doubtful),
+            u"%1: "_s.arg(flushed)
+                + (flushed > 0 ? u"old taken whole young, not "_s
+                               : u"old whole, not taken young"_s));
+        QCOMPARE(spool.said.filter(u"surely on the disk"_s).size(), flushed > 0 ? 0 : 2);
     }
-    write(u"young"_s);
-    QStringList said;
-    const MessageSink report = [&](const QString &text) { said.append(text); };
-    QCOMPARE(ageJournals(spool), 1);
-    QVERIFY(Leftovers(spool, report).giveBack());
-    QCOMPARE(QDir(spool).entryList(QDir::Files, QDir::Name), QStringList({u"old"_s, u"whole"_s}));
-    QCOMPARE(QDir(spool + u"/refused"_s).entryList(QDir::Files, QDir::Name),
-        QStringList({u"taken"_s, u"young"_s}));
-    QCOMPARE(said.filter(u"surely on the disk"_s).size(), 2);
 }
 
 QTEST_GUILESS_MAIN(TestDelivery)

@@ -19,15 +19,10 @@ struct Story
     double within = 0; // seconds that the transfer may take
 };
 
-// The path exists in this program's own time only.
-class Path
+// A simulated path, on which time passes from event to event.
+struct Path
 {
-public:
-    explicit Path(const Story &told)
-        : story(told)
-    {
-    }
-    // Until the condition holds, a minute at most.
+    // Runs until the condition holds, but for a minute at most.
     void runUntil(const std::function<bool()> &isOver)
     {
         while (!isOver() && now < 60) {
@@ -38,42 +33,37 @@ public:
     }
     PacedSender::Time time() const
     {
-        const std::chrono::duration<double> passed(1'000 + now);
-        return PacedSender::Time(std::chrono::duration_cast<PacedSender::Time::duration>(passed));
+        return PacedSender::Time(std::chrono::nanoseconds(qint64((1'000 + now) * 1e9)));
     }
-    void at(double due, const std::function<void()> &event) { events.emplace(due, event); }
-    // What a stalled host does is done behind the stall, timers first.
+    // Everything that a stalled host has to do waits until the stall ends; timers come first then.
     void atSender(double due, bool isTimer, const std::function<void()> &event)
     {
         const bool isStalled = due >= 0.3 && due < 0.3 + story.stall;
-        at(isStalled ? 0.3 + story.stall + (isTimer ? 0 : 1e-6) : due, event);
+        events.emplace(isStalled ? 0.3 + story.stall + (isTimer ? 0 : 1e-6) : due, event);
     }
-    // When it arrives; 0 if it is lost.
-    double carry(int bytes, bool isForth)
+    // Carries a packet forth to the receiver or back to the sender, unless it is lost.
+    void carry(int bytes, bool isForth, const std::function<void()> &arrive)
     {
         const bool isDown = now >= 1 && now < 1 + story.outage;
         if (isDown || random.generateDouble() < story.loss)
-            return 0;
+            return;
         const double delay = 0.025 + (now < 1 ? 0 : story.longer);
-        if (!isForth || story.megabits == 0)
-            return now + delay;
+        if (!isForth)
+            return atSender(now + delay, false, arrive);
         ++arrived;
-        if (freeAt - now > 0.1) {
-            ++overflowed;
-            return 0;
-        }
-        freeAt = std::max(freeAt, now) + bytes * 8e-6 / story.megabits;
-        return freeAt + delay;
+        const bool isFull = freeAt - now > 0.1;
+        overflowed += isFull;
+        if (isFull)
+            return;
+        freeAt = std::max(freeAt, now) + (story.megabits > 0 ? bytes * 8e-6 / story.megabits : 0);
+        events.emplace(freeAt + delay, arrive);
     }
 
     const Story story;
     QRandomGenerator random{1};
-    double now = 0;
-    int arrived = 0, overflowed = 0;
-
-private:
-    std::multimap<double, std::function<void()>> events;
-    double freeAt = 0;
+    double now = 0, freeAt = 0; // of the bottleneck, which has the only queue
+    int arrived = 0, overflowed = 0; // there
+    std::multimap<double, std::function<void()>> events = {};
 };
 
 // A transfer over a path. The receiver is the set of the numbers that it holds.
@@ -83,7 +73,7 @@ public:
     Transfer(Path &used, double start)
         : path(used)
     {
-        path.at(start, [this] {
+        path.events.emplace(start, [this] {
             sender.begin(path.story.last, path.time());
             wake(0);
         });
@@ -121,26 +111,21 @@ private:
     void send(quint16 number)
     {
         ++packets;
-        if (const double arrival = path.carry(265, true); arrival > 0)
-            path.at(arrival, [this, number] { held.insert(number); });
+        path.carry(265, true, [this, number] { held.insert(number); });
     }
     void ask(const Numbers &numbers)
     {
         longestRequest = std::max(longestRequest, numbers.size());
-        for (int copy = 0; copy < 2; ++copy) {
-            if (const double arrival = path.carry(15 + 2 * int(numbers.size()), true); arrival > 0)
-                path.at(arrival, [this, numbers] { answer(numbers); });
-        }
+        for (int copy = 0; copy < 2; ++copy)
+            path.carry(15 + 2 * int(numbers.size()), true, [this, numbers] { answer(numbers); });
     }
     void answer(const Numbers &numbers)
     {
         Numbers found;
         std::copy_if(numbers.begin(), numbers.end(), std::back_inserter(found),
             [this](quint16 number) { return held.contains(number); });
-        for (int copy = 0; copy < 2; ++copy) {
-            if (const double arrival = path.carry(15, false); arrival > 0)
-                path.atSender(arrival, false, [this, found] { take(found); });
-        }
+        for (int copy = 0; copy < 2; ++copy)
+            path.carry(15, false, [this, found] { take(found); });
     }
     void take(const Numbers &found)
     {
@@ -191,14 +176,14 @@ void tst_pace::runsAsFastAsThePathCarries_data()
 void tst_pace::runsAsFastAsThePathCarries()
 {
     QFETCH(Story, story);
-    Path path(story);
+    Path path{story};
     Transfer transfer(path, 0);
     path.runUntil([&] { return transfer.isDone(); });
-    QVERIFY2(path.now < story.within, qPrintable(QString::number(path.now)));
-    QVERIFY2(path.overflowed <= path.arrived * 0.05, qPrintable(QString::number(path.overflowed)));
-    QVERIFY2(story.outage > 0 || transfer.packets < (story.last + 10) / (1 - story.loss) * 1.1,
-        qPrintable(QString::number(transfer.packets)));
-    QVERIFY(transfer.longestRequest <= 25);
+    QVERIFY2(path.now < story.within, qPrintable(QString::asprintf("took %g s", path.now)));
+    QVERIFY2(path.overflowed <= path.arrived * 0.05, "the bottleneck overflowed too often");
+    QVERIFY2(transfer.packets < (story.last + 10) / (1 - story.loss) * 1.1,
+        qPrintable(QString::asprintf("sent %d packets", transfer.packets)));
+    QVERIFY2(transfer.longestRequest <= 25, "a request listed too many packets");
 }
 
 void tst_pace::twoShareABottleneck_data()
@@ -215,17 +200,17 @@ void tst_pace::twoShareABottleneck()
 {
     QFETCH(double, megabits);
     QFETCH(double, start);
-    Path path({.megabits = megabits, .last = int(std::min(megabits * 5'000, 65'000.0))});
+    Path path{{.megabits = megabits, .last = int(std::min(megabits * 5'000, 65'000.0))}};
     Transfer one(path, 0), two(path, start);
     path.runUntil([&] { return path.now > start + 1; });
     const size_t before[] = {one.held.size(), two.held.size()};
     path.runUntil([&] { return one.isDone() || two.isDone(); });
-    const double parts[] = {
-        double(one.held.size() - before[0]), double(two.held.size() - before[1])};
-    const double ratio = std::max(parts[0], parts[1]) / std::min(parts[0], parts[1]);
-    QVERIFY2(ratio <= 2, qPrintable(QString::number(ratio)));
+    const double first = double(one.held.size() - before[0]);
+    const double second = double(two.held.size() - before[1]);
+    const double ratio = std::max(first, second) / std::min(first, second);
+    QVERIFY2(ratio <= 2, qPrintable(QString::asprintf("one got %g times as much", ratio)));
     // A newcomer to a full queue takes some rounds to find its place.
-    QVERIFY2(path.overflowed <= path.arrived * 0.08, qPrintable(QString::number(path.overflowed)));
+    QVERIFY2(path.overflowed <= path.arrived * 0.08, "the bottleneck overflowed too often");
 }
 
 QTEST_GUILESS_MAIN(tst_pace)

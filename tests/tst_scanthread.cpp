@@ -1,14 +1,17 @@
+#include "Descriptor.h"
 #include "kit/Channel.h"
-#include "kit/DamagedDatagram.h"
 #include "kit/UdpRelay.h"
 #include "test_object.h"
 
 #include <QElapsedTimer>
 #include <QLoggingCategory>
+#include <QNetworkInterface>
 #include <QNetworkProxyFactory>
 
 #include <atomic>
 #include <ctime>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,8 +32,8 @@ void countPackages(QtMsgType, const QMessageLogContext &, const QString &line)
 // A scan thread on a spool directory of its own, with the lines that it reports.
 struct Node
 {
-    Node(quint16 localPort, quint16 remotePort, const QString &spool,
-        const QString &host = u"127.0.0.1"_s, unsigned short timeout = 1)
+    Node(quint16 localPort, quint16 remotePort, const QString &spool, unsigned short timeout = 1,
+        const QString &host = u"127.0.0.1"_s)
         : directory(spool)
         , thread(nullptr, localPort, remotePort, host, timeout, directory)
     {
@@ -42,6 +45,12 @@ struct Node
     {
         std::ignore = SpoolDirectory(directory).write(name, content, [](const QString &) {});
     }
+    // Puts a file into the spool and starts the thread.
+    void send(const QString &name, const Bytes &content)
+    {
+        put(name, content);
+        thread.start();
+    }
     bool holds(const QString &name) const { return QFile::exists(directory + u'/' + name); }
     qsizetype saidCount(const QString &text) const { return lines.filter(text).size(); }
 
@@ -49,6 +58,19 @@ struct Node
     QStringList lines;
     ScanThread thread;
 };
+
+// Sends a datagram with a wrong checksum to a port of this host. The kernel announces it, because it
+// verifies the checksum of a large datagram only when it is read. Returns false without the right
+// to do so.
+bool sendDamaged(quint16 port)
+{
+    const Descriptor raw(::socket(AF_INET, SOCK_RAW, IPPROTO_UDP));
+    const quint16 datagram[50] = {htons(port), htons(port), htons(sizeof(datagram)), 0xBAD};
+    const sockaddr_in host = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    return ::sendto(raw.get(), datagram, sizeof(datagram), 0,
+               reinterpret_cast<const sockaddr *>(&host), sizeof(host))
+        > 0;
+}
 
 } // namespace
 
@@ -62,27 +84,28 @@ private Q_SLOTS:
     {
         QNetworkProxyFactory::setUseSystemConfiguration(false); // it would start a thread
         qInstallMessageHandler(countPackages);
-        QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+        QLoggingCategory::setFilterRules(u"morvane.transfer.debug=true"_s);
     }
     void init()
     {
         sentPackages = receivedPackages = 0;
         folder.emplace();
-        QVERIFY(QDir::setCurrent(folder->path()));
+        QVERIFY(QDir::setCurrent(folder->path()) && chmod(".", 0777) == 0);
         leftPort = freeUdpPort();
         rightPort = freeUdpPort();
     }
 
     void filesGoInNameOrderOnceTheLockIsGone();
     void refusedFilesAreSetAsideOrPassedOver();
-    void unreadableFilesAreTriedAgain();
+    void withoutRightsFilesAreTriedAgain();
     void theLongestTickHoldsNoReceiverUp();
-    void aFileThatCannotBeRemovedIsSentAgain();
     void aFileReplacedWhileThePortIsTakenIsSentInItsTurn();
     void aPeerRestartedInMidTransferGetsTheWholeFile();
-    void nothingIsSentWithoutANumericAddress();
-    void onlyThePeerIsHeard();
-    void noDatagramThatTheKernelDropsDeafensIt();
+    void aFileThatThePeerHasLostIsSentAfresh();
+    void nothingIsSentToItselfOrWithoutANumericAddress();
+    void nothingIsSentFromTheWorkingDirectory();
+    void onlyThePeerIsHeardAndCannotFillTheLog();
+    void aDatagramThatTheKernelDropsDoesNotDeafenIt();
     void stopWaitsForNoCompression();
     void withoutAFixedPaceFilesCrossBothWays();
 
@@ -102,6 +125,7 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
             pause = std::min(pause, sincePackage.elapsed());
     });
     const QString lock = folder->writeFile(u"left/.lock"_s, "");
+    folder->writeFile(u".incoming-1"_s, "left by a killed receiver");
     left.thread.start();
     QTRY_COMPARE(left.saidCount(u"left/.lock"_s), 1); // a long wait is reported
     QVERIFY(!QFile::exists(u"A1"_s) && QFile::remove(lock));
@@ -110,7 +134,11 @@ void tst_scanthread::filesGoInNameOrderOnceTheLockIsGone()
     QCOMPARE(folder->readFile(u"b2"_s), "second");
     QTRY_COMPARE(left.lines.sliced(1),
         QStringList({u"Transmitted file left/A1"_s, u"Transmitted file left/b2"_s}));
-    QVERIFY2(pause > 450, qPrintable(QString::number(pause))); // the timer is a coarse one
+    QVERIFY2(pause > 250, qPrintable(QString::number(pause))); // 500, less what came late
+    QVERIFY(!QFile::exists(u".incoming-1"_s));
+    const TransferCounters &counters = left.thread.counters();
+    QVERIFY(counters.filesDelivered == 2 && right.thread.counters().filesReceived == 2);
+    QVERIFY(counters.packetsRepeated >= 2); // packet 0 leaves twice
 }
 
 void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()
@@ -119,8 +147,7 @@ void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()
     const QString tooLong(98, u'f');
     left.put(u"refused"_s, "the folder cannot be made");
     left.put(tooLong, "one");
-    left.put(u"good"_s, "good");
-    left.thread.start();
+    left.send(u"good"_s, "good");
     QTRY_VERIFY(!left.holds(u"good"_s) && !left.holds(u"refused"_s));
     QCOMPARE(left.saidCount(u"can't move"_s), 1);
     for (const char *content : {"changed", "again"}) {
@@ -129,51 +156,40 @@ void tst_scanthread::refusedFilesAreSetAsideOrPassedOver()
     }
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong), "changed");
     QCOMPARE(folder->readFile(u"left/refused/"_s + tooLong + u".1"_s), "again");
+    QCOMPARE(left.thread.counters().filesRefused, 3);
 }
 
-void tst_scanthread::unreadableFilesAreTriedAgain()
+void tst_scanthread::withoutRightsFilesAreTriedAgain()
 {
-    const uid_t user = geteuid();
     Node left(leftPort, rightPort, u"left"_s), right(rightPort, leftPort, u"right"_s);
-    left.put(u"f"_s, "secret");
-    left.put(u"g"_s, "open");
-    QVERIFY(chmod(qPrintable(folder->path()), 0777) == 0 && chmod("left", 0777) == 0);
-    QVERIFY(chmod("left/f", 0) == 0);
-    QVERIFY(user != 0 || seteuid(65'534) == 0); // root may read anything
-    left.thread.start();
-    QTRY_VERIFY(!left.holds(u"g"_s));
-    QVERIFY(seteuid(user) == 0 && left.holds(u"f"_s) && chmod("left/f", 0644) == 0);
-    QTRY_VERIFY(!left.holds(u"f"_s));
-    QCOMPARE(folder->readFile(u"f"_s), "secret");
+    left.put(u"f"_s, "unreadable");
+    left.put(u"g"_s, "not removable");
+    QVERIFY(chmod("left", 0555) == 0 && chmod("left/f", 0) == 0);
+    {
+        const uid_t user = ::geteuid(); // root may read and remove anything
+        std::ignore = ::seteuid(user == 0 ? 65'534 : user);
+        const auto rightsBack = qScopeGuard([user] { std::ignore = ::seteuid(user); });
+        left.thread.start();
+        QTRY_COMPARE(left.saidCount(u"Can't delete file left/g"_s), 2);
+    }
+    QCOMPARE(left.saidCount(u"Transmitted file left/g"_s), 2);
+    QVERIFY(left.holds(u"f"_s) && folder->readFile(u"left/g"_s) == "not removable");
+    QVERIFY(chmod("left", 0755) == 0 && chmod("left/f", 0644) == 0);
+    QTRY_VERIFY(!left.holds(u"f"_s) && !left.holds(u"g"_s));
+    QCOMPARE(folder->readFile(u"f"_s), "unreadable");
     QCOMPARE(left.saidCount(u"Can't read file left/f"_s), 1);
 }
 
 void tst_scanthread::theLongestTickHoldsNoReceiverUp()
 {
-    Node left(leftPort, rightPort, u"left"_s, u"127.0.0.1"_s, 0);
-    Node right(rightPort, leftPort, u"right"_s, u"127.0.0.1"_s, 65'535);
-    left.put(u"f"_s, noise(10'000, 1));
-    right.put(u"g"_s, "in a minute");
-    left.thread.start();
-    right.thread.start();
-    QTRY_VERIFY(!left.holds(u"f"_s));
-    QVERIFY(folder->readFile(u"f"_s) == noise(10'000, 1));
+    Node left(leftPort, rightPort, u"left"_s, 0), right(rightPort, leftPort, u"right"_s, 65'535);
+    left.send(u"f"_s, noise(10'000, 1));
+    right.send(u"g"_s, "in a minute");
+    QTRY_VERIFY(sentPackages > 40);
+    QTRY_VERIFY((QCoreApplication::processEvents(), sincePackage.hasExpired(200))); // delivered
+    left.thread.finish(); // does not wait before it removes the file
+    QVERIFY(!left.holds(u"f"_s) && folder->readFile(u"f"_s) == noise(10'000, 1));
     QVERIFY(right.holds(u"g"_s) && !QFile::exists(u"g"_s));
-}
-
-void tst_scanthread::aFileThatCannotBeRemovedIsSentAgain()
-{
-    const uid_t user = geteuid();
-    Node left(leftPort, rightPort, u"left"_s), right(rightPort, leftPort, u"right"_s);
-    left.put(u"f"_s, "stays");
-    QVERIFY(chmod(qPrintable(folder->path()), 0777) == 0 && chmod("left", 0555) == 0);
-    QVERIFY(user != 0 || seteuid(65'534) == 0); // root may remove anything
-    left.thread.start();
-    QTRY_VERIFY(left.saidCount(u"Can't delete file left/f"_s) == 2);
-    left.thread.stop();
-    QVERIFY(seteuid(user) == 0 && chmod("left", 0755) == 0);
-    QCOMPARE(left.saidCount(u"Transmitted file left/f"_s), 2);
-    QCOMPARE(folder->readFile(u"left/f"_s), "stays");
 }
 
 void tst_scanthread::aFileReplacedWhileThePortIsTakenIsSentInItsTurn()
@@ -182,8 +198,12 @@ void tst_scanthread::aFileReplacedWhileThePortIsTakenIsSentInItsTurn()
     QVERIFY(other->bind(leftPort));
     Node left(leftPort, rightPort, u"left"_s), right(rightPort, leftPort, u"right"_s);
     left.put(u"f"_s, "old");
+    QElapsedTimer sinceStart;
+    sinceStart.start();
     left.thread.start();
     QTRY_VERIFY(sentPackages > 0); // handed over
+    QVERIFY(sinceStart.hasExpired(990)); // answers to a killed process are let pass before
+    QTRY_VERIFY(sentPackages > 20 && receivedPackages == 0); // none leaves from another port
     left.put(u"f"_s, "new");
     QCOMPARE(left.saidCount(u"Can't use UDP port %1"_s.arg(leftPort)), 1);
     other.reset();
@@ -198,9 +218,8 @@ void tst_scanthread::aPeerRestartedInMidTransferGetsTheWholeFile()
 {
     Node left(leftPort, rightPort, u"left"_s);
     left.thread.setPatience(std::chrono::milliseconds(500));
-    left.put(u"f"_s, noise(50'000, 1));
-    left.thread.start();
-    QTRY_VERIFY(sentPackages > 100); // refused, for nobody is there
+    left.send(u"f"_s, noise(50'000, 1));
+    QTRY_VERIFY(sentPackages > 100); // nobody is there yet
     std::optional<Node> right(std::in_place, rightPort, leftPort, u"right"_s);
     QTRY_VERIFY(receivedPackages > 50);
     right.reset();
@@ -211,94 +230,98 @@ void tst_scanthread::aPeerRestartedInMidTransferGetsTheWholeFile()
     QCOMPARE(left.saidCount(u"left/f, it is sent afresh"_s), 1);
 }
 
-// To its own port, the engine would acknowledge its own packets.
-void tst_scanthread::nothingIsSentWithoutANumericAddress()
+void tst_scanthread::aFileThatThePeerHasLostIsSentAfresh()
+{
+    Node left(leftPort, rightPort, u"left"_s);
+    left.send(u"f"_s, "of two packets");
+    QTRY_VERIFY(sentPackages > 0);
+    QUdpSocket peer; // has the first one, and then both, but counts five
+    for (const quint16 number : {quint16(0), quint16(1)})
+        peer.writeDatagram(Packet::makeAcknowledgement({0, 0}, 41, {&number, 1}, 1 + 4 * number),
+            QHostAddress::LocalHost, leftPort);
+    QTRY_COMPARE(left.saidCount(u"The peer has lost part of file left/f"_s), 1);
+    QVERIFY(left.holds(u"f"_s) && left.lines.size() == 1);
+}
+
+void tst_scanthread::nothingIsSentToItselfOrWithoutANumericAddress()
 {
     QUdpSocket peer;
     QVERIFY(peer.bind(rightPort));
+    const QString own = QNetworkInterface::allAddresses().constLast().toString();
     for (const QString &host :
-        {u"localhost"_s, u"0.0.0.0"_s, u"::ffff:0.0.0.0"_s, u"127.0.0.1"_s}) {
+        {u"localhost"_s, u"0.0.0.0"_s, u"::ffff:0.0.0.0"_s, u"127.0.0.2"_s, own}) {
+        const bool isItself = host == u"127.0.0.2"_s || host == own; // would answer itself
+        Node left(leftPort, isItself ? leftPort : rightPort, u"left"_s, 1, host);
         sentPackages = 0;
-        const bool isItself = host == u"127.0.0.1";
-        Node left(leftPort, isItself ? leftPort : rightPort, u"left"_s, host);
-        left.put(u"f"_s, "stays");
-        left.thread.start();
-        QTRY_VERIFY(sentPackages > 20);
-        QVERIFY(!peer.hasPendingDatagrams() && left.holds(u"f"_s) && receivedPackages == 0);
-        QCOMPARE(left.lines.size(), 1);
-        QVERIFY(left.lines.first().contains(
-            isItself ? u"is this module itself"_s : u"\"%1\" is not the numeric"_s.arg(host)));
+        left.send(u"f"_s, "stays");
+        QTRY_VERIFY2(sentPackages > 20, qPrintable(host));
+        QVERIFY2(!peer.hasPendingDatagrams() && receivedPackages == 0, qPrintable(host));
+        QVERIFY2(left.holds(u"f"_s) && left.lines.size() == 1, qPrintable(host));
+        QVERIFY2(left.saidCount(isItself ? u"is this module itself"_s
+                                         : u"\"%1\" is not the numeric"_s.arg(host)),
+            qPrintable(host));
     }
-    Node received(leftPort, rightPort, u"."_s);
-    received.put(u"f"_s, "stays");
-    received.thread.start();
-    QTRY_COMPARE(received.saidCount(u"is the working directory"_s), 1);
-    QVERIFY(received.thread.wait(longestWait));
 }
 
-void tst_scanthread::onlyThePeerIsHeard()
+void tst_scanthread::nothingIsSentFromTheWorkingDirectory()
 {
-    Node node(leftPort, rightPort, u"left"_s, u"127.0.0.2"_s);
-    node.thread.setOnlyPeer(true);
-    QUdpSocket stranger, peer;
-    QVERIFY(stranger.bind(QHostAddress(u"127.0.0.3"_s)) && peer.bind(QHostAddress(u"127.0.0.2"_s)));
-    for (QUdpSocket *socket : {&stranger, &stranger, &peer})
-        socket->writeDatagram("\xA4\xD5", QHostAddress::LocalHost, leftPort);
-    QTRY_COMPARE(receivedPackages, 1);
-    QCOMPARE(node.saidCount(u"127.0.0.3 are dropped"_s), 1);
+    Node node(leftPort, rightPort, u"."_s);
+    node.send(u"f"_s, "stays");
+    QTRY_COMPARE(node.saidCount(u"is the working directory"_s), 1);
+    QVERIFY(node.thread.wait(longestWait));
 }
 
-// The kernel announces some datagrams before it has verified their checksum.
-void tst_scanthread::noDatagramThatTheKernelDropsDeafensIt()
+void tst_scanthread::onlyThePeerIsHeardAndCannotFillTheLog()
+{
+    Node node(leftPort, rightPort, u"left"_s, 1, u"127.0.0.2"_s);
+    node.thread.setOnlyPeer(true);
+    node.thread.setMaxReceivedBytes(8);
+    const Bytes packets[] = {Packet::makeData({0, 0}, 9, 0, InformationRecord{1, "f"}.write()),
+        Packet::makeData({0, 0}, 9, 1, qCompress("nine bytes").sliced(4))};
+    for (const QString &host : {u"127.0.0.3"_s, u"127.0.0.2"_s}) {
+        QUdpSocket sender;
+        QVERIFY(sender.bind(QHostAddress(host)));
+        for (int i = 0; i < 50; ++i)
+            sender.writeDatagram(packets[i % 2], QHostAddress::LocalHost, leftPort);
+    }
+    QTRY_COMPARE(node.saidCount(u"left out for a minute"_s), 1);
+    QCOMPARE(node.saidCount(u"f is not written, it has more than 8 bytes"_s), 20);
+    QCOMPARE(node.saidCount(u"127.0.0.3 are dropped"_s), 1);
+    QCOMPARE(receivedPackages, 50);
+}
+
+void tst_scanthread::aDatagramThatTheKernelDropsDoesNotDeafenIt()
 {
     const Node node(leftPort, rightPort, u"left"_s);
-    QUdpSocket peer;
-    peer.setProxy(QNetworkProxy::NoProxy);
-    const auto isHeard = [&] {
-        const int before = receivedPackages;
-        peer.writeDatagram("\xA4\xD5", QHostAddress::LocalHost, leftPort);
-        return QTest::qWaitFor([&] { return receivedPackages > before; });
-    };
-    for (const char *host : {"127.0.0.1", "::1"}) {
-        for (const int size : {0, 20, 100, 60'000}) {
-            for (const quint16 checksum :
-                {quint16(0xBAD), quint16(0)}) { // none at all is wrong over IPv6
-                if (!sendDamaged(host, leftPort, size, checksum))
-                    QSKIP("no right to send damaged datagrams");
-                QCoreApplication::processEvents(); // notified of nothing else
-                QVERIFY2(isHeard(),
-                    qPrintable(u"%1, %2 bytes"_s.arg(QLatin1StringView(host)).arg(size)));
-            }
-        }
-    }
+    if (!sendDamaged(leftPort))
+        QSKIP("no right to send damaged datagrams");
+    QCoreApplication::processEvents(); // notified of nothing else
+    QUdpSocket().writeDatagram("\xA4\xD5", QHostAddress::LocalHost, leftPort);
+    QTRY_COMPARE(receivedPackages, 1);
 }
 
 void tst_scanthread::stopWaitsForNoCompression()
 {
-    Node left(leftPort, rightPort, u"left"_s);
+    Node left(leftPort, rightPort, u"left"_s, 0);
     QFile large(u"left/f"_s);
     QVERIFY(large.open(QFile::WriteOnly) && large.resize(8'000'000'000)); // takes many seconds
     const std::clock_t idle = std::clock();
     left.thread.start();
     QTRY_VERIFY(std::clock() - idle > CLOCKS_PER_SEC / 5); // it is busy
-    QElapsedTimer clock;
-    clock.start();
     left.thread.stop();
-    QVERIFY(left.thread.isFinished() && clock.elapsed() < 500);
-    QVERIFY(left.holds(u"f"_s));
+    for (int i = 0; i < 5; ++i)
+        QCoreApplication::processEvents(); // would begin to send the file
+    QVERIFY(sentPackages == 0 && left.holds(u"f"_s));
 }
 
 void tst_scanthread::withoutAFixedPaceFilesCrossBothWays()
 {
-    Node left(leftPort, rightPort, u"left"_s, u"127.0.0.1"_s, 0);
-    Node right(rightPort, leftPort, u"right"_s, u"127.0.0.1"_s, 0);
-    const Bytes content = noise(4'000'000, 1), other = noise(4'000'000, 2);
+    Node left(leftPort, rightPort, u"left"_s, 0), right(rightPort, leftPort, u"right"_s, 0);
+    const Bytes content = noise(1'000'000, 1), other = noise(1'000'000, 2);
     left.put(u"f"_s, content);
-    left.put(u"second"_s, other.first(10'000));
-    right.put(u"g"_s, other);
-    left.thread.start();
-    right.thread.start();
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(u"f"_s) && QFile::exists(u"g"_s), 10'000); // takes 2 s
+    left.send(u"second"_s, other.first(10'000));
+    right.send(u"g"_s, other);
+    QTRY_VERIFY(QFile::exists(u"f"_s) && QFile::exists(u"g"_s));
     QVERIFY(folder->readFile(u"f"_s) == content && folder->readFile(u"g"_s) == other);
     QTRY_VERIFY(folder->readFile(u"second"_s) == other.first(10'000));
 }

@@ -6,6 +6,26 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 
+#include <unistd.h>
+
+namespace {
+
+// What the action prints on standard error.
+QByteArray printed(const Workplace &place, const std::function<void()> &action)
+{
+    const int before = ::dup(STDERR_FILENO);
+    QFile file(place.path(u"stderr"_s));
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Truncate))
+        qFatal("cannot write %s", qPrintable(file.fileName()));
+    ::dup2(file.handle(), STDERR_FILENO);
+    action();
+    ::dup2(before, STDERR_FILENO);
+    ::close(before);
+    return place.readFile(u"stderr"_s);
+}
+
+} // namespace
+
 class TestSupportLib : public QObject
 {
     Q_OBJECT
@@ -13,6 +33,8 @@ private Q_SLOTS:
     void entryStaysOnOneLine();
     void logNameGivesPath();
     void logSurvivesRotation();
+    void logThatCannotBeWrittenIsNamedOncePerFailure();
+    void errorsAndWarningsAreObserved();
     void unknownKeysAreNamedAndTheFileIsLeftAlone();
     void templatesOfEndedProcessesAreRemoved();
     void databaseOpensOrSaysWhy();
@@ -22,10 +44,10 @@ void TestSupportLib::entryStaysOnOneLine()
 {
     const Workplace place;
     pLog->Message(u"one line feed is the line's own\n\n"_s);
-    pLog->Message(u"a\r\x1b[0m\u0085"_s);
+    pLog->Message(u"a\t\r\x1b[0m\u0085"_s);
     pLog->Message(QString(3'000'000, u'x'));
     QCOMPARE(place.logged(),
-        QStringList({u"one line feed is the line's own\\n"_s, u"a\\x0d\\x1b[0m\\x85"_s,
+        QStringList({u"one line feed is the line's own\\n"_s, u"a\t\\x0d\\x1b[0m\\x85"_s,
             QString(16'384, u'x')}));
     const QString stamp = QString::fromUtf8(place.readFile(u"test.log"_s)).section(u' ', 0, 0);
     const QDateTime time = QDateTime::fromString(stamp, Qt::ISODateWithMs);
@@ -37,6 +59,7 @@ void TestSupportLib::logNameGivesPath()
 {
     pLog->Message(u"before the settings are loaded, nobody hears it"_s);
     QVERIFY(!QFile::exists(pLog->filePath()));
+    QVERIFY(TLog(u"journal"_s).isJournal());
     const QString here = QDir::currentPath() + u'/';
     QCOMPARE(TLog(u"a.b"_s).filePath(), here + u"a.b.log"_s);
     QCOMPARE(TLog(u"sub/x"_s).filePath(), here + u"sub/x.log"_s);
@@ -46,18 +69,56 @@ void TestSupportLib::logNameGivesPath()
 void TestSupportLib::logSurvivesRotation()
 {
     const Workplace place;
-    TLog late(place.path(u"later/a.log"_s));
+    const QString log = place.path(u"test.log"_s);
+    pLog->Message(u"first"_s);
+    QVERIFY(QFile::rename(log, log + u".1"_s));
+    pLog->Message(u"second"_s);
+    QVERIFY(QFile::rename(log, log + u".2"_s));
+    place.writeFile(log, "");
+    pLog->Message(u"third"_s);
+    TLog ofAnotherStart(log);
+    ofAnotherStart.Enabled(true);
+    ofAnotherStart.Message(u"fourth"_s);
+    QCOMPARE(place.logged(), QStringList({u"third"_s, u"fourth"_s}));
+}
+
+void TestSupportLib::logThatCannotBeWrittenIsNamedOncePerFailure()
+{
+    const Workplace place;
+    TLog late(place.path(u"later/a.log"_s)), journal(u"journal"_s);
     late.Message(u"disabled"_s);
+    const QByteArray failure = "Cannot open the log file \"" + late.filePath().toUtf8()
+        + "\": No such file or directory\n";
+    const auto fail = [&] {
+        late.Message(u"lost"_s);
+        late.Message(u"lost"_s);
+    };
     late.Enabled(true);
-    late.Message(u"lost"_s);
+    QCOMPARE(printed(place, fail), failure);
     place.makeFolder(u"later"_s);
     late.Message(u"kept"_s);
     QCOMPARE(place.Folder::logged(u"later/a.log"_s), QStringList{u"kept"_s});
+    QVERIFY(QDir(place.path(u"later"_s)).removeRecursively());
+    QCOMPARE(printed(place, fail), failure);
+    late.Reopen();
+    QCOMPARE(printed(place, fail), failure);
+    journal.Enabled(true);
+    if (!QFile::exists(u"/run/systemd/journal/socket"_s))
+        QVERIFY(printed(place, [&] { journal.Message(u"unheard"_s); }).endsWith(" unheard\n"));
+}
 
-    pLog->Message(u"first"_s);
-    QVERIFY(QFile::rename(place.path(u"test.log"_s), place.path(u"test.log.1"_s)));
-    pLog->Message(u"second"_s);
-    QCOMPARE(place.logged(), QStringList{u"second"_s});
+void TestSupportLib::errorsAndWarningsAreObserved()
+{
+    const Workplace place;
+    QStringList observed;
+    TLog::SetObserver([&](const QString &text) { observed.append(text); });
+    using enum TLog::Priority;
+    for (const TLog::Priority priority : {Error, Warning, Notice, Information})
+        pLog->Message(QString::number(int(priority)), priority);
+    pLog->JournalOnly(u"not in a file"_s, Error);
+    TLog::SetObserver({});
+    QCOMPARE(observed, QStringList({u"3"_s, u"4"_s}));
+    QCOMPARE(place.logged(), QStringList({u"3"_s, u"4"_s, u"5"_s, u"6"_s}));
 }
 
 void TestSupportLib::unknownKeysAreNamedAndTheFileIsLeftAlone()
@@ -67,9 +128,8 @@ void TestSupportLib::unknownKeysAreNamedAndTheFileIsLeftAlone()
     const QString file = place.writeFile(u"a.ini"_s, written);
     {
         QSettings settings(file, QSettings::IniFormat);
-        QSettings known(place.path(u"template.ini"_s), QSettings::IniFormat);
-        for (const QString &key : {u"Main/Protocol"_s, u"Main/Port"_s, u"Main/Host"_s})
-            known.setValue(key, u"default"_s);
+        QSettings known(place.writeFile(u"known.ini"_s, "[Main]\nProtocol=\nPort=0\nHost=\n"),
+            QSettings::IniFormat);
         rebuildSettingsByTemplate(settings, known);
         QCOMPARE(settings.value(u"Main/Port"_s).toString(), u"1"_s);
     }
@@ -90,8 +150,7 @@ void TestSupportLib::templatesOfEndedProcessesAreRemoved()
                 QString::number(QCoreApplication::applicationPid()), QString::number(pid)),
             "");
     };
-    const QString left = templateOf(4'194'304); // no process ever has that number
-    const QString living = templateOf(1);
+    const QString living = templateOf(1), left = templateOf(4'194'304); // above every process id
     QCOMPARE(getIniNameDefault(true), own);
     QCOMPARE(QFileInfo(own).absolutePath(), place.path());
     QVERIFY(!QFile::exists(left) && QFile::exists(living));
@@ -100,13 +159,20 @@ void TestSupportLib::templatesOfEndedProcessesAreRemoved()
 void TestSupportLib::databaseOpensOrSaysWhy()
 {
     const Workplace place;
-    QSettings settings(place.path(u"db.ini"_s), QSettings::IniFormat);
-    settings.setValue(u"Good/Name"_s, place.path(u"data.sqlite"_s));
-    settings.setValue(u"Bad/Driver"_s, u"QNOSUCH"_s);
-    QString connection = u"records"_s;
+    const QString file = place.path(u"data.sqlite"_s), unnamed = place.path(u"unnamed.sqlite"_s);
+    const QByteArray lines = "[Good]\nHost=host\nPort=77\nUser=user\nPassword=secret\nName=";
+    QSettings settings(
+        place.writeFile(u"db.ini"_s, lines + file.toUtf8() + "\n[Bad]\nDriver=QNOSUCH\n"),
+        QSettings::IniFormat);
+    QString connection = u"records"_s, standard;
     if (QSqlDatabase::isDriverAvailable(u"QSQLITE"_s)) {
         QVERIFY(!openDataBaseBySettings(connection, settings, u"Good"_s, u"records"_s).isValid());
-        QVERIFY(QSqlDatabase::database(connection).isOpen());
+        const QSqlDatabase opened = QSqlDatabase::database(connection);
+        QCOMPARE(QStringList({opened.databaseName(), opened.hostName(), opened.userName(),
+                     opened.password(), QString::number(opened.port())}),
+            QStringList({file, u"host"_s, u"user"_s, u"secret"_s, u"77"_s}));
+        QVERIFY(!openDataBaseBySettings(standard, settings, u"None"_s, unnamed).isValid());
+        QCOMPARE(QSqlDatabase::database().databaseName(), unnamed);
     }
     QVERIFY(openDataBaseBySettings(connection, settings, u"Bad"_s, u"records"_s).isValid());
     QVERIFY(!QSqlDatabase::contains(connection));

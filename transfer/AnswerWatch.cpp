@@ -2,40 +2,46 @@
 
 #include <algorithm>
 
-bool AnswerWatch::isInVain(char requestId, Clock::time_point now)
+bool AnswerWatch::countRequest(char id, Clock::time_point now)
 {
-    if (requestId != requestedId) {
-        requestedId = requestId;
-        isAcknowledging = false;
-        longestUnanswered = endedGaps = 0;
+    if (id != requestedId) {
+        requestedId = id;
+        hasAnswered = false;
+        longestGap = endedGaps = 0;
     }
-    if (!isAcknowledging)
+    if (!hasAnswered)
         return false;
-    ++unanswered;
+    ++unansweredDatagrams;
     const bool isAlive = now - lastOtherPacket < patienceIfAlive;
-    const std::chrono::milliseconds least =
-        isAlive ? std::min<std::chrono::milliseconds>(patience, patienceIfAlive) : patience;
-    const Clock::duration limit =
-        doesPeerHear ? least : std::max<Clock::duration>(least, lastAnswer - firstAnswer);
-    if (unanswered <= (isAlive ? mostUnansweredIfAlive() : maxUnanswered)
-        || now - lastAnswer <= limit)
+    if (unansweredDatagrams <= allowedUnanswered(isAlive)
+        || now - lastAnswer <= allowedSilence(isAlive))
         return false;
-    isAcknowledging = false;
+    hasAnswered = false;
     return true;
 }
 
-int AnswerWatch::mostUnansweredIfAlive() const
+int AnswerWatch::allowedUnanswered(bool isAlive) const
 {
-    if (endedGaps < enoughAnswers)
+    if (!isAlive)
+        return maxUnanswered;
+    if (endedGaps < enoughGaps)
         return maxUnansweredIfAlive;
-    return std::clamp(
-        timesTheLongest * longestUnanswered, leastUnansweredIfAlive, maxUnansweredIfAlive);
+    return std::clamp(longestGapFactor * longestGap, minUnansweredIfAlive, maxUnansweredIfAlive);
+}
+
+// Unless the peer is known to hear us, waits at least as long as the file took until the last
+// answer. An outage then costs a long transfer at most the time that it lasts.
+AnswerWatch::Clock::duration AnswerWatch::allowedSilence(bool isAlive) const
+{
+    const std::chrono::milliseconds least =
+        isAlive ? std::min<std::chrono::milliseconds>(patience, patienceIfAlive) : patience;
+    return doesPeerHear ? least : std::max<Clock::duration>(least, lastAnswer - firstAnswer);
 }
 
 void AnswerWatch::received(const Packet &packet, Clock::time_point now)
 {
     if (packet.kind != Packet::Acknowledgement)
-        noteAlive(packet, now);
+        noteOtherPacket(packet, now);
     else if (packet.id == requestedId && packet.entryCount() > 0)
         answered(now);
     else
@@ -44,17 +50,17 @@ void AnswerWatch::received(const Packet &packet, Clock::time_point now)
 
 void AnswerWatch::answered(Clock::time_point now)
 {
-    if (!isAcknowledging)
+    if (!hasAnswered)
         firstAnswer = now;
-    isAcknowledging = true;
+    hasAnswered = true;
     doesPeerHear = false;
-    endedGaps += unanswered > 0;
-    longestUnanswered = std::max(longestUnanswered, unanswered);
-    unanswered = 0;
+    endedGaps += unansweredDatagrams > 0;
+    longestGap = std::max(longestGap, unansweredDatagrams);
+    unansweredDatagrams = 0;
     lastAnswer = now;
 }
 
-void AnswerWatch::noteAlive(const Packet &packet, Clock::time_point now)
+void AnswerWatch::noteOtherPacket(const Packet &packet, Clock::time_point now)
 {
     lastOtherPacket = now;
     if (packet.kind != Packet::Data)
@@ -62,7 +68,8 @@ void AnswerWatch::noteAlive(const Packet &packet, Clock::time_point now)
     const bool wasAnnouncing = std::exchange(isPeerAnnouncing, packet.number == 0);
     // Soon after the last answer the peer may be reacting to a packet from before a restart or an
     // outage.
-    const bool isRecent = unanswered <= maxUnansweredIfAlive / 2 && now - lastAnswer <= longestTrip;
+    const bool isRecent =
+        unansweredDatagrams <= maxUnansweredIfAlive / 2 && now - lastAnswer <= longestTrip;
     if (wasAnnouncing && !isPeerAnnouncing && !isRecent)
         doesPeerHear = true;
 }

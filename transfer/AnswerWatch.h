@@ -20,33 +20,31 @@ public:
     // The same limits while other packets of the peer keep arriving.
     static constexpr std::chrono::seconds patienceIfAlive{5};
     static constexpr int maxUnansweredIfAlive = 40;
-    // If the longest gap between answers so far was short, fewer datagrams suffice: a multiple of
-    // that gap, once enough gaps have been seen. With ticks of a second, 40 datagrams would take
-    // more than a minute and a half.
-    static constexpr int leastUnansweredIfAlive = 8;
-    static constexpr int timesTheLongest = 4;
-    static constexpr int enoughAnswers = 20;
-    // If the peer shows later than this after its last answer that a packet of ours has reached it,
-    // that packet was sent after the answer.
+    // Once enough gaps between answers have been seen, the limit is the longest of them times the
+    // factor, within these bounds. At one tick a second, 40 datagrams would take over 90 seconds.
+    static constexpr int minUnansweredIfAlive = 8;
+    static constexpr int longestGapFactor = 4;
+    static constexpr int enoughGaps = 20;
+    // The longest time that a packet of ours is assumed to take before the peer shows an effect. An
+    // effect that shows later than this after the last answer comes from a packet sent after it.
     static constexpr std::chrono::seconds longestTrip{2};
 
-    // Call for every request sent. Returns true, once, if the peer has acknowledged something of
-    // this file, but nothing for too long. Unless the peer is known to hear us, also waits as long
-    // as the file took until the last answer: an outage then costs a long transfer at most the time
-    // that it lasts.
-    [[nodiscard]] bool isInVain(char id, Clock::time_point now = Clock::now());
+    // Counts a datagram that carries a request. Returns true, once, if the peer has acknowledged
+    // something of this file, but nothing for too long.
+    [[nodiscard]] bool countRequest(char id, Clock::time_point now = Clock::now());
     // Call for every packet that arrives.
     void received(const Packet &packet, Clock::time_point now = Clock::now());
 
 private:
-    [[nodiscard]] int mostUnansweredIfAlive() const;
+    [[nodiscard]] int allowedUnanswered(bool isAlive) const;
+    [[nodiscard]] Clock::duration allowedSilence(bool isAlive) const;
     void answered(Clock::time_point now);
-    void noteAlive(const Packet &packet, Clock::time_point now);
+    void noteOtherPacket(const Packet &packet, Clock::time_point now);
 
     char requestedId = -1;
-    bool isAcknowledging = false; // something of this file was acknowledged
-    int unanswered = 0; // datagrams since the last answer
-    int longestUnanswered = 0; // of the gaps that have ended
+    bool hasAnswered = false; // about this file
+    int unansweredDatagrams = 0;
+    int longestGap = 0; // datagrams, of the gaps that have ended
     int endedGaps = 0;
     Clock::time_point firstAnswer;
     Clock::time_point lastAnswer;

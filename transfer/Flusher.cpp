@@ -1,12 +1,12 @@
 #include "Flusher.h"
 
+#include "FileTime.h"
 #include "Journal.h"
 
-#include <QFile>
+#include <QThread>
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,14 +20,14 @@ constexpr auto failureInterval = 5s; // the same after a failure
 
 } // namespace
 
-Flusher::Flusher(
-    const QString &spool, std::function<int()> journalDescriptor, std::function<bool()> areNeeded)
-    : path(QFile::encodeName(spool))
+Flusher::Flusher(const SpoolDirectory &spoolDirectory, std::function<int()> journalDescriptor,
+    std::function<bool()> areNeeded)
+    : spool(spoolDirectory)
     , journal(std::move(journalDescriptor))
     , areFilesNeeded(std::move(areNeeded))
 {
-    due.setSingleShot(true);
-    connect(&due, &QTimer::timeout, this, &Flusher::begin);
+    beginTimer.setSingleShot(true);
+    connect(&beginTimer, &QTimer::timeout, this, &Flusher::begin);
 }
 
 // Waits for a flush that is under way.
@@ -35,7 +35,7 @@ Flusher::~Flusher()
 {
     {
         const std::lock_guard lock(mutex);
-        shallEnd = true;
+        stopRequested = true;
     }
     wake.notify_all();
     if (worker.joinable())
@@ -46,35 +46,36 @@ Flusher::~Flusher()
 
 void Flusher::filesWritten()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (!std::exchange(areFilesDirty, true))
         schedule();
 }
 
 void Flusher::recordsWait()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (!std::exchange(areRecordsDirty, true))
         schedule();
 }
 
 void Flusher::schedule()
 {
-    if (isRunning || due.isActive())
+    if (isRunning || beginTimer.isActive())
         return;
     const auto next = lastBegin + (hasFailed ? failureInterval : leastInterval);
     const auto pause = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-    due.start(std::max(areFilesDirty ? gatherTime : 0ms, pause));
+    beginTimer.start(std::max(areFilesDirty ? gatherTime : 0ms, pause));
 }
 
 void Flusher::begin()
 {
+    Q_ASSERT(!isRunning);
     areFilesDirty = areFilesDirty && areFilesNeeded();
     if (!areFilesDirty && !areRecordsDirty)
         return;
     lastBegin = Clock::now();
-    timespec now;
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &now); // the clock of the files' times
-    Job next = {areFilesDirty, qint64(now.tv_sec) * 1'000'000'000 + now.tv_nsec,
-        Descriptor(::open(path.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+    Job next = {areFilesDirty, FileTime::now(),
+        Descriptor(::open(spool.encodedPath().constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
         Descriptor(::fcntl(journal(), F_DUPFD_CLOEXEC, 0))};
     areFilesDirty = areRecordsDirty = false;
     isRunning = true;
@@ -96,31 +97,32 @@ void Flusher::run()
     ::pthread_sigmask(SIG_BLOCK, &all, nullptr); // the main thread handles signals
     std::unique_lock lock(mutex);
     for (;;) {
-        wake.wait(lock, [this] { return job || shallEnd; });
-        if (shallEnd)
+        wake.wait(lock, [this] { return job || stopRequested; });
+        if (stopRequested)
             return;
         const Job current = std::move(*job);
         job.reset();
         lock.unlock();
-        const int reason = perform(current);
+        const int reason = perform(current) ? 0 : errno;
         lock.lock();
-        QMetaObject::invokeMethod(this, "finished", Qt::QueuedConnection, Q_ARG(int, reason));
+        QMetaObject::invokeMethod(
+            this, [this, reason] { finish(reason); }, Qt::QueuedConnection);
     }
 }
 
-// The time is noted after the files are there, and that note brought to the disk too: else a later
-// power cut would call them doubtful. Returns 0 or the reason as errno.
-int Flusher::perform(const Job &job)
+// Returns false with the reason in errno. Notes the time after the files are on the disk, and then
+// flushes that note too: otherwise a later power cut would put the files in doubt.
+bool Flusher::perform(const Job &job)
 {
-    if (job.withFiles
-        && (::syncfs(job.spool.get()) != 0
-            || (job.journal.isOpen() && !Journal::noteSynced(job.journal.get(), job.time))))
-        return errno;
-    return job.journal.isOpen() && !Journal::sync(job.journal.get()) ? errno : 0;
+    const bool areFilesFlushed = !job.withFiles
+        || (::syncfs(job.spool.get()) == 0
+            && (!job.journal.isOpen() || Journal::noteSynced(job.journal.get(), job.time)));
+    return areFilesFlushed && (!job.journal.isOpen() || Journal::sync(job.journal.get()));
 }
 
-void Flusher::finished(int reason)
+void Flusher::finish(int reason)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     isRunning = false;
     areFilesDirty |= reason != 0;
     if (reason != 0 && !std::exchange(hasFailed, true))

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Descriptor.h"
+#include "SpoolDirectory.h"
 
 #include <QObject>
 #include <QTimer>
@@ -23,10 +24,10 @@ class Flusher : public QObject
 {
     Q_OBJECT
 public:
-    // journal returns the descriptor of the file that stores the time of a flush, or -1.
-    // areFilesNeeded is called when a flush is due and returns whether any file is left to flush.
-    Flusher(
-        const QString &spool, std::function<int()> journal, std::function<bool()> areFilesNeeded);
+    // `journal` returns the descriptor of the file that stores the time of a flush, or -1.
+    // `areFilesNeeded` is asked when a flush begins whether there is any file left to flush.
+    Flusher(const SpoolDirectory &spool, std::function<int()> journal,
+        std::function<bool()> areFilesNeeded);
     ~Flusher() override;
 
     // Requests a flush because files were written into the spool.
@@ -53,13 +54,13 @@ private:
     void schedule();
     void begin();
     void run();
-    [[nodiscard]] static int perform(const Job &job);
-    Q_INVOKABLE void finished(int reason);
+    [[nodiscard]] static bool perform(const Job &job);
+    void finish(int reason);
 
-    const QByteArray path; // file system encoding
+    const SpoolDirectory spool;
     const std::function<int()> journal;
     const std::function<bool()> areFilesNeeded;
-    QTimer due;
+    QTimer beginTimer;
     Clock::time_point lastBegin;
     bool areFilesDirty = false, areRecordsDirty = false;
     bool isRunning = false;
@@ -69,5 +70,5 @@ private:
     std::mutex mutex; // guards the members below
     std::condition_variable wake;
     std::optional<Job> job;
-    bool shallEnd = false;
+    bool stopRequested = false;
 };

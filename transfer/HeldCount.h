@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Packet.h"
+
 #include <QtGlobal>
 
 #include <optional>
@@ -18,7 +20,7 @@ public:
     // Starts a file with that many packets, including packet 0.
     void begin(int packets)
     {
-        countOfAll = quint8(packets);
+        lowByteOfAll = quint8(packets);
         isCounting = isWhole = false;
     }
 
@@ -37,7 +39,7 @@ public:
             return;
         isCounting |= *held != 1;
         // Stays true: an older acknowledgement with a lower count may arrive late.
-        isWhole |= *held == countOfAll && outstanding <= fewOutstanding;
+        isWhole |= *held == lowByteOfAll && outstanding <= fewOutstanding;
     }
 
     // Call when all packets are acknowledged. Returns whether the peer counts its packets, but has
@@ -45,9 +47,9 @@ public:
     [[nodiscard]] bool lacksSome() const { return isCounting && !isWhole; }
 
 private:
-    static constexpr qsizetype fewOutstanding = 50; // two status requests; far below 256
+    static constexpr qsizetype fewOutstanding = 2 * Packet::maxListed; // far below 256
 
-    quint8 countOfAll = 0; // low eight bits
+    quint8 lowByteOfAll = 0;
     bool isCounting = false;
     bool isWhole = false;
 };

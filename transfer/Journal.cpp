@@ -1,5 +1,7 @@
 #include "Journal.h"
 
+#include "SpoolLayout.h"
+
 #include <QFile>
 #include <QRandomGenerator>
 
@@ -8,6 +10,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <sys/statvfs.h>
 #include <type_traits>
 #include <vector>
@@ -156,8 +159,8 @@ const Journal::Identity &Journal::here()
 bool Journal::create(int folder)
 {
     close();
-    file = Descriptor(
-        ::openat(folder, fileName, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, fileMode));
+    file = Descriptor(::openat(folder, SpoolLayout::journalFile,
+        O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, fileMode));
     struct statvfs disk = {};
     if (!file.isOpen() || ::fstatvfs(file.get(), &disk) != 0)
         return false;
@@ -167,7 +170,7 @@ bool Journal::create(int folder)
         bytes = 0;
     if (writeHeader(bytes))
         return true;
-    ::unlinkat(folder, fileName, 0);
+    ::unlinkat(folder, SpoolLayout::journalFile, 0);
     close();
     return false;
 }
@@ -185,11 +188,14 @@ bool Journal::writeHeader(qint64 ringBytes)
 bool Journal::open(int folder)
 {
     close();
-    file = Descriptor(::openat(folder, fileName, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    file = Descriptor(::openat(folder, SpoolLayout::journalFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    if (!file.isOpen())
+        return false;
     IdentityBlock block = {};
-    if (!file.isOpen() || !readBlock(file.get(), block, 0) || block.magic != fileMagic
-        || block.version != fileVersion || block.capacity > quint64(defaultBytes)) {
+    if (!readBlock(file.get(), block, 0) || block.magic != fileMagic || block.version != fileVersion
+        || block.capacity > quint64(defaultBytes)) {
         file = Descriptor();
+        errno = EBADMSG;
         return false;
     }
     capacity = block.capacity;
@@ -241,6 +247,7 @@ bool Journal::sync(int descriptor)
 // to the ring's start.
 quint64 Journal::placeFor(qsizetype bytes) const
 {
+    Q_ASSERT(capacity > 0);
     const quint64 at = tail % capacity;
     return at + quint64(bytes) <= capacity ? tail : tail - at + capacity;
 }
@@ -256,14 +263,16 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
 {
     const qsizetype contentBytes = kind.size() + payload.size();
     const quint64 bytes = recordBytes(name.size(), contentBytes);
-    const quint64 place = placeFor(qsizetype(bytes));
     Q_ASSERT(hasRoomFor(name.size(), contentBytes));
+    Q_ASSERT(name.size() <= std::numeric_limits<quint16>::max());
+    const quint64 place = placeFor(qsizetype(bytes));
     if (place != tail) {
         failed = !writeStaged(); // staged bytes must be contiguous in the ring
         tail = writtenEnd = place;
     }
     const qsizetype at = staged.size();
     staged.resize(at + qsizetype(bytes));
+    Q_ASSERT(sizeof(RecordHeader) + size_t(name.size() + contentBytes) <= bytes);
     char *to = staged.data() + at;
     RecordHeader header = {
         recordMagic, 0, place, time, quint32(contentBytes), quint16(name.size()), 0};
@@ -284,6 +293,7 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
 bool Journal::writeStaged()
 {
     const off_t at = ringAt + off_t(writtenEnd % std::max<quint64>(capacity, 1));
+    Q_ASSERT(at + staged.size() <= ringAt + off_t(capacity));
     if (!writeAll(file.get(), staged.constData(), size_t(staged.size()), at))
         return false;
     writtenEnd += quint64(staged.size());
@@ -326,7 +336,7 @@ bool Journal::scan(
     QByteArray bytes(qsizetype(size), Qt::Uninitialized);
     bytes.truncate(std::max<qsizetype>(
         ::pread(file.get(), bytes.data(), size_t(size), ringAt + off_t(from)), 0));
-    std::vector<std::pair<quint64, Entry>> found; // by position
+    std::vector<std::pair<quint64, Entry>> foundAt;
     for (quint64 at = 0; at < quint64(bytes.size());) {
         RecordHeader header;
         Entry entry;
@@ -334,22 +344,11 @@ bool Journal::scan(
             readRecord(QByteArrayView(bytes).sliced(qsizetype(at)), checksumSeed, header, entry);
         const bool isOwn = isWhole && header.position % capacity == from + at;
         if (isOwn && header.position >= head && header.position < head + capacity)
-            found.emplace_back(header.position, entry);
+            foundAt.emplace_back(header.position, entry);
         at += isOwn ? entry.end - header.position : alignment;
     }
-    std::sort(
-        found.begin(), found.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+    std::sort(foundAt.begin(), foundAt.end(),
+        [](const auto &a, const auto &b) { return a.first < b.first; });
     return std::all_of(
-        found.begin(), found.end(), [&](const auto &record) { return visit(record.second); });
-}
-
-void Journal::forEachStaged(const std::function<void(const Entry &)> &visit) const
-{
-    RecordHeader header;
-    Entry entry;
-    QByteArrayView rest(staged);
-    while (readRecord(rest, checksumSeed, header, entry)) {
-        visit(entry);
-        rest = rest.sliced(qsizetype(entry.end - header.position));
-    }
+        foundAt.begin(), foundAt.end(), [&](const auto &record) { return visit(record.second); });
 }

@@ -44,8 +44,7 @@ public:
         QByteArray boot;
     };
 
-    static constexpr char fileName[] = ".journal";
-    static constexpr qint64 defaultBytes = 8'388'608; // twice what a link holds unacknowledged
+    static constexpr qint64 defaultBytes = 8'388'608; // more than a link holds unacknowledged
     static constexpr qsizetype largestContent = 1'048'576; // bytes; larger records become files
 
     Journal() = default;
@@ -79,16 +78,14 @@ public:
     // Calls visit for every written record in use, in order. Stops and returns false when visit
     // returns false.
     bool forEach(const std::function<bool(const Entry &)> &visit) const;
-    // Calls visit for every staged record, in order.
-    void forEachStaged(const std::function<void(const Entry &)> &visit) const;
 
     // Returns the time, in nanoseconds since the epoch, up to which changes of the file system are
     // known to be on the disk.
     [[nodiscard]] qint64 syncedUntil() const;
     // Stores that time; sync() flushes the journal to the disk. Both take the file's descriptor,
     // because they run on a thread that may outlive the journal.
-    static bool noteSynced(int descriptor, qint64 time);
-    static bool sync(int descriptor);
+    [[nodiscard]] static bool noteSynced(int descriptor, qint64 time);
+    [[nodiscard]] static bool sync(int descriptor);
 
 private:
     [[nodiscard]] bool writeHeader(qint64 ringBytes);
@@ -99,9 +96,11 @@ private:
     Descriptor file;
     quint64 capacity = 0; // bytes
     quint32 checksumSeed = 0;
-    quint64 head = 0; // position of the oldest record in use
-    quint64 tail = 0; // position after the last record, staged ones included
-    quint64 writtenEnd = 0; // position after the last record in the file
-    QByteArray staged; // the bytes between these two
+    // Positions: records in use are in the file from head to writtenEnd, and staged from there to
+    // tail.
+    quint64 head = 0;
+    quint64 writtenEnd = 0;
+    quint64 tail = 0;
+    QByteArray staged;
     bool failed = false;
 };

@@ -1,17 +1,18 @@
 #include "Leftovers.h"
 
+#include "FileCalls.h"
+#include "FileTime.h"
 #include "GiveBack.h"
-#include "SentFolder.h"
+#include "Journal.h"
+#include "SpoolLayout.h"
 
 #include <QFile>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <ctime>
-#include <dirent.h>
 #include <fcntl.h>
 #include <limits>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,11 +24,10 @@ constexpr unsigned int timesMask = STATX_TYPE | STATX_BTIME | STATX_CTIME;
 
 // Calls visit(name) for every entry of an open folder, until a stop is requested.
 template <typename Visit>
-void forEachEntry(int folder, const std::atomic<bool> &shallEnd, Visit visit)
+void forEachEntry(int folder, const std::atomic<bool> &stopRequested, Visit visit)
 {
-    const std::unique_ptr<DIR, int (*)(DIR *)> entries(
-        ::fdopendir(::openat(folder, ".", folderFlags)), ::closedir);
-    while (const dirent *entry = entries && !shallEnd ? ::readdir(entries.get()) : nullptr)
+    const OpenFolder entries(::fdopendir(::openat(folder, ".", folderFlags)), ::closedir);
+    while (const dirent *entry = entries && !stopRequested ? ::readdir(entries.get()) : nullptr)
         visit(entry->d_name);
 }
 
@@ -40,16 +40,13 @@ qint64 birthOf(int folder, const char *name)
         || !S_ISREG(info.stx_mode))
         return 0;
     const statx_timestamp &time = info.stx_mask & STATX_BTIME ? info.stx_btime : info.stx_ctime;
-    return time.tv_sec * 1'000'000'000 + time.tv_nsec;
+    return FileTime::of({time.tv_sec, time.tv_nsec});
 }
 
 // Returns when the system was started, in nanoseconds since the epoch.
 qint64 startOfSystem()
 {
-    timespec now, running;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    ::clock_gettime(CLOCK_BOOTTIME, &running);
-    return (now.tv_sec - running.tv_sec) * 1'000'000'000 + now.tv_nsec - running.tv_nsec;
+    return FileTime::ofClock(CLOCK_REALTIME) - FileTime::ofClock(CLOCK_BOOTTIME);
 }
 
 bool differ(const QByteArray &a, const QByteArray &b)
@@ -80,13 +77,12 @@ struct Leftovers::Folder
     {
         const qint64 noted = journal.syncedUntil();
         return noted > 0 ? noted
-                         : std::max(birthOf(descriptor.get(), Journal::fileName), qint64(1));
+                         : std::max(birthOf(descriptor.get(), SpoolLayout::journalFile), qint64(1));
     }
 };
 
-Leftovers::Leftovers(const QString &spoolPath, MessageSink messageSink)
-    : directory(spoolPath)
-    , spool(QFile::encodeName(spoolPath))
+Leftovers::Leftovers(const SpoolDirectory &spoolDirectory, MessageSink messageSink)
+    : spool(spoolDirectory)
     , report(std::move(messageSink))
 {
 }
@@ -98,12 +94,11 @@ Leftovers::~Leftovers() = default;
 Leftovers::Folders Leftovers::endedOwners(const QByteArray &own)
 {
     Folders folders;
-    const Descriptor around(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
+    const Descriptor around(::open(spool.encodedPath().constData(), folderFlags & ~O_NOFOLLOW));
     if (!around.isOpen())
         return folders;
-    forEachEntry(around.get(), shallEnd, [&](const char *name) {
-        if (std::strncmp(name, SentFolder::prefix, std::strlen(SentFolder::prefix)) != 0
-            || own == name)
+    forEachEntry(around.get(), stopRequested, [&](const char *name) {
+        if (!std::string_view(name).starts_with(SpoolLayout::sentPrefix) || own == name)
             return;
         if (std::unique_ptr<Folder> folder = openIfEnded(name))
             folders.push_back(std::move(folder));
@@ -113,7 +108,7 @@ Leftovers::Folders Leftovers::endedOwners(const QByteArray &own)
 
 std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name)
 {
-    const QByteArray path = spool + '/' + name;
+    const QByteArray path = spool.encodedPathOf(name);
     auto folder = std::make_unique<Folder>();
     folder->name = name;
     folder->descriptor = Descriptor(::open(path.constData(), folderFlags));
@@ -147,28 +142,28 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
 bool Leftovers::giveBack(const QByteArray &own, const NoteSynced &note)
 {
     const Folders folders = endedOwners(own);
-    qint64 cut = 0; // nanoseconds since the epoch: what is as young as this may be damaged
+    qint64 doubtfulSince = 0; // nanoseconds since the epoch
     qint64 lastSync = std::numeric_limits<qint64>::max();
     for (const std::unique_ptr<Folder> &folder : folders) {
         giveFilesBack(*folder);
         if (folder->isFromEarlierBoot())
-            cut = std::max(cut, folder->syncedUntil());
+            doubtfulSince = std::max(doubtfulSince, folder->syncedUntil());
         else if (folder->journal.isOpen())
             lastSync = std::min(lastSync, folder->syncedUntil());
     }
-    if (cut > 0)
-        setDoubtfulAside(cut);
+    if (doubtfulSince > 0)
+        setDoubtfulAside(doubtfulSince);
     if (note)
         note(lastSync);
     bool isDone = true;
     for (const std::unique_ptr<Folder> &folder : folders)
-        isDone = !shallEnd && giveRecordsBack(*folder) && isDone;
+        isDone = !stopRequested && giveRecordsBack(*folder) && isDone;
     return isDone;
 }
 
 void Leftovers::giveFilesBack(Folder &folder)
 {
-    forEachEntry(folder.descriptor.get(), shallEnd, [&](const char *name) {
+    forEachEntry(folder.descriptor.get(), stopRequested, [&](const char *name) {
         if (name[0] != '.' && !GiveBack::file(folder.descriptor.get(), name, spool, name))
             folder.failure = errno;
     });
@@ -190,37 +185,37 @@ bool Leftovers::giveRecordsBack(Folder &folder)
                 + qt_error_string(folder.failure));
         return false;
     }
-    forEachEntry(folder.descriptor.get(), shallEnd,
+    forEachEntry(folder.descriptor.get(), stopRequested,
         [&](const char *name) { ::unlinkat(folder.descriptor.get(), name, 0); });
-    ::rmdir((spool + '/' + folder.name).constData());
+    ::rmdir(spool.encodedPathOf(folder.name).constData());
     return true;
 }
 
-// Files that were made after the start of the system are not in doubt, unless the clock tells no
-// such time.
-void Leftovers::setDoubtfulAside(qint64 cut)
+// Sets aside the files that were created from `since` until the system started. If the clock puts
+// the start before `since`, it does not tell which files are later, so all of them are in doubt.
+void Leftovers::setDoubtfulAside(qint64 since)
 {
     const qint64 start =
-        startOfSystem() > cut ? startOfSystem() : std::numeric_limits<qint64>::max();
-    const Descriptor own(::open(spool.constData(), folderFlags & ~O_NOFOLLOW));
+        startOfSystem() > since ? startOfSystem() : std::numeric_limits<qint64>::max();
+    const Descriptor own(::open(spool.encodedPath().constData(), folderFlags & ~O_NOFOLLOW));
     QByteArrayList doubtful;
-    forEachEntry(own.get(), shallEnd, [&](const char *name) {
+    forEachEntry(own.get(), stopRequested, [&](const char *name) {
         const qint64 birth = name[0] != '.' ? birthOf(own.get(), name) : 0;
-        if (birth >= cut && birth < start)
+        if (birth >= since && birth < start)
             doubtful.append(name);
     });
     for (const QByteArray &name : std::as_const(doubtful)) {
         const QString shown = QFile::decodeName(name);
-        if (directory.setAside(shown) == SpoolDirectory::SetAside::Moved)
+        if (spool.setAside(shown) == SpoolDirectory::SetAside::Moved)
             report(tr("Refused file %1: the system went down before it was surely on the disk")
-                       .arg(directory.pathOf(shown)));
+                       .arg(spool.pathOf(shown)));
     }
 }
 
 void Leftovers::reportOnce(const QByteArray &folder, const QString &text)
 {
-    if (named.contains(folder))
+    if (reportedFolders.contains(folder))
         return;
-    named.insert(folder);
-    report(text.arg(directory.pathOf(QFile::decodeName(folder))));
+    reportedFolders.insert(folder);
+    report(text.arg(spool.pathOf(QFile::decodeName(folder))));
 }

@@ -27,7 +27,7 @@ class Leftovers
 public:
     using NoteSynced = std::function<void(qint64 time)>;
 
-    Leftovers(const QString &spool, MessageSink report);
+    Leftovers(const SpoolDirectory &spool, MessageSink report);
     ~Leftovers();
 
     // Gives back the content of every folder but own. Returns false if something remains that could
@@ -35,7 +35,7 @@ public:
     // that ended since the last boot knew the disk to be synced (nanoseconds since the epoch).
     [[nodiscard]] bool giveBack(const QByteArray &own = {}, const NoteSynced &note = {});
     // Makes a running giveBack() return soon. The rest is left for a later call.
-    void end() { shallEnd = true; }
+    void requestStop() { stopRequested = true; }
 
 private:
     struct Folder;
@@ -44,13 +44,12 @@ private:
     [[nodiscard]] Folders endedOwners(const QByteArray &own);
     [[nodiscard]] std::unique_ptr<Folder> openIfEnded(const QByteArray &name);
     void giveFilesBack(Folder &folder);
-    void setDoubtfulAside(qint64 cut);
+    void setDoubtfulAside(qint64 since);
     [[nodiscard]] bool giveRecordsBack(Folder &folder);
     void reportOnce(const QByteArray &folder, const QString &text);
 
-    const SpoolDirectory directory;
-    const QByteArray spool; // file system encoding
+    const SpoolDirectory spool;
     const MessageSink report;
-    std::atomic<bool> shallEnd = false;
-    QSet<QByteArray> named; // folders that were reported
+    std::atomic<bool> stopRequested = false;
+    QSet<QByteArray> reportedFolders;
 };

@@ -1,5 +1,7 @@
 #include "PacedSender.h"
 
+#include "Packet.h"
+
 #include <algorithm>
 #include <cmath>
 #include <utility>
@@ -10,29 +12,32 @@ using Time = RateControl::Time;
 
 namespace {
 
-constexpr size_t maxListed = 25; // numbers in a request
+constexpr size_t maxListed = size_t(Packet::maxListed);
 constexpr double requestBytes = 2 * (15 + 28); // both copies with their headers, without numbers
 constexpr double numberBytes = 2 * 2; // one number in both copies
-constexpr int announceCopies = 2; // of the information record before each request about it
-constexpr Seconds announceInterval{0.1}; // grows by half each time
-constexpr Seconds longestInterval{0.5};
+constexpr int announceCopies = 2;
+constexpr Seconds firstAnnounceInterval{0.1};
+constexpr double announceIntervalGrowth = 1.5, maxAnnounceIntervalFactor = 10;
+constexpr Seconds longestAnnounceInterval{0.5};
 constexpr Seconds pathIsFreshFor{10};
 constexpr size_t requestsKept = 1'024; // answers to older ones are no longer recognised
-constexpr quint32 overtaken = 2; // requests; if one that much later is answered, this one is not
-constexpr int maxUnanswered = 2; // requests about a packet before it counts as lost
+// Requests. Once a request is answered that was made so much later, no answer is expected any more.
+constexpr quint32 overtakenAfter = 2;
+constexpr int unansweredUntilLost = 2; // requests
 
-constexpr int tailPackets = 25; // fit into one request
-constexpr int maxTailTries = 3;
+constexpr int tailPackets = int(Packet::maxListed); // one request can list them all
+constexpr int maxTailRetries = 3;
 constexpr Seconds leastTailPause{0.005};
-constexpr double clearLoss = 0.02;
+constexpr double highLoss = 0.02;
 
-constexpr Seconds heldUp{0.005}; // if we wake up later than this, missing answers may be our fault
+// If we wake up later than this, answers may have arrived that are not read yet.
+constexpr Seconds lateWakeUp{0.005};
 
-// While no answers arrive: packets in each try, and the longest time between two tries.
-constexpr int silentPackets = 4;
-constexpr Seconds longestTry{0.25};
-constexpr double silentTimeouts = 4;
-constexpr Seconds leastSilence{0.25};
+// While no answers arrive, a few packets probe the path now and then.
+constexpr int probePackets = 4;
+constexpr Seconds longestProbeInterval{0.25};
+constexpr double timeoutsUntilSilent = 4;
+constexpr Seconds leastSilentTime{0.25};
 
 Time after(Time time, Seconds wait)
 {
@@ -43,35 +48,36 @@ Time after(Time time, Seconds wait)
 
 void PacedSender::begin(int last, Time now)
 {
+    Q_ASSERT(last >= 0 && last <= Packet::maxNumber);
     knowsPath = knowsPath && now - lastAnswer < pathIsFreshFor;
     if (!knowsPath)
         rate.restart(now, std::nullopt);
     entries.assign(size_t(last) + 1, {});
     nextUnsent = 1;
-    flying = doubtful = 0;
+    packetsInFlight = packetsInDoubt = 0;
     lost.clear();
-    unlisted.clear();
-    askAgain.clear();
+    notYetListed.clear();
+    toListAgain.clear();
     requests.clear();
-    firstOpen = 0;
-    wakeUpDue.reset();
+    firstOpenRequest = 0;
+    expectedWakeUp.reset();
     isAnnounced = false;
     announceSteps = announceRequests = 0;
-    tailTries = 0;
+    tailRetries = 0;
     isSilent = false;
 }
 
 PacedSender::Step PacedSender::next(Time now)
 {
-    if (const auto due = std::exchange(wakeUpDue, std::nullopt)) {
-        rate.woke(now - *due);
-        if (now - *due > heldUp)
+    if (const auto due = std::exchange(expectedWakeUp, std::nullopt)) {
+        rate.wokeLate(now - *due);
+        if (now - *due > lateWakeUp)
             return WaitUntil{now}; // read answers that may be waiting first
     }
     Step step = decide(now);
     const auto *wait = std::get_if<WaitUntil>(&step);
     if (wait)
-        wakeUpDue = wait->time;
+        expectedWakeUp = wait->time;
     return step;
 }
 
@@ -80,23 +86,23 @@ PacedSender::Step PacedSender::decide(Time now)
     if (!isAnnounced)
         return announce(now);
     closeOldRequests(now);
-    fallSilent(now);
-    if (isAskDue())
-        return ask(now);
-    if (isSilent && flying >= silentPackets)
-        return WaitUntil{silentUntil};
-    if (!isSilent && !rate.mayLeave(inFlight(), now)) {
-        if (rate.isFull(inFlight()))
-            return unlisted.empty() ? waitForAnswers(now) : ask(now);
+    probeIfSilent(now);
+    if (isRequestDue())
+        return makeRequest(now);
+    if (isSilent && packetsInFlight >= probePackets)
+        return WaitUntil{nextProbe};
+    if (!isSilent && !rate.maySend(bytesInFlight(), now)) {
+        if (rate.isFull(bytesInFlight()))
+            return notYetListed.empty() ? waitForAnswers(now) : makeRequest(now);
         return WaitUntil{rate.nextChance(now)};
     }
-    if (const int number = choose(); number > 0)
+    if (const int number = choosePacket(); number > 0)
         return sendPacket(number);
-    rate.starve(inFlight());
-    if (!unlisted.empty() || !askAgain.empty())
-        return ask(now);
-    tryTheTail(now);
-    return lost.empty() && askAgain.empty() ? waitForAnswers(now) : decide(now);
+    rate.noteStarved(bytesInFlight());
+    if (!notYetListed.empty() || !toListAgain.empty())
+        return makeRequest(now);
+    retryTail(now);
+    return lost.empty() && toListAgain.empty() ? waitForAnswers(now) : decide(now);
 }
 
 // --- announcing ---
@@ -111,18 +117,20 @@ PacedSender::Step PacedSender::announce(Time now)
     }
     if (announceSteps++ < announceCopies)
         return SendPacket{0};
-    const double factor = std::min(std::pow(1.5, announceRequests), 10.0);
-    const Seconds pause = knowsPath ? rate.timeout() : announceInterval;
-    nextAnnouncement = after(now, std::min(pause * factor, std::max(longestInterval, pause)));
+    const double factor =
+        std::min(std::pow(announceIntervalGrowth, announceRequests), maxAnnounceIntervalFactor);
+    const Seconds pause = knowsPath ? rate.timeout() : firstAnnounceInterval;
+    nextAnnouncement =
+        after(now, std::min(pause * factor, std::max(longestAnnounceInterval, pause)));
     ++announceRequests;
     lastRequestTime = now;
     return SendRequest{std::vector<quint16>(announceCopies, 0)};
 }
 
-void PacedSender::takeAnnounced(Time now)
+void PacedSender::endAnnouncing(Time now)
 {
     isAnnounced = true;
-    enter(State::Held, 0);
+    enter(State::Acknowledged, 0);
     if (!knowsPath) {
         const bool isCertain = announceRequests == 1;
         rate.restart(now, isCertain ? std::optional<Seconds>(now - lastRequestTime) : std::nullopt);
@@ -133,7 +141,7 @@ void PacedSender::takeAnnounced(Time now)
 // --- packets and requests ---
 
 // Chooses the packet to send next. Returns 0 if all have been sent and none is known to be lost.
-int PacedSender::choose()
+int PacedSender::choosePacket()
 {
     while (!lost.empty()) {
         const quint16 number = lost.front();
@@ -152,61 +160,56 @@ int PacedSender::choose()
 PacedSender::Step PacedSender::sendPacket(int number)
 {
     Entry &entry = entries[size_t(number)];
-    enter(State::Flying, quint16(number));
+    enter(State::InFlight, quint16(number));
     entry.unansweredRequests = 0;
-    entry.lastRequest = 0;
-    unlisted.push_back(quint16(number));
-    rate.left(RateControl::packetBytes);
+    entry.lastListedBy = 0;
+    notYetListed.push_back(quint16(number));
+    rate.sent(RateControl::packetBytes);
     return SendPacket{quint16(number)};
 }
 
-bool PacedSender::isAskDue() const
+bool PacedSender::isRequestDue() const
 {
-    return int(unlisted.size()) >= rate.groupSize() || askAgain.size() >= maxListed
-        || (isSilent && int(unlisted.size()) >= silentPackets);
+    return int(notYetListed.size()) >= rate.groupSize() || toListAgain.size() >= maxListed
+        || (isSilent && int(notYetListed.size()) >= probePackets);
 }
 
 // Makes a request. Lists the packets to ask about again first, because they were sent earlier.
-PacedSender::Step PacedSender::ask(Time now)
+PacedSender::Step PacedSender::makeRequest(Time now)
 {
     Request request;
     request.number = ++lastRequestNumber;
     request.departure = rate.departure(now);
     const auto list = [&](quint16 number) {
         Entry &entry = entries[number];
-        if (!isOpen(number) || entry.lastRequest == request.number)
+        if (!isUndecided(number) || entry.lastListedBy == request.number)
             return;
-        entry.isRelisted = entry.isRelisted || entry.lastRequest != 0;
-        entry.lastRequest = request.number;
+        entry.isRelisted = entry.isRelisted || entry.lastListedBy != 0;
+        entry.lastListedBy = request.number;
         request.numbers.push_back(number);
     };
-    while (!askAgain.empty() && request.numbers.size() + unlisted.size() < maxListed) {
-        list(askAgain.front());
-        askAgain.pop_front();
+    while (!toListAgain.empty() && request.numbers.size() + notYetListed.size() < maxListed) {
+        list(toListAgain.front());
+        toListAgain.pop_front();
     }
-    for (const quint16 number : unlisted)
+    for (const quint16 number : notYetListed)
         list(number);
-    unlisted.clear();
+    notYetListed.clear();
     lastRequestTime = now;
-    rate.left(requestBytes + numberBytes * double(request.numbers.size()));
+    rate.sent(requestBytes + numberBytes * double(request.numbers.size()));
+    Q_ASSERT(requests.empty() || requests.back().number + 1 == request.number); // see findRequest()
     requests.push_back(request);
-    while (requests.size() > requestsKept) {
-        if (firstOpen == 0)
-            closeUnanswered(requests.front());
-        requests.pop_front();
-        firstOpen -= firstOpen > 0;
-    }
+    dropOldRequests();
     return SendRequest{std::move(request.numbers)};
 }
 
 PacedSender::Step PacedSender::waitForAnswers(Time now)
 {
     Time until = after(now, rate.timeout());
-    if (firstOpen < requests.size())
-        until = std::min(until, after(requests[firstOpen].departure.left, rate.timeout()));
-    if (flying + doubtful <= tailPackets && tailTries < maxTailTries)
-        until =
-            std::min(until, after(lastRequestTime, std::max(rate.roundTrip() / 3, leastTailPause)));
+    if (firstOpenRequest < requests.size())
+        until = std::min(until, after(requests[firstOpenRequest].departure.sentAt, rate.timeout()));
+    if (undecidedPackets() <= tailPackets && tailRetries < maxTailRetries)
+        until = std::min(until, after(lastRequestTime, tailPause()));
     return WaitUntil{std::max(until, after(now, RateControl::quantum))};
 }
 
@@ -217,80 +220,81 @@ void PacedSender::acknowledged(std::span<const quint16> numbers, Time now)
     if (numbers.empty())
         return;
     lastAnswer = now;
-    if (wakeUpDue)
-        wakeUpDue = std::min<Time>(*wakeUpDue, now + reaction);
+    if (expectedWakeUp)
+        expectedWakeUp = std::min<Time>(*expectedWakeUp, now + reaction);
     if (!isAnnounced) {
         if (std::find(numbers.begin(), numbers.end(), 0) != numbers.end())
-            takeAnnounced(now);
+            endAnnouncing(now);
         return;
     }
     if (isSilent)
-        wakeUp(now);
-    bool isCertain = false;
-    Request *request = findRequest(numbers, isCertain);
-    int news = 0;
+        endSilence(now);
+    const Match match = findRequest(numbers);
+    int newlyHeld = 0;
     for (const quint16 number : numbers) {
-        if (number >= entries.size() || entries[number].state == State::Held)
+        if (number >= entries.size() || entries[number].state == State::Acknowledged)
             continue;
-        enter(State::Held, number);
-        ++news;
+        enter(State::Acknowledged, number);
+        ++newlyHeld;
     }
-    if (news > 0)
-        tailTries = 0;
-    const double newBytes = news * RateControl::packetBytes;
-    if (request)
-        takeAnswer(*request, newBytes, isCertain, now);
+    if (newlyHeld > 0)
+        tailRetries = 0;
+    const double newBytes = newlyHeld * RateControl::packetBytes;
+    if (match.request)
+        takeAnswer(*match.request, newBytes, match.isCertain, now);
     else
-        rate.add(newBytes);
+        rate.countDelivered(newBytes);
 }
 
 void PacedSender::enter(State state, quint16 number)
 {
+    Q_ASSERT(number < entries.size());
     State &current = entries[number].state;
-    flying += (state == State::Flying) - (current == State::Flying);
-    doubtful += (state == State::Doubtful) - (current == State::Doubtful);
+    packetsInFlight += (state == State::InFlight) - (current == State::InFlight);
+    packetsInDoubt += (state == State::InDoubt) - (current == State::InDoubt);
     current = state;
 }
 
-void PacedSender::lose(quint16 number)
+void PacedSender::markLost(quint16 number)
 {
     enter(State::Lost, number);
     lost.push_back(number);
 }
 
 // Returns whether the packet was sent and its fate is not yet known.
-bool PacedSender::isOpen(quint16 number) const
+bool PacedSender::isUndecided(quint16 number) const
 {
     const State state = entries[number].state;
-    return state == State::Flying || state == State::Doubtful;
+    return state == State::InFlight || state == State::InDoubt;
 }
 
-bool PacedSender::isOpenIn(const Request &request, quint16 number) const
+bool PacedSender::isUndecidedIn(const Request &request, quint16 number) const
 {
-    return isOpen(number) && entries[number].lastRequest == request.number;
+    return isUndecided(number) && entries[number].lastListedBy == request.number;
 }
 
 // Finds the request that an answer belongs to, which the answer itself does not say. That request
 // lists all numbers of the answer, and is the last one to list those that were not listed again.
-// isCertain is set if one of the numbers was listed by this request only.
-PacedSender::Request *PacedSender::findRequest(std::span<const quint16> numbers, bool &isCertain)
+PacedSender::Match PacedSender::findRequest(std::span<const quint16> numbers)
 {
     quint32 wanted = 0;
     for (const quint16 number : numbers) {
-        if (number >= entries.size() || entries[number].lastRequest == 0)
+        if (number >= entries.size() || entries[number].lastListedBy == 0)
             continue;
-        const quint32 candidate = entries[number].lastRequest;
+        const quint32 candidate = entries[number].lastListedBy;
         if (wanted == 0 || candidate < wanted)
             wanted = candidate;
     }
     if (wanted == 0 || requests.empty() || wanted < requests.front().number)
-        return nullptr;
-    isCertain = std::any_of(numbers.begin(), numbers.end(), [&](quint16 number) {
-        return number < entries.size() && entries[number].lastRequest == wanted
+        return {};
+    const bool isCertain = std::any_of(numbers.begin(), numbers.end(), [&](quint16 number) {
+        return number < entries.size() && entries[number].lastListedBy == wanted
             && !entries[number].isRelisted;
     });
     Request &request = requests[wanted - requests.front().number];
-    return request.isClosed ? nullptr : &request;
+    if (request.isClosed)
+        return {};
+    return {&request, isCertain};
 }
 
 // Treats listed packets that the answer does not name as lost. If the answer may belong to an
@@ -301,20 +305,20 @@ void PacedSender::takeAnswer(Request &request, double newBytes, bool isCertain, 
     answer.delivered = newBytes + requestBytes + numberBytes * double(request.numbers.size());
     for (const quint16 number : request.numbers) {
         const bool isNamedBefore = entries[number].isRelisted;
-        const bool isLost = isOpenIn(request, number);
+        const bool isLost = isUndecidedIn(request, number);
         answer.arrived += !isNamedBefore && !isLost;
         answer.lost += !isNamedBefore && isLost;
         if (isLost && (isCertain || isNamedBefore))
-            lose(number);
+            markLost(number);
     }
     if (!isCertain)
-        return rate.add(newBytes);
+        return rate.countDelivered(newBytes);
     request.isClosed = true;
-    rate.answered(request.departure, answer, inFlight(), now);
-    while (firstOpen < requests.size()
-        && (requests[firstOpen].isClosed
-            || requests[firstOpen].number + overtaken <= request.number))
-        closeUnanswered(requests[firstOpen++]);
+    rate.answered(request.departure, answer, bytesInFlight(), now);
+    while (firstOpenRequest < requests.size()
+        && (requests[firstOpenRequest].isClosed
+            || requests[firstOpenRequest].number + overtakenAfter <= request.number))
+        closeUnanswered(requests[firstOpenRequest++]);
 }
 
 void PacedSender::closeUnanswered(Request &request)
@@ -323,27 +327,38 @@ void PacedSender::closeUnanswered(Request &request)
         return;
     request.isClosed = true;
     for (const quint16 number : request.numbers) {
-        if (!isOpenIn(request, number))
+        if (!isUndecidedIn(request, number))
             continue;
-        if (++entries[number].unansweredRequests >= maxUnanswered) {
-            lose(number);
+        if (++entries[number].unansweredRequests >= unansweredUntilLost) {
+            markLost(number);
             continue;
         }
-        enter(State::Doubtful, number);
-        askAgain.push_back(number);
+        enter(State::InDoubt, number);
+        toListAgain.push_back(number);
+    }
+}
+
+void PacedSender::dropOldRequests()
+{
+    while (requests.size() > requestsKept) {
+        if (firstOpenRequest > 0)
+            --firstOpenRequest;
+        else
+            closeUnanswered(requests.front());
+        requests.pop_front();
     }
 }
 
 void PacedSender::closeOldRequests(Time now)
 {
-    while (firstOpen < requests.size()) {
-        Request &request = requests[firstOpen];
-        if (!request.isClosed && now - request.departure.left < rate.timeout())
+    while (firstOpenRequest < requests.size()) {
+        Request &request = requests[firstOpenRequest];
+        if (!request.isClosed && now - request.departure.sentAt < rate.timeout())
             return;
         if (!request.isClosed)
             rate.timedOut();
         closeUnanswered(request);
-        ++firstOpen;
+        ++firstOpenRequest;
     }
 }
 
@@ -351,42 +366,54 @@ void PacedSender::closeOldRequests(Time now)
 
 // Called when nothing else is left to send. Asks about the last few packets again, or sends them
 // again if the path loses many, instead of waiting a round trip for each loss.
-void PacedSender::tryTheTail(Time now)
+void PacedSender::retryTail(Time now)
 {
-    const Seconds pause = std::max(rate.roundTrip() / 3, leastTailPause);
-    const int open = flying + doubtful;
-    if (open == 0 || open > tailPackets || tailTries >= maxTailTries
-        || now - lastRequestTime < pause)
+    const int undecided = undecidedPackets();
+    if (undecided == 0 || undecided > tailPackets || tailRetries >= maxTailRetries
+        || now - lastRequestTime < tailPause())
         return;
-    ++tailTries;
+    ++tailRetries;
     for (size_t number = 1; number < entries.size(); ++number) {
-        if (!isOpen(quint16(number)))
+        if (!isUndecided(quint16(number)))
             continue;
-        if (rate.loss() > clearLoss)
-            lose(quint16(number));
+        if (rate.loss() > highLoss)
+            markLost(quint16(number));
         else
-            askAgain.push_back(quint16(number));
+            toListAgain.push_back(quint16(number));
     }
 }
 
-void PacedSender::fallSilent(Time now)
+PacedSender::Seconds PacedSender::tailPause() const
 {
-    if (isSilent ? now < silentUntil
-                 : flying + doubtful == 0
-                || now - lastAnswer < std::max(silentTimeouts * rate.leastTimeout(), leastSilence))
+    return std::max(rate.roundTrip() / 3, leastTailPause);
+}
+
+bool PacedSender::isProbeDue(Time now) const
+{
+    if (isSilent)
+        return now >= nextProbe;
+    return undecidedPackets() > 0
+        && now - lastAnswer >= std::max(timeoutsUntilSilent * rate.leastTimeout(), leastSilentTime);
+}
+
+// While no answers arrive, treats all packets in flight as lost from time to time. The first few of
+// them, sent again, probe the path.
+void PacedSender::probeIfSilent(Time now)
+{
+    if (!isProbeDue(now))
         return;
     isSilent = true;
     const Seconds least = rate.leastTimeout();
-    const Seconds pause = 2 * least * std::pow(2, std::min(silentRounds++, 10));
-    silentUntil = after(now, std::min(pause, std::max(longestTry, least)));
+    const Seconds pause = 2 * least * std::pow(2, std::min(probeRounds++, 10));
+    nextProbe = after(now, std::min(pause, std::max(longestProbeInterval, least)));
     for (Request &request : requests)
         request.isClosed = true;
-    firstOpen = requests.size();
-    unlisted.clear();
-    askAgain.clear();
+    firstOpenRequest = requests.size();
+    notYetListed.clear();
+    toListAgain.clear();
     std::vector<quint16> again;
     for (size_t number = 1; number < entries.size(); ++number) {
-        if (!isOpen(quint16(number)))
+        if (!isUndecided(quint16(number)))
             continue;
         enter(State::Lost, quint16(number));
         again.push_back(quint16(number));
@@ -394,9 +421,9 @@ void PacedSender::fallSilent(Time now)
     lost.insert(lost.begin(), again.begin(), again.end());
 }
 
-void PacedSender::wakeUp(Time now)
+void PacedSender::endSilence(Time now)
 {
     isSilent = false;
-    silentRounds = 0;
+    probeRounds = 0;
     rate.restart(now, rate.roundTrip());
 }

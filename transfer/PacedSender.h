@@ -53,17 +53,17 @@ public:
 private:
     enum class State : quint8 {
         Unsent,
-        Flying, // sent, and not yet answered for
-        Doubtful, // the request that lists it was not answered; another one will list it
-        Lost, // to be sent again
-        Held // by the peer
+        InFlight, // sent, and no answer due yet
+        InDoubt, // the request that lists it was not answered; another one will list it
+        Lost,
+        Acknowledged
     };
     struct Entry
     {
         State state = State::Unsent;
         quint8 unansweredRequests = 0; // since the packet was last sent
         bool isRelisted = false; // more than one request has listed it
-        quint32 lastRequest = 0; // that lists it since it was last sent; 0 for none
+        quint32 lastListedBy = 0; // number of a request since it was last sent; 0 for none
     };
     struct Request
     {
@@ -75,39 +75,52 @@ private:
 
     [[nodiscard]] Step decide(Time now);
     [[nodiscard]] Step announce(Time now);
-    void takeAnnounced(Time now);
-    [[nodiscard]] Step ask(Time now);
-    [[nodiscard]] bool isAskDue() const;
+    void endAnnouncing(Time now);
+    [[nodiscard]] Step makeRequest(Time now);
+    [[nodiscard]] bool isRequestDue() const;
     [[nodiscard]] Step waitForAnswers(Time now);
-    [[nodiscard]] int choose();
+    [[nodiscard]] int choosePacket();
     [[nodiscard]] Step sendPacket(int number);
-    [[nodiscard]] bool isOpen(quint16 number) const;
-    [[nodiscard]] bool isOpenIn(const Request &request, quint16 number) const;
+    [[nodiscard]] bool isUndecided(quint16 number) const;
+    [[nodiscard]] bool isUndecidedIn(const Request &request, quint16 number) const;
     void enter(State state, quint16 number);
-    void lose(quint16 number);
-    [[nodiscard]] Request *findRequest(std::span<const quint16> numbers, bool &isCertain);
+    void markLost(quint16 number);
+    // The request that an answer seems to belong to.
+    struct Match
+    {
+        Request *request = nullptr; // null if none is known, or it is closed
+        bool isCertain = false; // one of the numbers was listed by this request only
+    };
+    [[nodiscard]] Match findRequest(std::span<const quint16> numbers);
     void takeAnswer(Request &request, double newBytes, bool isCertain, Time now);
     void closeUnanswered(Request &request);
+    void dropOldRequests();
     void closeOldRequests(Time now);
-    void tryTheTail(Time now);
-    void fallSilent(Time now);
-    void wakeUp(Time now);
-    [[nodiscard]] double inFlight() const { return flying * RateControl::packetBytes; }
+    void retryTail(Time now);
+    [[nodiscard]] Seconds tailPause() const;
+    [[nodiscard]] bool isProbeDue(Time now) const;
+    void probeIfSilent(Time now);
+    void endSilence(Time now);
+    [[nodiscard]] int undecidedPackets() const { return packetsInFlight + packetsInDoubt; }
+    [[nodiscard]] double bytesInFlight() const
+    {
+        return packetsInFlight * RateControl::packetBytes;
+    }
 
     RateControl rate;
-    std::optional<Time> wakeUpDue; // the time that the caller was asked to wait for
-    Time lastAnswer; // about any file
+    std::optional<Time> expectedWakeUp;
+    Time lastAnswer;
     bool knowsPath = false;
 
     std::vector<Entry> entries;
     int nextUnsent = 1;
-    int flying = 0, doubtful = 0; // packets in these states
+    int packetsInFlight = 0, packetsInDoubt = 0;
     std::deque<quint16> lost; // in sending order; some may have been acknowledged since
-    std::vector<quint16> unlisted; // sent since the last request
-    std::deque<quint16> askAgain;
+    std::vector<quint16> notYetListed;
+    std::deque<quint16> toListAgain;
 
     std::deque<Request> requests; // the most recent ones, oldest first
-    size_t firstOpen = 0; // index into requests; all before it are closed
+    size_t firstOpenRequest = 0; // index into requests; all before it are closed
     quint32 lastRequestNumber = 0;
     Time lastRequestTime;
 
@@ -116,8 +129,8 @@ private:
     int announceRequests = 0;
     Time nextAnnouncement;
 
-    int tailTries = 0; // since an answer last brought news
-    bool isSilent = false; // no answers arrive; a few packets probe the path now and then
-    int silentRounds = 0;
-    Time silentUntil;
+    int tailRetries = 0; // since the last answer that named a new packet
+    bool isSilent = false; // no answers arrive
+    int probeRounds = 0;
+    Time nextProbe;
 };

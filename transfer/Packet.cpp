@@ -57,6 +57,7 @@ QByteArray withChecksum(QByteArray bytes)
 
 QByteArray withEntries(QByteArray bytes, char id, std::span<const quint16> numbers)
 {
+    Q_ASSERT(numbers.size() <= size_t(Packet::maxNumber)); // their count has 16 bits
     bytes.append(id);
     append16(bytes, qsizetype(numbers.size()));
     for (const quint16 number : numbers)
@@ -113,6 +114,13 @@ std::optional<InformationRecord> InformationRecord::read(QByteArrayView record)
     if (nameSize < 0 || nameSize > maxName)
         return std::nullopt;
     return InformationRecord{numberIn(record, 0), record.sliced(countSize, nameSize).toByteArray()};
+}
+
+InformationRecord::NameProblem InformationRecord::problemWith(const QString &name)
+{
+    if (QString::fromLatin1(name.toLatin1()) != name)
+        return NameProblem::NotLatin1;
+    return name.size() > maxName ? NameProblem::TooLong : NameProblem::None;
 }
 
 // --- writing ---

@@ -38,8 +38,12 @@ struct Packet
     static constexpr qsizetype maxPayload = 250;
     static constexpr qsizetype maxRecord = maxPayload + 1; // with the first byte of the checksum
     static constexpr int maxNumber = 65'535;
+    static constexpr qint64 maxCompressed = maxNumber * maxPayload; // bytes of one file
     static constexpr qsizetype tagSize = 5;
     static constexpr qsizetype maxText = 248; // bytes; more would not fit the record length
+    // Packet numbers in a status request that we send; keeps it and its answer small. A peer's
+    // request may list more.
+    static constexpr qsizetype maxListed = 25;
 
     // The sender's fields in every packet.
     struct Stamp
@@ -63,6 +67,7 @@ struct Packet
     [[nodiscard]] qsizetype entryCount() const { return entries.size() / 2; }
     [[nodiscard]] quint16 entry(qsizetype index) const
     {
+        Q_ASSERT(index >= 0 && index < entryCount());
         return qFromBigEndian<quint16>(entries.data() + 2 * index);
     }
 
@@ -92,6 +97,10 @@ struct Packet
 struct InformationRecord
 {
     static constexpr qsizetype maxName = 97; // bytes; peers store the record in 100 bytes
+
+    enum class NameProblem { None, NotLatin1, TooLong };
+    // Returns why the record cannot carry this name.
+    [[nodiscard]] static NameProblem problemWith(const QString &name);
 
     quint16 count = 0;
     QByteArray name;

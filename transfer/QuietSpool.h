@@ -5,6 +5,8 @@
 
 #include <sys/stat.h>
 
+class SpoolDirectory;
+
 // Tells whether a spool directory is quiet: it is writable, no file waits in it and nobody holds
 // its lock. Then a record may go to the peer without a file.
 //
@@ -14,19 +16,20 @@
 class QuietSpool
 {
 public:
-    explicit QuietSpool(const QString &directory);
+    explicit QuietSpool(const SpoolDirectory &spool);
 
     // Returns whether the spool is quiet now. Costs two system calls as long as nothing changes.
-    [[nodiscard]] bool look();
+    [[nodiscard]] bool isQuiet();
     // Returns whether a file of that name could be created: the name is not too long and not that
     // of a folder, as far as the last isQuiet() has seen.
     [[nodiscard]] bool canHold(const QByteArray &name) const;
 
 private:
-    [[nodiscard]] bool read();
+    [[nodiscard]] bool holdsNoFile();
 
     const QByteArray path; // file system encoding
-    struct stat quietAs = {}; // the directory as it was when it was found quiet
-    bool isSettled = false; // a change since then would show in its times
-    QSet<QByteArray> otherNames; // of folders and the like
+    // The directory when it was found quiet. If it was settled, any change since shows in its times.
+    struct stat quietState = {};
+    bool isSettled = false;
+    QSet<QByteArray> namesOfOthers; // folders and the like
 };

@@ -12,84 +12,86 @@ constexpr double drainGain = 1 / startupGain;
 // The gain in Up is larger for slow flows, so that two flows on one path converge to equal shares.
 constexpr double upPackets = 5, leastUp = 0.1, mostUp = 0.5;
 constexpr double enoughFound = 0.5; // share of the rate tried in Up; Up goes on if it finds more
-constexpr double mostBoost = 8, mostUpEver = 1;
+constexpr double maxBoost = 8, maxUpGrowth = 1;
 // When another flow appears, fast flows give up more than slow ones, for the same reason.
 constexpr double leastKept = 0.65, mostKept = 0.95, keptByShare = 0.6;
 constexpr double downGain = 0.75;
-constexpr double yielding = 1.2, leastYield = 0.5; // in Cruise, while a queue stands
-constexpr double growth = 1.25; // factor in each round of Startup; less counts as no growth
-constexpr int crowdedPlateau = 3, plainPlateau = 6; // rounds without growth that end Startup
-constexpr double windowTrips = 2, crowdedTrips = 1.5;
+constexpr double queueingGain = 1.2, leastQueueingGain = 0.5; // in Cruise, while a queue stands
+// Startup ends after queueingPlateau or plainPlateau rounds in a row in which the bandwidth has not
+// grown by this factor.
+constexpr double startupGrowth = 1.25;
+constexpr int queueingPlateau = 3, plainPlateau = 6;
+constexpr double windowTrips = 2, queueingTrips = 1.5;
 
-constexpr double initialBytes =
-    64 * RateControl::packetBytes; // about 18 kB, similar to TCP's initial window
-constexpr Seconds unknownTrip{0.1};
+// About 18 kB, similar to TCP's initial window.
+constexpr double initialBytes = 64 * RateControl::packetBytes;
+constexpr Seconds assumedTrip{0.1};
 constexpr Seconds leastBurst{0.008}; // that a late timer may catch up
-constexpr Seconds mostLateness{0.05};
+constexpr Seconds maxLateness{0.05};
 constexpr Seconds shallowAfter{10}, shallowFor{0.2};
 constexpr Seconds timeoutMargin{0.02};
-constexpr int mostPatience = 4;
+constexpr int mostTimeoutFactor = 4;
 
 // Rounds that bandwidth() and loss() look back on. The bandwidth looks back less far while this
 // flow yields, so that it soon gives up what another flow takes.
 constexpr int bandwidthRounds = 8;
 constexpr int yieldingRounds = 2;
 constexpr int lossRounds = 10;
-constexpr int longestCrowd = 10; // rounds
+constexpr int maxQueueingRounds = 10;
 constexpr int enoughForLoss = 16; // packets
 constexpr double highestLoss = 0.7;
 
 constexpr int leastGroup = 4, mostGroup = 20;
-constexpr int groupsInPipe = 4;
+constexpr int groupsInFlight = 4;
 
 } // namespace
 
 void RateControl::restart(Time now, std::optional<Seconds> trip)
 {
     const unsigned keptRandom = random;
-    const Seconds keptLateness = timerLateness;
+    const Seconds keptLateness = smoothLateness;
     *this = {};
     random = keptRandom;
-    timerLateness = keptLateness;
+    smoothLateness = keptLateness;
     knowsTrip = trip.has_value();
-    shortestTrip = smoothTrip = trip.value_or(unknownTrip);
+    shortestTrip = smoothTrip = trip.value_or(assumedTrip);
     tripSpread = smoothTrip / 2;
-    shortestSeen = phaseBegan = budgetAt = lastAnsweredLeft = now;
+    shortestSeen = phaseBegan = budgetAt = lastAnsweredSentAt = now;
     // The first answer arrives one round trip from now; deliveries are measured from then on.
     lastDelivery = now + std::chrono::duration_cast<Time::duration>(shortestTrip);
 }
 
 void RateControl::timedOut()
 {
-    patience = std::min(2 * patience, mostPatience);
+    timeoutFactor = std::min(2 * timeoutFactor, mostTimeoutFactor);
 }
 
-void RateControl::woke(Seconds late)
+void RateControl::wokeLate(Seconds late)
 {
-    timerLateness += (std::clamp(late, Seconds::zero(), mostLateness) - timerLateness) / 8;
+    smoothLateness += (std::clamp(late, Seconds::zero(), maxLateness) - smoothLateness) / 8;
 }
 
 RateControl::Departure RateControl::departure(Time now) const
 {
-    return {now, lastDelivery, lastAnsweredLeft, delivered, round, delivered < starvedUntil};
+    return {now, lastDelivery, lastAnsweredSentAt, delivered, round, delivered < starvedUntil};
 }
 
 void RateControl::answered(
-    const Departure &departure, const Answer &answer, double inFlight, Time now)
+    const Departure &departure, const Answer &answer, double bytesInFlight, Time now)
 {
     delivered += answer.delivered;
-    patience = 1;
-    noteTrip(now - departure.left, now);
+    timeoutFactor = 1;
+    noteTrip(now - departure.sentAt, now);
     noteRate(departure, now);
     noteLoss(departure, answer, now);
     lastDelivery = now;
-    lastAnsweredLeft = std::max(lastAnsweredLeft, departure.left);
+    lastAnsweredSentAt = std::max(lastAnsweredSentAt, departure.sentAt);
     if (departure.delivered >= roundEnd) {
         beginRound();
-        noteCrowd(now);
+        acceptLongerPath(now);
         if (isContested())
             giveWay();
-        nextPhase(inFlight, now);
+        nextPhase(bytesInFlight, now);
     }
 }
 
@@ -120,7 +122,7 @@ void RateControl::noteTrip(Seconds trip, Time now)
 void RateControl::noteRate(const Departure &departure, Time now)
 {
     const Seconds arriving = now - departure.lastDelivery;
-    const Seconds leaving = departure.left - departure.lastAnsweredLeft;
+    const Seconds leaving = departure.sentAt - departure.lastAnsweredSentAt;
     const Seconds time = std::max(arriving, leaving);
     if (time < shortestTrip / (phase == Phase::Startup ? 2 : 1))
         return;
@@ -132,14 +134,14 @@ void RateControl::noteRate(const Departure &departure, Time now)
 // Ignores losses while a queue stands: they may come from its overflow rather than from the path.
 void RateControl::noteLoss(const Departure &departure, const Answer &answer, Time now)
 {
-    if (departure.round <= round - roundsKept || isCrowded(now - departure.left))
+    if (departure.round <= round - roundsKept || isQueueing(now - departure.sentAt))
         return;
     at(departure.round).arrived += answer.arrived;
     at(departure.round).lost += answer.lost;
 }
 
 // Returns whether a round trip is so long that a queue must stand on the path.
-bool RateControl::isCrowded(Seconds trip) const
+bool RateControl::isQueueing(Seconds trip) const
 {
     return trip > shortestTrip * 1.25 + 2 * quantum + granularity();
 }
@@ -156,18 +158,18 @@ void RateControl::beginRound()
 
 // If a queue seems to stand for many rounds although this flow gives way in each, the path itself
 // has become longer: accepts the new round trip.
-void RateControl::noteCrowd(Time now)
+void RateControl::acceptLongerPath(Time now)
 {
-    if (phase == Phase::Startup || !isCrowded(shortestLastRound)) {
-        crowdedRounds = 0;
+    if (phase == Phase::Startup || !isQueueing(shortestLastRound)) {
+        queueingRounds = 0;
         return;
     }
-    shortestCrowded =
-        crowdedRounds == 0 ? shortestLastRound : std::min(shortestCrowded, shortestLastRound);
-    if (++crowdedRounds < longestCrowd)
+    shortestQueueing =
+        queueingRounds == 0 ? shortestLastRound : std::min(shortestQueueing, shortestLastRound);
+    if (++queueingRounds < maxQueueingRounds)
         return;
-    crowdedRounds = 0;
-    shortestTrip = shortestCrowded;
+    queueingRounds = 0;
+    shortestTrip = shortestQueueing;
     shortestSeen = now;
 }
 
@@ -175,9 +177,9 @@ void RateControl::noteCrowd(Time now)
 bool RateControl::isContested() const
 {
     if (phase == Phase::Cruise)
-        return isCrowded(shortestLastRound);
+        return isQueueing(shortestLastRound);
     const bool hasProbed = phase == Phase::Weigh || phase == Phase::Down;
-    return hasProbed && isCrowded(shortestLastRound - (upGain() - 1) * shortestTrip);
+    return hasProbed && isQueueing(shortestLastRound - (upGain() - 1) * shortestTrip);
 }
 
 // Lowers the rate for other flows on the path. Slower flows give up less, so they gain what faster
@@ -196,19 +198,19 @@ void RateControl::enter(Phase next, Time now)
     phaseBegan = now;
     phaseRounds = 0;
     random = random * 1'664'525 + 1'013'904'223;
-    cruiseRounds = 2 + int(random >> 30);
+    roundsOfCruise = 2 + int(random >> 30);
 }
 
-void RateControl::nextPhase(double inFlight, Time now)
+void RateControl::nextPhase(double bytesInFlight, Time now)
 {
     switch (phase) {
     case Phase::Startup:
-        if (hasFoundAll())
+        if (updatePlateau())
             enter(Phase::Drain, now);
         break;
     case Phase::Drain:
     case Phase::Down:
-        if (inFlight <= pipe() || phaseRounds >= 2)
+        if (bytesInFlight <= bandwidthDelayProduct() || phaseRounds >= 2)
             enter(Phase::Cruise, now);
         break;
     case Phase::Up:
@@ -218,7 +220,7 @@ void RateControl::nextPhase(double inFlight, Time now)
         weigh(now);
         break;
     case Phase::Cruise:
-        if (phaseRounds >= cruiseRounds)
+        if (phaseRounds >= roundsOfCruise)
             probe(1, now);
         break;
     case Phase::Shallow:
@@ -231,13 +233,13 @@ void RateControl::nextPhase(double inFlight, Time now)
 }
 
 // Returns whether Startup should end, because several rounds have found no more bandwidth.
-bool RateControl::hasFoundAll()
+bool RateControl::updatePlateau()
 {
     if (delivered < starvedUntil)
         return false;
-    plateauRounds = bandwidth() >= growth * plateauRate ? 0 : plateauRounds + 1;
+    plateauRounds = bandwidth() >= startupGrowth * plateauRate ? 0 : plateauRounds + 1;
     plateauRate = std::max(plateauRate, bandwidth());
-    return plateauRounds >= (isCrowded(shortestLastRound) ? crowdedPlateau : plainPlateau);
+    return plateauRounds >= (isQueueing(shortestLastRound) ? queueingPlateau : plainPlateau);
 }
 
 void RateControl::probe(double boost, Time now)
@@ -251,8 +253,8 @@ void RateControl::probe(double boost, Time now)
 void RateControl::weigh(Time now)
 {
     const double found = bandwidth() / rateBeforeUp - 1;
-    if (!isCrowded(shortestLastRound) && found > (upGain() - 1) * enoughFound)
-        probe(std::min(upBoost * 2, mostBoost), now);
+    if (!isQueueing(shortestLastRound) && found > (upGain() - 1) * enoughFound)
+        probe(std::min(upBoost * 2, maxBoost), now);
     else
         enter(Phase::Down, now);
 }
@@ -260,19 +262,19 @@ void RateControl::weigh(Time now)
 // Returns by which share the rate may grow in Up; it is larger for slower flows.
 double RateControl::growthShare() const
 {
-    return upPackets / std::sqrt(pipe() / packetBytes);
+    return upPackets / std::sqrt(bandwidthDelayProduct() / packetBytes);
 }
 
 double RateControl::upGain() const
 {
     const double more = std::clamp(growthShare(), leastUp, mostUp);
-    return 1 + std::min(more * upBoost, mostUpEver);
+    return 1 + std::min(more * upBoost, maxUpGrowth);
 }
 
 double RateControl::bandwidth() const
 {
     double highest = 0;
-    const bool isYielding = phase == Phase::Cruise && isCrowded(shortestLastRound);
+    const bool isYielding = phase == Phase::Cruise && isQueueing(shortestLastRound);
     const int memory = isYielding ? yieldingRounds : bandwidthRounds;
     for (int i = std::max(round - memory + 1, 0); i <= round; ++i)
         highest = std::max(highest, at(i).highestRate);
@@ -311,8 +313,8 @@ double RateControl::gain() const
     case Phase::Down:
         return downGain;
     case Phase::Cruise:
-        return isCrowded(shortestLastRound)
-            ? std::max(yielding * (shortestTrip / shortestLastRound), leastYield)
+        return isQueueing(shortestLastRound)
+            ? std::max(queueingGain * (shortestTrip / shortestLastRound), leastQueueingGain)
             : 1;
     case Phase::Weigh:
     case Phase::Shallow:
@@ -323,7 +325,7 @@ double RateControl::gain() const
 
 // Returns the bytes in flight that fill the path without a queue. Allows for the granularity of the
 // sender's timer.
-double RateControl::pipe() const
+double RateControl::bandwidthDelayProduct() const
 {
     return sendingRate() * (shortestTrip + 2 * granularity()).count();
 }
@@ -331,19 +333,20 @@ double RateControl::pipe() const
 double RateControl::window() const
 {
     if (phase == Phase::Shallow)
-        return std::max(pipe() / 2, leastGroup * packetBytes);
-    const bool mayGrow = phase == Phase::Startup || !isCrowded(shortestLastRound);
-    return (mayGrow ? windowTrips : crowdedTrips) * pipe() + leastGroup * packetBytes;
+        return std::max(bandwidthDelayProduct() / 2, leastGroup * packetBytes);
+    const bool mayGrow = phase == Phase::Startup || !isQueueing(shortestLastRound);
+    return (mayGrow ? windowTrips : queueingTrips) * bandwidthDelayProduct()
+        + leastGroup * packetBytes;
 }
 
-bool RateControl::mayLeave(double inFlight, Time now)
+bool RateControl::maySend(double bytesInFlight, Time now)
 {
     const double rate = gain() * sendingRate();
     budget += rate * Seconds(now - budgetAt).count();
     budgetAt = now;
     budget =
-        std::min(budget, std::max(rate * (leastBurst + 2 * timerLateness).count(), packetBytes));
-    return budget > 0 && !isFull(inFlight);
+        std::min(budget, std::max(rate * (leastBurst + 2 * smoothLateness).count(), packetBytes));
+    return budget > 0 && !isFull(bytesInFlight);
 }
 
 RateControl::Time RateControl::nextChance(Time now) const
@@ -360,5 +363,6 @@ Seconds RateControl::leastTimeout() const
 
 int RateControl::groupSize() const
 {
-    return std::clamp(int(pipe() / packetBytes / groupsInPipe), leastGroup, mostGroup);
+    return std::clamp(
+        int(bandwidthDelayProduct() / packetBytes / groupsInFlight), leastGroup, mostGroup);
 }

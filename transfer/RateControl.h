@@ -32,10 +32,10 @@ public:
     // The state when a status request was sent; passed to answered() with its answer.
     struct Departure
     {
-        Time left;
+        Time sentAt;
         Time lastDelivery; // when the previous answer arrived
-        Time lastAnsweredLeft; // when the request for that answer had left
-        double delivered = 0; // bytes
+        Time lastAnsweredSentAt; // when that answer's request was sent
+        double delivered = 0;
         int round = 0;
         bool isStarved = false; // there was too little to send to fill the path
     };
@@ -49,27 +49,27 @@ public:
     void restart(Time now, std::optional<Seconds> roundTrip);
 
     [[nodiscard]] Departure departure(Time now) const;
-    void left(double bytes) { budget -= bytes; }
-    void answered(const Departure &departure, const Answer &answer, double inFlight, Time now);
+    void sent(double bytes) { budget -= bytes; }
+    void answered(const Departure &departure, const Answer &answer, double bytesInFlight, Time now);
     // Counts acknowledged bytes if it is not certain which request the answer belongs to.
-    void add(double bytes) { delivered += bytes; }
+    void countDelivered(double bytes) { delivered += bytes; }
     // Notes that no answer came within timeout(). Until the next answer timeout() grows, because
     // answers may only be late.
     void timedOut();
     // Notes how late the sender woke up. On a busy host timers are always late, which must not be
     // attributed to the path.
-    void woke(Seconds late);
+    void wokeLate(Seconds late);
     // Notes that a packet might leave, but there is none to send.
-    void starve(double inFlight) { starvedUntil = delivered + inFlight; }
+    void noteStarved(double bytesInFlight) { starvedUntil = delivered + bytesInFlight; }
 
     // Returns whether a packet may leave now. If not, nextChance() returns when to ask again; if
     // isFull(), only an answer makes room.
-    [[nodiscard]] bool mayLeave(double inFlight, Time now);
-    [[nodiscard]] bool isFull(double inFlight) const { return inFlight >= window(); }
+    [[nodiscard]] bool maySend(double bytesInFlight, Time now);
+    [[nodiscard]] bool isFull(double bytesInFlight) const { return bytesInFlight >= window(); }
     [[nodiscard]] Time nextChance(Time now) const;
 
     // Returns the time after which an answer is no longer expected.
-    [[nodiscard]] Seconds timeout() const { return patience * leastTimeout(); }
+    [[nodiscard]] Seconds timeout() const { return timeoutFactor * leastTimeout(); }
     [[nodiscard]] Seconds leastTimeout() const;
     [[nodiscard]] Seconds roundTrip() const { return shortestTrip; }
     // Returns the number of data packets between two status requests.
@@ -92,23 +92,23 @@ private:
 
     [[nodiscard]] double bandwidth() const;
     // Returns the time between two moments at which the sender can act.
-    [[nodiscard]] Seconds granularity() const { return quantum + timerLateness; }
+    [[nodiscard]] Seconds granularity() const { return quantum + smoothLateness; }
     [[nodiscard]] double gain() const;
-    [[nodiscard]] double pipe() const;
+    [[nodiscard]] double bandwidthDelayProduct() const;
     [[nodiscard]] double window() const;
     [[nodiscard]] Round &at(int number) { return rounds[size_t(number % roundsKept)]; }
     [[nodiscard]] const Round &at(int number) const { return rounds[size_t(number % roundsKept)]; }
     void noteTrip(Seconds trip, Time now);
     void noteRate(const Departure &departure, Time now);
     void noteLoss(const Departure &departure, const Answer &answer, Time now);
-    [[nodiscard]] bool isCrowded(Seconds trip) const;
+    [[nodiscard]] bool isQueueing(Seconds trip) const;
     void beginRound();
     void enter(Phase next, Time now);
-    void nextPhase(double inFlight, Time now);
-    [[nodiscard]] bool hasFoundAll();
+    void nextPhase(double bytesInFlight, Time now);
+    [[nodiscard]] bool updatePlateau();
     void probe(double boost, Time now);
     void weigh(Time now);
-    void noteCrowd(Time now);
+    void acceptLongerPath(Time now);
     [[nodiscard]] bool isContested() const;
     void giveWay();
     [[nodiscard]] double growthShare() const;
@@ -116,8 +116,8 @@ private:
 
     Phase phase = Phase::Startup;
     Time phaseBegan;
-    int phaseRounds = 0; // begun in this phase
-    int cruiseRounds = 0; // that Cruise lasts
+    int phaseRounds = 0;
+    int roundsOfCruise = 0;
     double rateBeforeUp = 0;
     double upBoost = 1; // grows while Up finds more bandwidth
     unsigned random = 1; // spreads the probing of flows that share a path
@@ -125,11 +125,11 @@ private:
     Seconds shortestTrip{};
     Time shortestSeen;
     Seconds smoothTrip{}, tripSpread{};
-    int patience = 1;
-    Seconds timerLateness{}; // smoothed
+    int timeoutFactor = 1;
+    Seconds smoothLateness{};
     Seconds shortestThisRound{}, shortestLastRound{};
-    int crowdedRounds = 0; // in a row
-    Seconds shortestCrowded{}; // in these rounds
+    int queueingRounds = 0; // in a row
+    Seconds shortestQueueing{}; // in these rounds
     bool knowsTrip = false;
 
     std::array<Round, roundsKept> rounds;
@@ -138,8 +138,8 @@ private:
     double plateauRate = 0;
     int plateauRounds = 0;
 
-    double delivered = 0; // bytes
-    Time lastDelivery, lastAnsweredLeft;
+    double delivered = 0;
+    Time lastDelivery, lastAnsweredSentAt;
     double starvedUntil = -1;
     double budget = 0; // that may leave now
     Time budgetAt;

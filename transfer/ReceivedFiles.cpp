@@ -6,6 +6,7 @@
 #include <QThread>
 
 #include <algorithm>
+#include <cerrno>
 
 namespace {
 
@@ -25,7 +26,8 @@ ReceivedFiles::ReceivedFiles(QObject *parent)
 {
     retryTimer.setSingleShot(true);
     retryTimer.setInterval(retryInterval);
-    connect(&retryTimer, &QTimer::timeout, this, [this] { write(*std::exchange(unwritable, {})); });
+    connect(
+        &retryTimer, &QTimer::timeout, this, [this] { write(*std::exchange(fileToRetry, {})); });
 }
 
 ReceivedFiles::~ReceivedFiles()
@@ -40,27 +42,31 @@ ReceivedFiles::~ReceivedFiles()
         worker.join();
 }
 
+void ReceivedFiles::workInBackground()
+{
+    Q_ASSERT(!worker.joinable());
+    isBackground = true;
+}
+
 void ReceivedFiles::write(GatheredFile file)
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (unwritable && unwritable->path != file.path)
-        nextBegins();
+    if (fileToRetry && fileToRetry->path != file.path)
+        giveUpUnwritable();
     retryTimer.stop();
-    unwritable.reset(); // the new file has the same path and replaces it
+    fileToRetry.reset(); // the new file has the same path and replaces it
     if (isBackground)
         return enqueue(std::move(file));
-    Result result;
-    result.outcome = inflateAndWrite(file, result.writeError);
-    result.file = std::move(file);
-    report(std::move(result));
+    report(inflateAndWrite(std::move(file)));
 }
 
-void ReceivedFiles::nextBegins()
+void ReceivedFiles::giveUpUnwritable()
 {
-    if (!unwritable)
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (!fileToRetry)
         return;
     retryTimer.stop();
-    const QString name = std::exchange(unwritable, {})->name;
+    const QString name = std::exchange(fileToRetry, {})->name;
     Q_EMIT trouble(tr("The received file %1 is lost, it could not be written").arg(name));
 }
 
@@ -72,8 +78,9 @@ bool ReceivedFiles::isFull() const
 
 void ReceivedFiles::finish(std::chrono::milliseconds longest)
 {
-    if (unwritable)
-        write(*std::exchange(unwritable, {}));
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (fileToRetry)
+        write(*std::exchange(fileToRetry, {}));
     bool isDone = false;
     {
         std::unique_lock guard(mutex);
@@ -82,7 +89,7 @@ void ReceivedFiles::finish(std::chrono::milliseconds longest)
     takeResults();
     if (!isDone)
         Q_EMIT trouble(tr("Received files are lost, there was no time to write them"));
-    nextBegins();
+    giveUpUnwritable();
 }
 
 // --- the worker thread ---
@@ -106,23 +113,31 @@ void ReceivedFiles::work()
         changed.wait(guard, [this] { return stopRequested || !waiting.empty(); });
         if (stopRequested)
             return;
-        Result result;
-        result.file = std::move(waiting.front());
+        GatheredFile file = std::move(waiting.front());
         waiting.pop_front();
         guard.unlock();
-        result.outcome = inflateAndWrite(result.file, result.writeError);
+        Result result = inflateAndWrite(std::move(file));
         guard.lock();
         packetsWaiting -= result.file.packets.size();
+        Q_ASSERT(packetsWaiting >= 0);
         results.push_back(std::move(result));
         changed.notify_all();
-        // Invoked by name for the same reason as in TFileTransfer::OpenFile().
-        QMetaObject::invokeMethod(this, "takeResults", Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this] { takeResults(); }, Qt::QueuedConnection);
     }
 }
 
-ReceivedFiles::Outcome ReceivedFiles::inflateAndWrite(const GatheredFile &file, int &error) const
+ReceivedFiles::Result ReceivedFiles::inflateAndWrite(GatheredFile file) const
 {
+    Q_ASSERT((QThread::currentThread() == thread()) != isBackground);
     WholeFile whole(file.path);
+    const Outcome outcome = inflateInto(whole, file);
+    const int writeError = errno; // of the WholeFile
+    return {std::move(file), outcome, writeError};
+}
+
+ReceivedFiles::Outcome ReceivedFiles::inflateInto(WholeFile &whole, const GatheredFile &file) const
+{
     qint64 size = 0;
     ZlibStream::Inflater inflater([&](QByteArrayView bytes) {
         size += bytes.size();
@@ -142,16 +157,16 @@ ReceivedFiles::Outcome ReceivedFiles::inflateAndWrite(const GatheredFile &file, 
         return Outcome::NotClean;
     if (end == End::WrongChecksum)
         return Outcome::WrongChecksum;
-    if (whole.commit(isBackground ? WholeFile::Flush::Yes : WholeFile::Flush::No))
-        return end == End::Clean ? Outcome::Written : Outcome::Cut;
-    error = whole.error();
-    return Outcome::NoFile;
+    if (!whole.commit(isBackground ? WholeFile::Flush::Yes : WholeFile::Flush::No))
+        return Outcome::CannotWrite;
+    return end == End::Clean ? Outcome::Written : Outcome::Cut;
 }
 
 // --- results ---
 
 void ReceivedFiles::takeResults()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     std::deque<Result> taken;
     {
         const std::lock_guard lock(mutex);
@@ -167,7 +182,7 @@ void ReceivedFiles::report(Result result)
     switch (result.outcome) {
     case Outcome::Interrupted:
         return;
-    case Outcome::NoFile:
+    case Outcome::CannotWrite:
         return retryLater(std::move(result));
     case Outcome::NotClean:
         Q_EMIT notClean(name);
@@ -196,7 +211,7 @@ void ReceivedFiles::retryLater(Result result)
     if (result.file.attempt++ == 1)
         Q_EMIT trouble(tr("Can't write the received file %1, trying again: %2")
                            .arg(result.file.name, qt_error_string(result.writeError)));
-    nextBegins(); // only the latest file is kept for another attempt
-    unwritable = std::move(result.file);
+    giveUpUnwritable(); // only the latest file is kept for another attempt
+    fileToRetry = std::move(result.file);
     retryTimer.start();
 }

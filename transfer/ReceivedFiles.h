@@ -12,6 +12,8 @@
 #include <mutex>
 #include <thread>
 
+class WholeFile;
+
 // A completely received file. Its packets from 1 on contain one zlib stream.
 struct GatheredFile
 {
@@ -43,13 +45,13 @@ public:
 
     // Inflates and writes on a separate thread, and flushes every file to the disk before it is
     // reported. Call before the first file.
-    void workInBackground() { isBackground = true; }
+    void workInBackground();
     // Limits the inflated size; larger files are not written. 0, the default, means no limit.
     void setMaxBytes(qint64 bytes) { maxBytes = bytes; }
 
     void write(GatheredFile file);
-    // Notes that another file begins. Gives up the one that could not be written.
-    void nextBegins();
+    // Gives up the file that could not be written, because another one begins.
+    void giveUpUnwritable();
     // Returns whether so much waits to be written that no further file should begin.
     [[nodiscard]] bool isFull() const;
     // Waits until all files are written, but no longer than longest. Reports files that are lost.
@@ -63,23 +65,32 @@ Q_SIGNALS:
     void trouble(QString line);
 
 private:
-    enum class Outcome { Written, Cut, WrongChecksum, NotClean, TooLarge, NoFile, Interrupted };
+    enum class Outcome {
+        Written,
+        Cut,
+        WrongChecksum,
+        NotClean,
+        TooLarge,
+        CannotWrite,
+        Interrupted
+    };
     struct Result
     {
         GatheredFile file;
         Outcome outcome = Outcome::Interrupted;
         int writeError = 0; // errno, with CannotWrite
     };
-    [[nodiscard]] Outcome inflateAndWrite(const GatheredFile &file, int &error) const;
+    [[nodiscard]] Result inflateAndWrite(GatheredFile file) const;
+    [[nodiscard]] Outcome inflateInto(WholeFile &whole, const GatheredFile &file) const;
     void work();
     void enqueue(GatheredFile file);
-    Q_INVOKABLE void takeResults();
+    void takeResults();
     void report(Result result);
     void retryLater(Result result);
 
     bool isBackground = false;
     qint64 maxBytes = 0;
-    std::optional<GatheredFile> unwritable; // the file to try again
+    std::optional<GatheredFile> fileToRetry;
     QTimer retryTimer;
 
     std::thread worker; // starts with the first file

@@ -1,7 +1,10 @@
 #include "SentFolder.h"
 
+#include "FileTime.h"
 #include "GiveBack.h"
+#include "SpoolLayout.h"
 
+#include <QDir>
 #include <QFile>
 
 #include <cerrno>
@@ -11,14 +14,36 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr auto newOwnerTime = 2s; // a new owner has locked its folder by then
 
 } // namespace
 
-SentFolder::SentFolder(const QString &spoolPath)
-    : spool(QFile::encodeName(spoolPath))
+QStringList SentFolder::namesIn(const SpoolDirectory &spool)
+{
+    return QDir(spool.path())
+        .entryList({QString::fromLatin1(SpoolLayout::sentPrefix) + u'*'},
+            QDir::Dirs | QDir::Hidden | QDir::NoSymLinks, QDir::Name);
+}
+
+bool SentFolder::hasOwner(int folder)
+{
+    struct stat info;
+    if (::fstat(folder, &info) != 0
+        || std::chrono::abs(FileTime::age(FileTime::of(info.st_mtim))) < newOwnerTime)
+        return true;
+    if (::flock(folder, LOCK_SH | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK;
+    ::flock(folder, LOCK_UN);
+    return false;
+}
+
+SentFolder::SentFolder(const SpoolDirectory &spoolDirectory)
+    : spool(spoolDirectory)
 {
 }
 
@@ -39,8 +64,8 @@ bool SentFolder::open()
 
 bool SentFolder::make()
 {
-    records.close();
-    path = spool + '/' + prefix + "XXXXXX";
+    ownJournal.close();
+    path = spool.encodedPathOf(SpoolLayout::sentPrefix) + "XXXXXX";
     if (!::mkdtemp(path.data()))
         return false;
     folder = Descriptor(::open(path.constData(), folderFlags));
@@ -48,7 +73,8 @@ bool SentFolder::make()
     const bool isTaken =
         folder.isOpen() && ::flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     if (folder.isOpen() && !isTaken && !isGone()) {
-        std::ignore = records.create(folder.get()); // without a journal every record becomes a file
+        // Without a journal every record becomes a file.
+        std::ignore = ownJournal.create(folder.get());
         return true;
     }
     ::rmdir(path.constData());
@@ -61,9 +87,9 @@ void SentFolder::close()
 {
     if (!folder.isOpen() || !isEmpty())
         return;
-    ::unlinkat(folder.get(), Journal::fileName, 0);
+    ::unlinkat(folder.get(), SpoolLayout::journalFile, 0);
     ::rmdir(path.constData());
-    records.close();
+    ownJournal.close();
     folder = Descriptor();
 }
 
@@ -72,10 +98,11 @@ void SentFolder::close()
 SentFolder::Take SentFolder::take(
     const QString &name, const SpoolFile::Mark &mark, QByteArrayView content)
 {
+    Q_ASSERT(!holds(name));
     const QByteArray file = QFile::encodeName(name);
-    const QByteArray listed = spool + '/' + file;
+    const QByteArray listed = spool.encodedPathOf(file);
     if (open() && ::renameat(AT_FDCWD, listed.constData(), folder.get(), file.constData()) == 0) {
-        kept.insert(name);
+        heldFiles.insert(name);
         if (isUnchanged(file, mark, content))
             return Take::Taken;
         // Another writer has just changed or replaced the file, and the new content was not sent.
@@ -94,7 +121,8 @@ bool SentFolder::isUnchanged(
     struct stat info;
     if (::fstatat(folder.get(), file.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0)
         return true;
-    if (!S_ISREG(info.st_mode)) // a symbolic link
+    const bool isSymbolicLink = !S_ISREG(info.st_mode);
+    if (isSymbolicLink)
         return true;
     const SpoolFile::Mark now = SpoolFile::markOf(info);
     if (now.size != mark.size || now.modified != mark.modified)
@@ -106,7 +134,7 @@ bool SentFolder::isUnchanged(
 void SentFolder::discard(const QString &name)
 {
     ::unlinkat(folder.get(), QFile::encodeName(name).constData(), 0);
-    kept.remove(name);
+    heldFiles.remove(name);
 }
 
 bool SentFolder::giveBack(const QString &name)
@@ -114,23 +142,30 @@ bool SentFolder::giveBack(const QString &name)
     const QByteArray file = QFile::encodeName(name);
     if (!GiveBack::file(folder.get(), file.constData(), spool, file))
         return false;
-    kept.remove(name);
+    heldFiles.remove(name);
     return true;
 }
 
 bool SentFolder::giveAllBack()
 {
     bool isDone = true;
-    const QSet<QString> names = kept;
+    int reason = 0;
+    const auto noteFailure = [&] {
+        isDone = false;
+        reason = errno;
+        return false;
+    };
+    const QSet<QString> names = heldFiles;
     for (const QString &name : names)
-        isDone = giveBack(name) && isDone;
-    quint64 done = 0;
-    const bool allRecords = records.forEach([&](const Journal::Entry &entry) {
+        std::ignore = giveBack(name) || noteFailure();
+    quint64 givenBack = 0;
+    const bool allRecords = ownJournal.forEach([&](const Journal::Entry &entry) {
         if (!GiveBack::record(folder.get(), entry, spool))
-            return false;
-        done = entry.end;
+            return noteFailure();
+        givenBack = entry.end;
         return true;
     });
-    records.free(allRecords ? records.end() : done);
-    return isDone && allRecords;
+    ownJournal.free(allRecords ? ownJournal.end() : givenBack);
+    errno = reason;
+    return isDone;
 }

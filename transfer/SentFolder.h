@@ -5,6 +5,7 @@
 #include "SpoolDirectory.h"
 
 #include <QSet>
+#include <QStringList>
 
 // Holds what a process has sent but the peer has not yet acknowledged: a hidden folder of the spool
 // directory, with the journal of records that have no file and the files that a link has taken.
@@ -17,9 +18,13 @@
 class SentFolder
 {
 public:
-    static constexpr char prefix[] = ".sent-";
+    // Returns the names of such folders in a spool, sorted.
+    [[nodiscard]] static QStringList namesIn(const SpoolDirectory &spool);
+    // Returns whether the owner of an open folder still runs. Says yes for a while after a change
+    // in the folder, because asking the kernel then could keep a new owner from getting its lock.
+    [[nodiscard]] static bool hasOwner(int folder);
 
-    explicit SentFolder(const QString &spool);
+    explicit SentFolder(const SpoolDirectory &spool);
 
     // Creates the folder unless it exists. Returns false, with the reason in errno, on failure.
     [[nodiscard]] bool open();
@@ -45,12 +50,12 @@ public:
     // Gives back all held files and all records of the journal. Returns false, with a reason in
     // errno, if some remain.
     [[nodiscard]] bool giveAllBack();
-    [[nodiscard]] bool isEmpty() const { return kept.isEmpty() && records.isEmpty(); }
-    [[nodiscard]] bool holds(const QString &name) const { return kept.contains(name); }
+    [[nodiscard]] bool isEmpty() const { return heldFiles.isEmpty() && ownJournal.isEmpty(); }
+    [[nodiscard]] bool holds(const QString &name) const { return heldFiles.contains(name); }
 
-    [[nodiscard]] Journal &journal() { return records; }
+    [[nodiscard]] Journal &journal() { return ownJournal; }
     // Returns the folder's name in file system encoding; empty before open().
-    [[nodiscard]] QByteArray name() const { return path.mid(spool.size() + 1); }
+    [[nodiscard]] QByteArray name() const { return path.mid(spool.encodedPath().size() + 1); }
 
 private:
     [[nodiscard]] bool make();
@@ -58,9 +63,9 @@ private:
     [[nodiscard]] bool isUnchanged(
         const QByteArray &file, const SpoolFile::Mark &mark, QByteArrayView content) const;
 
-    const QByteArray spool; // file system encoding, as path
-    QByteArray path;
+    const SpoolDirectory spool;
+    QByteArray path; // file system encoding
     Descriptor folder; // holds the kernel's lock
-    QSet<QString> kept;
-    Journal records;
+    QSet<QString> heldFiles;
+    Journal ownJournal;
 };

@@ -1,8 +1,9 @@
 #include "SpoolCensus.h"
 
+#include "FileTime.h"
+
 SpoolCensus SpoolCensus::take(const SpoolDirectory &spool, std::stop_token stop)
 {
-    constexpr qint64 nanosecondsPerSecond = 1'000'000'000;
     SpoolCensus census;
     for (SpoolListing names = spool.list(); !names.isEmpty() && !stop.stop_requested();
          names.removeFirst()) {
@@ -11,7 +12,7 @@ SpoolCensus SpoolCensus::take(const SpoolDirectory &spool, std::stop_token stop)
             continue;
         ++census.files;
         census.bytes += mark->size;
-        const qint64 written = mark->modified / nanosecondsPerSecond;
+        const qint64 written = mark->modified / FileTime::perSecond;
         census.oldest = census.oldest == 0 ? written : std::min(census.oldest, written);
     }
     return census;

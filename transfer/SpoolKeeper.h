@@ -3,6 +3,7 @@
 #include "Flusher.h"
 #include "Leftovers.h"
 #include "SentFolder.h"
+#include "SpoolLock.h"
 
 #include <QObject>
 #include <QStringList>
@@ -20,25 +21,25 @@ class SpoolKeeper : public QObject
 {
     Q_OBJECT
 public:
-    SpoolKeeper(const QString &spool, MessageSink report);
+    SpoolKeeper(const SpoolDirectory &spool, MessageSink report);
     ~SpoolKeeper() override;
 
     // Begins to give back what killed processes have left. Send nothing before ready() is emitted;
     // files may be written at once.
     void start();
-    [[nodiscard]] bool isReady() const { return hasStarted; }
+    [[nodiscard]] bool isReady() const { return hasRecovered; }
     // Call before the process ends. Removes what the next start does not need.
     void stop();
 
     [[nodiscard]] SpoolDirectory::WriteResult write(const QString &name, const QByteArray &content);
-    // Checks whether another process has put files into the spool, and flushes them too.
-    void lookForFiles();
+    // Flushes the files that other processes have written, if the directory has changed.
+    void flushFilesOfOthers();
 
     // Gives back everything in sent(). Returns false if some of it cannot go back yet. Then tries
     // again later, and emits gaveBack() on success.
     bool giveBack();
-    [[nodiscard]] SentFolder &sent() { return folder; }
-    [[nodiscard]] Flusher &flusher() { return disk; }
+    [[nodiscard]] SentFolder &sent() { return sentFolder; }
+    [[nodiscard]] Flusher &flusher() { return diskFlusher; }
     [[nodiscard]] const SpoolDirectory &directory() const { return spool; }
 
 Q_SIGNALS:
@@ -48,26 +49,26 @@ Q_SIGNALS:
     void gaveBack();
 
 private:
-    void tryAgain();
-    void beginRound();
-    void round(const QByteArray &own, int journal);
-    Q_INVOKABLE void endRound();
-    void waitForRound();
+    void retry();
+    void beginRecovery();
+    void recover(const QByteArray &own, int journal);
+    void endRecovery();
+    void waitForRecovery();
     [[nodiscard]] bool holdsFiles() const;
 
     const SpoolDirectory spool;
     const MessageSink report;
-    SentFolder folder;
-    Flusher disk;
-    QTimer retry;
-    bool hasStarted = false, hasStranded = false;
+    SentFolder sentFolder;
+    Flusher diskFlusher;
+    QTimer retryTimer;
+    bool hasRecovered = false, hasStrandedRecords = false;
     qint64 lastChange = 0; // of the directory, nanoseconds since the epoch
 
     // While worker is joinable, only its thread uses the members below.
     std::thread worker;
-    QStringList remarks;
+    QStringList pendingReports;
     Leftovers leftovers;
     SpoolLock lock; // kept between attempts, to see for how long it stays unchanged
     qint64 startTime = 0; // nanoseconds since the epoch
-    bool hasLeftovers = false, hasLeftFiles = false;
+    bool hasLeftovers = false, hasUnfinishedFiles = false;
 };

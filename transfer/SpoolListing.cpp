@@ -4,7 +4,7 @@
 
 namespace {
 
-constexpr size_t textBytes = 65'536; // of one piece of memory
+constexpr size_t bytesPerText = 65'536;
 
 // Gives bytes of UTF-8 the order of UTF-16 code units. The two differ in one thing only: in UTF-16,
 // characters beyond U+FFFF (first bytes F0 to F4) come before U+E000 to U+FFFF (EE and EF).
@@ -27,9 +27,9 @@ bool isAscii(QByteArrayView text)
     return std::all_of(text.begin(), text.end(), [](char byte) { return uchar(byte) < 0x80; });
 }
 
-SpoolName nameAt(const char *place)
+SpoolName nameAt(const char *entry)
 {
-    const QByteArrayView key(place), name(place + key.size() + 1);
+    const QByteArrayView key(entry), name(entry + key.size() + 1);
     return {key, name.isEmpty() ? key : name};
 }
 
@@ -110,33 +110,34 @@ void SpoolListing::store(QByteArrayView nameKey, QByteArrayView name)
 {
     const std::string entry = entryOf(nameKey, name);
     if (texts.empty() || texts.back().capacity() - texts.back().size() < entry.size())
-        texts.emplace_back().reserve(textBytes);
-    places.push_back(texts.back().data() + texts.back().size());
+        texts.emplace_back().reserve(bytesPerText);
+    entries.push_back(texts.back().data() + texts.back().size());
     texts.back().append(entry);
-    bytes += entry.size() + sizeof(places.front());
+    bytes += entry.size() + sizeof(entries.front());
 }
 
 // Copies the half that is kept, so that the memory of the other one can be freed.
 void SpoolListing::dropLargerHalf()
 {
-    const auto middle = places.begin() + std::ptrdiff_t(places.size() / 2);
-    std::nth_element(places.begin(), middle, places.end(), isBefore);
-    const SpoolName last = nameAt(*std::max_element(places.begin(), middle, isBefore));
+    const auto middle = entries.begin() + std::ptrdiff_t(entries.size() / 2);
+    std::nth_element(entries.begin(), middle, entries.end(), isBefore);
+    const SpoolName last = nameAt(*std::max_element(entries.begin(), middle, isBefore));
     bound = entryOf(last.key, last.name);
-    const std::vector<const char *> kept(places.begin(), middle);
+    const std::vector<const char *> kept(entries.begin(), middle);
     const std::vector<std::string> old = std::exchange(texts, {});
-    places.clear();
+    entries.clear();
     bytes = 0;
-    for (const char *place : kept)
-        store(nameAt(place).key, nameAt(place).name);
+    for (const char *entry : kept)
+        store(nameAt(entry).key, nameAt(entry).name);
 }
 
 void SpoolListing::sort()
 {
-    std::sort(places.begin(), places.end(), isBefore);
+    std::sort(entries.begin(), entries.end(), isBefore);
 }
 
 QByteArray SpoolListing::firstName() const
 {
-    return nameAt(places[next]).name.toByteArray();
+    Q_ASSERT(!isEmpty());
+    return nameAt(entries[next]).name.toByteArray();
 }

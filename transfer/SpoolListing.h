@@ -42,7 +42,7 @@ public:
     // Call once after all names are added.
     void sort();
 
-    [[nodiscard]] bool isEmpty() const { return next >= places.size(); }
+    [[nodiscard]] bool isEmpty() const { return next >= entries.size(); }
     [[nodiscard]] QByteArray firstName() const;
     [[nodiscard]] QString first() const { return QString::fromUtf8(firstName()); }
     void removeFirst() { ++next; }
@@ -53,12 +53,14 @@ private:
     void store(QByteArrayView key, QByteArrayView name);
     void dropLargerHalf();
 
-    std::vector<std::string> texts; // for each name its key, 0, the name unless it is the same, 0
-    std::vector<const char *> places; // of the names in the texts, which are never moved
-    size_t next = 0;
-    size_t bytes = 0; // of the texts and places
+    // Texts hold entries: the key of a name, 0, the name unless it equals the key, 0. They are never
+    // reallocated, because `entries` points into them.
+    std::vector<std::string> texts;
+    std::vector<const char *> entries;
+    size_t next = 0; // of the entries
+    size_t bytes = 0; // of texts and entries
     size_t mostBytes;
-    std::string after; // as in the texts; names up to this one are left out,
-    std::string bound; // and those behind this one; empty for none
-    std::string key; // of the name that is being added
+    // Two entries. Names up to `after` and names beyond `bound` are left out; empty for no limit.
+    std::string after, bound;
+    std::string key; // kept between calls of add() to save allocations
 };

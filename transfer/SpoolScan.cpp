@@ -1,22 +1,21 @@
 #include "SpoolScan.h"
 
+#include "FileName.h"
 #include "SpoolDirectory.h"
-
-#include <QFile>
 
 namespace {
 
-constexpr int namesPerLook = 256; // between two looks at the clock
+constexpr int namesPerClockCheck = 256;
 
 } // namespace
 
-SpoolScan::SpoolScan(const QString &path, const QByteArray &after, size_t mostBytes)
-    : directory(::opendir(QFile::encodeName(path).constData()), ::closedir)
+SpoolScan::SpoolScan(const SpoolDirectory &spool, const QByteArray &after, size_t mostBytes)
+    : directory(openFolder(spool.encodedPath()))
     , names(after, mostBytes)
 {
 }
 
-bool SpoolScan::goOn(QDeadlineTimer deadline)
+bool SpoolScan::readUntil(QDeadlineTimer deadline)
 {
     if (!directory)
         return true;
@@ -28,7 +27,7 @@ bool SpoolScan::goOn(QDeadlineTimer deadline)
             sawForeign = true;
         else if (entry->d_name[0] != '.' && isRegularFile(::dirfd(directory.get()), *entry))
             names.add(entry->d_name);
-        if (count % namesPerLook == 0 && deadline.hasExpired())
+        if (count % namesPerClockCheck == 0 && deadline.hasExpired())
             return false;
     }
     names.sort();

@@ -1,12 +1,11 @@
 #pragma once
 
+#include "FileCalls.h"
 #include "SpoolListing.h"
 
 #include <QDeadlineTimer>
-#include <QString>
 
-#include <dirent.h>
-#include <memory>
+class SpoolDirectory;
 
 // Makes one pass over a spool directory to find the files to send next.
 //
@@ -24,10 +23,10 @@ public:
 
     // Keeps names that follow after in the order of sending; all names if it is empty.
     explicit SpoolScan(
-        const QString &directory, const QByteArray &after = {}, size_t mostBytes = defaultBytes);
+        const SpoolDirectory &spool, const QByteArray &after = {}, size_t mostBytes = defaultBytes);
 
     // Continues reading until the deadline at the latest. Returns true when the pass is complete.
-    [[nodiscard]] bool goOn(QDeadlineTimer deadline = QDeadlineTimer::Forever);
+    [[nodiscard]] bool readUntil(QDeadlineTimer deadline);
     // Returns the sorted names of a complete pass.
     [[nodiscard]] SpoolListing takeNames();
     // Returns whether more names follow than were kept.
@@ -36,7 +35,7 @@ public:
     [[nodiscard]] bool hasForeign() const { return sawForeign; }
 
 private:
-    std::unique_ptr<DIR, int (*)(DIR *)> directory;
+    OpenFolder directory;
     SpoolListing names;
     bool sawForeign = false;
 };

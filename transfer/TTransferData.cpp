@@ -1,7 +1,9 @@
 #include "TTransferData.h"
 
+#include "FileCalls.h"
+#include "FileName.h"
+#include "FixedPace.h"
 #include "ReceivedFiles.h"
-#include "WholeFile.h"
 #include "ZlibStream.h"
 
 #include <QFile>
@@ -19,27 +21,14 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// Data packets between two status requests: until packet 0 is acknowledged, and afterwards.
-constexpr int announcingTicks = 2;
-constexpr int sendingTicks = 4;
 // Without a fixed pace: steps before control returns to the event loop, and the length of a tick
 // that waits because of peer traffic.
 constexpr int stepsPerTick = 512;
 constexpr std::chrono::milliseconds quietPause(1);
-constexpr qsizetype maxSentList = 25; // keeps a status request and its answer small
 constexpr char maxId = 127; // the next one is 0
 
 // The sequence counter for the acknowledgements of all engines in this process.
 std::atomic<quint8> s_chPacketCounter = 0;
-
-// Encodes a name for the information record; returns nullopt if it does not fit or is not Latin-1.
-std::optional<QByteArray> wireName(const QString &name)
-{
-    const QByteArray bytes = name.toLatin1();
-    if (bytes.size() > InformationRecord::maxName || QString::fromLatin1(bytes) != name)
-        return std::nullopt;
-    return bytes;
-}
 
 TTransferData makeRecord(QByteArrayView bytes)
 {
@@ -70,6 +59,7 @@ bool cutIntoPackets(QMap<int, TTransferData> &packets, QByteArrayView bytes)
             packets.insert(packets.cend(), number, TTransferData());
         }
         TTransferData &record = packets.last();
+        Q_ASSERT(record.length < Packet::maxPayload);
         const qsizetype size = std::min(bytes.size(), Packet::maxPayload - record.length);
         std::memcpy(record.data + record.length, bytes.data(), size_t(size));
         record.length += int(size);
@@ -106,6 +96,7 @@ void TFileTransfer::Stop()
 
 void TFileTransfer::StopSending()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     sending = false;
     ticker.stop();
 }
@@ -117,6 +108,7 @@ void TFileTransfer::SendPath(QString path)
 
 void TFileTransfer::SendInfo(char *tag, QString text)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     QByteArray bytes = text.toLocal8Bit();
     if (bytes.size() > Packet::maxText) {
         qsizetype end = Packet::maxText;
@@ -151,9 +143,8 @@ void TFileTransfer::OpenFile(QString path)
         return begin(std::move(outgoing));
     const std::lock_guard lock(handOverMutex);
     handedOver.push_back(std::move(outgoing));
-    // Invoked by name: for a member pointer Qt allocates an object that the other thread reads, and
-    // the thread sanitizer does not see that the event queue synchronises it.
-    QMetaObject::invokeMethod(this, "takeHandedOver", Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { takeHandedOver(); }, Qt::QueuedConnection);
 }
 
 void TFileTransfer::takeHandedOver()
@@ -161,6 +152,7 @@ void TFileTransfer::takeHandedOver()
     Outgoing outgoing;
     {
         const std::lock_guard lock(handOverMutex);
+        Q_ASSERT(!handedOver.empty());
         outgoing = std::move(handedOver.front());
         handedOver.pop_front();
     }
@@ -171,16 +163,17 @@ TFileTransfer::Outgoing TFileTransfer::prepare(const QString &path)
 {
     Outgoing outgoing;
     outgoing.path = path;
-    const std::optional<QByteArray> name = wireName(QFileInfo(path).fileName());
-    if (!name) {
-        outgoing.refusal = tr("the name cannot be sent, it is longer than %1 characters or not "
-                              "in Latin-1")
-                               .arg(InformationRecord::maxName);
+    const QString name = QFileInfo(path).fileName();
+    if (InformationRecord::problemWith(name) != InformationRecord::NameProblem::None) {
+        outgoing.refusalReason =
+            tr("the name cannot be sent, it is longer than %1 characters or not "
+               "in Latin-1")
+                .arg(InformationRecord::maxName);
         return outgoing;
     }
     compress(outgoing);
     const quint16 count = quint16(outgoing.packets.size());
-    outgoing.packets.insert(0, makeRecord(InformationRecord{count, *name}.write()));
+    outgoing.packets.insert(0, makeRecord(InformationRecord{count, name.toLatin1()}.write()));
     return outgoing;
 }
 
@@ -205,16 +198,16 @@ void TFileTransfer::compress(Outgoing &outgoing)
         outgoing.readError = errno != 0 ? errno : EIO;
         return;
     case ZlibStream::Result::SinkStopped:
-        outgoing.refusal = tr("it has more than %1 bytes when compressed")
-                               .arg(Packet::maxNumber * Packet::maxPayload);
+        outgoing.refusalReason =
+            tr("it has more than %1 bytes when compressed").arg(Packet::maxCompressed);
     }
 }
 
 void TFileTransfer::begin(Outgoing outgoing)
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (!outgoing.refusal.isEmpty()) {
-        Q_EMIT FileRefused(outgoing.path, outgoing.refusal);
+    if (!outgoing.refusalReason.isEmpty()) {
+        Q_EMIT FileRefused(outgoing.path, outgoing.refusalReason);
         return;
     }
     if (outgoing.readError != 0) {
@@ -229,7 +222,7 @@ void TFileTransfer::begin(Outgoing outgoing)
     lastSentNumber = 0;
     tickCount = 0;
     sending = true;
-    if (tickInterval > 0ms)
+    if (hasFixedPace())
         return ticker.start(tickInterval);
     const auto now = PacedSender::Clock::now();
     paced.begin(txMap.lastKey(), now);
@@ -247,15 +240,16 @@ void TFileTransfer::runTicks(int count)
 
 void TFileTransfer::timerEvent(QTimerEvent *)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     if (!sending)
         return;
     ++tickCount;
     ++idleTicks;
-    if (tickInterval == 0ms)
+    if (!hasFixedPace())
         return sendPaced();
     if (idleTicks < quietTicks)
         return;
-    if (tickCount > (infoAcked ? sendingTicks : announcingTicks))
+    if (tickCount > (infoAcked ? FixedPace::groupPackets : FixedPace::announcements))
         sendStatusRequest();
     else if (!txMap.isEmpty())
         sendNextRecord();
@@ -274,7 +268,7 @@ void TFileTransfer::sendNextRecord()
     record.sendCount = qint8(record.sendCount + 1);
     lastSentNumber = chosen.key();
     sentList.append(quint16(lastSentNumber));
-    if (sentList.size() > maxSentList)
+    if (sentList.size() > Packet::maxListed)
         sentList.removeFirst();
     emitRecord(lastSentNumber, record);
 }
@@ -360,7 +354,7 @@ void TFileTransfer::receiveAcknowledgement(const Packet &packet)
         if (txMap.isEmpty())
             return endSending();
     }
-    if (tickInterval == 0ms && infoAcked)
+    if (!hasFixedPace() && infoAcked)
         tellPacedSender(packet);
 }
 
@@ -409,7 +403,7 @@ void TFileTransfer::receiveRecord(const Packet &packet)
     }
     const TTransferData record = makeRecord(packet.record);
     if (packet.number > 0)
-        compareWithForgotten(packet.number, record);
+        dropFromForgotten(packet.number, record);
     rxMap.insert(packet.number, record);
     if (rxCount >= 1 && rxMap.size() == rxCount + 1)
         completeFile();
@@ -425,8 +419,8 @@ bool TFileTransfer::beginReceiving(const Packet &packet)
     const bool isSame = packet.id == rxId && rxMap.contains(0)
         && isSamePayload(rxMap[0], makeRecord(packet.record));
     if (!isSame)
-        received->nextBegins();
-    keepForgotten(isSame && receiving && !isRescued);
+        received->giveUpUnwritable();
+    updateForgotten(isSame && receiving && !isRescued);
     rxCount = record->count;
     rxId = packet.id;
     rxMap.clear();
@@ -437,7 +431,7 @@ bool TFileTransfer::beginReceiving(const Packet &packet)
 // A late copy of packet 0 restarts the reception, but the sender never repeats packets that were
 // acknowledged before it. They are no longer counted or acknowledged, as the sender expects, but
 // they are kept here so that the file can still be written.
-void TFileTransfer::keepForgotten(bool isLateCopy)
+void TFileTransfer::updateForgotten(bool isLateCopy)
 {
     if (!isLateCopy)
         forgotten.clear();
@@ -449,7 +443,7 @@ void TFileTransfer::keepForgotten(bool isLateCopy)
 
 // Drops the kept copy of a packet that arrives again. If the new packet differs, it belongs to
 // another file, and all kept packets are dropped.
-void TFileTransfer::compareWithForgotten(int number, const TTransferData &record)
+void TFileTransfer::dropFromForgotten(int number, const TTransferData &record)
 {
     const auto before = rxMap.constFind(number);
     const auto kept = forgotten.constFind(number);
@@ -501,6 +495,7 @@ void TFileTransfer::write(const QMap<int, TTransferData> &packets, bool onlyIfCl
 {
     const TTransferData &first = packets.first();
     const auto information = InformationRecord::read(QByteArrayView(first.data, first.length));
+    Q_ASSERT(information); // beginReceiving() has read the same bytes
     const QString name = QString::fromLatin1(information->name);
     if (isPlainName(name))
         received->write({name, receivePath + name, packets, onlyIfClean});

@@ -92,15 +92,16 @@ private:
     {
         QString path;
         QMap<int, TTransferData> packets;
-        QString refusal; // why it can never be sent; empty if it can
-        int readError = 0; // errno; 0 if it was read
-        bool isAbandoned = false; // the preparing thread was interrupted
+        QString refusalReason;
+        int readError = 0; // errno
+        bool isAbandoned = false;
     };
     [[nodiscard]] static Outgoing prepare(const QString &path);
     static void compress(Outgoing &outgoing);
     void begin(Outgoing outgoing);
-    Q_INVOKABLE void takeHandedOver();
+    void takeHandedOver();
 
+    [[nodiscard]] bool hasFixedPace() const { return tickInterval.count() > 0; }
     [[nodiscard]] Packet::Stamp nextStamp();
     void runTicks(int count);
     void emitTwice(QByteArray packet);
@@ -116,8 +117,8 @@ private:
 
     void receiveRecord(const Packet &packet);
     [[nodiscard]] bool beginReceiving(const Packet &packet);
-    void keepForgotten(bool isLateCopy);
-    void compareWithForgotten(int number, const TTransferData &record);
+    void updateForgotten(bool isLateCopy);
+    void dropFromForgotten(int number, const TTransferData &record);
     void answerStatusRequest(const Packet &packet);
     void completeFile();
     void rescueFile();

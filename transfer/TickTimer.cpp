@@ -1,5 +1,7 @@
 #include "TickTimer.h"
 
+#include <QThread>
+
 #include <algorithm>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -54,6 +56,7 @@ void TickTimer::stop()
 
 void TickTimer::arm(std::chrono::nanoseconds first, std::chrono::nanoseconds interval)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     const itimerspec times = {timeSpec(interval), timeSpec(first)};
     ::timerfd_settime(descriptor, 0, &times, nullptr);
     if (first > 0ns)
@@ -62,8 +65,8 @@ void TickTimer::arm(std::chrono::nanoseconds first, std::chrono::nanoseconds int
 
 void TickTimer::readTicks()
 {
-    quint64 due = 0;
-    if (::read(descriptor, &due, sizeof(due)) != sizeof(due))
+    quint64 ticksDue = 0;
+    if (::read(descriptor, &ticksDue, sizeof(ticksDue)) != sizeof(ticksDue))
         return; // was rearmed after it had become readable
-    Q_EMIT ticked(int(std::min(due, quint64(maxTicksDue))));
+    Q_EMIT ticked(int(std::min(ticksDue, quint64(maxTicksDue))));
 }

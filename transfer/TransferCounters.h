@@ -8,20 +8,20 @@
 class SentPackets
 {
 public:
-    // Call once for every data packet that is sent.
-    [[nodiscard]] bool isRepeated(char fileId, quint16 number)
+    // Notes that a data packet is sent. Returns whether it was sent before.
+    [[nodiscard]] bool add(char fileId, quint16 number)
     {
-        if (fileId != seenFile)
-            seen.reset();
-        seenFile = fileId;
-        const bool wasSeen = seen.test(number);
-        seen.set(number);
-        return wasSeen;
+        if (fileId != currentId)
+            sentNumbers.reset();
+        currentId = fileId;
+        const bool wasSent = sentNumbers.test(number);
+        sentNumbers.set(number);
+        return wasSent;
     }
 
 private:
-    std::bitset<65'536> seen; // by packet number
-    char seenFile = 0; // id
+    std::bitset<65'536> sentNumbers;
+    char currentId = 0;
 };
 
 // The counters of a UDP transfer since it was started.
@@ -37,5 +37,5 @@ struct TransferCounters
     qint64 filesDelivered = 0;
     qint64 filesRefused = 0;
     qint64 filesReceived = 0;
-    qint64 lastAnswer = 0; // last packet from the peer, seconds since the epoch; 0 for never
+    qint64 lastPeerPacket = 0; // seconds since the epoch; 0 for never
 };

@@ -1,5 +1,8 @@
 #include "WholeFile.h"
 
+#include "FileCalls.h"
+#include "SpoolLayout.h"
+
 #include <QCoreApplication>
 #include <QFile>
 #include <QRandomGenerator>
@@ -7,21 +10,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
-#include <memory>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/stat.h>
 
 namespace {
 
-constexpr mode_t newFileMode = 0666; // less the umask
-
 QByteArray hiddenBeside(const QString &path)
 {
-    // Made once a thread: the process id would be a system call for every file.
-    thread_local const QByteArray name = incomingPrefix
+    // Computed once per thread, to save the system call for the process id with each file.
+    thread_local const QByteArray name = SpoolLayout::incomingPrefix
         + QByteArray::number(QCoreApplication::applicationPid()) + '-'
         + QByteArray::number(QRandomGenerator::system()->generate64(), 16);
     return QFile::encodeName(path.left(path.lastIndexOf(u'/') + 1)) + name;
@@ -62,41 +61,13 @@ void removeUnlocked(int directory, const char *name)
 
 } // namespace
 
-bool isPlainName(const QString &name)
-{
-    if (name.isEmpty() || name.startsWith(u'.'))
-        return false;
-    const auto isCommon = [](QChar c) { return c > u'\0' && c < u'\x80' && c != u'/'; };
-    return std::all_of(name.begin(), name.end(), isCommon)
-        || (!name.contains(u'/') && !name.contains(QChar(u'\0'))
-            && QFile::decodeName(QFile::encodeName(name)) == name);
-}
-
-int openRegularFile(const QString &path, struct stat &info)
-{
-    if (path.contains(QChar(u'\0'))) { // the system would take what is in front of it
-        errno = ENOENT;
-        return -1;
-    }
-    // Without O_NONBLOCK a FIFO that has taken a file's place would block for ever.
-    Descriptor file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (!file.isOpen() || ::fstat(file.get(), &info) != 0)
-        return -1;
-    if (!S_ISREG(info.st_mode)) {
-        errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-        return -1;
-    }
-    return file.release();
-}
-
 void removeLeftoversOfTheDead(const QString &path)
 {
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(
-        ::opendir(QFile::encodeName(path).constData()), ::closedir);
+    const OpenFolder directory = openFolder(QFile::encodeName(path));
     if (!directory)
         return;
     while (const dirent *entry = ::readdir(directory.get())) {
-        if (std::strncmp(entry->d_name, incomingPrefix, std::strlen(incomingPrefix)) == 0)
+        if (std::string_view(entry->d_name).starts_with(SpoolLayout::incomingPrefix))
             removeUnlocked(::dirfd(directory.get()), entry->d_name);
     }
 }
@@ -112,37 +83,34 @@ WholeFile::WholeFile(const QString &filePath)
 
 WholeFile::~WholeFile()
 {
+    const int reason = errno; // the caller may still ask for it
     if (isHidden)
         ::unlink(hidden.constData());
+    errno = reason;
 }
 
 bool WholeFile::check(bool isDone)
 {
     if (!isDone && failure == 0)
         failure = errno != 0 ? errno : EIO;
+    if (failure != 0)
+        errno = failure;
     return failure == 0;
 }
 
 bool WholeFile::write(QByteArrayView bytes)
 {
-    while (failure == 0 && !bytes.isEmpty()) {
-        const ssize_t count = ::write(file.get(), bytes.data(), size_t(bytes.size()));
-        if (count > 0)
-            bytes = bytes.sliced(count);
-        else
-            check(count < 0 && errno == EINTR);
-    }
-    return failure == 0;
+    return check(failure == 0 && writeAll(file.get(), bytes));
 }
 
 bool WholeFile::setMode(mode_t mode)
 {
-    return check(::fchmod(file.get(), mode) == 0);
+    return check(failure == 0 && ::fchmod(file.get(), mode) == 0);
 }
 
 bool WholeFile::commit(Flush flush)
 {
-    if (failure != 0)
+    if (!check(failure == 0))
         return false;
     // Some file systems report a full disk only when a file is flushed or closed. A flushed file
     // stays open, and so locked until it has its name.

@@ -2,24 +2,11 @@
 
 #include "Descriptor.h"
 
+#include <QByteArray>
 #include <QByteArrayView>
 #include <QString>
 
 #include <sys/stat.h>
-
-// The prefix of the hidden names of files that are being written.
-inline constexpr char incomingPrefix[] = ".incoming-";
-
-// Returns whether a name denotes a visible file of its directory: not empty, no "/" or null
-// character, no leading dot, and no character that file names cannot encode, because two such names
-// would denote the same file.
-[[nodiscard]] bool isPlainName(const QString &name);
-
-inline constexpr qsizetype longestFileName = 255; // bytes; the limit of common file systems
-
-// Opens a regular file for reading and fills info. Returns -1, with the reason in errno, on failure
-// and for anything that is not a regular file.
-[[nodiscard]] int openRegularFile(const QString &path, struct stat &info);
 
 // Removes the hidden files that killed writers have left in a directory. Files of living writers
 // stay, also those of other containers, because each writer holds the kernel's lock on its file.
@@ -52,8 +39,6 @@ public:
     [[nodiscard]] bool setMode(mode_t mode);
     // Renames the file and replaces an existing one.
     [[nodiscard]] bool commit(Flush flush = Flush::No);
-    // Returns the errno value of the first failure, or 0.
-    [[nodiscard]] int error() const { return failure; }
 
 private:
     // Stores errno of the first failed call. Returns true if no call has failed so far.

@@ -4,6 +4,7 @@
 #include <QThread>
 
 #include <array>
+#include <limits>
 #include <new>
 #include <zlib.h>
 
@@ -25,6 +26,7 @@ uchar *bytesOf(const char *data)
 
 void setInput(z_stream &stream, QByteArrayView piece)
 {
+    Q_ASSERT(quint64(piece.size()) <= std::numeric_limits<uInt>::max());
     stream.next_in = bytesOf(piece.data());
     stream.avail_in = uInt(piece.size());
 }
@@ -38,6 +40,16 @@ void setOutput(z_stream &stream, Piece &piece)
 QByteArrayView outputOf(const z_stream &stream, const Piece &piece)
 {
     return QByteArrayView(piece.data(), pieceSize - qsizetype(stream.avail_out));
+}
+
+// Returns the state of the stream after inflate() has returned code.
+ZlibStream::Inflater::End endFrom(int code, const char *message)
+{
+    using End = ZlibStream::Inflater::End;
+    if (code == Z_STREAM_END)
+        return End::Clean;
+    const bool isChecksum = code == Z_DATA_ERROR && qstrcmp(message, wrongChecksum) == 0;
+    return isChecksum ? End::WrongChecksum : End::Broken;
 }
 
 class Deflater
@@ -125,15 +137,13 @@ bool ZlibStream::Inflater::write(QByteArrayView piece)
     while (state->isOpen) {
         setOutput(stream, state->output);
         const int code = inflate(&stream, Z_NO_FLUSH);
-        const QByteArrayView made = outputOf(stream, state->output);
-        const bool isTaken = made.isEmpty() || sink(made);
         if (code == Z_BUF_ERROR) // the piece is used up
             break;
+        const QByteArrayView made = outputOf(stream, state->output);
+        const bool isTaken = made.isEmpty() || sink(made);
         state->isOpen = isTaken && code == Z_OK;
-        if (isTaken && code == Z_STREAM_END)
-            state->end = End::Clean;
-        else if (isTaken && code == Z_DATA_ERROR && qstrcmp(stream.msg, wrongChecksum) == 0)
-            state->end = End::WrongChecksum;
+        if (isTaken)
+            state->end = endFrom(code, stream.msg);
     }
     return state->isOpen;
 }

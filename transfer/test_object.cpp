@@ -1,15 +1,16 @@
 #include "test_object.h"
 
+#include "LoggingLevel.h"
 #include "PeerAddress.h"
 #include "ReceivedFiles.h"
+#include "SpoolLock.h"
 #include "TLog.h"
 #include "TTransferData.h"
+#include "WholeFile.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
-#include <QDebug>
 #include <QFileInfo>
-#include <QLoggingCategory>
 #include <QNetworkProxy>
 #include <QUdpSocket>
 
@@ -35,17 +36,12 @@ constexpr int receiveBufferBytes = 4 << 20; // large, because this thread also d
 constexpr int datagramsPerTurn = 256; // then timers get their turn
 constexpr qsizetype maxDatagram = 65'536; // bytes
 
-// Checked before a debug line is built, which costs more than sending the packet.
-bool isDebugOn()
-{
-    return QLoggingCategory::defaultCategory()->isDebugEnabled();
-}
+Q_LOGGING_CATEGORY(transferCategory, "morvane.transfer", defaultLoggingLevel())
 
 // Prints the same line as qCDebug() << text << datagram.toHex() << "\r\n", several times faster.
 void debugDatagram(const char *text, QByteArrayView datagram)
 {
-    if (isDebugOn())
-        qDebug("%s \"%s\" \r\n", text, datagram.toByteArray().toHex().constData());
+    qCDebug(transferCategory, "%s \"%s\" \r\n", text, datagram.toByteArray().toHex().constData());
 }
 
 // Tells whether the process lacks a resource. Then no other file could be read either.
@@ -67,13 +63,13 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
     : QThread(parent)
     , remotePort(peerPort)
     , remoteHost(peerHost)
-    , spoolDir(directory)
+    , spool(directory)
     , fileTransfer(new TFileTransfer(timeout, 0, nullptr))
     , udpSocket(new QUdpSocket(this))
     , localPort(ownPort)
     , datagramBuffer(maxDatagram, '\0')
     , peerAddress(remoteHost)
-    , isSpoolWorkingDirectory(isWorkingDirectory(spoolDir))
+    , isSpoolWorkingDirectory(isWorkingDirectory(directory))
 {
     // The system's proxy settings must not redirect the packets.
     udpSocket->setProxy(QNetworkProxy::NoProxy);
@@ -85,8 +81,8 @@ ScanThread::ScanThread(QObject *parent, unsigned short ownPort, unsigned short p
                "and received files would be sent back"));
     else
         bindSocket();
-    deliveryTimer.setSingleShot(true);
-    connect(&deliveryTimer, &QTimer::timeout, this, &ScanThread::removeDelivered);
+    removalTimer.setSingleShot(true);
+    connect(&removalTimer, &QTimer::timeout, this, &ScanThread::removeDelivered);
     connect(qApp, &QCoreApplication::aboutToQuit, this, &ScanThread::finish);
     connectEngine();
 }
@@ -99,7 +95,7 @@ void ScanThread::connectEngine()
     connect(fileTransfer, &TFileTransfer::FileUnreadable, this, &ScanThread::on_FileUnreadable);
     connect(fileTransfer, &TFileTransfer::FileForgotten, this, &ScanThread::on_FileForgotten);
     connect(fileTransfer, &TFileTransfer::SendData, this, &ScanThread::SendData);
-    connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::reportOfPeer);
+    connect(fileTransfer, &TFileTransfer::Trouble, this, &ScanThread::reportAboutPeer);
     connect(fileTransfer, &TFileTransfer::FileReceived, this,
         [this] { ++transferCounters.filesReceived; });
 }
@@ -118,13 +114,15 @@ void ScanThread::setMaxReceivedBytes(qint64 bytes)
 
 void ScanThread::finish()
 {
-    if (deliveryTimer.isActive())
+    Q_ASSERT(QThread::currentThread() == thread());
+    if (removalTimer.isActive())
         removeDelivered();
     fileTransfer->receivedFiles().finish(longestFinish);
 }
 
 void ScanThread::stop()
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     {
         const std::lock_guard lock(mutex);
         stopRequested = true;
@@ -146,10 +144,11 @@ void ScanThread::run()
 
 void ScanThread::scan()
 {
+    Q_ASSERT(QThread::currentThread() == this);
     if (isSpoolWorkingDirectory)
         return;
     removeLeftoversOfTheDead(u"."_s); // of received files
-    SpoolLock lock(spoolDir, [this](const QString &line) { reportFromAnyThread(line); });
+    SpoolLock lock(spool, [this](const QString &line) { reportFromAnyThread(line); });
     // The peer may still acknowledge packets of a killed process, and this engine uses the same
     // transfer ids again. During the first interval it sends nothing and ignores such answers.
     nextScan = Clock::now() + scanInterval;
@@ -174,27 +173,27 @@ bool ScanThread::waitForTurn()
 
 bool ScanThread::isSpoolFree(SpoolLock &lock)
 {
-    const SpoolLock::State state = lock.look();
+    const SpoolLock::State state = lock.removeIfStale();
     const bool isStuck = state == SpoolLock::State::Stuck;
     if (isStuck && !reportedStuckLock)
-        reportFromAnyThread(tr("Can't remove the lock file of %1, nothing is sent").arg(spoolDir));
+        reportFromAnyThread(
+            tr("Can't remove the lock file of %1, nothing is sent").arg(spool.path()));
     reportedStuckLock = isStuck;
     return state == SpoolLock::State::Free;
 }
 
 void ScanThread::handOverFirstFile()
 {
-    const SpoolDirectory spool(spoolDir);
     passedOver.removeIf([&](auto file) { return spool.mark(file.key()) != file.value().mark; });
-    bool hasForeign = false;
-    const QString name = spool.first(
-        [this](const QString &candidate) { return isPassedOver(candidate); }, hasForeign);
+    const auto [name, hasForeign] =
+        spool.first([this](const QString &candidate) { return isPassedOver(candidate); });
     if (hasForeign)
-        spool.setForeignNamesAside(
-            [this](const QString &line) { reportFromAnyThread(line); }, hasFailedForeign);
+        hasFailedForeign = !spool.setForeignNamesAside(
+            [this](const QString &line) { reportFromAnyThread(line); }, !hasFailedForeign);
     const std::optional<Mark> mark = name.isEmpty() ? std::nullopt : spool.mark(name);
     if (!mark)
         return;
+    Q_ASSERT(!busy); // else these belong to the object's thread
     currentName = name;
     currentPath = spool.pathOf(name);
     currentMark = *mark;
@@ -212,34 +211,33 @@ bool ScanThread::isPassedOver(const QString &name) const
 
 void ScanThread::on_FileSended()
 {
-    deliveryTimer.start(pauseBeforeRemoval);
+    Q_ASSERT(busy);
+    removalTimer.start(pauseBeforeRemoval);
 }
 
 void ScanThread::removeDelivered()
 {
-    deliveryTimer.stop();
+    removalTimer.stop();
     // Fails to match, and stays, if a newer file has taken the name since.
-    const bool isRemoved = SpoolDirectory(spoolDir).remove(currentName, currentMark)
-        != SpoolDirectory::Removal::Failed;
+    const bool isRemoved =
+        spool.remove(currentName, currentMark) != SpoolDirectory::Removal::Failed;
     const QString path = currentPath;
     release();
     ++transferCounters.filesDelivered;
     reportedShortage = false;
 
-    if (isDebugOn())
-        qDebug() << u"Transmitted file  "_s + path;
+    qCDebug(transferCategory) << u"Transmitted file  "_s + path;
     Q_EMIT LogMessage((tr("Transmitted file") + u' ' + path).toUtf8());
     if (isRemoved)
         return;
-    if (isDebugOn())
-        qDebug() << u"Can't delete file "_s + path;
+    qCDebug(transferCategory) << u"Can't delete file "_s + path;
     Q_EMIT LogMessage((tr("Can't delete file") + u' ' + path).toUtf8());
 }
 
 void ScanThread::on_FileRefused(QString, QString reason)
 {
     // If the file was replaced since, the new one may be fine and gets its own attempt.
-    if (SpoolDirectory(spoolDir).mark(currentName) == currentMark)
+    if (spool.mark(currentName) == currentMark)
         setAside(reason);
     release();
 }
@@ -248,13 +246,15 @@ void ScanThread::on_FileRefused(QString, QString reason)
 // corrected, or the process may have free descriptors again.
 void ScanThread::on_FileUnreadable(QString, int error)
 {
-    const bool isKnown = passedOver.contains(currentName);
-    if (isShortage(error)
-            ? !std::exchange(reportedShortage, true)
-            : error != ENOENT && !isKnown && passedOver.size() < maxReportedUnreadable)
-        report(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
-    if (!isShortage(error) && error != ENOENT)
+    bool isNews = false;
+    if (isShortage(error)) {
+        isNews = !std::exchange(reportedShortage, true);
+    } else if (error != ENOENT) { // else the file has left the spool
+        isNews = !passedOver.contains(currentName) && passedOver.size() < maxReportedUnreadable;
         passedOver[currentName] = {currentMark, Clock::now() + unreadableRetryInterval};
+    }
+    if (isNews)
+        report(tr("Can't read file %1, trying again: %2").arg(currentPath, qt_error_string(error)));
     release();
 }
 
@@ -267,6 +267,7 @@ void ScanThread::on_FileForgotten()
 void ScanThread::release()
 {
     Q_ASSERT(QThread::currentThread() == thread());
+    Q_ASSERT(busy);
     {
         const std::lock_guard lock(mutex);
         busy.store(false, std::memory_order_release);
@@ -276,7 +277,7 @@ void ScanThread::release()
 
 void ScanThread::setAside(const QString &reason)
 {
-    const SpoolDirectory::SetAside result = SpoolDirectory(spoolDir).setAside(currentName);
+    const SpoolDirectory::SetAside result = spool.setAside(currentName);
     if (result == SpoolDirectory::SetAside::Gone)
         return;
     ++transferCounters.filesRefused;
@@ -330,7 +331,8 @@ QString ScanThread::obstacle() const
     return {};
 }
 
-bool ScanThread::mayReach()
+// Looks for an obstacle every few seconds only, because that costs system calls. Reports a new one.
+bool ScanThread::canSendToPeer()
 {
     if (Clock::now() < nextObstacleCheck)
         return lastObstacle.isEmpty();
@@ -343,25 +345,27 @@ bool ScanThread::mayReach()
 
 void ScanThread::SendData(QByteArray &packet)
 {
+    Q_ASSERT(QThread::currentThread() == thread());
     // An unbound socket would send from an arbitrary port, where no answer arrives.
-    if (mayReach() && udpSocket->state() == QAbstractSocket::BoundState)
+    if (canSendToPeer() && udpSocket->state() == QAbstractSocket::BoundState)
         udpSocket->writeDatagram(packet, peerAddress, remotePort);
     debugDatagram("Send package   ", packet);
 
     const auto sent = Packet::read(packet);
-    if (sent)
-        count(*sent, packet.size());
-    if (sent && sent->kind == Packet::StatusRequest && watch.isInVain(sent->id))
+    if (!sent)
+        return;
+    countSent(*sent, packet.size());
+    if (sent->kind == Packet::StatusRequest && watch.countRequest(sent->id))
         sendAfresh(tr("The peer acknowledges no more of file %1, it is sent afresh"));
 }
 
-void ScanThread::count(const Packet &sent, qint64 bytes)
+void ScanThread::countSent(const Packet &sent, qint64 bytes)
 {
     if (sent.kind != Packet::Data)
         return;
     ++transferCounters.packetsSent;
     transferCounters.bytesSent += bytes;
-    if (sentPackets.isRepeated(sent.id, sent.number))
+    if (sentPackets.add(sent.id, sent.number))
         ++transferCounters.packetsRepeated;
 }
 
@@ -376,12 +380,12 @@ void ScanThread::UdpDatagrams()
             datagramBuffer.data(), datagramBuffer.size(), onlyPeer ? &sender : nullptr, nullptr);
         if (size < 0)
             return;
-        if (!onlyPeer || isFromPeer(sender))
+        if (!onlyPeer || acceptsFrom(sender))
             takeDatagram(int(size));
     }
 }
 
-bool ScanThread::isFromPeer(const QHostAddress &sender)
+bool ScanThread::acceptsFrom(const QHostAddress &sender)
 {
     if (sender.isEqual(peerAddress, QHostAddress::ConvertV4MappedToIPv4))
         return true;
@@ -392,13 +396,13 @@ bool ScanThread::isFromPeer(const QHostAddress &sender)
 
 void ScanThread::takeDatagram(int size)
 {
-    const auto packet = Packet::read(QByteArrayView(datagramBuffer).first(size));
-    if (packet)
+    const auto datagram = QByteArrayView(datagramBuffer).first(size);
+    if (const auto packet = Packet::read(datagram)) {
         watch.received(*packet);
-    if (packet)
-        transferCounters.lastAnswer = QDateTime::currentSecsSinceEpoch();
+        transferCounters.lastPeerPacket = QDateTime::currentSecsSinceEpoch();
+    }
     fileTransfer->ReceiveData(datagramBuffer.data(), size);
-    debugDatagram("Received package   ", QByteArrayView(datagramBuffer).first(size));
+    debugDatagram("Received package   ", datagram);
 }
 
 // --- reports to the operator ---
@@ -408,8 +412,8 @@ void ScanThread::reportFromAnyThread(const QString &line)
 {
     const std::lock_guard lock(mutex);
     pendingLines.append(line);
-    // Invoked by name for the same reason as in TFileTransfer::OpenFile().
-    QMetaObject::invokeMethod(this, "reportPending", Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this] { reportPending(); }, Qt::QueuedConnection);
 }
 
 void ScanThread::reportPending()
@@ -424,23 +428,22 @@ void ScanThread::reportPending()
 }
 
 // Limits the lines per minute, so that a peer that sends many bad files does not fill the log.
-void ScanThread::reportOfPeer(const QString &line)
+void ScanThread::reportAboutPeer(const QString &line)
 {
     if (Clock::now() >= peerLinesUntil) {
         peerLinesUntil = Clock::now() + peerLinesTime;
-        peerLines = 0;
+        peerLineCount = 0;
     }
-    if (++peerLines <= maxPeerLines)
+    if (++peerLineCount <= maxPeerLines)
         report(line);
-    else if (peerLines == maxPeerLines + 1)
+    else if (peerLineCount == maxPeerLines + 1)
         report(tr("Further lines about received files are left out for a minute"));
 }
 
 void ScanThread::report(const QString &line)
 {
     Q_ASSERT(QThread::currentThread() == thread());
-    if (isDebugOn())
-        qDebug() << line;
+    qCDebug(transferCategory) << line;
     pLog->Message(line, TLog::Priority::Warning);
     Q_EMIT LogMessage(line.toUtf8());
 }

@@ -101,18 +101,18 @@ private:
     void sendAfresh(const QString &text);
 
     [[nodiscard]] QString obstacle() const;
-    [[nodiscard]] bool mayReach();
-    [[nodiscard]] bool isFromPeer(const QHostAddress &sender);
+    [[nodiscard]] bool canSendToPeer();
+    [[nodiscard]] bool acceptsFrom(const QHostAddress &sender);
     void takeDatagram(int size);
-    void count(const Packet &sent, qint64 bytes);
+    void countSent(const Packet &sent, qint64 bytes);
     void reportFromAnyThread(const QString &line);
-    Q_INVOKABLE void reportPending();
+    void reportPending();
     void report(const QString &line);
-    void reportOfPeer(const QString &line);
+    void reportAboutPeer(const QString &line);
 
     const quint16 remotePort;
     const QString remoteHost;
-    const QString spoolDir;
+    const SpoolDirectory spool;
     TFileTransfer *fileTransfer;
 
     // The file in transfer. While busy is false these belong to the scan thread, which sets
@@ -121,7 +121,7 @@ private:
     QString currentName;
     Mark currentMark = {}; // taken before the file is read, so a later change is noticed
     QMap<QString, PassedOver> passedOver;
-    QTimer deliveryTimer; // runs between the delivery of a file and its removal
+    QTimer removalTimer;
 
     QUdpSocket *udpSocket;
     std::atomic<bool> busy = false;
@@ -138,7 +138,7 @@ private:
     QString lastObstacle; // empty if nothing prevents sending
     Clock::time_point nextObstacleCheck{};
     Clock::time_point peerLinesUntil{};
-    int peerLines = 0;
+    int peerLineCount = 0;
     bool reportedNoPort = false;
     bool reportedShortage = false; // reset when a file is delivered
     bool reportedStranger = false;

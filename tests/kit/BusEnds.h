@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BusFrame.h"
+#include "DataRecord.h"
 #include "Waiting.h"
 
 #include <QDeadlineTimer>
@@ -25,8 +26,13 @@ class BusServer : public QLocalServer
 public:
     explicit BusServer(const QString &name)
     {
-        connect(
-            this, &QLocalServer::newConnection, this, [this] { accept(nextPendingConnection()); });
+        connect(this, &QLocalServer::newConnection, this, [this] {
+            QLocalSocket *socket = sockets.emplaceBack(nextPendingConnection());
+            if (!reading)
+                return socket->setReadBufferSize(1);
+            connect(
+                socket, &QIODevice::readyRead, this, [=, this] { received += socket->readAll(); });
+        });
         if (!listen(name))
             qFatal("cannot listen on %s", qPrintable(name));
     }
@@ -34,13 +40,12 @@ public:
     [[nodiscard]] QList<BusFrame> frames() const
     {
         QList<BusFrame> result;
-        qsizetype at = 0;
-        while (at + 4 <= received.size()) {
-            const qint32 length = qFromBigEndian<qint32>(received.constData() + at);
-            if (length < 0 || at + 4 + length > received.size())
+        for (QByteArrayView rest = received; rest.size() >= 4;) {
+            const qsizetype size = 4 + qsizetype(qFromBigEndian<quint32>(rest.data()));
+            if (size > rest.size())
                 break;
-            result.emplaceBack().read(QByteArrayView(received).sliced(at + 4, length));
-            at += 4 + length;
+            result.emplaceBack().read(rest.first(size).sliced(4));
+            rest = rest.sliced(size);
         }
         return result;
     }
@@ -62,24 +67,13 @@ public:
 
     void dropConnections()
     {
-        const QList<QLocalSocket *> all = sockets;
-        sockets.clear();
-        for (QLocalSocket *socket : all)
+        for (QLocalSocket *socket : std::exchange(sockets, {}))
             socket->abort();
     }
 
     QList<QLocalSocket *> sockets;
     QByteArray received;
     bool reading = true;
-
-private:
-    void accept(QLocalSocket *socket)
-    {
-        sockets.append(socket);
-        if (!reading)
-            return socket->setReadBufferSize(1);
-        connect(socket, &QIODevice::readyRead, this, [=, this] { received += socket->readAll(); });
-    }
 };
 
 // Connects to a module's bus name, as a sending module does.
@@ -100,5 +94,9 @@ public:
     {
         write(bytes);
         flush();
+    }
+    void record(const char *kind, const QString &name, const QByteArray &payload)
+    {
+        write(BusFrame::makeData(1, DataRecord{kind, name, payload}.write()));
     }
 };

@@ -30,7 +30,7 @@ struct Side
         };
         on(&Engine::SendData, [this](Bytes &packet) { packets.append(packet); });
         on(&Engine::FileReceived, [this](const QString &name) { received.append(name); });
-        on(&Engine::FileSended, [this] { ++sended; });
+        on(&Engine::FileSended, [this] { ++delivered; });
         on(&Engine::FileForgotten, [this] { ++forgotten; });
         on(&Engine::FileRefused, [this](const QString &path) { refused.append(path); });
         on(&Engine::FileUnreadable, [this](const QString &path) { unreadable.append(path); });
@@ -46,18 +46,15 @@ struct Side
         QTimerEvent event(0);
         engine.timerEvent(&event);
     }
-    bool receive(Bytes datagram)
-    {
-        return engine.ReceiveData(datagram.data(), int(datagram.size()));
-    }
-    // What has been emitted since the last call.
+    void receive(Bytes datagram) { engine.ReceiveData(datagram.data(), int(datagram.size())); }
+    // Returns the packets emitted since the last call.
     QList<Bytes> take() { return std::exchange(packets, {}); }
 
     const Folder folder; // received files are in "in"
     TFileTransfer engine;
     QList<Bytes> packets;
     QStringList received, refused, unreadable, trouble;
-    int sended = 0, forgotten = 0;
+    int delivered = 0, forgotten = 0;
 };
 
 // Two engines back to back. A channel that loses packets also doubles some and delays those with
@@ -71,14 +68,14 @@ struct Channel
     // takes too long.
     [[nodiscard]] int run(int leftFiles, int rightFiles)
     {
-        for (int tick = 0; left.sended < leftFiles || right.sended < rightFiles; ++tick) {
+        int tick = 0;
+        for (; left.delivered < leftFiles || right.delivered < rightFiles; ++tick) {
             if (tick == 1'000'000)
                 return 0;
             carry(left, right, toRight, tick);
             carry(right, left, toLeft, tick);
-            ticks = tick + 1;
         }
-        return ticks;
+        return tick;
     }
 
 private:
@@ -99,7 +96,6 @@ private:
             to.receive(way.extract(way.begin()).mapped());
     }
 
-    int ticks = 0;
     QRandomGenerator random{1};
     Way toLeft, toRight;
 };

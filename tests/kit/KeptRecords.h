@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Journal.h"
+#include "SpoolLayout.h"
 
 #include <QDir>
 #include <QDirIterator>
@@ -15,7 +16,7 @@ inline QMultiMap<QString, QByteArray> keptRecords(
     QMultiMap<QString, QByteArray> records;
     for (QDirIterator it(spool, QDir::Files | QDir::Hidden, flags); it.hasNext();) {
         QFile file(it.next());
-        if (it.fileName() != QLatin1StringView(Journal::fileName)) {
+        if (it.fileName() != QLatin1StringView(SpoolLayout::journalFile)) {
             if (file.open(QIODevice::ReadOnly))
                 records.insert(it.fileName(), file.readAll());
             continue;
@@ -40,7 +41,7 @@ inline QMultiMap<QString, QByteArray> keptRecords(
     for (QDirIterator it(spool, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
          it.hasNext();) {
         QFile file(it.next());
-        if (it.fileName() != QLatin1StringView(Journal::fileName)
+        if (it.fileName() != QLatin1StringView(SpoolLayout::journalFile)
             || !file.open(QIODevice::ReadWrite))
             continue;
         const QByteArray head = file.read(4'096);

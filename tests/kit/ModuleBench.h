@@ -1,8 +1,8 @@
 #pragma once
 
 #include "BusEnds.h"
+#include "DataRecord.h"
 #include "Morvane.h"
-#include "Record.h"
 #include "TConnector.h"
 #include "Workplace.h"
 

@@ -3,7 +3,6 @@
 #include "Workplace.h"
 
 #include <QCoreApplication>
-#include <QDateTime>
 #include <QProcess>
 
 #include <unistd.h>
@@ -66,10 +65,7 @@ public:
     {
         kill();
         waitForFinished();
-        QFile lock(place.path(u"spool/.lock"_s));
-        if (lock.open(QIODevice::ReadWrite | QIODevice::ExistingOnly))
-            lock.setFileTime(
-                QDateTime::currentDateTime().addSecs(-60), QFile::FileModificationTime);
+        setAge(place.path(u"spool/.lock"_s), 60s);
     }
 
     [[nodiscard]] bool isListening() const { return QFile::exists(place.path(u"me"_s)); }
@@ -82,11 +78,8 @@ public:
     // Of processor time that the process has taken.
     [[nodiscard]] double processorSeconds() const
     {
-        QFile file(u"/proc/%1/stat"_s.arg(processId()));
-        if (!file.open(QIODevice::ReadOnly))
-            return 0;
-        const QByteArray line = file.readAll();
-        const QByteArrayList fields = line.sliced(line.lastIndexOf(')') + 2).split(' ');
+        const QByteArray line = place.readFile(u"/proc/%1/stat"_s.arg(processId()));
+        const QByteArrayList fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
         return (fields.value(11).toDouble() + fields.value(12).toDouble())
             / double(::sysconf(_SC_CLK_TCK));
     }
@@ -94,9 +87,8 @@ public:
     // Megabytes that the process holds in memory.
     [[nodiscard]] qint64 residentMegabytes() const
     {
-        QFile file(u"/proc/%1/statm"_s.arg(processId()));
-        const bool isOpen = file.open(QIODevice::ReadOnly);
-        return isOpen ? file.readAll().split(' ').value(1).toLongLong() * 4096 / 1'000'000 : 0;
+        const QByteArray pages = place.readFile(u"/proc/%1/statm"_s.arg(processId()));
+        return pages.split(' ').value(1).toLongLong() * 4096 / 1'000'000;
     }
 
     const Folder place;

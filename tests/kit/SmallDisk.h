@@ -7,8 +7,10 @@
 #include <QFile>
 #include <QProcess>
 
+#include <csignal>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 
 using namespace Qt::StringLiterals;
 
@@ -54,4 +56,20 @@ public:
 private:
     const QString path;
     const QString image;
+};
+
+// Lets no file of this process grow beyond a size, as on a full disk, as long as the object lives.
+struct FileLimit
+{
+    explicit FileLimit(rlim_t bytes)
+    {
+        ::signal(SIGXFSZ, SIG_IGN); // an error code instead
+        set(bytes);
+    }
+    ~FileLimit() { set(RLIM_INFINITY); }
+    static void set(rlim_t bytes) // beyond it, the system sends SIGXFSZ
+    {
+        const rlimit limit = {bytes, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Record.h"
+#include "LinkRecord.h"
 
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -100,6 +100,6 @@ private:
 // What group "Main" needs to find the peer. No keep-alive comes between the records of a slow test.
 inline QByteArray tcpSettings(const TcpPeer &peer)
 {
-    return "Protocol=TCP\nReconnectionTimeout=1\nPort=" + QByteArray::number(peer.serverPort())
-        + '\n';
+    return "Protocol=TCP\nReconnectionTimeout=1\nLiveMessageTimeout=3600\nPort="
+        + QByteArray::number(peer.serverPort()) + '\n';
 }

@@ -2,7 +2,6 @@
 
 #include <QByteArrayList>
 #include <QCoreApplication>
-#include <QDir>
 #include <QProcess>
 
 #include <algorithm>
@@ -10,6 +9,8 @@
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
+#include <utmp.h>
 
 // What stands on an xterm, as far as the line editor uses one: a character a column.
 class Screen
@@ -20,16 +21,14 @@ public:
 
     void write(char byte)
     {
-        if (byte == '\x1b') {
-            sequence = QByteArray(1, byte);
-        } else if (sequence.isEmpty()) {
+        if (byte == '\x1b')
+            sequence = "\x1b";
+        else if (sequence.isEmpty())
             put(byte);
-        } else if (byte == '[' || byte < '@') {
+        else if (byte == '[' || byte < '@')
             sequence += byte;
-        } else {
-            control(sequence.sliced(qMin<qsizetype>(2, sequence.size())), byte);
-            sequence.clear();
-        }
+        else
+            control(std::exchange(sequence, {}).mid(2), byte);
     }
 
 private:
@@ -39,72 +38,47 @@ private:
             column = 0;
         else if (c == '\b')
             column = std::max(0, column - 1);
-        else if (c == '\n')
-            down();
+        else if (c == '\n' && ++row == rows.size())
+            rows.append(QByteArray());
         else if (uchar(c) >= ' ') {
             if (column == columns) { // it waits in the last column until one more comes
-                column = 0;
-                down();
+                put('\r');
+                put('\n');
             }
             rows[row] = rows[row].leftJustified(column + 1);
             rows[row][column++] = c;
         }
     }
-    void down()
-    {
-        if (++row == rows.size())
-            rows.append(QByteArray());
-    }
     void control(const QByteArray &number, char kind)
     {
-        const int count = std::max(1, number.toInt());
         column = std::min(column, columns - 1);
-        if (kind == 'A')
-            row = std::max<qsizetype>(0, row - count);
-        else if (kind == 'C')
-            column = std::min(columns - 1, column + count);
-        else if (kind == 'D')
-            column = std::max(0, column - count);
-        else if (kind == 'K' || kind == 'J')
+        if (kind == 'A') {
+            row = std::max(0, row - std::max(1, number.toInt()));
+        } else if (kind == 'J') {
             rows[row].truncate(column);
-        else if (kind == 'P')
-            rows[row].remove(column, count);
-        else if (kind == '@')
-            rows[row].insert(column, QByteArray(count, ' '));
-        if (kind == 'J')
             rows.resize(row + 1);
+        }
     }
 
     QByteArray sequence; // that is not complete
-    qsizetype row = 0;
-    int column = 0;
+    int row = 0, column = 0;
 };
 
 // A program on a terminal of its own, in the folder of the tested programs.
 class Terminal : public QProcess
 {
 public:
-    Terminal(const QStringList &command, const char *kind)
+    // The command begins with variables of its environment, such as TERM.
+    explicit Terminal(const QString &command)
     {
         int theirs = -1;
-        const winsize size = {24, 80, 0, 0};
-        if (::openpty(&ours, &theirs, nullptr, nullptr, &size) != 0)
+        if (::openpty(&ours, &theirs, nullptr, nullptr, nullptr) != 0)
             return;
+        resize(screen.columns);
         ::fcntl(ours, F_SETFL, O_NONBLOCK);
-        setWorkingDirectory(QDir::tempPath());
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("TERM"), QString::fromLatin1(kind));
-        environment.insert(QStringLiteral("PATH"),
-            QCoreApplication::applicationDirPath() + u':'
-                + environment.value(QStringLiteral("PATH")));
-        setProcessEnvironment(environment);
-        setChildProcessModifier([theirs] {
-            ::setsid();
-            ::ioctl(theirs, TIOCSCTTY, 0);
-            for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-                ::dup2(theirs, descriptor);
-        });
-        start(QStringLiteral("env"), command);
+        setWorkingDirectory(QCoreApplication::applicationDirPath());
+        setChildProcessModifier([theirs] { ::login_tty(theirs); });
+        startCommand(QStringLiteral("env ") + command);
         waitForStarted();
         ::close(theirs);
     }

@@ -4,7 +4,6 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QHostAddress>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
@@ -18,8 +17,7 @@ public:
     explicit Tool(const QString &arguments)
     {
         setWorkingDirectory(QDir::tempPath());
-        start(QCoreApplication::applicationDirPath() + QStringLiteral("/morvanectl"),
-            splitCommand(arguments));
+        start(QCoreApplication::applicationDirPath() + u"/morvanectl"_s, splitCommand(arguments));
         if (!waitForStarted())
             qFatal("morvanectl does not start");
     }
@@ -28,25 +26,12 @@ public:
         kill();
         waitForFinished();
     }
-    [[nodiscard]] bool says(const char *text)
-    {
-        said += readAllStandardOutput();
-        return said.contains(text);
-    }
-    [[nodiscard]] bool complains(const char *text)
-    {
-        complaints += readAllStandardError();
-        return complaints.contains(text);
-    }
-    [[nodiscard]] bool endsSaying(int wanted, const char *text)
-    {
-        return QTest::qWaitFor([&] { return says(text) && status() >= 0; }, longestWait)
-            && status() == wanted;
-    }
+    [[nodiscard]] bool says(const char *text) { return gathered(said).contains(text); }
+    [[nodiscard]] bool complains(const char *text) { return gathered(complaints).contains(text); }
+    [[nodiscard]] bool endsSaying(int wanted, const char *text) { return ends(wanted, said, text); }
     [[nodiscard]] bool endsComplaining(int wanted, const char *text)
     {
-        return QTest::qWaitFor([&] { return complains(text) && status() >= 0; }, longestWait)
-            && status() == wanted;
+        return ends(wanted, complaints, text);
     }
     void raise(int signal) const { ::kill(pid_t(processId()), signal); }
     // -1 while it runs, or if it did not end by itself.
@@ -54,19 +39,42 @@ public:
     {
         return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
     }
+    // Of a receiver, as it says in its first line.
+    [[nodiscard]] quint16 port()
+    {
+        if (!QTest::qWaitFor([this] { return says("\n"); }, longestWait))
+            qFatal("nobody listens");
+        const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
+        return line.match(QString::fromUtf8(said)).captured(1).toUShort();
+    }
     QByteArray said, complaints;
+
+private:
+    const QByteArray &gathered(const QByteArray &which)
+    {
+        said += readAllStandardOutput();
+        complaints += readAllStandardError();
+        return which;
+    }
+    bool ends(int wanted, const QByteArray &which, const char *text)
+    {
+        const auto isMet = [&] { return gathered(which).contains(text) && status() >= 0; };
+        if (QTest::qWaitFor(isMet, longestWait) && status() == wanted)
+            return true;
+        qWarning("status %d, said and complained:\n%s%s", status(), said.data(), complaints.data());
+        return false;
+    }
 };
 
 // A module's link to a receiver.
-class PeerLink : public QTcpSocket
+struct PeerLink : QTcpSocket
 {
-public:
-    explicit PeerLink(Tool &receiver) { connectToHost(QHostAddress::LocalHost, portOf(receiver)); }
-    static quint16 portOf(Tool &receiver)
-    {
-        static const QRegularExpression line(u"Listening on 127.0.0.1 port (\\d+)"_s);
-        if (!QTest::qWaitFor([&] { return receiver.says("\n"); }, longestWait))
-            qFatal("nobody listens");
-        return line.match(QString::fromUtf8(receiver.said)).captured(1).toUShort();
-    }
+    explicit PeerLink(Tool &receiver) { connectToHost(QHostAddress::LocalHost, receiver.port()); }
+};
+
+// A receiver on a port of its own, with a module's link to it.
+struct Receiver : Tool
+{
+    using Tool::Tool;
+    PeerLink sender{*this};
 };

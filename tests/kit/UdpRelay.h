@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QNetworkDatagram>
 #include <QNetworkProxy>
 #include <QTimer>
 #include <QUdpSocket>
@@ -16,24 +17,19 @@ inline quint16 freeUdpPort()
     return probe.localPort();
 }
 
-// One direction of a bad link: what arrives at its port goes on to another one, unless it is lost;
-// some datagrams come twice, some late. Information records (data packet 0) keep their place: a
-// late copy of one makes any receiver start its file afresh.
-class UdpRelay : public QObject
+// One direction of a bad link. Passes the datagrams that arrive at its port on to another one, but
+// loses half of them, doubles some and delays some. Information records (data packet 0) stay in
+// order: a late one would make the receiver begin afresh.
+struct UdpRelay
 {
-public:
-    UdpRelay(unsigned seed, int lossPercentage)
+    explicit UdpRelay(unsigned seed)
         : random(seed)
-        , loss(lossPercentage)
     {
         socket.setProxy(QNetworkProxy::NoProxy);
         socket.bind(QHostAddress::LocalHost);
-        connect(&socket, &QIODevice::readyRead, this, [this] {
-            while (socket.hasPendingDatagrams()) {
-                QByteArray datagram(socket.pendingDatagramSize(), '\0');
-                socket.readDatagram(datagram.data(), datagram.size());
-                pass(datagram);
-            }
+        QObject::connect(&socket, &QIODevice::readyRead, &socket, [this] {
+            while (socket.hasPendingDatagrams())
+                pass(socket.receiveDatagram().data());
         });
     }
     [[nodiscard]] quint16 port() const { return socket.localPort(); }
@@ -45,22 +41,16 @@ private:
 
     void pass(const QByteArray &datagram)
     {
-        if (happens(loss))
-            return;
-        const auto forward = [=, this] {
-            socket.writeDatagram(datagram, QHostAddress::LocalHost, target);
-        };
         const bool isInformation =
             datagram.mid(9, 1) == "\xB1" && datagram.mid(11, 2) == QByteArray(2, '\0');
-        if (!isInformation && happens(10))
-            QTimer::singleShot(int(random() % 50), this, forward);
-        else
-            forward();
-        if (!isInformation && happens(10))
-            forward();
+        const int copies = happens(50) ? 0 : !isInformation && happens(10) ? 2 : 1;
+        for (int i = 0; i < copies; ++i) {
+            const int delay = !isInformation && happens(10) ? int(random() % 50) : 0;
+            QTimer::singleShot(delay, &socket,
+                [=, this] { socket.writeDatagram(datagram, QHostAddress::LocalHost, target); });
+        }
     }
 
     QUdpSocket socket;
     std::mt19937 random;
-    const int loss;
 };

@@ -4,25 +4,39 @@
 #include "Waiting.h"
 
 #include <QDir>
-#include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+using namespace std::chrono_literals;
 
 // Lost data is lost for good, so whatever lies hidden counts too.
 inline qsizetype filesBelow(const QString &folder)
 {
-    qsizetype count = 0;
-    for (QDirIterator it(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
-         it.hasNext(); it.next())
-        ++count;
-    return count;
+    const std::filesystem::recursive_directory_iterator all(folder.toStdString());
+    return std::count_if(begin(all), end(all), [](auto &entry) { return entry.is_regular_file(); });
+}
+
+// Does nothing if there is no such file.
+inline void setAge(const QString &path, std::chrono::seconds age)
+{
+    const auto time = std::filesystem::file_time_type::clock::now() - age;
+    std::error_code none;
+    std::filesystem::last_write_time(path.toStdString(), time, none);
 }
 
 // A temporary folder and the files in it.
 class Folder
 {
 public:
-    [[nodiscard]] QString path(const QString &name = {}) const { return folder.filePath(name); }
+    // An absolute name stays as it is.
+    [[nodiscard]] QString path(const QString &name = {}) const
+    {
+        return QDir(folder.path()).absoluteFilePath(name);
+    }
 
     QString makeFolder(const QString &name) const
     {
@@ -47,13 +61,10 @@ public:
     // The entries of a log without their time stamps.
     [[nodiscard]] QStringList logged(const QString &name) const
     {
-        QStringList texts;
-        const QStringList lines = QString::fromUtf8(readFile(name)).split(u'\n');
-        for (const QString &line : lines) {
-            if (!line.isEmpty())
-                texts.append(line.sliced(line.indexOf(u' ') + 1));
-        }
-        return texts;
+        QStringList lines = QString::fromUtf8(readFile(name)).split(u'\n', Qt::SkipEmptyParts);
+        for (QString &line : lines)
+            line.remove(0, line.indexOf(u' ') + 1);
+        return lines;
     }
 
 private:

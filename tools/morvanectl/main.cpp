@@ -30,14 +30,15 @@ const Subcommand subcommands[] = {
 
 QString overview()
 {
-    QString text = u"Usage: morvanectl SUBCOMMAND [options] ...\n"
-                   "Operates a transfer module, and plays the programs that it talks to.\n\n"_s;
+    QString text =
+        u"Usage: morvanectl SUBCOMMAND [options] ...\n"
+        "Operates a transfer module, and stands in for the programs that it talks to.\n\n"_s;
     for (const Subcommand &subcommand : subcommands)
         text += u"  %1 %2\n"_s.arg(subcommand.name, -9).arg(subcommand.summary);
     return text
         + u"\n\"morvanectl help SUBCOMMAND\" describes one; --version prints the version.\n"
-          "Exit status: 0 done, 1 failed, 2 wrong usage, 3 received records were\n"
-          "not kept; check has its own, see its help."_s;
+          "Exit status: 0 success, 1 failure, 2 wrong usage, 3 some records that\n"
+          "arrived were not kept. \"check\" has its own statuses; see its help."_s;
 }
 
 const Subcommand *find(const QString &name)

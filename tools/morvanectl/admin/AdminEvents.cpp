@@ -61,7 +61,8 @@ AdminEvents::AdminEvents(const ModuleBus &moduleBus, bool json)
     connect(&bus, &ModuleBus::moduleLeft, this,
         [this](qint64, const QByteArray &name) { noteLoss(name); });
     connect(&bus, &ModuleBus::actionCame, this, &AdminEvents::noteAction);
-    connect(&bus, &ModuleBus::trouble, this, [](const QString &text) { complain(text); });
+    connect(&bus, &ModuleBus::trouble, this,
+        [](const QString &text) { complain(u"admin: "_s + text); });
 }
 
 void AdminEvents::show(const QString &text, const char *event, const QJsonObject &details) const

@@ -9,7 +9,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 maxUnreadBytes = 1'048'576; // commands that wait for one module to read them
+constexpr qint64 maxUnreadBytesOfModule = 1'048'576;
 
 } // namespace
 
@@ -68,10 +68,10 @@ void AdminServer::sendAs(qint32 id, const QByteArray &command, const QByteArray 
     for (const Key key : receivers) {
         TMyLocalSocket *const module = keys.key(key);
         if (!module)
-            continue; // it was lost while another was written to
-        if (module->bytesToWrite() > maxUnreadBytes) {
-            Q_EMIT trouble(
-                u"%1 does not read: it misses \"%2\""_s.arg(nameOf(key), printable(command)));
+            continue; // lost while writing to another one
+        if (module->bytesToWrite() > maxUnreadBytesOfModule) {
+            Q_EMIT trouble(u"%1 does not read its commands: \"%2\" is not sent to it"_s.arg(
+                nameOf(key), printable(command)));
             continue;
         }
         module->write(frame);

@@ -9,8 +9,8 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto repairInterval = 2s;
-constexpr int signsInTime = 3; // of life, in the time in which the service manager wants one
-constexpr qsizetype mostNames = 10; // of modules in the status line
+constexpr int signsOfLifePerPatience = 3;
+constexpr qsizetype mostNamesInStatus = 10;
 
 // A command with line feeds must not look like several lines of this service.
 QString onOneLine(const QByteArray &text)
@@ -53,7 +53,7 @@ QString AdminService::listen(const QString &name)
         {{u"name"_s, name}});
     repairTimer.start(repairInterval);
     if (const auto patience = ServiceManager::watchdogTime(); patience > 0ms)
-        aliveTimer.start(patience / signsInTime);
+        aliveTimer.start(patience / signsOfLifePerPatience);
     showStatus();
     return {};
 }
@@ -71,9 +71,9 @@ void AdminService::showStatus()
 {
     const QList<qint64> present = server.modules();
     QStringList names;
-    for (const qint64 module : present.first(std::min(present.size(), mostNames)))
+    for (const qint64 module : present.first(std::min(present.size(), mostNamesInStatus)))
         names += server.nameOf(module);
-    if (present.size() > mostNames)
+    if (present.size() > mostNamesInStatus)
         names += u"..."_s;
     const QString list = names.isEmpty() ? QString() : u" ("_s + names.join(u", "_s) + u')';
     ServiceManager::showStatus(counted(present.size(), u"module"_s) + list + u", "_s

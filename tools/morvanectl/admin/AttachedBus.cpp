@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int patience = 5'000; // milliseconds for the server's greeting
+constexpr int greetingLimit = 5'000; // milliseconds
 
 } // namespace
 
@@ -39,7 +39,7 @@ AttachedBus::Outcome AttachedBus::attach(const QString &serverName)
 {
     const QString name = ControlProtocol::socketName(serverName);
     socket.connectToServer(name);
-    if (!socket.waitForConnected(patience)) {
+    if (!socket.waitForConnected(greetingLimit)) {
         if (socket.error() == QLocalSocket::ServerNotFoundError
             || socket.error() == QLocalSocket::ConnectionRefusedError)
             return Outcome::NobodyThere;
@@ -51,7 +51,7 @@ AttachedBus::Outcome AttachedBus::attach(const QString &serverName)
     if (greeting[u"event"] == "error"_L1)
         return fail(greeting[u"message"].toString());
     if (greeting[u"event"] != "attached"_L1)
-        return fail(u"%1 does not answer as a control socket does"_s.arg(busSocketPath(name)));
+        return fail(u"%1 does not answer like a control socket"_s.arg(busSocketPath(name)));
     ids = CommandIds::startingAt(greeting[u"firstId"].toInt(1));
     takeModules(greeting);
     connect(&socket, &QLocalSocket::readyRead, this, &AttachedBus::read);
@@ -65,7 +65,7 @@ AttachedBus::Outcome AttachedBus::attach(const QString &serverName)
 
 QJsonObject AttachedBus::readGreeting()
 {
-    const QDeadlineTimer deadline(patience);
+    const QDeadlineTimer deadline(greetingLimit);
     while (!socket.canReadLine() && socket.waitForReadyRead(int(deadline.remainingTime()))) { }
     return QJsonDocument::fromJson(socket.readLine(ControlProtocol::longestEventLine)).object();
 }
@@ -84,7 +84,7 @@ qint32 AttachedBus::send(const QByteArray &command, const QByteArray &name)
 void AttachedBus::read()
 {
     if (!lines.feed(socket.readAll(), [this](const QByteArray &line) { takeLine(line); }))
-        Q_EMIT trouble(u"a line of the administration server is too long and was dropped"_s);
+        Q_EMIT trouble(u"dropped a line of the administration server that is too long"_s);
 }
 
 void AttachedBus::takeLine(const QByteArray &line)
@@ -107,9 +107,9 @@ void AttachedBus::takeEvent(const QString &event, const QJsonObject &object)
                 QByteArray::fromBase64(object[u"base64"].toString().toLatin1()),
                 object[u"id"].toInt(-1)});
     } else if (event == "error"_L1) {
-        Q_EMIT trouble(u"admin: "_s + object[u"message"].toString());
+        Q_EMIT trouble(object[u"message"].toString());
     } else if (event == "missed"_L1) {
-        Q_EMIT trouble(u"admin: %1 missed: they came faster than this console has read"_s.arg(
+        Q_EMIT trouble(u"missed %1, which came faster than this console reads"_s.arg(
             counted(object[u"count"].toInteger(), u"event"_s)));
         takeModules(object);
     }

@@ -17,12 +17,12 @@ QString whose(const QByteArray &module)
 } // namespace
 
 CommandRun::CommandRun(
-    ModuleBus &moduleBus, const QList<AdminCommand> &commandList, int waitSeconds)
+    ModuleBus &moduleBus, const QList<AdminCommand> &commandList, int stepLimitSeconds)
     : bus(moduleBus)
-    , commands(commandList)
+    , commandsToSend(commandList)
 {
     stepTimer.setSingleShot(true);
-    stepTimer.setInterval(std::chrono::seconds(waitSeconds));
+    stepTimer.setInterval(std::chrono::seconds(stepLimitSeconds));
     connect(&stepTimer, &QTimer::timeout, this, &CommandRun::giveUp);
     connect(&bus, &ModuleBus::moduleCame, this, &CommandRun::proceed);
     connect(&bus, &ModuleBus::moduleLeft, this, &CommandRun::noteLoss);
@@ -38,21 +38,21 @@ void CommandRun::start()
 void CommandRun::proceed()
 {
     while (!finished && awaitedModules.isEmpty()) {
-        if (commands.isEmpty()) {
+        if (commandsToSend.isEmpty()) {
             finished = true;
             stepTimer.stop();
             Q_EMIT done();
             return;
         }
-        if (bus.modules(commands.constFirst().module).isEmpty())
-            return; // the next one that connects gets the rest
+        if (bus.modules(commandsToSend.constFirst().module).isEmpty())
+            return; // until the next module connects
         sendNext();
     }
 }
 
 void CommandRun::sendNext()
 {
-    currentCommand = commands.takeFirst();
+    currentCommand = commandsToSend.takeFirst();
     const QList<qint64> modules = bus.modules(currentCommand.module);
     if (currentCommand.name == "About" || currentCommand.name == "QuitSignal")
         awaitedModules = QSet(modules.begin(), modules.end());
@@ -72,7 +72,7 @@ void CommandRun::noteLoss(qint64 module)
     if (!awaitedModules.remove(module))
         return;
     if (currentCommand.name == "About") {
-        complain(u"admin: a module left without an answer to \"About\""_s);
+        complain(u"admin: a module disconnected without an answer to \"About\""_s);
         finished = true;
         Q_EMIT failed();
     }
@@ -84,10 +84,10 @@ void CommandRun::giveUp()
     const QString seconds = counted(stepTimer.interval() / 1'000, u"second"_s);
     finished = true;
     if (awaitedModules.isEmpty())
-        complain(
-            u"admin: %1 has connected within %2"_s.arg(whose(commands.value(0).module), seconds));
+        complain(u"admin: %1 has connected within %2"_s.arg(
+            whose(commandsToSend.value(0).module), seconds));
     for (const qint64 module : std::as_const(awaitedModules))
-        complain(u"admin: %1: no effect of \"%2\" within %3"_s.arg(
+        complain(u"admin: %1: \"%2\" has had no effect within %3"_s.arg(
             bus.nameOf(module), printable(currentCommand.name), seconds));
     Q_EMIT failed();
 }

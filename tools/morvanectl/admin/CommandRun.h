@@ -16,8 +16,8 @@ class CommandRun : public QObject
 {
     Q_OBJECT
 public:
-    // Seconds for a module to connect, and for each effect.
-    CommandRun(ModuleBus &bus, const QList<AdminCommand> &commands, int waitSeconds);
+    // The limit holds for a module to connect, and for the effect of each command.
+    CommandRun(ModuleBus &bus, const QList<AdminCommand> &commands, int stepLimitSeconds);
 
     void start();
 
@@ -33,7 +33,7 @@ private:
     void giveUp();
 
     ModuleBus &bus;
-    QList<AdminCommand> commands; // still to be sent
+    QList<AdminCommand> commandsToSend;
     AdminCommand currentCommand;
     qint32 currentId = 0;
     QSet<qint64> awaitedModules;

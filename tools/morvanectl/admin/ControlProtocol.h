@@ -12,10 +12,9 @@ namespace ControlProtocol {
     return serverName + QStringLiteral(".control");
 }
 
-inline constexpr qsizetype longestCommandLine = 65'536; // bytes that a console may send as one line
-inline constexpr qsizetype longestMessage =
-    1'048'576; // bytes of an action's text that are passed on
-// A frame's data in base64, the longest message, all of it escaped, and room for the rest.
+inline constexpr qsizetype longestCommandLine = 65'536; // bytes
+inline constexpr qsizetype longestPassedText = 1'048'576; // bytes of an action
+// Holds the largest frame's data in base64, the longest text with every byte escaped, and the rest.
 inline constexpr qsizetype longestEventLine = 100'000'000;
 
 } // namespace ControlProtocol

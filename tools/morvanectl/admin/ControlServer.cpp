@@ -15,7 +15,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr qsizetype mostConsoles = 16;
-constexpr qint64 maxUnreadBytes = 67'108'864; // events that wait for all consoles to read them
+constexpr qint64 maxUnreadBytesOfAll = 67'108'864;
 
 } // namespace
 
@@ -65,7 +65,7 @@ void ControlServer::accept()
         if (links.size() >= mostConsoles) {
             connect(link, &ConsoleLink::ended, link, &QObject::deleteLater);
             link->setParent(this);
-            link->refuse(u"%1 consoles are attached, no more can be"_s.arg(mostConsoles));
+            link->refuse(u"%1 consoles are attached, which is the limit"_s.arg(mostConsoles));
             continue;
         }
         links.append(link);
@@ -111,8 +111,8 @@ void ControlServer::tellOfAction(qint64 module, const ModuleAction &action)
         return;
     }
     ModuleAction passed = action;
-    passed.name.truncate(ControlProtocol::longestMessage);
-    passed.message.truncate(ControlProtocol::longestMessage);
+    passed.name.truncate(ControlProtocol::longestPassedText);
+    passed.message.truncate(ControlProtocol::longestPassedText);
     tellAll(module, ModuleEvent::action(bus.rawNameOf(module), passed));
 }
 
@@ -124,5 +124,5 @@ bool ControlServer::canTell(const ConsoleLink *link) const
     qint64 unread = 0;
     for (const ConsoleLink *other : links)
         unread += other->unreadBytes();
-    return link->isKeepingUp() && unread <= maxUnreadBytes;
+    return link->isKeepingUp() && unread <= maxUnreadBytesOfAll;
 }

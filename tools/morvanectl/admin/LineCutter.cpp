@@ -8,16 +8,16 @@ bool LineCutter::feed(QByteArrayView bytes, const std::function<void(const QByte
     while (!bytes.isEmpty()) {
         const qsizetype end = bytes.indexOf('\n');
         const QByteArrayView piece = end < 0 ? bytes : bytes.first(end);
-        if (!isDiscarding && unfinished.size() + piece.size() > longest) {
-            isDiscarding = true;
+        if (!isDiscardingLongLine && unfinished.size() + piece.size() > longest) {
+            isDiscardingLongLine = true;
             allFit = false;
             unfinished.clear();
         }
-        if (!isDiscarding)
+        if (!isDiscardingLongLine)
             unfinished.append(piece);
         if (end < 0)
             break;
-        if (!std::exchange(isDiscarding, false))
+        if (!std::exchange(isDiscardingLongLine, false))
             take(std::exchange(unfinished, {}));
         bytes = bytes.sliced(end + 1);
     }

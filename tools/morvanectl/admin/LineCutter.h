@@ -25,5 +25,5 @@ public:
 private:
     const qsizetype longest;
     QByteArray unfinished;
-    bool isDiscarding = false; // the rest of a line that is too long
+    bool isDiscardingLongLine = false;
 };

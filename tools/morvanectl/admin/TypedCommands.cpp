@@ -13,45 +13,45 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype longestCommand = 4'096; // bytes of one typed line
+constexpr qsizetype longestCommandLine = 4'096; // bytes
 constexpr char help[] =
-    R"(about [MODULE]                 the module describes itself
-watch on|off [MODULE]          reports of records and link events
-arrows on|off [MODULE]         reports of every data frame
-modules                        lists the connected modules
-send-command MODULE|all TEXT   any other command, as it stands
-stop MODULE|all                ends modules, but asks first
-exit, Ctrl-D                   leaves this tool: %1)";
+    R"(about [MODULE]                 let the module describe itself
+watch on|off [MODULE]          get reports of records and link events, or no more
+arrows on|off [MODULE]         get reports of every data frame, or no more
+modules                        list the connected modules
+send-command MODULE|all TEXT   send any other command, as it stands
+stop MODULE|all                end modules; asks first
+exit, Ctrl-D                   leave this tool: %1)";
 constexpr char quitExplained[] =
     "\"exit\" leaves this tool: %1. \"stop MODULE\" and \"stop all\" end modules with status 0.";
-constexpr qsizetype mostWaiting = 1'000; // commands typed before a module is there
+constexpr qsizetype mostWaitingCommands = 1'000;
 
 } // namespace
 
 TypedCommands::TypedCommands(ModuleBus &moduleBus)
     : bus(moduleBus)
-    , input(STDIN_FILENO, QSocketNotifier::Read)
-    , lines(longestCommand)
+    , pipeInput(STDIN_FILENO, QSocketNotifier::Read)
+    , lines(longestCommandLine)
 {
     if (LineEditor::isPossible()) {
-        inputEnded = true; // nothing is read past the editor
-        input.setEnabled(false);
-        editor.emplace("> ");
-        editor->candidates = [this](const QString &before) { return candidates(before); };
-        connect(&*editor, &LineEditor::typed, this, &TypedCommands::takeTyped);
-        connect(&*editor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
+        inputEnded = true; // only the editor reads
+        pipeInput.setEnabled(false);
+        terminalEditor.emplace("> ");
+        terminalEditor->candidates = [this](const QString &before) { return candidates(before); };
+        connect(&*terminalEditor, &LineEditor::typed, this, &TypedCommands::takeTyped);
+        connect(&*terminalEditor, &LineEditor::ended, this, [] { QCoreApplication::exit(0); });
     }
-    connect(&input, &QSocketNotifier::activated, this, &TypedCommands::read);
+    connect(&pipeInput, &QSocketNotifier::activated, this, &TypedCommands::read);
     connect(&bus, &ModuleBus::moduleCame, this, &TypedCommands::sendWaiting);
 }
 
 void TypedCommands::read()
 {
-    char bytes[longestCommand];
+    char bytes[longestCommandLine];
     const ssize_t count = ::read(STDIN_FILENO, bytes, sizeof bytes);
     if (count <= 0) {
         inputEnded = true;
-        input.setEnabled(false);
+        pipeInput.setEnabled(false);
         takeLine(lines.takeRest());
         if (::isatty(STDIN_FILENO))
             QCoreApplication::exit(0);
@@ -61,7 +61,7 @@ void TypedCommands::read()
     const bool allFit = lines.feed({bytes, count},
         [&](const QByteArray &line) { isTyped ? takeTyped(line) : takeLine(line); });
     if (!allFit)
-        complain(u"admin: a line of more than %1 bytes was dropped"_s.arg(longestCommand));
+        complain(u"admin: dropped a line of more than %1 bytes"_s.arg(longestCommandLine));
 }
 
 void TypedCommands::takeLine(const QByteArray &line)
@@ -140,14 +140,15 @@ void TypedCommands::sendWaiting()
 {
     while (!waitingCommands.isEmpty() && !bus.modules().isEmpty())
         send(waitingCommands.takeFirst());
-    input.setEnabled(!inputEnded && waitingCommands.size() < mostWaiting);
+    pipeInput.setEnabled(!inputEnded && waitingCommands.size() < mostWaitingCommands);
 }
 
 void TypedCommands::send(const QByteArray &line)
 {
     const std::optional<AdminCommand> command = AdminCommand::read(QString::fromUtf8(line));
     if (!command)
-        complain(u"admin: \"%1\" is not a command; see --help"_s.arg(printable(line)));
+        complain(u"admin: \"%1\" is not a command; see \"morvanectl admin --help\""_s.arg(
+            printable(line)));
     else if (bus.modules(command->module).isEmpty())
         complain(u"admin: no module \"%1\" is connected"_s.arg(printable(command->module)));
     else

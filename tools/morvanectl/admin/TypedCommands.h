@@ -31,8 +31,8 @@ private:
     void send(const QByteArray &line);
 
     ModuleBus &bus;
-    std::optional<LineEditor> editor; // on a terminal,
-    QSocketNotifier input; // otherwise
+    std::optional<LineEditor> terminalEditor;
+    QSocketNotifier pipeInput;
     bool inputEnded = false;
     LineCutter lines;
     QByteArrayList waitingCommands;

@@ -1,13 +1,11 @@
-#include "AdminCommand.h"
 #include "AdminEvents.h"
+#include "AdminOptions.h"
 #include "AdminServer.h"
 #include "AdminService.h"
 #include "AttachedBus.h"
-#include "BusName.h"
 #include "CommandLine.h"
 #include "CommandRun.h"
 #include "Commands.h"
-#include "ControlProtocol.h"
 #include "Output.h"
 #include "ServiceManager.h"
 #include "StopSignals.h"
@@ -29,39 +27,38 @@ that the modules send, and sends them commands.
 
 With --serve this is the administration server itself, until it is stopped. It takes no
 commands, writes what happens to standard output, and lets consoles attach to it. Without
---serve this is a console. It attaches to such a server if there is one; any number can,
-and leaving has no effect on the modules. If there is none, the console is the
-administration server itself.
+--serve this is a console. It attaches to a running --serve server; several consoles
+can attach, and leaving one does not affect the modules. If no such server runs, the
+console itself is the administration server.
 
-  NOTE: a module ends with status 5 when its administration server goes.
+  NOTE: when its administration server ends, a module exits with status 5.
 
 Every argument COMMAND and every line on standard input is one command:
   about             the module describes itself         (About)
   watch on|off      reports of records and link events  (Input_Data_On, Input_Data_Off)
   arrows on|off     reports of every data frame         (Watch_Arrow_On, Watch_Arrow_Off)
   stop MODULE|all   the module ends with status 0       (QuitSignal)
-  quit              the same as "stop all", but not on a terminal
+  quit              the same as "stop all"; on a terminal it only explains how to leave
   send-command MODULE|all TEXT   any other command, as it stands
-A command that is followed by the name of a module goes to that module only, as in
-"about NAME"; as an argument that needs quotes. The modules' own names for the commands,
-in brackets above, and any other text go to all modules as they are. Modules ignore what
-they do not know.
+A command that is followed by the name of a module goes to that module only. Put quotes
+around such an argument: "about transfer1". The modules' own names for the commands, in
+brackets above, are commands too. Any other text goes to all modules unchanged, except on a
+terminal; modules ignore what they do not know.
 
-COMMANDs as arguments are sent in order, as soon as the first module, or the named one,
-has connected. "about" waits for the answers, "quit" until the modules have ended. Then the
-console exits, unless --stay or --for keep it.
+The tool sends the COMMANDs among its arguments in order, as soon as the first module, or
+the named one, has connected. After "about" it waits for the answers, and after "quit"
+until the modules have ended. Then the console exits, unless --stay or --for is given.
 
-Commands on standard input that come before any module wait for the first one. On a
-terminal you can edit a line; the arrow keys bring earlier lines back, and the Tab key
-completes words and names of modules. "exit" and Ctrl-D leave, "stop" asks first, unknown
-words are not sent, and "help" explains more. On a terminal the end of standard input ends
-the console. In a script the console stays until --for is over, or until SIGINT or SIGTERM;
-its exit status is 0 then. The bus sockets are in the temporary folder, so TMPDIR must be
-the same for all processes on the bus.
+Commands on standard input wait until a module has connected. On a terminal you can edit a
+line; the arrow keys bring earlier lines back, and the Tab key completes words and names of
+modules. "exit" and Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help"
+explains more. In a script the console stays after the end of standard input, until the
+time of --for is over or SIGINT or SIGTERM comes, and exits with status 0. The bus sockets are in the
+temporary folder, so TMPDIR must be the same for all processes on the bus.
 
-With --json each event is one line with an object: time, event ("listening" or "attached",
-"connected", "renamed", "disconnected" or "action") and module, and for an action also
-action, id, message and base64, which is the data.)";
+With --json each event is one line with a JSON object: time, event ("listening" or
+"attached", "connected", "renamed", "disconnected" or "action") and module, and for an
+action also action, id, message and base64, which is the data.)";
 
 QStringList namesOf(const ModuleBus &bus)
 {
@@ -81,29 +78,20 @@ void warnOfOrphans(const AdminServer &server)
             + names.join(u", "_s));
 }
 
-struct AdminOptions
-{
-    QList<AdminCommand> commands;
-    int waitSeconds = 0; // for a module to connect and for each answer
-    int forSeconds = 0; // to stay after the commands
-    bool leaves = false; // after the commands and that time
-    bool asJson = false;
-};
-
 int runConsole(ModuleBus &bus, const AdminOptions &options)
 {
     QTimer exitTimer;
     exitTimer.setSingleShot(true);
-    exitTimer.setInterval(std::chrono::seconds(options.forSeconds));
+    exitTimer.setInterval(std::chrono::seconds(options.staySeconds));
     exitTimer.callOnTimeout([] { QCoreApplication::exit(0); });
 
     std::optional<TypedCommands> typed;
-    CommandRun run(bus, options.commands, options.waitSeconds);
+    CommandRun run(bus, options.commands, options.stepLimitSeconds);
     QObject::connect(&run, &CommandRun::failed, [] { QCoreApplication::exit(failureStatus); });
     QObject::connect(&run, &CommandRun::done, &bus, [&] {
-        if (options.leaves)
+        if (options.leavesAfterwards)
             exitTimer.start();
-        if (!options.leaves || options.forSeconds > 0)
+        if (!options.leavesAfterwards || options.staySeconds > 0)
             typed.emplace(bus);
     });
     endLoopOnStopSignals(&bus);
@@ -111,13 +99,13 @@ int runConsole(ModuleBus &bus, const AdminOptions &options)
     return QCoreApplication::exec();
 }
 
-int runAttached(AttachedBus &bus, const QString &name, const AdminOptions &options)
+int runAttached(AttachedBus &bus, const AdminOptions &options)
 {
     const AdminEvents events(bus, options.asJson);
     const QStringList names = namesOf(bus);
     events.show(u"Attached to %1; connected: %2"_s.arg(
-                    name, names.isEmpty() ? u"no module"_s : names.join(u", "_s)),
-        "attached", {{u"name"_s, name}, {u"modules"_s, QJsonArray::fromStringList(names)}});
+                    options.name, names.isEmpty() ? u"no module"_s : names.join(u", "_s)),
+        "attached", {{u"name"_s, options.name}, {u"modules"_s, QJsonArray::fromStringList(names)}});
     QObject::connect(&bus, &AttachedBus::lost, [] {
         complain(u"admin: the administration server has gone"_s);
         QCoreApplication::exit(failureStatus);
@@ -131,15 +119,15 @@ int failToListen(const QString &name, const QString &problem)
     return failureStatus;
 }
 
-int runServer(const QString &name, const AdminOptions &options)
+int runServer(const AdminOptions &options)
 {
     AdminServer server;
     const AdminEvents events(server, options.asJson);
-    if (const QString problem = server.listen(name); !problem.isEmpty())
-        return failToListen(name, problem);
-    events.show(
-        u"Listening as %1, waiting for modules; they end when this console leaves"_s.arg(name),
-        "listening", {{u"name"_s, name}});
+    if (const QString problem = server.listen(options.name); !problem.isEmpty())
+        return failToListen(options.name, problem);
+    events.show(u"Listening as %1, waiting for modules; they end when this console leaves"_s.arg(
+                    options.name),
+        "listening", {{u"name"_s, options.name}});
     const int status = runConsole(server, options);
     warnOfOrphans(server);
     return status;
@@ -159,67 +147,27 @@ int runService(const QString &name, bool asJson)
     return status;
 }
 
-// Fills in the options. On wrong usage it prints an error and returns the exit status.
-std::optional<int> readOptions(const CommandLine &line, AdminOptions &options)
-{
-    const QStringList texts = AdminCommand::textsOf(line.positionals().sliced(1));
-    for (const QString &text : texts) {
-        const std::optional<AdminCommand> command = AdminCommand::read(text);
-        if (!command)
-            return line.wrongUsage(u"\"%1\" is not a command."_s.arg(text));
-        options.commands.append(*command);
-    }
-    const std::optional<int> wait = line.number(u"wait"_s, 1, longestSeconds);
-    const std::optional<int> period =
-        line.isSet(u"for"_s) ? line.number(u"for"_s, 1, longestSeconds) : 0;
-    if (!wait || !period)
-        return usageStatus;
-    options.waitSeconds = *wait;
-    options.forSeconds = *period;
-    options.asJson = line.isSet(u"json"_s);
-    options.leaves = *period > 0 || (!options.commands.isEmpty() && !line.isSet(u"stay"_s));
-    if (line.isSet(u"stay"_s) && *period > 0)
-        return line.wrongUsage(u"--stay and --for exclude each other."_s);
-    const bool serves = line.isSet(u"serve"_s);
-    if (serves && (!options.commands.isEmpty() || options.leaves || line.isSet(u"stay"_s)))
-        return line.wrongUsage(u"--serve takes no COMMANDs, and stays."_s);
-    const QString name = line.positionals().constFirst();
-    const QString longest = serves ? ControlProtocol::socketName(name) : name;
-    if (const QString problem = busNameProblem(longest); !problem.isEmpty())
-        return line.wrongUsage(u"\"%1\": %2."_s.arg(longest, problem));
-    return std::nullopt;
-}
-
 } // namespace
 
 int runAdmin(const QStringList &arguments)
 {
     CommandLine line(u"admin"_s, u"NAME [COMMAND...]"_s, QString::fromLatin1(description));
-    line.addValue(u"wait"_s, u"SECONDS"_s,
-        u"How long to wait for a module, and for each effect of a COMMAND (default 30)."_s,
-        u"30"_s);
-    line.addValue(u"for"_s, u"SECONDS"_s, u"Stay for SECONDS after the COMMANDs, then exit."_s);
-    line.addFlag(u"stay"_s, u"Stay after the COMMANDs until stopped."_s);
-    line.addFlag(u"serve"_s, u"Be the administration server until stopped, without a console."_s);
-    line.addFlag(u"json"_s, u"Print each event as one line with a JSON object."_s);
-    if (const std::optional<int> status = line.parse(arguments, 1))
-        return *status;
+    addAdminOptions(line);
     AdminOptions options;
-    if (const std::optional<int> status = readOptions(line, options))
-        return *status;
+    if (!line.parse(arguments, 1) || !readAdminOptions(line, options))
+        return line.exitStatus();
 
-    const QString name = line.positionals().constFirst();
-    if (line.isSet(u"serve"_s))
-        return runService(name, options.asJson);
+    if (options.serves)
+        return runService(options.name, options.asJson);
     AttachedBus bus;
-    switch (bus.attach(name)) {
+    switch (bus.attach(options.name)) {
     case AttachedBus::Outcome::Attached:
-        return runAttached(bus, name, options);
+        return runAttached(bus, options);
     case AttachedBus::Outcome::Failed:
-        complain(u"admin: cannot attach to %1: %2"_s.arg(name, bus.problem()));
+        complain(u"admin: cannot attach to %1: %2"_s.arg(options.name, bus.problem()));
         return failureStatus;
     case AttachedBus::Outcome::NobodyThere:
         break;
     }
-    return runServer(name, options);
+    return runServer(options);
 }

@@ -28,7 +28,7 @@ template <typename Keys> QStringList namesOf(const Keys &keys)
     return names;
 }
 
-QStringList keysOf(const QString &group)
+QStringList knownKeys(const QString &group)
 {
     if (group == BaseSettings::group)
         return namesOf(BaseSettings::keys);
@@ -88,7 +88,7 @@ void SettingsCheck::checkText()
         found.append({remark.line, Severity::Warning, remark.text});
     if (const qsizetype zero = content.indexOf('\0'); zero >= 0)
         found.append({int(content.first(zero).count('\n')) + 1, Severity::Error,
-            u"a zero byte: the rest of its line may be lost"_s});
+            u"the line holds a zero byte: the rest of the line may be lost"_s});
 }
 
 void SettingsCheck::addBase(Severity severity, const Key &key, const QString &finding)
@@ -101,7 +101,7 @@ void SettingsCheck::addMain(Severity severity, const Key &key, const QString &fi
     found.append({text.lineOf(MainSettings::group, key.name), severity, finding});
 }
 
-bool SettingsCheck::isSpoolKnown() const
+bool SettingsCheck::isSpoolPathKnown() const
 {
     return isDirectoryKnown || QDir::isAbsolutePath(settings.main(MainSettings::tempDir));
 }
@@ -114,7 +114,7 @@ void SettingsCheck::checkNames()
     QStringList unknownGroups;
     for (const QString &path : paths) {
         const QString group = path.left(std::max<qsizetype>(path.indexOf(u'/'), 0));
-        if (group.isEmpty() || !keysOf(group).isEmpty())
+        if (group.isEmpty() || !knownKeys(group).isEmpty())
             checkKeyNames(path);
         else if (!unknownGroups.contains(group))
             unknownGroups.append(group);
@@ -135,13 +135,13 @@ void SettingsCheck::checkKeyNames(const QString &path)
         found.append({line, Severity::Warning,
             u"\"%1\" has a comma but no quotes: blanks next to the "
             "comma are lost"_s.arg(key)});
-    if (keysOf(group).contains(key))
+    if (knownKeys(group).contains(key))
         return;
-    const QString home = group.isEmpty() && keysOf(MainSettings::group).contains(key)
+    const QString home = group.isEmpty() && knownKeys(MainSettings::group).contains(key)
         ? MainSettings::group
         : otherGroup(group);
-    const QString hint = keysOf(home).contains(key) ? u"; it belongs in [%1]"_s.arg(home)
-                                                    : guessHint(key, keysOf(group));
+    const QString hint = knownKeys(home).contains(key) ? u"; it belongs in [%1]"_s.arg(home)
+                                                       : guessHint(key, knownKeys(group));
     found.append({line, Severity::Warning,
         u"\"%1\" has no effect %2%3"_s.arg(
             key, group.isEmpty() ? u"outside a group"_s : u"in [%1]"_s.arg(group), hint)});
@@ -173,12 +173,12 @@ void SettingsCheck::checkWhatLiesInSpool()
     const QString spool = QFileInfo(spoolPath()).canonicalFilePath();
     if (spool.isEmpty())
         return;
-    const auto isInSpool = [&](const QString &path) {
+    const auto isDirectlyInSpool = [&](const QString &path) {
         const QString folder = QFileInfo(QDir(directory).absoluteFilePath(path)).path();
         return QFileInfo(folder).canonicalFilePath() == spool;
     };
     const QString logName = settings.base(BaseSettings::logName);
-    if (logName.contains(u'/') && isInSpool(logName))
+    if (logName.contains(u'/') && isDirectlyInSpool(logName))
         addBase(Severity::Error, BaseSettings::logName,
             u"the log is in the spool folder: it would be sent and removed"_s);
     else if (logName.contains(u'/')
@@ -194,7 +194,7 @@ void SettingsCheck::checkWhatLiesInSpool()
         return;
     const QString problem =
         folderProblem(QFileInfo(QDir(directory).absoluteFilePath(statusFile)).path());
-    if (isInSpool(statusFile))
+    if (isDirectlyInSpool(statusFile))
         addMain(Severity::Error, MainSettings::statusFile,
             u"the status file is in the spool folder: it would be sent and removed"_s);
     else if (!problem.isEmpty())
@@ -221,10 +221,10 @@ QList<SettingsCheck::Finding> SettingsCheck::clashesWith(const SettingsCheck &ot
             u"%1 has the same \"StatusFile\": each module overwrites the other's"_s);
     const Key &port = MainSettings::localPort;
     if (settings.isUdp() && other.settings.isUdp()
-        && settings.number(port) == other.settings.number(port))
+        && settings.mainNumber(port) == other.settings.mainNumber(port))
         add(Severity::Error, MainSettings::group, port,
             u"%1 has the same \"LocalPort\": only one of the two modules gets it"_s);
-    if (isSpoolKnown() && other.isSpoolKnown() && spoolPath() == other.spoolPath())
+    if (isSpoolPathKnown() && other.isSpoolPathKnown() && spoolPath() == other.spoolPath())
         add(Severity::Warning, MainSettings::group, MainSettings::tempDir,
             u"%1 has the same \"TempDir\": each module also sends what the other has accepted"_s);
     return clashes;

@@ -51,7 +51,7 @@ private:
 
     void addBase(Severity severity, const Key &key, const QString &text);
     void addMain(Severity severity, const Key &key, const QString &text);
-    [[nodiscard]] bool isSpoolKnown() const; // not only guessed from the current directory
+    [[nodiscard]] bool isSpoolPathKnown() const;
     [[nodiscard]] QString spoolPath() const { return settings.spoolPath(directory); }
 
     const QString file;

@@ -18,9 +18,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int usualFreePort = 1'024;
+constexpr int usualFirstFreePort = 1'024;
 constexpr qint64 oneMegabyte = 1'000'000;
-constexpr std::chrono::milliseconds tooLong = 24h; // for the largest file that can be sent
+constexpr std::chrono::milliseconds tooLongForLargestFile = 24h;
 
 QByteArray firstLineOf(const QString &path, const QByteArray &beginning)
 {
@@ -38,7 +38,7 @@ QByteArray firstLineOf(const QString &path, const QByteArray &beginning)
 int firstFreePort()
 {
     const QByteArray text = firstLineOf(u"/proc/sys/net/ipv4/ip_unprivileged_port_start"_s, "");
-    return text.isEmpty() ? usualFreePort : text.toInt();
+    return text.isEmpty() ? usualFirstFreePort : text.toInt();
 }
 
 bool mayBindAnyPort()
@@ -63,7 +63,7 @@ void SettingsCheck::checkMain()
     if (QHostAddress(host).isNull())
         addMain(Severity::Error, MainSettings::host,
             u"\"Host\" = \"%1\" is not a numeric address, and names are not looked up"_s.arg(host));
-    if (settings.number(MainSettings::port) == 0)
+    if (settings.mainNumber(MainSettings::port) == 0)
         addMain(Severity::Error, MainSettings::port, u"no peer can be reached on port 0"_s);
     if (settings.isUdp())
         return checkUdp();
@@ -80,10 +80,10 @@ void SettingsCheck::checkNumber(const Key &key)
     const QString value = settings.main(key);
     bool isNumber = false;
     const int number = value.toInt(&isNumber);
-    if (!isNumber || number != settings.number(key))
+    if (!isNumber || number != settings.mainNumber(key))
         addMain(Severity::Error, key,
             u"\"%1\" = \"%2\" is not a number from 0 to 65535: it becomes %3"_s.arg(
-                key.name, value, QString::number(settings.number(key))));
+                key.name, value, QString::number(settings.mainNumber(key))));
 }
 
 void SettingsCheck::checkSpool()
@@ -93,7 +93,7 @@ void SettingsCheck::checkSpool()
     if (name.isEmpty())
         return addMain(Severity::Error, key, u"\"TempDir\" is empty: that is the root folder"_s);
     const QString path = spoolPath();
-    if (!isSpoolKnown())
+    if (!isSpoolPathKnown())
         addMain(Severity::Warning, key,
             u"\"TempDir\" = \"%1\" is relative to the working directory of the "
             "module, assumed to be %2 here (see --directory)"_s.arg(name, directory));
@@ -118,18 +118,18 @@ void SettingsCheck::checkTcp()
 {
     for (const Key &key : {MainSettings::reconnectionTimeout, MainSettings::liveMessageTimeout,
              MainSettings::acknowledgementTimeout}) {
-        if (settings.number(key) == 0)
+        if (settings.mainNumber(key) == 0)
             addMain(Severity::Warning, key, u"\"%1\" of 0 counts as 1 second"_s.arg(key.name));
     }
 }
 
 void SettingsCheck::checkUdp()
 {
-    if (settings.number(MainSettings::acknowledgements) != 0)
+    if (settings.mainNumber(MainSettings::acknowledgements) != 0)
         addMain(Severity::Warning, MainSettings::acknowledgements,
             u"\"Acknowledgements\" has no effect over UDP"_s);
     const QHostAddress host(settings.main(MainSettings::host));
-    const quint16 localPort = settings.number(MainSettings::localPort);
+    const quint16 localPort = settings.mainNumber(MainSettings::localPort);
     if (!host.isNull() && PeerAddress::isUnspecified(host))
         addMain(Severity::Error, MainSettings::host,
             u"\"Host\" = \"%1\" is not the address of a peer: nothing is sent"_s.arg(
@@ -137,7 +137,7 @@ void SettingsCheck::checkUdp()
     if (localPort == 0)
         addMain(Severity::Error, MainSettings::localPort,
             u"\"LocalPort\" of 0 takes another port at each start, which no peer knows"_s);
-    else if (localPort == settings.number(MainSettings::port) && PeerAddress::isThisHost(host))
+    else if (localPort == settings.mainNumber(MainSettings::port) && PeerAddress::isThisHost(host))
         addMain(Severity::Error, MainSettings::localPort,
             u"\"LocalPort\" and \"Port\" are both %1 on this machine: the module would send to "
             "itself, so nothing is sent"_s.arg(localPort));
@@ -154,7 +154,7 @@ void SettingsCheck::checkUdp()
 
 void SettingsCheck::checkPort(const Key &key)
 {
-    const quint16 port = settings.number(key);
+    const quint16 port = settings.mainNumber(key);
     if (port == 0 || port >= firstFreePort() || mayBindAnyPort())
         return;
     addMain(Severity::Error, key,
@@ -164,9 +164,9 @@ void SettingsCheck::checkPort(const Key &key)
 
 void SettingsCheck::checkPace()
 {
-    const quint16 timeout = settings.number(MainSettings::timeout);
+    const quint16 timeout = settings.mainNumber(MainSettings::timeout);
     const auto longest = UdpPace::duration(Packet::maxNumber, timeout);
-    if (!longest || *longest < tooLong)
+    if (!longest || *longest < tooLongForLargestFile)
         return;
     addMain(Severity::Warning, MainSettings::timeout,
         u"\"Timeout\" = %1 makes a transfer very slow: 1 MB, compressed, takes %2 and the largest "

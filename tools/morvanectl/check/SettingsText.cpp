@@ -27,10 +27,10 @@ SettingsText::SettingsText(const QByteArray &text)
         rest.remove(0, qsizetype(sizeof byteOrderMark) - 1);
     rest.replace("\r\n", "\n");
     while (!rest.isEmpty())
-        read(takeLine());
+        read(takeLogicalLine());
 }
 
-SettingsText::Line SettingsText::takeLine()
+SettingsText::Line SettingsText::takeLogicalLine()
 {
     Line line{nextNumber, {}, false};
     bool quoted = false;
@@ -45,62 +45,62 @@ SettingsText::Line SettingsText::takeLine()
         if (c == '"')
             quoted = !quoted;
         if (c == '\\' && at + 1 < rest.size())
-            line.text += rest.at(at++);
-        line.text += rest.at(at);
+            line.textWithoutComment += rest.at(at++);
+        line.textWithoutComment += rest.at(at);
         line.spansLines |= rest.at(at) == '\n';
     }
     nextNumber += int(rest.first(at).count('\n')) + 1;
     rest.remove(0, at + 1);
-    line.text = line.text.trimmed();
+    line.textWithoutComment = line.textWithoutComment.trimmed();
     return line;
 }
 
 void SettingsText::read(const Line &line)
 {
-    if (line.text.isEmpty())
+    if (line.textWithoutComment.isEmpty())
         return;
-    const qsizetype equals = line.text.indexOf('=');
-    if (line.text.startsWith('['))
+    const qsizetype equals = line.textWithoutComment.indexOf('=');
+    if (line.textWithoutComment.startsWith('['))
         readGroup(line);
     else if (equals >= 0)
         readKey(line, equals);
-    else if (line.text.startsWith('#'))
-        allRemarks.append({line.number, u"\"#\" does not begin a comment; \";\" does"_s});
+    else if (line.textWithoutComment.startsWith('#'))
+        foundRemarks.append({line.firstNumber, u"\"#\" does not begin a comment; \";\" does"_s});
     else
-        allRemarks.append(
-            {line.number, u"\"%1\" has no \"=\" and sets nothing"_s.arg(shown(line.text))});
+        foundRemarks.append({line.firstNumber,
+            u"\"%1\" has no \"=\" and sets nothing"_s.arg(shown(line.textWithoutComment))});
 }
 
 void SettingsText::readGroup(const Line &line)
 {
-    qsizetype end = line.text.indexOf(']');
+    qsizetype end = line.textWithoutComment.indexOf(']');
     if (end < 0) {
-        allRemarks.append({line.number, u"the name of the group has no \"]\""_s});
-        end = line.text.size();
+        foundRemarks.append({line.firstNumber, u"the name of the group has no \"]\""_s});
+        end = line.textWithoutComment.size();
     }
-    currentGroup = nameIn(line.text.sliced(1, end - 1));
+    currentGroup = nameIn(line.textWithoutComment.sliced(1, end - 1));
     if (currentGroup.compare("general"_L1, Qt::CaseInsensitive) == 0)
-        currentGroup.clear(); // QSettings: the keys before any group and these are the same
-    if (!places.contains(currentGroup + u'/'))
-        places.insert(currentGroup + u'/', line.number);
+        currentGroup.clear(); // QSettings puts keys outside any group there
+    if (!lineNumbers.contains(currentGroup + u'/'))
+        lineNumbers.insert(currentGroup + u'/', line.firstNumber);
 }
 
 void SettingsText::readKey(const Line &line, qsizetype equals)
 {
-    const QString key = nameIn(line.text.first(equals));
+    const QString key = nameIn(line.textWithoutComment.first(equals));
     const QString path = currentGroup + u'/' + key;
-    if (const int earlier = places.value(path))
-        allRemarks.append({earlier,
+    if (const int earlier = lineNumbers.value(path))
+        foundRemarks.append({earlier,
             u"\"%1\" has no effect; line %2 sets it again"_s.arg(
-                key, QString::number(line.number))});
+                key, QString::number(line.firstNumber))});
     if (line.spansLines)
-        allRemarks.append({line.number,
+        foundRemarks.append({line.firstNumber,
             u"the value of \"%1\" goes on past the end of its line, because of an open quote or "
             "a backslash"_s.arg(key)});
-    places.insert(path, line.number);
+    lineNumbers.insert(path, line.firstNumber);
 }
 
 int SettingsText::lineOf(const QString &group, const QString &key) const
 {
-    return places.value(group + u'/' + key, places.value(group + u'/', 1));
+    return lineNumbers.value(group + u'/' + key, lineNumbers.value(group + u'/', 1));
 }

@@ -24,16 +24,16 @@ public:
     // Returns the line of the key, or if it is missing of its group, or else 1. Of several lines
     // with the key, the last one counts. The group of keys outside any group is empty.
     [[nodiscard]] int lineOf(const QString &group, const QString &key = {}) const;
-    [[nodiscard]] const QList<Remark> &remarks() const { return allRemarks; }
+    [[nodiscard]] const QList<Remark> &remarks() const { return foundRemarks; }
 
 private:
     struct Line
     {
-        int number; // of its first one in the file
-        QByteArray text; // without a comment
+        int firstNumber;
+        QByteArray textWithoutComment;
         bool spansLines;
     };
-    [[nodiscard]] Line takeLine();
+    [[nodiscard]] Line takeLogicalLine();
     void read(const Line &line);
     void readGroup(const Line &line);
     void readKey(const Line &line, qsizetype equals);
@@ -41,6 +41,6 @@ private:
     QByteArray rest;
     int nextNumber = 1;
     QString currentGroup;
-    QHash<QString, int> places; // of groups, "Group/", and keys, "Group/Key"
-    QList<Remark> allRemarks;
+    QHash<QString, int> lineNumbers; // by "Group/" and "Group/Key"
+    QList<Remark> foundRemarks;
 };

@@ -24,7 +24,7 @@ Run it as the module's user, in its environment (TMPDIR) and for its working dir
 they decide what can be written and where the bus sockets are.
 
 Exit status: 0 nothing found, 1 warnings only, 2 errors or wrong usage. With --errors-only
-warnings do not count, for a service manager that must not stop at them.)";
+warnings do not count, so that a service manager starts the module in spite of them.)";
 
 // Prints the findings. Returns the status for the worst finding, if that is worse than `worst`.
 int report(const QString &file, const QList<SettingsCheck::Finding> &findings, int worst)
@@ -46,8 +46,8 @@ int runCheck(const QStringList &arguments)
     CommandLine line(u"check"_s, u"SETTINGS..."_s, QString::fromLatin1(description));
     addDirectoryOption(line);
     line.addFlag(u"errors-only"_s, u"Exit with status 0 unless there are errors."_s);
-    if (const std::optional<int> status = line.parse(arguments, 1))
-        return *status;
+    if (!line.parse(arguments, 1))
+        return line.exitStatus();
 
     int worst = cleanStatus;
     std::vector<std::unique_ptr<SettingsCheck>> checks;

@@ -1,24 +1,30 @@
 #include "NumberedFiles.h"
 
+#include "Descriptor.h"
+#include "FileCalls.h"
 #include "NameTemplate.h"
+#include "SpoolLayout.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
 
 #include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 
-bool NumberedFiles::open(const QString &path, const QString &templateText, bool overwriting)
+bool NumberedFiles::open(const QString &path, const QString &templateText, Existing existing)
 {
     directory = QDir(path);
     nameTemplate = templateText;
-    overwrite = overwriting;
+    existingFiles = existing;
     if (!directory.mkpath(u"."_s))
         return false;
-    const QMap<qint64, QString> there = overwrite ? QMap<qint64, QString>() : behind(0);
-    if (!there.isEmpty())
+    const QMap<qint64, QString> there = behind(0);
+    if (existingFiles == Existing::Keep && !there.isEmpty())
         startBehind(there.lastKey());
     return true;
 }
@@ -40,35 +46,38 @@ QMap<qint64, QString> NumberedFiles::behind(qint64 number) const
 // A crash leaves an incomplete file under its hidden name only.
 std::optional<qint64> NumberedFiles::add(const QByteArray &content)
 {
-    const QString hidden = u".incoming-%1"_s.arg(QCoreApplication::applicationPid());
+    const QString hidden = QString::fromLatin1(SpoolLayout::incomingPrefix)
+        + QString::number(QCoreApplication::applicationPid());
     QFile::remove(directory.absoluteFilePath(hidden));
     return write(hidden, content) ? giveName(hidden) : std::nullopt;
 }
 
 bool NumberedFiles::write(const QString &hidden, const QByteArray &content) const
 {
-    QFile file(directory.absoluteFilePath(hidden));
-    if (file.open(QIODevice::WriteOnly | QIODevice::NewOnly)
-        && file.write(content) == content.size() && file.flush())
+    const QByteArray path = QFile::encodeName(directory.absoluteFilePath(hidden));
+    Descriptor file(::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, newFileMode));
+    if (file.isOpen() && writeAll(file.get(), content) && ::close(file.release()) == 0)
         return true;
     const int reason = errno;
-    file.remove();
+    ::unlink(path.constData());
     errno = reason;
     return false;
 }
 
 std::optional<qint64> NumberedFiles::giveName(const QString &hidden)
 {
-    QFile file(directory.absoluteFilePath(hidden));
-    QString path;
+    const QByteArray from = QFile::encodeName(directory.absoluteFilePath(hidden));
     do {
         latestName = fillIn(nameTemplate, ++lastNumber, QDateTime::currentDateTime());
-        path = directory.absoluteFilePath(latestName);
-        if (overwrite)
-            QFile::remove(path);
-        if (file.rename(path)) // it never replaces a file
+        const QByteArray to = QFile::encodeName(directory.absoluteFilePath(latestName));
+        // QFile::rename() would copy the bytes if renaming failed.
+        if (existingFiles == Existing::Overwrite
+                ? std::rename(from.constData(), to.constData()) == 0
+                : renameWithoutReplacing(from, to))
             return lastNumber;
-    } while (QFile::exists(path));
-    file.remove();
+    } while (errno == EEXIST || errno == EISDIR);
+    const int reason = errno;
+    ::unlink(from.constData());
+    errno = reason;
     return std::nullopt;
 }

@@ -12,10 +12,12 @@
 class NumberedFiles
 {
 public:
-    // The names come from a template with {number}, which must give plain names. The numbers go on
-    // behind those of such names that are there, or start again and overwrite.
-    [[nodiscard]] bool open(const QString &path, const QString &templateText, bool overwriting);
-    // Returns the number of the new file, or nullopt if it could not be written.
+    enum class Existing { Keep, Overwrite };
+
+    // The template holds {number} and must give plain names. The numbers continue after those of
+    // the files that are there, or start at 1.
+    [[nodiscard]] bool open(const QString &path, const QString &templateText, Existing existing);
+    // Returns the number of the new file.
     [[nodiscard]] std::optional<qint64> add(const QByteArray &content);
 
     // add() in two steps. The first writes a file under a hidden name of the folder,
@@ -34,7 +36,7 @@ public:
 private:
     QDir directory;
     QString nameTemplate;
-    bool overwrite = false;
+    Existing existingFiles = Existing::Keep;
     qint64 lastNumber = 0;
     QString latestName;
 };

@@ -14,34 +14,25 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int mostConnections = 16; // at once; each may hold one unfinished record in memory
-constexpr int recordsInARow = 100; // of one connection, before the others have their turn
-
-// How a body begins. A kind is not told apart from a payload that goes on like a longer kind.
-QString beginningOf(const QByteArray &body)
-{
-    for (const QByteArray &kind : {QByteArray("tempdb"), QByteArray("error")}) {
-        if (body.startsWith(kind))
-            return QString::fromLatin1(kind) + u"..."_s;
-    }
-    return u"no known kind"_s;
-}
+constexpr int mostConnections = 16; // each may hold one unfinished record in memory
+constexpr int recordsInARow = 100; // then other connections have their turn
 
 } // namespace
 
 Receiver::Receiver(const ReceiveOptions &receiveOptions)
     : options(receiveOptions)
+    , store(options)
 {
     setProxy(QNetworkProxy::NoProxy);
 }
 
 bool Receiver::start()
 {
-    if (!openFolder()) {
+    if (!store.open()) {
         const QString reason = errno == EWOULDBLOCK
-            ? u"another receiver acknowledges the records in it"_s
+            ? u"another receiver acknowledges records there"_s
             : qt_error_string(errno);
-        complain(u"receive: the folder %1 cannot be used: %2"_s.arg(options.directory, reason));
+        complain(u"receive: cannot use the folder %1: %2"_s.arg(options.directory, reason));
         return false;
     }
     if (!listen(options.address, options.port)) {
@@ -59,15 +50,6 @@ bool Receiver::start()
     return true;
 }
 
-bool Receiver::openFolder()
-{
-    errno = 0;
-    if (options.acknowledge)
-        return batch.open(options.directory, options.nameTemplate);
-    return options.directory.isEmpty()
-        || files.open(options.directory, options.nameTemplate, options.overwrite);
-}
-
 void Receiver::incomingConnection(qintptr descriptor)
 {
     auto link = std::make_unique<Link>();
@@ -76,50 +58,52 @@ void Receiver::incomingConnection(qintptr descriptor)
     if (qsizetype(links.size()) >= mostConnections) {
         sayEvent(u"Refused %1: %2 are open"_s.arg(
             link->peer, counted(qint64(links.size()), u"connection"_s)));
-        return lose(link->socket->unread());
+        return countLost(link->socket->unread());
     }
-    ++connections;
-    link->indexNumber = batch.newLink();
+    tally.addConnection();
+    link->indexNumber = store.newLink();
     sayEvent(u"Connected: "_s + link->peer);
     watchSilence(*link);
-    connect(
-        link->socket.get(), &RecordLink::readable, this, [this, on = link.get()] { take(*on); });
+    connect(link->socket.get(), &RecordLink::readable, this,
+        [this, on = link.get()] { readFrom(*on); });
     links.push_back(std::move(link));
 }
 
 void Receiver::watchSilence(Link &link) const
 {
-    if (options.silence.count() == 0)
+    if (options.silenceToReport.count() == 0)
         return;
     link.silenceTimer.setSingleShot(true);
     link.silenceTimer.callOnTimeout([&link, this] {
         link.isSilent = true;
         complain(u"receive: %1 has been silent for %2"_s.arg(
-            link.peer, counted(options.silence.count(), u"second"_s)));
+            link.peer, counted(options.silenceToReport.count(), u"second"_s)));
     });
-    link.silenceTimer.start(options.silence);
+    link.silenceTimer.start(options.silenceToReport);
 }
 
-void Receiver::noteLife(Link &link) const
+void Receiver::noteActivity(Link &link) const
 {
-    if (options.silence.count() != 0)
+    if (options.silenceToReport.count() != 0)
         link.silenceTimer.start();
     if (std::exchange(link.isSilent, false))
-        sayEvent(u"Heard of again: "_s + link.peer);
+        sayEvent(u"Heard from again: "_s + link.peer);
 }
 
-void Receiver::take(Link &link)
+void Receiver::readFrom(Link &link)
 {
     const qint64 before = link.socket->bytesRead();
     readRecords(link);
     if (link.socket->bytesRead() > before)
-        noteLife(link);
+        noteActivity(link);
     acknowledge(link);
     if (!finished && !link.hasStoppedReading)
         misbehave(link);
+    if (link.hasStoppedReading)
+        return;
     if (link.socket->refusedLength() != 0)
         return dropOversized(link);
-    if (!link.socket->hasEnded() || link.hasStoppedReading)
+    if (!link.socket->hasEnded())
         return;
     sayEnd(link);
     close(link);
@@ -128,113 +112,102 @@ void Receiver::take(Link &link)
 void Receiver::readRecords(Link &link)
 {
     const int most = options.acknowledge ? RecordBatch::mostRecords : recordsInARow;
-    for (int i = 0; i < most && !finished && !link.hasStoppedReading && !batch.isFull(); ++i) {
+    for (int i = 0; i < most && !finished && !link.hasStoppedReading && !store.isFull(); ++i) {
         const std::optional<QByteArray> body = link.socket->next();
         if (!body)
             return;
-        takeBody(*body, link);
-        if (isToMisbehave(link))
+        takeRecord(*body, link);
+        if (isDueToMisbehave(link))
             return;
     }
 }
 
-void Receiver::takeBody(const QByteArray &body, Link &link)
+void Receiver::takeRecord(const QByteArray &body, Link &link)
 {
     if (body == LinkRecord::keepAlive) {
-        ++keepAlives;
-        ++link.received;
+        tally.addKeepAlive();
+        ++link.recordsAndKeepAlives;
         return sayEvent(u"live"_s);
     }
-    if (!keep(body, link)) {
-        lose({body});
-        return fail(u"cannot write a record of %1"_s.arg(counted(body.size(), u"byte"_s)));
+    if (!store.add(body, link.indexNumber)) {
+        const int reason = errno;
+        countLost({body});
+        return fail(u"cannot write a record of %1"_s.arg(counted(body.size(), u"byte"_s)), reason);
     }
     ++link.records;
-    ++link.received;
-    if (records + pendingRecords.size() == options.count) {
+    ++link.recordsAndKeepAlives;
+    if (!options.acknowledge)
+        showKept(store.commit().value_or(QList<RecordStore::Record>()));
+    if (tally.kept() + store.pending() == options.leaveAfterRecords) {
         finished = true;
         QCoreApplication::exit(0);
     }
 }
 
-// False if the record could not be written.
-bool Receiver::keep(const QByteArray &body, const Link &link)
+void Receiver::showKept(const QList<RecordStore::Record> &records)
 {
-    const PendingRecord record = {body.size(), beginningOf(body)};
-    if (options.acknowledge) {
-        if (!batch.add(body, link.indexNumber))
-            return false;
-        pendingRecords.append(record);
-        return true;
+    for (const RecordStore::Record &record : records) {
+        tally.addKept(record.bytes);
+        sayEvent(u"%1  %2  %3"_s.arg(
+            paddedNumber(record.number), counted(record.bytes, u"byte"_s), record.beginning));
     }
-    const std::optional<qint64> number =
-        options.directory.isEmpty() ? records + 1 : files.add(body);
-    if (number)
-        noteKept(*number, record);
-    return number.has_value();
 }
 
-void Receiver::noteKept(qint64 number, const PendingRecord &record)
-{
-    ++records;
-    recordBytes += record.bytes;
-    sayEvent(u"%1  %2  %3"_s.arg(
-        paddedNumber(number), counted(record.bytes, u"byte"_s), record.beginning));
-}
-
-// The module forgets what it hears of here.
+// Stores the records for good before it acknowledges them, because the module then forgets them.
 void Receiver::acknowledge(Link &link)
 {
-    if (!options.acknowledge || link.received == link.acknowledged)
+    if (!options.acknowledge || link.recordsAndKeepAlives == link.acknowledged)
         return;
-    const std::optional<QList<qint64>> numbers = batch.commit();
-    if (!numbers)
+    const std::optional<QList<RecordStore::Record>> kept = store.commit();
+    if (!kept) {
+        const int reason = errno;
         return fail(
-            u"cannot bring %1 to the disk"_s.arg(counted(pendingRecords.size(), u"record"_s)));
-    for (qsizetype i = 0; i < numbers->size(); ++i)
-        noteKept(numbers->at(i), pendingRecords.at(i));
-    pendingRecords.clear();
-    link.acknowledged = link.received;
-    if (link.socket->acknowledge(link.received))
+            u"cannot bring %1 to the disk"_s.arg(counted(store.pending(), u"record"_s)), reason);
+    }
+    showKept(*kept);
+    link.acknowledged = link.recordsAndKeepAlives;
+    if (link.socket->acknowledge(link.recordsAndKeepAlives))
         return;
     complain(u"receive: %1 does not read its acknowledgements: dropped"_s.arg(link.peer));
     close(link);
 }
 
-void Receiver::fail(const QString &what)
+void Receiver::fail(const QString &what, int reason)
 {
-    complain(u"receive: %1 in %2: %3"_s.arg(what, options.directory, qt_error_string(errno)));
+    complain(u"receive: %1 in %2: %3"_s.arg(what, options.directory, qt_error_string(reason)));
     finished = true;
     QCoreApplication::exit(failureStatus);
 }
 
-bool Receiver::isToMisbehave(const Link &link) const
+bool Receiver::isDueToMisbehave(const Link &link) const
 {
     return link.records > 0
-        && (link.records == options.closeAfter || link.records == options.stopAfter);
+        && (link.records == options.closeLinkAfterRecords
+            || link.records == options.stopReadingAfterRecords);
 }
 
 // Rehearses the outage that --close-after or --stop-after asks for.
 void Receiver::misbehave(Link &link)
 {
-    if (!isToMisbehave(link))
+    if (!isDueToMisbehave(link))
         return;
     const QString after = counted(link.records, u"record"_s);
-    if (link.records == options.closeAfter) {
-        sayEvent(u"Closing after %1: %2"_s.arg(after, link.peer));
+    if (link.records == options.closeLinkAfterRecords) {
+        sayEvent(u"Closed after %1: %2"_s.arg(after, link.peer));
         close(link);
     } else {
         link.hasStoppedReading = true;
         link.silenceTimer.stop();
         link.socket->stopReading();
-        sayEvent(u"Reading no more after %1: %2"_s.arg(after, link.peer));
+        sayEvent(u"Stopped reading after %1: %2"_s.arg(after, link.peer));
     }
 }
 
 void Receiver::dropOversized(Link &link)
 {
-    complain(u"receive: %1 announces a record of %2, more than %3: dropped"_s.arg(link.peer,
-        counted(link.socket->refusedLength(), u"byte"_s), QString::number(options.longestRecord)));
+    complain(u"receive: %1 announces a record of %2, more than the limit of %3: dropped"_s.arg(
+        link.peer, counted(link.socket->refusedLength(), u"byte"_s),
+        QString::number(options.longestRecord)));
     close(link);
 }
 
@@ -246,7 +219,7 @@ void Receiver::sayEnd(const Link &link) const
 
 void Receiver::close(Link &link)
 {
-    lose(link.socket->unread());
+    countLost(link.socket->unread());
     link.socket->close();
     link.silenceTimer.stop();
     link.hasStoppedReading = true;
@@ -259,15 +232,11 @@ void Receiver::close(Link &link)
         this, [closed] {}, Qt::QueuedConnection);
 }
 
-// What nobody has acknowledged comes again.
-void Receiver::lose(const QByteArrayList &bodies)
+// A module sends records again that were not acknowledged, so those are not lost.
+void Receiver::countLost(const QByteArrayList &bodies)
 {
-    if (options.acknowledge)
-        return;
-    for (const QByteArray &body : bodies) {
-        ++loss.records;
-        loss.bytes += body.size();
-    }
+    if (!options.acknowledge)
+        tally.addLost(bodies);
 }
 
 void Receiver::sayEvent(const QString &what) const
@@ -276,14 +245,14 @@ void Receiver::sayEvent(const QString &what) const
         say(timeStamp() + u"  "_s + what);
 }
 
-// What has come whole will not come again.
-void Receiver::takeLast(Link &link)
+// Takes the records that have arrived completely, because the module will not send them again.
+void Receiver::takeArrived(Link &link)
 {
     const QByteArrayList bodies = link.socket->unread();
     for (qsizetype i = 0; i < bodies.size(); ++i) {
         if (finished || link.hasStoppedReading)
-            return lose(bodies.sliced(i));
-        takeBody(bodies.at(i), link);
+            return countLost(bodies.sliced(i));
+        takeRecord(bodies.at(i), link);
     }
 }
 
@@ -292,20 +261,14 @@ int Receiver::finish(int status)
     QTcpServer::close();
     for (const auto &link : links) {
         if (!options.acknowledge)
-            takeLast(*link);
+            takeArrived(*link);
     }
     links.clear();
-    QString lost;
-    if (loss.records > 0)
-        lost = u", %1 of %2 lost"_s.arg(
-            counted(loss.records, u"record"_s), counted(loss.bytes, u"byte"_s));
-    say(timeStamp()
-        + u"  %1 of %2, %3, %4%5"_s.arg(counted(records, u"record"_s),
-            counted(recordBytes, u"byte"_s), counted(keepAlives, u"keep-alive"_s),
-            counted(connections, u"connection"_s), lost));
-    if (loss.records == 0)
+    say(timeStamp() + u"  "_s + tally.summary());
+    if (tally.lost() == 0)
         return status;
-    complain(u"receive: %1 had reached this host and were not kept; a module that knows of their "
-             "arrival does not send them again"_s.arg(counted(loss.records, u"record"_s)));
+    complain(
+        u"receive: %1 had reached this host but were not kept; a module does not send again what "
+        "its peer's host has acknowledged"_s.arg(counted(tally.lost(), u"record"_s)));
     return status == 0 ? lossStatus : status;
 }

@@ -11,8 +11,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype fewRecords = 8; // of a batch, whose files are flushed one by one
-constexpr qint64 mostBytes = 8'388'608; // of a batch; a sender has no more on its way
+constexpr qsizetype mostFlushedOneByOne = 8; // records
+constexpr qint64 mostBytesOfBatch = 8'388'608; // a sender has no more on its way
 const QString hiddenPrefix = u".batch-"_s;
 
 } // namespace
@@ -20,7 +20,7 @@ const QString hiddenPrefix = u".batch-"_s;
 bool RecordBatch::open(const QString &path, const QString &nameTemplate)
 {
     errno = 0;
-    if (!files.open(path, nameTemplate, false) || !lock())
+    if (!files.open(path, nameTemplate, NumberedFiles::Existing::Keep) || !lock())
         return false;
     removeLeftovers();
     const QMap<qint64, QString> there = files.behind(0);
@@ -66,41 +66,42 @@ bool RecordBatch::indexFilesWithoutLine()
 
 bool RecordBatch::add(const QByteArray &content, qint64 link)
 {
-    const QString hidden = hiddenPrefix + QString::number(records.size());
+    const QString hidden = hiddenPrefix + QString::number(pendingRecords.size());
     if (!files.write(hidden, content))
         return false;
-    records.append({0, link, content.size(),
+    pendingRecords.append({0, link, content.size(),
         QCryptographicHash::hash(content, RecordIndex::algorithm), hidden});
-    recordBytes += content.size();
+    pendingBytes += content.size();
     return true;
 }
 
 bool RecordBatch::isFull() const
 {
-    return records.size() >= mostRecords || recordBytes >= mostBytes;
+    return pendingRecords.size() >= mostRecords || pendingBytes >= mostBytesOfBatch;
 }
 
 // Flushing the whole file system is much faster for many files. For a few it would be slower,
 // because it also waits for what other programs have written.
 bool RecordBatch::flushFiles() const
 {
-    if (records.size() > fewRecords)
+    if (pendingRecords.size() > mostFlushedOneByOne)
         return ::syncfs(lockedFolder.get()) == 0;
-    return std::all_of(records.begin(), records.end(), [this](const RecordIndex::Line &record) {
-        const QByteArray path = QFile::encodeName(files.folder().absoluteFilePath(record.file));
-        const Descriptor file(::open(path.constData(), O_WRONLY | O_CLOEXEC));
-        return file.isOpen() && ::fdatasync(file.get()) == 0;
-    });
+    return std::all_of(
+        pendingRecords.begin(), pendingRecords.end(), [this](const RecordIndex::Line &record) {
+            const QByteArray path = QFile::encodeName(files.folder().absoluteFilePath(record.file));
+            const Descriptor file(::open(path.constData(), O_WRONLY | O_CLOEXEC));
+            return file.isOpen() && ::fdatasync(file.get()) == 0;
+        });
 }
 
 std::optional<QList<qint64>> RecordBatch::commit()
 {
     QList<qint64> numbers;
-    if (records.isEmpty())
+    if (pendingRecords.isEmpty())
         return numbers;
     if (!flushFiles())
         return std::nullopt;
-    for (RecordIndex::Line &record : records) {
+    for (RecordIndex::Line &record : pendingRecords) {
         const std::optional<qint64> number = files.giveName(record.file);
         if (!number)
             return std::nullopt;
@@ -109,9 +110,9 @@ std::optional<QList<qint64>> RecordBatch::commit()
         index.add(record);
         numbers.append(*number);
     }
-    if (!index.flush() || !index.makeRoom())
+    if (!index.flush() || !index.startNewFileIfFull())
         return std::nullopt;
-    records.clear();
-    recordBytes = 0;
+    pendingRecords.clear();
+    pendingBytes = 0;
     return numbers;
 }

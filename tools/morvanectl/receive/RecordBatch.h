@@ -40,6 +40,6 @@ private:
     RecordIndex index;
     Descriptor lockedFolder;
     qint64 lastLink = 0;
-    QList<RecordIndex::Line> records; // without number, under hidden names
-    qint64 recordBytes = 0;
+    QList<RecordIndex::Line> pendingRecords; // without numbers, under hidden names
+    qint64 pendingBytes = 0;
 };

@@ -54,11 +54,12 @@ bool RecordIndex::open(const QDir &folderOfRecords, qint64 number)
     if (!file.isOpen())
         return errno == ENOENT && begin(number);
     fileSize = ::lseek(file.get(), 0, SEEK_END);
-    return mend() || begin(number);
+    return dropUnfinishedEnd() || begin(number);
 }
 
-// Drops the end of the file back to its last whole line. False if none is found.
-bool RecordIndex::mend()
+// Cuts the file off after its last complete line. Returns false if there is none, or
+// if the file cannot be read or cut; open() then begins a new index.
+bool RecordIndex::dropUnfinishedEnd()
 {
     QByteArray tail(std::min<qsizetype>(fileSize, tailSize), Qt::Uninitialized);
     if (::pread(file.get(), tail.data(), size_t(tail.size()), fileSize - tail.size())
@@ -122,7 +123,7 @@ bool RecordIndex::flush()
     return ::fdatasync(file.get()) == 0 && ::fsync(folder.get()) == 0;
 }
 
-bool RecordIndex::makeRoom()
+bool RecordIndex::startNewFileIfFull()
 {
     return fileSize < fullSize || begin(newestNumber);
 }

@@ -45,12 +45,12 @@ public:
     void add(const Line &line);
     // Writes the added lines, and flushes them and the names in the folder to the disk.
     [[nodiscard]] bool flush();
-    // Begins a new file if the old one is full. Nothing may be added and not flushed.
-    [[nodiscard]] bool makeRoom();
+    // Requires that all added lines are flushed.
+    [[nodiscard]] bool startNewFileIfFull();
 
 private:
     [[nodiscard]] bool begin(qint64 number);
-    [[nodiscard]] bool mend();
+    [[nodiscard]] bool dropUnfinishedEnd();
     void noteLinks(const QByteArray &lines);
     [[nodiscard]] QByteArray path(const char *name) const;
 

@@ -44,7 +44,7 @@ QString RecordLink::peer() const
 
 std::optional<QByteArray> RecordLink::next()
 {
-    while (!ended && reader.refusedLength() == 0) {
+    while (!isOver && reader.refusedLength() == 0) {
         QByteArray piece(std::min(reader.missing(), pieceBytes), Qt::Uninitialized);
         const ssize_t count =
             ::recv(descriptor.get(), piece.data(), size_t(piece.size()), MSG_DONTWAIT);
@@ -53,7 +53,7 @@ std::optional<QByteArray> RecordLink::next()
         if (count < 0 && errno == EAGAIN)
             return std::nullopt;
         if (count <= 0) {
-            ended = true;
+            isOver = true;
             stopReading();
             return std::nullopt;
         }
@@ -76,7 +76,7 @@ bool RecordLink::acknowledge(quint64 records) const
 
 void RecordLink::close()
 {
-    ended = true;
+    isOver = true;
     stopReading();
     ::close(descriptor.release());
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Record.h"
-#include "WholeFile.h"
+#include "Descriptor.h"
+#include "LinkRecord.h"
 
 #include <QByteArrayList>
 #include <QObject>
@@ -24,7 +24,7 @@ public:
     // Returns the next record's body, or nullopt if it is not complete yet, the connection has
     // ended, or the record is too long and was refused.
     [[nodiscard]] std::optional<QByteArray> next();
-    [[nodiscard]] bool hasEnded() const { return ended; }
+    [[nodiscard]] bool hasEnded() const { return isOver; }
     [[nodiscard]] quint32 refusedLength() const { return reader.refusedLength(); }
     [[nodiscard]] bool isAtRecordBoundary() const { return reader.isAtRecordBoundary(); }
 
@@ -51,5 +51,5 @@ private:
     QSocketNotifier notifier;
     LinkRecord::Reader reader;
     qint64 readBytes = 0;
-    bool ended = false;
+    bool isOver = false;
 };

@@ -16,9 +16,9 @@ constexpr char clearLine[] = "\r\x1b[K";
 
 } // namespace
 
-Progress::Progress(qint64 totalBytes, bool on)
+Progress::Progress(qint64 totalBytes, Bar bar)
     : total(std::max<qint64>(totalBytes, 1))
-    , isOn(on && isFullTerminal())
+    , isShown(bar == Bar::Shown && isFullTerminal())
     , nextDrawing(firstDrawing)
 {
     running.start();
@@ -26,7 +26,7 @@ Progress::Progress(qint64 totalBytes, bool on)
 
 void Progress::update(qint64 done, const QString &remark)
 {
-    if (!isOn || running.elapsed() < nextDrawing)
+    if (!isShown || running.elapsed() < nextDrawing)
         return;
     nextDrawing = running.elapsed() + drawingInterval;
     const double part = std::min(double(done) / double(total), 1.0);
@@ -36,7 +36,7 @@ void Progress::update(qint64 done, const QString &remark)
         u"[%1] %2 %  %3"_s.arg(bar, QString::number(int(part * 100)), remark).toUtf8();
     std::fprintf(stdout, "%s%s", clearLine, line.constData());
     std::fflush(stdout);
-    drawn = true;
+    isBarOnScreen = true;
 }
 
 void Progress::sayAbove(const QString &line)
@@ -47,9 +47,9 @@ void Progress::sayAbove(const QString &line)
 
 void Progress::clear()
 {
-    if (!drawn)
+    if (!isBarOnScreen)
         return;
-    drawn = false;
+    isBarOnScreen = false;
     std::fputs(clearLine, stdout);
     std::fflush(stdout);
 }

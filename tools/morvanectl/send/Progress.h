@@ -9,8 +9,10 @@
 class Progress
 {
 public:
-    // Takes the whole work in bytes. Draws nothing unless `on`.
-    Progress(qint64 total, bool on);
+    enum class Bar { Hidden, Shown };
+
+    // `total` is the whole work in bytes.
+    Progress(qint64 total, Bar bar);
     ~Progress() { clear(); }
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
@@ -19,12 +21,12 @@ public:
     // Prints a line above the bar.
     void sayAbove(const QString &line);
     void clear();
-    [[nodiscard]] bool isDrawn() const { return drawn; }
+    [[nodiscard]] bool isDrawn() const { return isBarOnScreen; }
 
 private:
     const qint64 total;
-    const bool isOn;
+    const bool isShown;
     QElapsedTimer running;
     qint64 nextDrawing; // milliseconds
-    bool drawn = false;
+    bool isBarOnScreen = false;
 };

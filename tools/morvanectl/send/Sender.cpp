@@ -2,15 +2,12 @@
 
 #include "BusFrame.h"
 #include "BusName.h"
+#include "Outgoing.h"
 #include "Output.h"
-#include "Record.h"
 
 #include <QCoreApplication>
-#include <QFile>
-#include <QFileInfo>
 
 #include <chrono>
-#include <unistd.h>
 
 using namespace Qt::StringLiterals;
 using namespace std::chrono_literals;
@@ -20,60 +17,13 @@ namespace {
 constexpr qint64 maxUnsentBytes = 4'194'304; // reading pauses above it
 constexpr auto retryInterval = 200ms;
 constexpr auto standstillInterval = 500ms;
-constexpr qint64 longStandstill = 5'000; // milliseconds; more than a busy module needs
-
-QString shown(const QString &file)
-{
-    return file == standardInput ? u"standard input"_s : file;
-}
-
-// All of a file or of standard input, or at least what makes it too long for a frame. Says why it
-// cannot be read and returns nothing.
-std::optional<QByteArray> readToEnd(const QString &path)
-{
-    QFile file(path);
-    const bool opened = path == standardInput
-        ? file.open(STDIN_FILENO, QIODevice::ReadOnly | QIODevice::Unbuffered)
-        : file.open(QIODevice::ReadOnly);
-    QByteArray content(""); // an empty file is not an absent one
-    // A pipe gives what is in it, so only an empty piece is the end.
-    for (QByteArray piece; opened && content.size() <= longestBody; content += piece) {
-        piece = file.read(longestBody + 1 - content.size());
-        if (piece.isEmpty())
-            break;
-    }
-    if (opened && file.error() == QFileDevice::NoError)
-        return content;
-    complain(u"send: cannot read %1: %2"_s.arg(shown(path), file.errorString()));
-    return std::nullopt;
-}
-
-// Returns a whole data frame. Prints an error and returns nothing if the content is too long.
-QByteArray makeFrame(
-    const SendOptions &options, const SendOptions::Item &item, const QByteArray &content)
-{
-    const DataRecord record{options.kind, item.name, content};
-    QByteArray frame = BusFrame::makeData(options.dataVersion, record.write());
-    if (frame.size() - qsizetype(sizeof(qint32)) <= longestBody)
-        return frame;
-    complain(u"send: %1 is too long: a frame carries at most %2 bytes"_s.arg(
-        shown(item.file), QString::number(longestBody)));
-    return {};
-}
-
-qint64 bytesOfFiles(const SendOptions &options)
-{
-    qint64 bytes = 0;
-    for (const SendOptions::Item &item : options.items)
-        bytes += QFileInfo(item.file).size();
-    return bytes;
-}
+constexpr qint64 longStandstill = 5'000; // milliseconds; longer than a busy module pauses
 
 } // namespace
 
 Sender::Sender(const SendOptions &sendOptions)
     : options(sendOptions)
-    , items(sendOptions.items)
+    , itemsToQueue(sendOptions.items)
     , socket(nullptr)
 {
     connect(&socket, &QLocalSocket::connected, this, &Sender::begin);
@@ -93,22 +43,24 @@ Sender::Sender(const SendOptions &sendOptions)
 
 void Sender::start()
 {
-    // Before the connection: whoever writes the input may take its time.
-    const bool isInput = items.constFirst().file == standardInput;
+    // Read before connecting, because whoever writes the input may take long.
+    const bool isInput = itemsToQueue.constFirst().file == standardInput;
     if (isInput) {
         std::optional<QByteArray> content = readToEnd(standardInput);
         if (!content)
-            return fail(u"%1 cannot be sent"_s.arg(shown(standardInput)));
-        input = std::move(*content);
+            return fail(u"%1 cannot be sent"_s.arg(shownFile(standardInput)));
+        inputContent = std::move(*content);
     }
-    progress.emplace(isInput ? input.size() : bytesOfFiles(options), !options.quiet);
+    progress.emplace(isInput ? inputContent.size() : bytesOfFiles(options.items),
+        options.quiet ? Progress::Bar::Hidden : Progress::Bar::Shown);
     retryTimer.start(retryInterval);
     tryToConnect();
     if (finished)
         return;
-    if (!options.quiet && options.waitSeconds > 0 && socket.state() != QLocalSocket::ConnectedState)
+    if (!options.quiet && options.listenWaitSeconds > 0
+        && socket.state() != QLocalSocket::ConnectedState)
         say(u"Waiting for %1 to listen"_s.arg(options.module));
-    connectTimer.start(std::chrono::seconds(options.waitSeconds));
+    connectTimer.start(std::chrono::seconds(options.listenWaitSeconds));
 }
 
 void Sender::tryToConnect()
@@ -123,30 +75,31 @@ void Sender::tryToConnect()
 void Sender::begin()
 {
     retryTimer.stop();
-    sinceMovement.start();
+    sinceBytesLeft.start();
     standstillTimer.start(standstillInterval);
-    const QByteArray greeting = BusFrame::makeName(options.ownName);
+    const QByteArray greeting = BusFrame::makeName(options.ownBusName);
     queuedBytes = greeting.size();
     socket.write(greeting);
-    fill();
+    queueMore();
 }
 
-// Keeps a few frames on their way, so that memory does not follow the number of files.
-void Sender::fill()
+// Queues only a few frames at a time, so that memory does not grow with the number of files.
+void Sender::queueMore()
 {
-    while (!finished && !items.isEmpty() && socket.bytesToWrite() < maxUnsentBytes) {
-        const SendOptions::Item item = items.takeFirst();
+    while (!finished && !itemsToQueue.isEmpty() && socket.bytesToWrite() < maxUnsentBytes) {
+        const SendOptions::Item item = itemsToQueue.takeFirst();
         const std::optional<QByteArray> content =
-            item.file == standardInput ? input : readToEnd(item.file);
+            item.file == standardInput ? inputContent : readToEnd(item.file);
         const QByteArray frame = content ? makeFrame(options, item, *content) : QByteArray();
         if (frame.isEmpty())
-            return fail(u"%1 cannot be sent"_s.arg(shown(item.file)));
+            return fail(u"%1 cannot be sent"_s.arg(shownFile(item.file)));
         queuedBytes += frame.size();
-        onItsWay.enqueue({u"Sent %1 as %2, %3 in its frame"_s.arg(item.name,
-                              QString::fromLatin1(options.kind), counted(frame.size(), u"byte"_s)),
-            queuedBytes});
+        recordsOnTheirWay.enqueue(
+            {u"Sent %1 as %2, %3 in its frame"_s.arg(
+                 item.name, QString::fromLatin1(options.kind), counted(frame.size(), u"byte"_s)),
+                queuedBytes});
         if (socket.bytesToWrite() == 0)
-            sinceMovement.start(); // reading the file may have taken long
+            sinceBytesLeft.start(); // not while the file was read
         socket.write(frame);
     }
 }
@@ -154,25 +107,25 @@ void Sender::fill()
 void Sender::noteWritten(qint64 bytes)
 {
     sentBytes += bytes;
-    sinceMovement.start();
-    saidStandstill = false;
-    while (!onItsWay.isEmpty() && onItsWay.head().endOffset <= sentBytes) {
-        const QString line = onItsWay.dequeue().line;
+    sinceBytesLeft.start();
+    isStandstillReported = false;
+    while (!recordsOnTheirWay.isEmpty() && recordsOnTheirWay.head().endOffset <= sentBytes) {
+        const QString line = recordsOnTheirWay.dequeue().report;
         ++sentRecords;
         if (!options.quiet)
             progress->sayAbove(line);
     }
     showProgress();
-    fill();
-    if (items.isEmpty() && onItsWay.isEmpty())
+    queueMore();
+    if (itemsToQueue.isEmpty() && recordsOnTheirWay.isEmpty())
         finish();
 }
 
 void Sender::showProgress()
 {
-    const QString standstill = sinceMovement.hasExpired(longStandstill)
+    const QString standstill = sinceBytesLeft.hasExpired(longStandstill)
         ? u", the module has read nothing for %1"_s.arg(
-            counted(sinceMovement.elapsed() / 1'000, u"second"_s))
+            counted(sinceBytesLeft.elapsed() / 1'000, u"second"_s))
         : QString();
     progress->update(sentBytes,
         u"%1 of %2%3"_s.arg(
@@ -182,13 +135,14 @@ void Sender::showProgress()
 // Reports a standstill once, unless the progress bar shows it.
 void Sender::noteStandstill()
 {
-    if (options.timeoutSeconds > 0 && sinceMovement.hasExpired(options.timeoutSeconds * 1'000LL))
+    if (options.standstillLimitSeconds > 0
+        && sinceBytesLeft.hasExpired(options.standstillLimitSeconds * 1'000LL))
         return fail(u"the module has read nothing for %1"_s.arg(
-            counted(options.timeoutSeconds, u"second"_s)));
+            counted(options.standstillLimitSeconds, u"second"_s)));
     showProgress();
-    if (progress->isDrawn() || saidStandstill || !sinceMovement.hasExpired(longStandstill))
+    if (progress->isDrawn() || isStandstillReported || !sinceBytesLeft.hasExpired(longStandstill))
         return;
-    saidStandstill = true;
+    isStandstillReported = true;
     complain(u"send: %1 has read nothing for %2, waiting"_s.arg(
         options.module, counted(longStandstill / 1'000, u"second"_s)));
 }
@@ -211,7 +165,7 @@ void Sender::fail(const QString &what)
         return;
     QString line = u"send: %1: %2"_s.arg(options.module, what);
     if (queuedBytes > 0)
-        line += u"; %1 of %2 had left"_s.arg(
+        line += u"; %1 of %2 had been sent"_s.arg(
             QString::number(sentRecords), counted(options.items.size(), u"record"_s));
     standstillTimer.stop();
     retryTimer.stop();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Progress.h"
+#include "SendOptions.h"
 #include "TConnector.h"
 
 #include <QElapsedTimer>
@@ -9,28 +10,6 @@
 #include <QTimer>
 
 #include <optional>
-
-struct SendOptions
-{
-    // A file and the name of its record.
-    struct Item
-    {
-        QString file;
-        QString name;
-    };
-    QString module;
-    QList<Item> items;
-    QByteArray kind;
-    uchar dataVersion = 1;
-    int waitSeconds = 0; // for the module to listen
-    int timeoutSeconds = 0; // for the module to take something; 0: without limit
-    QByteArray ownName; // on the bus
-    bool quiet = false;
-};
-
-inline constexpr qint64 longestBody =
-    50'000'000; // bytes; a longer frame makes the module cut us off
-inline const QString standardInput = QStringLiteral("-"); // instead of a file
 
 // Sends the files of one run over one connection.
 //
@@ -42,15 +21,15 @@ public:
     void start();
 
 private:
-    struct OnItsWay
+    struct QueuedRecord
     {
-        QString line; // to say when it has left
-        qint64 endOffset; // its last byte, counted from the first one of the connection
+        QString report;
+        qint64 endOffset; // in the bytes of the connection
     };
 
     void tryToConnect();
     void begin();
-    void fill();
+    void queueMore();
     void noteWritten(qint64 bytes);
     void showProgress();
     void noteStandstill();
@@ -58,17 +37,17 @@ private:
     void finish();
 
     const SendOptions &options;
-    QList<SendOptions::Item> items; // not put into a frame yet
-    QByteArray input; // all of standard input, if that is what is sent
+    QList<SendOptions::Item> itemsToQueue;
+    QByteArray inputContent;
     std::optional<Progress> progress;
     TMyLocalSocket socket;
     QTimer retryTimer;
     QTimer connectTimer;
     QTimer standstillTimer;
-    QElapsedTimer sinceMovement; // of a byte that the module has taken
-    bool saidStandstill = false;
-    QQueue<OnItsWay> onItsWay;
-    qint64 queuedBytes = 0; // of the connection
+    QElapsedTimer sinceBytesLeft;
+    bool isStandstillReported = false;
+    QQueue<QueuedRecord> recordsOnTheirWay;
+    qint64 queuedBytes = 0;
     qint64 sentBytes = 0;
     int sentRecords = 0;
     bool finished = false;

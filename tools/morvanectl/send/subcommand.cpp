@@ -2,12 +2,15 @@
 #include "BusName.h"
 #include "CommandLine.h"
 #include "Commands.h"
+#include "Descriptor.h"
+#include "FileCalls.h"
+#include "FileName.h"
 #include "NameGuess.h"
 #include "NameTemplate.h"
+#include "Outgoing.h"
 #include "Output.h"
-#include "Record.h"
+#include "RecordKinds.h"
 #include "Sender.h"
-#include "WholeFile.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -33,8 +36,8 @@ must differ. If any file cannot be sent, nothing is. Standard input is read to i
 before anything is sent. The bus takes frames of up to 50,000,000 bytes; a longer input is
 refused.
 
-If the module reads nothing for five seconds, a line reports it, and the tool goes on
-waiting; --timeout gives up. That all bytes have left does not prove that the module has
+If the module reads nothing for five seconds, the tool reports it and keeps waiting, unless
+--timeout is given. Success means that all bytes were handed over, not that the module has
 stored them. The bus sockets are in the temporary folder, so TMPDIR must be the same for
 all processes on the bus.)";
 
@@ -53,16 +56,17 @@ QString problemWith(const QString &file)
     return {};
 }
 
-bool canSendAll(const SendOptions &options)
+// Prints why each unreadable file cannot be sent. Returns false if there is one.
+bool checkFiles(const SendOptions &options)
 {
-    bool all = true;
+    bool areAllReadable = true;
     for (const auto &[file, name] : options.items) {
         const QString problem = file == standardInput ? QString() : problemWith(file);
         if (!problem.isEmpty())
             complain(u"send: %1 %2"_s.arg(file, problem));
-        all = all && problem.isEmpty();
+        areAllReadable = areAllReadable && problem.isEmpty();
     }
-    return all;
+    return areAllReadable;
 }
 
 // Pairs each file with the name of its record, which is the base name if there is no template.
@@ -82,23 +86,28 @@ QList<SendOptions::Item> itemsOf(const QStringList &files, const QString &nameTe
 
 constexpr qsizetype shownOfLongName = 40; // characters
 
-// What is wrong with the names of the records; empty if nothing is.
-QString nameProblem(const SendOptions &options, bool areGiven)
+// Returns what is wrong with the names of the records; empty if nothing is.
+QString nameProblem(const SendOptions &options, const QString &nameTemplate)
 {
+    if (const QString problem = templateProblem(nameTemplate, {u"name"_s, u"number"_s, u"time"_s});
+        !problem.isEmpty())
+        return u"--name: "_s + problem;
     QSet<QString> names;
     for (const auto &[file, name] : options.items) {
-        if (file == standardInput && (options.items.size() > 1 || !areGiven))
-            return u"Standard input is one record, and --name must name it."_s;
+        if (file == standardInput && options.items.size() > 1)
+            return u"Standard input cannot be sent together with files."_s;
+        if (file == standardInput && nameTemplate.isEmpty())
+            return u"Standard input needs a name for its record: --name."_s;
         if (!isPlainName(name))
             return u"No module keeps a record with the name \"%1\": it must not be empty, "
-                   "hold \"/\" or begin with a dot. --name gives another."_s.arg(name);
+                   "hold \"/\" or begin with a dot. Use --name to give another."_s.arg(name);
         if (const qsizetype bytes = name.toUtf8().size(); bytes > longestFileName)
             return u"No module keeps a record whose name has %1 bytes, more than the %2 of a "
-                   "file name: \"%3...\". --name gives another."_s.arg(QString::number(bytes),
+                   "file name: \"%3...\". Use --name to give another."_s.arg(QString::number(bytes),
                        QString::number(longestFileName), name.left(shownOfLongName));
         if (names.contains(name))
-            return u"Two records would have the name \"%1\": one would replace the other."_s.arg(
-                name);
+            return u"Two records would have the name \"%1\", so one would replace the other. Use "
+                   "--name to give others."_s.arg(name);
         names.insert(name);
     }
     return {};
@@ -114,53 +123,49 @@ void addOptions(CommandLine &line)
 {
     line.addValue(u"kind"_s, u"KIND"_s, u"tempdb (default), error or tempdb_t."_s, u"tempdb"_s);
     line.addValue(u"name"_s, u"TEXT"_s,
-        u"The record's name, with {name}, {number} and {time} (default {name})."_s);
+        u"The record's name, made from {name}, {number} and {time} (default {name})."_s);
     line.addValue(u"data-version"_s, u"N"_s,
         u"Version byte of the data frames, 0 to 255 but not 200, 202, 203, 204 (default 1)."_s,
         u"1"_s);
     line.addValue(u"wait"_s, u"SECONDS"_s,
-        u"How long to wait for the module to listen (default 0)."_s, u"0"_s);
+        u"Wait up to SECONDS for the module to listen (default 0)."_s, u"0"_s);
     line.addValue(u"timeout"_s, u"SECONDS"_s,
         u"Give up when the module has read nothing for SECONDS (default: never)."_s);
-    line.addValue(
-        u"as"_s, u"NAME"_s, u"Own name on the bus (default morvanectl)."_s, u"morvanectl"_s);
+    line.addValue(u"as"_s, u"NAME"_s, u"The name of this sender on the bus (default morvanectl)."_s,
+        u"morvanectl"_s);
     line.addFlag(u"quiet"_s, u"Report only what goes wrong."_s);
 }
 
-// Fills in the options. On wrong usage it prints an error and returns the exit status.
-std::optional<int> readOptions(const CommandLine &line, SendOptions &options)
+// Prints a usage error and returns false if the command line makes no sense.
+bool readOptions(CommandLine &line, SendOptions &options)
 {
     options.module = line.positionals().constFirst();
     options.items = itemsOf(line.positionals().sliced(1), line.value(u"name"_s));
     options.kind = line.value(u"kind"_s).toUtf8();
-    options.ownName = line.value(u"as"_s).toUtf8();
+    options.ownBusName = line.value(u"as"_s).toUtf8();
     options.quiet = line.isSet(u"quiet"_s);
     const std::optional<int> version = line.number(u"data-version"_s, 0, 255);
     const std::optional<int> wait = line.number(u"wait"_s, 0, longestSeconds);
     const std::optional<int> timeout =
         line.isSet(u"timeout"_s) ? line.number(u"timeout"_s, 1, longestSeconds) : 0;
     if (!version || !wait || !timeout)
-        return usageStatus;
+        return false;
     options.dataVersion = uchar(*version);
-    options.timeoutSeconds = *timeout;
-    options.waitSeconds = *wait;
+    options.standstillLimitSeconds = *timeout;
+    options.listenWaitSeconds = *wait;
     if (!isDataVersion(*version))
-        return line.wrongUsage(u"--data-version %1 marks another kind of frame."_s.arg(*version));
+        return line.wrongUsage(
+            u"--data-version %1 is the version of another kind of frame."_s.arg(*version));
     const QString kind = QString::fromUtf8(options.kind);
-    if (!DataRecord{options.kind, {}, {}}.isAccepted())
+    if (!isAcceptedKind(options.kind))
         return line.wrongUsage(
             guessSentence(u"Modules take no records of the kind \"%1\""_s.arg(kind), kind,
                 {u"tempdb"_s, u"error"_s, u"tempdb_t"_s}));
     if (const QString problem = busNameProblem(options.module); !problem.isEmpty())
         return line.wrongUsage(u"\"%1\": %2."_s.arg(options.module, problem));
-    if (const QString problem =
-            templateProblem(line.value(u"name"_s), {u"name"_s, u"number"_s, u"time"_s});
-        !problem.isEmpty())
-        return line.wrongUsage(u"--name: "_s + problem);
-    if (const QString problem = nameProblem(options, !line.value(u"name"_s).isEmpty());
-        !problem.isEmpty())
+    if (const QString problem = nameProblem(options, line.value(u"name"_s)); !problem.isEmpty())
         return line.wrongUsage(problem);
-    return std::nullopt;
+    return true;
 }
 
 } // namespace
@@ -169,12 +174,10 @@ int runSend(const QStringList &arguments)
 {
     CommandLine line(u"send"_s, u"MODULE FILE...|-"_s, QString::fromLatin1(description));
     addOptions(line);
-    if (const std::optional<int> status = line.parse(arguments, 2))
-        return *status;
     SendOptions options;
-    if (const std::optional<int> status = readOptions(line, options))
-        return *status;
-    if (!canSendAll(options))
+    if (!line.parse(arguments, 2) || !readOptions(line, options))
+        return line.exitStatus();
+    if (!checkFiles(options))
         return failureStatus;
 
     outliveOutput(); // delivering the records matters more

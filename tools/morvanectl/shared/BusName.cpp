@@ -13,10 +13,10 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-const QString serviceBus = u"/run/morvane"_s; // the folder that packaging/morvane@.service names
-constexpr qsizetype longestPath = 106; // bytes that the kernel's socket address takes here
+const QString serviceBus = u"/run/morvane"_s; // as in packaging/morvane@.service
+constexpr qsizetype longestSocketPath = 106; // bytes; the kernel's limit
 
-constexpr mode_t othersMask = 0007; // the user and the group may connect
+constexpr mode_t withoutOthers = 0007;
 
 // A module reads names in its settings as Latin-1, so other characters lead to different files.
 bool isPlainAscii(const QString &name)
@@ -78,12 +78,12 @@ QString connectionProblem(const QString &name, QLocalSocket::LocalSocketError er
 QString busNameProblem(const QString &name)
 {
     if (name.isEmpty() || !isPlainAscii(name))
-        return u"a bus name may hold only ASCII characters and no blanks"_s;
+        return u"a bus name must not be empty, and may hold only ASCII characters and no blanks"_s;
     const QByteArray path = busSocketPath(name).toLocal8Bit();
-    if (path.size() > longestPath)
+    if (path.size() > longestSocketPath)
         return u"the socket's path %1 has %2 bytes; the limit is %3 (see TMPDIR)"_s.arg(
             QString::fromLocal8Bit(path), QString::number(path.size()),
-            QString::number(longestPath));
+            QString::number(longestSocketPath));
     return {};
 }
 
@@ -93,8 +93,8 @@ QString listenOnBus(QLocalServer &server, const QString &name)
         return problem;
     if (const QString problem = clearName(name); !problem.isEmpty())
         return problem;
-    // The modules of a service have a user of their own, and this one's group in common.
-    const mode_t mask = ::umask(othersMask);
+    // The modules of the service run as another user in the same group.
+    const mode_t mask = ::umask(withoutOthers);
     const bool listens = server.listen(name);
     ::umask(mask);
     if (listens)

@@ -16,41 +16,40 @@ CommandLine::CommandLine(
 
 void CommandLine::addFlag(const QString &name, const QString &description)
 {
-    options.append(u"--"_s + name);
+    dashedOptions.append(u"--"_s + name);
     parser.addOption(QCommandLineOption(name, description));
 }
 
 void CommandLine::addValue(const QString &name, const QString &valueName,
     const QString &description, const QString &defaultValue)
 {
-    options.append(u"--"_s + name);
+    dashedOptions.append(u"--"_s + name);
     parser.addOption(QCommandLineOption(name, description, valueName, defaultValue));
 }
 
-std::optional<int> CommandLine::parse(
-    const QStringList &arguments, qsizetype fewest, qsizetype most)
+bool CommandLine::parse(const QStringList &arguments, qsizetype fewest, qsizetype most)
 {
     const bool understood = parser.parse(arguments);
     if (parser.isSet(u"help"_s)) {
         say(helpText());
-        return 0;
+        return false;
     }
     if (!understood)
         return wrongUsage(parserProblem());
     if (positionals().size() < fewest)
-        return wrongUsage(u"Too few arguments: expected %1."_s.arg(synopsis));
+        return wrongUsage(u"Too few arguments for \"%1\"."_s.arg(synopsis));
     if (positionals().size() > most)
-        return wrongUsage(u"Too many arguments: expected %1."_s.arg(synopsis));
-    return std::nullopt;
+        return wrongUsage(u"Too many arguments for \"%1\"."_s.arg(synopsis));
+    return true;
 }
 
-std::optional<int> CommandLine::number(const QString &name, int least, int most) const
+std::optional<int> CommandLine::number(const QString &name, int least, int most)
 {
     return number(u"--"_s + name, value(name), least, most);
 }
 
 std::optional<int> CommandLine::number(
-    const QString &what, const QString &text, int least, int most) const
+    const QString &what, const QString &text, int least, int most)
 {
     bool isNumber = false;
     const int result = text.toInt(&isNumber);
@@ -61,10 +60,11 @@ std::optional<int> CommandLine::number(
     return std::nullopt;
 }
 
-int CommandLine::wrongUsage(const QString &what) const
+bool CommandLine::wrongUsage(const QString &problem)
 {
-    complain(u"%1: %2 See \"morvanectl %1 --help\"."_s.arg(subcommand, what));
-    return usageStatus;
+    complain(u"%1: %2 See \"morvanectl %1 --help\"."_s.arg(subcommand, problem));
+    status = usageStatus;
+    return false;
 }
 
 QString CommandLine::parserProblem() const
@@ -74,8 +74,8 @@ QString CommandLine::parserProblem() const
         return parser.errorText();
     const QString name = unknown.constFirst();
     const QString option = (name.size() == 1 ? u"-"_s : u"--"_s) + name;
-    return guessSentence(
-        u"Unknown option \"%1\""_s.arg(option), option, name.size() == 1 ? QStringList() : options);
+    return guessSentence(u"Unknown option \"%1\""_s.arg(option), option,
+        name.size() == 1 ? QStringList() : dashedOptions);
 }
 
 // The parser's own first line knows nothing of subcommands.

@@ -19,20 +19,22 @@ public:
     void addValue(const QString &name, const QString &valueName, const QString &description,
         const QString &defaultValue = {});
 
-    // Returns an exit status if help was asked for or the usage is wrong, and nullopt to go on.
-    [[nodiscard]] std::optional<int> parse(const QStringList &arguments, qsizetype fewest,
+    // Returns false if the run is over because it only printed the help, or for a usage error.
+    [[nodiscard]] bool parse(const QStringList &arguments, qsizetype fewest,
         qsizetype most = std::numeric_limits<qsizetype>::max());
+    // The exit status of a run that is over.
+    [[nodiscard]] int exitStatus() const { return status; }
 
     [[nodiscard]] QStringList positionals() const { return parser.positionalArguments(); }
     [[nodiscard]] bool isSet(const QString &name) const { return parser.isSet(name); }
     [[nodiscard]] QString value(const QString &name) const { return parser.value(name); }
     // Prints a usage error and returns nullopt unless the value is an integer in [least, most].
-    [[nodiscard]] std::optional<int> number(const QString &name, int least, int most) const;
+    [[nodiscard]] std::optional<int> number(const QString &name, int least, int most);
     [[nodiscard]] std::optional<int> number(
-        const QString &what, const QString &text, int least, int most) const;
+        const QString &what, const QString &text, int least, int most);
 
-    // Prints the error with a hint at --help, and returns the exit status.
-    int wrongUsage(const QString &what) const;
+    // Returns false, so that its caller can return the result.
+    bool wrongUsage(const QString &problem);
 
 private:
     [[nodiscard]] QString helpText() const;
@@ -41,7 +43,8 @@ private:
     QString subcommand;
     QString synopsis;
     QCommandLineParser parser;
-    QStringList options; // with their dashes
+    QStringList dashedOptions;
+    int status = 0;
 };
 
 // Adds --directory, the folder that relative paths in a settings file start from.

@@ -38,7 +38,7 @@ QString ModuleSettings::main(const SettingKey &key) const
     return settingText(settings, inGroup(MainSettings::group, key));
 }
 
-quint16 ModuleSettings::number(const SettingKey &key) const
+quint16 ModuleSettings::mainNumber(const SettingKey &key) const
 {
     return MainSettings::number(main(key));
 }

@@ -15,7 +15,7 @@ public:
 
     [[nodiscard]] QString base(const SettingKey &key) const;
     [[nodiscard]] QString main(const SettingKey &key) const;
-    [[nodiscard]] quint16 number(const SettingKey &key) const; // of the group Main
+    [[nodiscard]] quint16 mainNumber(const SettingKey &key) const;
     [[nodiscard]] bool isUdp() const { return main(MainSettings::protocol) == u"UDP"; }
     [[nodiscard]] bool isTcp() const { return main(MainSettings::protocol) == u"TCP"; }
 

@@ -8,8 +8,8 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype mostSlips = 2; // letters missing, wrong or too many
-constexpr qsizetype longestName = 64; // no known one is as long
+constexpr qsizetype mostSlipsGuessed = 2;
+constexpr qsizetype longestKnownName = 64;
 
 // Counts the letters to insert, remove or replace to turn one text into the other.
 qsizetype slipsBetween(const QString &a, const QString &b)
@@ -31,9 +31,9 @@ qsizetype slipsBetween(const QString &a, const QString &b)
 
 QString guessHint(const QString &name, const QStringList &known)
 {
-    qsizetype fewest = mostSlips + 1;
+    qsizetype fewest = mostSlipsGuessed + 1;
     QString best;
-    for (const QString &candidate : name.size() > longestName ? QStringList() : known) {
+    for (const QString &candidate : name.size() > longestKnownName ? QStringList() : known) {
         const qsizetype slips = slipsBetween(name.toLower(), candidate.toLower());
         if (slips >= fewest)
             continue;

@@ -6,7 +6,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int numberDigits = 6; // at least
+constexpr int fewestDigits = 6;
 const QString numberField = u"{number}"_s;
 const QString timeField = u"{time}"_s;
 
@@ -14,7 +14,7 @@ const QString timeField = u"{time}"_s;
 
 QString paddedNumber(qint64 number)
 {
-    return u"%1"_s.arg(number, numberDigits, 10, QChar(u'0'));
+    return u"%1"_s.arg(number, fewestDigits, 10, QChar(u'0'));
 }
 
 QString fillIn(QString text, qint64 number, const QDateTime &time)
@@ -26,7 +26,7 @@ QString fillIn(QString text, qint64 number, const QDateTime &time)
 QRegularExpression namesFrom(const QString &text)
 {
     QString pattern = QRegularExpression::escape(text);
-    pattern.replace(QRegularExpression::escape(numberField), u"(\\d{%1,18})"_s.arg(numberDigits));
+    pattern.replace(QRegularExpression::escape(numberField), u"(\\d{%1,18})"_s.arg(fewestDigits));
     pattern.replace(QRegularExpression::escape(timeField), u"\\d{8}T\\d{6}Z"_s);
     return QRegularExpression(QRegularExpression::anchoredPattern(pattern));
 }

@@ -13,7 +13,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qsizetype longestText = 65'536; // bytes of one text shown; a module may send megabytes
+constexpr qsizetype longestTextShown = 65'536; // bytes; a module may send megabytes
 
 OpenLine *openLine = nullptr;
 bool outputFailed = false;
@@ -101,13 +101,13 @@ QString timeStamp()
 QString printable(const QByteArray &text)
 {
     QString shown;
-    for (const QChar c : QString::fromUtf8(text.left(longestText))) {
+    for (const QChar c : QString::fromUtf8(text.left(longestTextShown))) {
         if (c == u'\n' || c == u'\t' || c.category() != QChar::Other_Control)
             shown += c;
         else
             shown += u"\\x%1"_s.arg(c.unicode(), 2, 16, QChar(u'0'));
     }
-    if (text.size() > longestText)
+    if (text.size() > longestTextShown)
         shown += u"... (%1 bytes in all)"_s.arg(text.size());
     return shown;
 }

@@ -1,34 +1,21 @@
 #include "UdpPace.h"
 
+#include "FixedPace.h"
 #include "Output.h"
 #include "Packet.h"
 
 using namespace Qt::StringLiterals;
 
-namespace {
-
-constexpr qint64 announcingTicks = 3;
-constexpr qint64 roundTicks = 5;
-constexpr qint64 roundPackets = 4;
-
-qint64 dividedUp(qint64 number, qint64 divisor)
-{
-    return (number + divisor - 1) / divisor;
-}
-
-} // namespace
-
 qint64 UdpPace::packets(qint64 compressedBytes)
 {
-    return dividedUp(compressedBytes, Packet::maxPayload);
+    return (compressedBytes + Packet::maxPayload - 1) / Packet::maxPayload;
 }
 
 std::optional<std::chrono::milliseconds> UdpPace::duration(qint64 packets, quint16 timeout)
 {
     if (timeout == 0)
         return std::nullopt;
-    const qint64 ticks = announcingTicks + dividedUp(packets, roundPackets) * roundTicks;
-    return std::chrono::milliseconds(ticks * timeout);
+    return std::chrono::milliseconds(FixedPace::ticks(packets) * timeout);
 }
 
 QString UdpPace::text(std::chrono::milliseconds duration)

@@ -1,18 +1,18 @@
 #include "SpoolObserver.h"
 
+#include "FileCalls.h"
+#include "FileTime.h"
 #include "Packet.h"
 #include "SentFolder.h"
+#include "SpoolLock.h"
 #include "UdpPace.h"
-#include "WholeFile.h"
 #include "ZlibStream.h"
 
-#include <QDir>
 #include <QFile>
 
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 using namespace Qt::StringLiterals;
@@ -20,50 +20,31 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr qsizetype mostFirst = 10; // files shown
-constexpr qint64 mostCompressed = Packet::maxNumber * Packet::maxPayload; // bytes of one transfer
-constexpr qint64 compressingBudget = 100'000'000; // bytes in one look, some seconds' work
-constexpr auto betweenFiles = 1s; // the pause after a delivery, and on average the wait for a scan
-constexpr std::chrono::milliseconds settling = 2s; // see hasOwner()
+constexpr qsizetype mostFilesShown = 10;
+constexpr qint64 mostBytesToCompress = 100'000'000; // takes some seconds
+constexpr auto betweenFiles = 1s; // the pause after a delivery and the average wait for a scan
 constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 SpoolState::Age ageOf(qint64 modified)
 {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(
-        system_clock::now().time_since_epoch() - nanoseconds(modified));
+    return std::chrono::duration_cast<SpoolState::Age>(FileTime::age(modified));
 }
 
-SpoolState::Age ageOf(const struct stat &info)
-{
-    return ageOf(qint64(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec);
-}
-
-// Why no information record can hold the name; empty if one can.
+// Returns why a file with this name cannot be sent over UDP; empty if it can.
 QString wireProblem(const QString &name)
 {
-    if (QString::fromLatin1(name.toLatin1()) != name)
+    switch (InformationRecord::problemWith(name)) {
+    case InformationRecord::NameProblem::NotLatin1:
         return u"its name is not in Latin-1"_s;
-    if (name.size() > InformationRecord::maxName)
+    case InformationRecord::NameProblem::TooLong:
         return u"its name is longer than %1 characters"_s.arg(InformationRecord::maxName);
+    case InformationRecord::NameProblem::None:
+        break;
+    }
     return {};
 }
 
-// The owner holds the kernel's lock on its folder from the moment after it has made it. A shared
-// look in just that moment would keep it from getting the lock, so a folder in which something has
-// happened lately counts as owned, unseen.
-bool hasOwner(int folder)
-{
-    struct stat info;
-    if (::fstat(folder, &info) != 0 || std::chrono::abs(ageOf(info)) < settling)
-        return true;
-    if (::flock(folder, LOCK_SH | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK;
-    ::flock(folder, LOCK_UN);
-    return false;
-}
-
-// In the order of sending, those that are still there when it is their turn.
+// Visits the files in the order of sending, except those that have gone meanwhile.
 template <typename Visit> void forEachFile(const SpoolDirectory &folder, Visit visit)
 {
     for (SpoolListing names = folder.list(); !names.isEmpty(); names.removeFirst()) {
@@ -92,33 +73,29 @@ SpoolState SpoolObserver::look()
 {
     SpoolState state;
     state.path = spool.path();
-    budget = compressingBudget;
-    compressed.removeIf([](auto file) { return !QFile::exists(file.key()); });
+    bytesLeftToCompress = mostBytesToCompress;
+    compressedSizes.removeIf([](auto file) { return !QFile::exists(file.key()); });
     if (timeout)
-        state.transfer.emplace();
-    struct stat info;
-    if (::lstat(
-            QFile::encodeName(spool.pathOf(QString::fromLatin1(SpoolLock::fileName))).constData(),
-            &info)
-        == 0)
-        state.lock = ageOf(info);
-    lookAtWaiting(state);
-    lookAtRefused(state);
-    lookAtUnacknowledged(state);
+        state.udpTransfer.emplace();
+    if (const std::optional<qint64> time = SpoolLock::timeIn(spool))
+        state.lockAge = ageOf(*time);
+    addWaiting(state);
+    addRefused(state);
+    addUnacknowledged(state);
     return state;
 }
 
-void SpoolObserver::lookAtWaiting(SpoolState &state)
+void SpoolObserver::addWaiting(SpoolState &state)
 {
     forEachFile(spool, [&](const SpoolState::File &file, const SpoolDirectory::Mark &mark) {
         ++state.files;
         state.bytes += file.bytes;
         if (!state.oldest || file.age > state.oldest->age)
             state.oldest = file;
-        if (state.first.size() < mostFirst)
-            state.first.append(file);
-        if (state.transfer)
-            addTransfer(*state.transfer, file.name, mark);
+        if (state.firstToBeSent.size() < mostFilesShown)
+            state.firstToBeSent.append(file);
+        if (state.udpTransfer)
+            addTransfer(*state.udpTransfer, file.name, mark);
     });
 }
 
@@ -126,10 +103,11 @@ void SpoolObserver::addTransfer(
     SpoolState::Transfer &transfer, const QString &name, const SpoolDirectory::Mark &mark)
 {
     const std::optional<qint64> bytes = compressedSize(spool, name, mark);
-    if (!wireProblem(name).isEmpty() || bytes > mostCompressed)
+    if (!wireProblem(name).isEmpty() || bytes > Packet::maxCompressed)
         return; // it will be refused
     transfer.isUpperBound |= !bytes;
-    const qint64 packets = UdpPace::packets(bytes.value_or(std::min(mark.size, mostCompressed)));
+    const qint64 packets =
+        UdpPace::packets(bytes.value_or(std::min(mark.size, Packet::maxCompressed)));
     transfer.packets += packets;
     if (const auto duration = UdpPace::duration(packets, *timeout))
         *transfer.duration += *duration + betweenFiles;
@@ -142,32 +120,32 @@ std::optional<qint64> SpoolObserver::compressedSize(
     const SpoolDirectory &directory, const QString &name, const SpoolDirectory::Mark &mark)
 {
     const QString path = directory.pathOf(name);
-    const auto known = compressed.constFind(path);
-    if (known != compressed.cend() && known->mark == mark)
+    const auto known = compressedSizes.constFind(path);
+    if (known != compressedSizes.cend() && known->mark == mark)
         return known->bytes;
     QFile file;
     struct stat info;
-    const int descriptor = mark.size > budget ? -1 : openRegularFile(path, info);
+    const int descriptor = mark.size > bytesLeftToCompress ? -1 : openRegularFile(path, info);
     if (descriptor < 0
         || !file.open(descriptor, QFile::ReadOnly | QFile::Unbuffered, QFile::AutoCloseHandle))
         return std::nullopt;
-    budget -= mark.size;
+    bytesLeftToCompress -= mark.size;
     qint64 bytes = 0;
     const ZlibStream::Result result = ZlibStream::deflate(file, [&](QByteArrayView piece) {
         bytes += piece.size();
-        return bytes <= mostCompressed;
+        return bytes <= Packet::maxCompressed;
     });
     if (result == ZlibStream::Result::SourceFailed)
         return std::nullopt;
-    compressed.insert(path, {mark, bytes});
+    compressedSizes.insert(path, {mark, bytes});
     return bytes;
 }
 
 // --- files set aside ---
 
-void SpoolObserver::lookAtRefused(SpoolState &state)
+void SpoolObserver::addRefused(SpoolState &state)
 {
-    const SpoolDirectory refused(spool.pathOf(u"refused"_s));
+    const SpoolDirectory refused = spool.refused();
     forEachFile(refused, [&](const SpoolState::File &file, const SpoolDirectory::Mark &mark) {
         state.refused.append({file, refusalReason(refused, file, mark)});
     });
@@ -176,35 +154,33 @@ void SpoolObserver::lookAtRefused(SpoolState &state)
 QString SpoolObserver::refusalReason(
     const SpoolDirectory &refused, const SpoolState::File &file, const SpoolDirectory::Mark &mark)
 {
-    // One of several with the same name bears a number behind it.
-    const QString original = file.name.left(file.name.lastIndexOf(u'.'));
-    const bool isNumbered = !original.isEmpty() && refused.mark(original);
-    const QString problem = wireProblem(isNumbered ? original : file.name);
+    const QString problem = wireProblem(refused.nameBeforeRefusal(file.name));
     if (!problem.isEmpty())
         return problem;
     if (::access(QFile::encodeName(refused.pathOf(file.name)).constData(), R_OK) != 0)
         return u"it cannot be read: %1"_s.arg(qt_error_string());
-    if (mark.size > mostCompressed && compressedSize(refused, file.name, mark) > mostCompressed)
-        return u"it has more than %1 bytes when compressed"_s.arg(mostCompressed);
+    if (mark.size > Packet::maxCompressed
+        && compressedSize(refused, file.name, mark) > Packet::maxCompressed)
+        return u"it has more than %1 bytes when compressed"_s.arg(Packet::maxCompressed);
     return {};
 }
 
 // --- records between the spool and the peer ---
 
-void SpoolObserver::lookAtUnacknowledged(SpoolState &state) const
+void SpoolObserver::addUnacknowledged(SpoolState &state) const
 {
-    const QStringList folders = QDir(spool.path())
-                                    .entryList({QString::fromLatin1(SentFolder::prefix) + u'*'},
-                                        QDir::Dirs | QDir::Hidden | QDir::NoSymLinks, QDir::Name);
+    const QStringList folders = SentFolder::namesIn(spool);
     for (const QString &name : folders) {
         const QString path = spool.pathOf(name);
         const Descriptor folder(::open(QFile::encodeName(path).constData(), folderFlags));
         if (!folder.isOpen()) {
-            if (errno != ENOENT) // its module may have ended meanwhile
-                state.unacknowledged.append({name, 0, 0, true, qt_error_string()});
+            if (errno != ENOENT) // unless its module has just ended
+                state.unacknowledged.append(
+                    {.folder = name, .hasLivingOwner = true, .problem = qt_error_string()});
             continue;
         }
-        SpoolState::Unacknowledged sent{name, 0, 0, hasOwner(folder.get())};
+        SpoolState::Unacknowledged sent{
+            .folder = name, .hasLivingOwner = SentFolder::hasOwner(folder.get())};
         const SpoolDirectory kept(path);
         forEachFile(kept, [&](const SpoolState::File &file, const SpoolDirectory::Mark &) {
             ++sent.files;

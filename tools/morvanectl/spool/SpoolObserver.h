@@ -26,9 +26,9 @@ private:
         SpoolDirectory::Mark mark;
         qint64 bytes;
     };
-    void lookAtWaiting(SpoolState &state);
-    void lookAtRefused(SpoolState &state);
-    void lookAtUnacknowledged(SpoolState &state) const;
+    void addWaiting(SpoolState &state);
+    void addRefused(SpoolState &state);
+    void addUnacknowledged(SpoolState &state) const;
     void addTransfer(
         SpoolState::Transfer &transfer, const QString &name, const SpoolDirectory::Mark &mark);
     [[nodiscard]] std::optional<qint64> compressedSize(
@@ -37,7 +37,7 @@ private:
         const SpoolDirectory::Mark &mark);
 
     const SpoolDirectory spool;
-    const std::optional<quint16> timeout; // milliseconds
-    QHash<QString, Compressed> compressed; // by path
-    qint64 budget = 0; // bytes that may still be compressed in this look
+    const std::optional<quint16> timeout; // milliseconds; only in UDP mode
+    QHash<QString, Compressed> compressedSizes; // by path
+    qint64 bytesLeftToCompress = 0;
 };

@@ -65,7 +65,7 @@ void addWaiting(Table &table, const SpoolState &state)
     if (state.oldest)
         table.add(u"oldest"_s,
             u"%1, %2 old"_s.arg(shownName(state.oldest->name), shownAge(state.oldest->age)));
-    for (const SpoolState::File &file : state.first)
+    for (const SpoolState::File &file : state.firstToBeSent)
         table.add(u"first"_s,
             u"%1  %2  %3 old"_s.arg(
                 shownName(file.name), counted(file.bytes, u"byte"_s), shownAge(file.age)));
@@ -87,8 +87,9 @@ QString toText(const SpoolState::Unacknowledged &sent)
         return u"%1 cannot be read: %2"_s.arg(shownName(sent.folder), sent.problem);
     return u"%1 in %2, not acknowledged; %3"_s.arg(shownSize(sent.files, sent.bytes),
         shownName(sent.folder),
-        sent.hasOwner ? u"the module that sent them runs"_s
-                      : u"their module has ended; its next start puts them back into the spool"_s);
+        sent.hasLivingOwner
+            ? u"the module that sent them runs"_s
+            : u"their module has ended; its next start puts them back into the spool"_s);
 }
 
 } // namespace
@@ -104,10 +105,10 @@ QString SpoolState::toText() const
         table.add(u"refused"_s,
             u"%1  %2  %3"_s.arg(shownName(aside.file.name), counted(aside.file.bytes, u"byte"_s),
                 aside.reason.isEmpty() ? u"for a reason that is no longer known"_s : aside.reason));
-    if (lock)
-        table.add(u"lock"_s, u"held, %1 old"_s.arg(shownAge(*lock)));
-    if (transfer)
-        addTransfer(table, *transfer);
+    if (lockAge)
+        table.add(u"lock"_s, u"held, %1 old"_s.arg(shownAge(*lockAge)));
+    if (udpTransfer)
+        addTransfer(table, *udpTransfer);
     return table.lines.join(u'\n');
 }
 
@@ -120,21 +121,22 @@ QJsonObject SpoolState::toJson() const
     };
     const auto sentToJson = [](const Unacknowledged &sent) {
         QJsonObject object{{u"folder"_s, sent.folder}, {u"files"_s, sent.files},
-            {u"bytes"_s, sent.bytes}, {u"ownerLives"_s, sent.hasOwner}};
+            {u"bytes"_s, sent.bytes}, {u"ownerLives"_s, sent.hasLivingOwner}};
         if (!sent.problem.isEmpty())
             object.insert(u"problem"_s, sent.problem);
         return object;
     };
     QJsonObject object{{u"spool"_s, path}, {u"files"_s, files}, {u"bytes"_s, bytes},
         {u"oldest"_s, oldest ? QJsonValue(jsonOf(*oldest)) : QJsonValue()},
-        {u"first"_s, jsonOf(first, [](const File &file) { return jsonOf(file); })},
+        {u"first"_s, jsonOf(firstToBeSent, [](const File &file) { return jsonOf(file); })},
         {u"refused"_s, jsonOf(refused, refusedToJson)},
         {u"unacknowledged"_s, jsonOf(unacknowledged, sentToJson)},
-        {u"lockAge"_s, lock ? QJsonValue(secondsOf(*lock)) : QJsonValue()}};
-    if (transfer)
+        {u"lockAge"_s, lockAge ? QJsonValue(secondsOf(*lockAge)) : QJsonValue()}};
+    if (udpTransfer)
         object.insert(u"udp"_s,
-            QJsonObject{{u"packets"_s, transfer->packets},
-                {u"seconds"_s, transfer->duration ? secondsOf(*transfer->duration) : QJsonValue()},
-                {u"upperBound"_s, transfer->isUpperBound}});
+            QJsonObject{{u"packets"_s, udpTransfer->packets},
+                {u"seconds"_s,
+                    udpTransfer->duration ? secondsOf(*udpTransfer->duration) : QJsonValue()},
+                {u"upperBound"_s, udpTransfer->isUpperBound}});
     return object;
 }

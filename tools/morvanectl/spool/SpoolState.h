@@ -27,10 +27,10 @@ struct SpoolState
     struct Unacknowledged
     {
         QString folder;
-        qint64 files;
-        qint64 bytes;
-        bool hasOwner; // that lives
-        QString problem = {}; // why it could not be looked into; empty if it could
+        qint64 files = 0;
+        qint64 bytes = 0;
+        bool hasLivingOwner;
+        QString problem = {}; // why it cannot be read; empty if it can
     };
     struct Transfer
     {
@@ -44,11 +44,11 @@ struct SpoolState
     qint64 files = 0;
     qint64 bytes = 0;
     std::optional<File> oldest;
-    QList<File> first; // in the order of sending
+    QList<File> firstToBeSent;
     QList<Refused> refused;
     QList<Unacknowledged> unacknowledged;
-    std::optional<Age> lock;
-    std::optional<Transfer> transfer; // in UDP mode
+    std::optional<Age> lockAge;
+    std::optional<Transfer> udpTransfer;
 
     [[nodiscard]] QJsonObject toJson() const;
     // Returns several lines, without a line feed at the end.

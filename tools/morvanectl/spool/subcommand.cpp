@@ -26,11 +26,11 @@ constexpr char description[] =
 the oldest file, the first ten in the order of sending, the refused files and why they were
 refused, the records that the peer has not acknowledged yet, and the lock of a writer.
 
-In UDP mode it also shows the number of packets and the time that they take at the
-"Timeout" of the settings. To count the packets it compresses the files, as the module
-does, up to 100 MB each time. It counts the rest uncompressed, and the figures are upper
-bounds then. At a "Timeout" of 0 the time depends on the link: none is shown, and "seconds"
-is null with --json.
+In UDP mode it also estimates the number of packets and, from "Timeout", the time that
+they take. To count the packets it compresses up to 100 MB of files each time, as the
+module would. It takes the rest uncompressed; the figures are upper bounds then. With a
+"Timeout" of 0 the time depends on the link and is not shown ("seconds" is null with
+--json).
 
 If the settings name a status file, its counters follow. The module writes them every ten
 seconds.
@@ -86,9 +86,9 @@ int runSpool(const QStringList &arguments)
     CommandLine line(u"spool"_s, u"SETTINGS"_s, QString::fromLatin1(description));
     addDirectoryOption(line);
     line.addFlag(u"watch"_s, u"Show the spool every second until stopped."_s);
-    line.addFlag(u"json"_s, u"Print a JSON object, with --watch one a line."_s);
-    if (const std::optional<int> status = line.parse(arguments, 1, 1))
-        return *status;
+    line.addFlag(u"json"_s, u"Print a JSON object; with --watch, one in each line."_s);
+    if (!line.parse(arguments, 1, 1))
+        return line.exitStatus();
 
     const QString file = line.positionals().constFirst();
     const ModuleSettings settings(file);
@@ -103,7 +103,8 @@ int runSpool(const QStringList &arguments)
     if (!statusFile.isEmpty())
         statusFile = workingDirectory.absoluteFilePath(statusFile);
     SpoolObserver observer(path,
-        settings.isUdp() ? std::optional(settings.number(MainSettings::timeout)) : std::nullopt);
+        settings.isUdp() ? std::optional(settings.mainNumber(MainSettings::timeout))
+                         : std::nullopt);
     if (line.isSet(u"watch"_s))
         return watch(observer, statusFile, line.isSet(u"json"_s));
     return show(observer, statusFile, line.isSet(u"json"_s)) ? 0 : failureStatus;

@@ -1,33 +1,8 @@
 #pragma once
 
 #include <QByteArray>
-#include <QString>
 
 #include <optional>
-
-// A data record as sent by another module: the data of one data frame of the bus.
-//
-//   field      encoding
-//   kind       byte string: uint32 big-endian count, then the bytes; 0xFFFFFFFF is null
-//   file name  uint32 big-endian count of bytes, then UTF-16 big-endian; 0xFFFFFFFF is null
-//   payload    byte string
-//
-// Its spool file holds the kind's bytes directly followed by the payload.
-struct DataRecord
-{
-    QByteArray kind;
-    QString fileName;
-    QByteArray payload;
-
-    // Parses leniently: a field that runs past the end is empty, and surplus bytes are ignored. To
-    // avoid a copy, kind and payload point into bytes, which must outlive them.
-    [[nodiscard]] static DataRecord read(const QByteArray &bytes);
-    [[nodiscard]] QByteArray write() const;
-
-    // Returns whether this module handles records of that kind.
-    [[nodiscard]] bool isAccepted() const;
-    [[nodiscard]] QByteArray spoolContent() const { return kind + payload; }
-};
 
 // The TCP link carries a plain sequence of records. Each is a uint32 little-endian length and a
 // body of that many bytes: the content of one spool file, or the keep-alive text. A peer that
@@ -38,6 +13,7 @@ namespace LinkRecord {
 inline constexpr char keepAlive[] = "live";
 
 inline constexpr qsizetype lengthSize = sizeof(quint32); // bytes in front of every body
+inline constexpr qsizetype maxBodySize = 0xFFFFFFFF; // bytes
 
 [[nodiscard]] QByteArray make(const QByteArray &body);
 // Appends a whole record with the body kind + payload.
