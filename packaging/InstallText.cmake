@@ -1,11 +1,11 @@
-# Run by `cmake --install`, which alone knows the prefix in the end.
+# Runs during `cmake --install`, because the prefix is known only then.
 #
-# The texts speak of a system-wide installation, with the prefix /usr and settings in /etc. Below
-# another prefix they get its paths, and the settings lie below it too.
+# The texts are written for the prefix /usr, with settings in /etc. Under another prefix, the settings
+# are below it too, and the paths in the texts are changed.
 
 get_filename_component(prefix "${CMAKE_INSTALL_PREFIX}" ABSOLUTE)
 
-# settings_below(result folder): where the folder etc/... lies.
+# settings_below(result folder): sets result to the path of the folder etc/... .
 function(settings_below result folder)
     if(prefix STREQUAL "/usr")
         set(${result} /${folder} PARENT_SCOPE)
@@ -14,8 +14,8 @@ function(settings_below result folder)
     endif()
 endfunction()
 
-# install_text(file folder name): installs the file as that name in a folder below the prefix. The
-# caller's script is one of the build folder, and what it makes lies beside it.
+# install_text(file folder name): installs the file under that name in a folder below the prefix. The
+# changed text is made in the build folder, beside the script that calls this.
 function(install_text file folder name)
     file(READ "${file}" text)
     if(NOT prefix STREQUAL "/usr")
@@ -29,7 +29,7 @@ function(install_text file folder name)
     set(made "${CMAKE_CURRENT_LIST_DIR}/texts/${folder}/${name}")
     file(WRITE "${made}" "${text}")
     file(INSTALL "${made}" DESTINATION "${destination}")
-    # What is removed again later; file(INSTALL) tells the scope of this function only.
+    # For install_manifest.txt: file(INSTALL) sets this list in this function's scope only.
     set(CMAKE_INSTALL_MANIFEST_FILES "${CMAKE_INSTALL_MANIFEST_FILES}" PARENT_SCOPE)
 endfunction()
 

@@ -21,7 +21,7 @@ function inline(text,   result, code, parts) {
     return result text
 }
 
-# A line that would begin with a roff request is kept from doing so.
+# Prints a line of text. Escapes a first character that roff would take for a request.
 function say(text) {
     print (text ~ /^[.']/ ? "\\&" : "") text
 }

@@ -9,7 +9,7 @@ set -euo pipefail
 source "$(dirname "${BASH_SOURCE[0]}")/demo-lib.sh"
 
 filesEach=12 # even a small file takes one to two seconds: a scan, and a pause after delivery
-tick=1 # milliseconds; four ticks in five send one packet of up to 250 bytes, the fifth a request
+tick=1 # milliseconds
 longestTransfer=120 # seconds; a busy machine of two cores needed a sixth of that
 longestName=97 # characters in the name of a file that can be sent
 
