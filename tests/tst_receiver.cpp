@@ -215,11 +215,11 @@ void TestReceiver::nothingIsLostBetweenBusAndDisk()
         tool.reset();
         QVERIFY(fault == 2 ? disk.remount() : QFile::remove(fill));
     }
-    QTRY_VERIFY(module.spooled().isEmpty());
+    // The spool is empty now and then before all has arrived.
+    QTRY_COMPARE(oracle.missing(keptIn(place), oracle.count()), QList<int>());
     QTRY_COMPARE(keptRecords(module.place.path(u"spool"_s)).size(), 0);
     QVERIFY(module.place.logged(u"morvane.log"_s).filter(u"the link is ended"_s).isEmpty());
     const QByteArrayList kept = keptIn(place);
-    QCOMPARE(oracle.missing(kept, oracle.count()), QList<int>());
     QVERIFY(oracle.areWhole(kept));
     QCOMPARE(indexed(place), u"%1 files of %2 records"_s.arg(kept.size()).arg(oracle.count()));
     module.killNow();
