@@ -219,11 +219,13 @@ void TestSpool::journalKeepsWhatIsNotFree()
     QVERIFY(journal.create(folder.get()));
     QList<std::pair<QByteArray, quint64>> kept; // contents and ends
     for (int number = 0; number < 500; ++number) {
-        const QByteArray content(60'000 + 97 * number % 5'000, char(number));
+        // 128 of the first ones fill the ring exactly, and some are written together.
+        const int size = number < 300 ? 65'503 : 60'000 + 97 * number % 5'000;
+        const QByteArray content(size, char(number));
         for (; !journal.hasRoomFor(1, content.size()); kept.removeFirst())
             journal.free(kept.first().second);
         kept.append({content, journal.add("n", number, "", content)});
-        QVERIFY(journal.commit());
+        QVERIFY(number % 3 != 1 || journal.commit());
     }
     QFile file(place.path(QLatin1StringView(SpoolLayout::journalFile)));
     QVERIFY(file.open(QIODevice::ReadWrite));

@@ -266,7 +266,7 @@ quint64 Journal::add(QByteArrayView name, qint64 time, QByteArrayView kind, QByt
     Q_ASSERT(hasRoomFor(name.size(), contentBytes));
     Q_ASSERT(name.size() <= std::numeric_limits<quint16>::max());
     const quint64 place = placeFor(qsizetype(bytes));
-    if (place != tail) {
+    if (place % capacity == 0) { // also if the record before ends exactly at the ring's end
         failed = !writeStaged(); // staged bytes must be contiguous in the ring
         tail = writtenEnd = place;
     }
