@@ -1,3 +1,4 @@
+#include "FileTime.h"
 #include "KeptRecords.h"
 #include "Leftovers.h"
 #include "ModuleBench.h"
@@ -6,7 +7,6 @@
 #include "SmallDisk.h"
 #include "SpoolKeeper.h"
 
-#include <QElapsedTimer>
 #include <QSignalSpy>
 
 #include <atomic>
@@ -16,8 +16,6 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-using namespace std::chrono_literals;
 
 // Errors for which functions of the C library fail, by their stand-ins below; 0 for none.
 static std::atomic<int> lockError, moveError, flushError;
@@ -43,15 +41,17 @@ int renameat(int from, const char *name, int to, const char *newName) noexcept
 
 int syncfs(int file) noexcept
 {
+    const int error = flushError; // before anyone sees the count
     ++flushes;
     while (isFlushHeld)
         ::usleep(1'000);
-    return callOrFail(flushError, SYS_syncfs, file);
+    return callOrFail(error, SYS_syncfs, file);
 }
 
 namespace {
 
 const QByteArray acknowledged = "Acknowledgements=1\n"; // by the peer's program
+const QByteArray large(100'000, 'x'); // beyond a limit of 50'000 bytes
 
 // A module and its peer, and the oracle that knows what goes from one to the other.
 struct Line
@@ -105,7 +105,8 @@ struct Spool
 };
 
 // Puts a record on its way: it is in the journal, and has not been acknowledged.
-void hold(SentFolder &owner, const char *name, const QByteArray &payload = "x", qint64 time = 1)
+void hold(
+    SentFolder &owner, const QByteArray &name, const QByteArray &payload = "x", qint64 time = 1)
 {
     if (!owner.open())
         qFatal("cannot make a folder of sent files");
@@ -142,8 +143,7 @@ private Q_SLOTS:
         isFlushHeld = false;
     }
     void backlogWaitsOnDiskAndAResetLosesNothing();
-    void cleanCloseCausesNoDuplicate();
-    void unreachablePeerLosesNothing();
+    void peerThatIsAwayOrClosesLosesAndDoublesNothing();
     void newerRecordOfTheSameNameStands();
     void othersFilesGoInTheirTurn();
     void fileThatCannotLeaveTheSpool();
@@ -151,8 +151,7 @@ private Q_SLOTS:
     void programThatAcknowledges_data();
     void programThatAcknowledges();
     void keepAlivesCountButEndNoLink();
-    void numbersBeforeTheEndCount();
-    void unacknowledgedRecordsAreBounded();
+    void unacknowledgedRecordsAreBoundedAndLastNumbersCount();
     void leftoversOfSeveralOwnersGoBackByAge();
     void leftoversOfOthersStay();
     void recordThatCannotGoBackYetStays();
@@ -178,39 +177,31 @@ void TestDelivery::backlogWaitsOnDiskAndAResetLosesNothing()
     line.settle();
 }
 
-void TestDelivery::cleanCloseCausesNoDuplicate()
+void TestDelivery::peerThatIsAwayOrClosesLosesAndDoublesNothing()
 {
     Line line({}, 1'000);
-    line.start();
-    for (int outage = 0; outage < 3; ++outage) {
-        line.put(200);
-        QTRY_VERIFY(line.oracle.hasLast(line.peer.bodies));
-        line.peer.socket->close();
-        line.peer.socket = nullptr;
-        QTRY_VERIFY(line.peer.socket);
-    }
-    line.put(1);
-    line.settle();
-}
-
-void TestDelivery::unreachablePeerLosesNothing()
-{
-    Line line;
-    const quint16 port = line.peer.serverPort();
+    TcpPeer &peer = line.peer;
+    const quint16 port = peer.serverPort();
     // A server whose queue of connections is full answers no attempt.
-    line.peer.close();
-    line.peer.setListenBacklogSize(0);
-    QVERIFY(line.peer.listen(QHostAddress::LocalHost, port));
-    line.peer.pauseAccepting();
+    peer.close();
+    peer.setListenBacklogSize(0);
+    QVERIFY(peer.listen(QHostAddress::LocalHost, port));
+    peer.pauseAccepting();
     QTcpSocket queued;
     queued.connectToHost(QHostAddress::LocalHost, port);
     QVERIFY(queued.waitForConnected());
-
     line.bench.module.Start();
     line.put(50);
     QTest::qWait(1'500);
     QCOMPARE(line.bench.spooled().size(), 50); // the attempts move none of them
-    line.peer.resumeAccepting();
+    peer.resumeAccepting();
+    for (int outage = 0; outage < 3; ++outage) {
+        QTRY_VERIFY(line.oracle.hasLast(peer.bodies));
+        peer.socket->close();
+        peer.socket = nullptr;
+        QTRY_VERIFY(peer.socket);
+        line.put(200);
+    }
     line.settle();
 }
 
@@ -306,10 +297,8 @@ void TestDelivery::programThatAcknowledges_data()
 {
     QTest::addColumn<Program>("program");
     const auto row = [](const char *name, const Program &p) { QTest::newRow(name) << p; };
-    row("late", {{5}});
     row("slowly", {.numbers = {1, 2, 5}, .timeout = 3, .pause = 1'300});
-    row("in single bytes", {.numbers = {1, 5}, .piece = 1});
-    row("again and again", {.numbers = {0, 2, 2, 3, 5, 5, 5}, .piece = 3});
+    row("again and again, in single bytes", {.numbers = {0, 2, 2, 3, 5, 5, 5}, .piece = 1});
     row("never", {{}, u"has acknowledged 0 records and no more in time"_s, 5, 1});
     row("too few", {{3}, u"has acknowledged 3 records and no more in time"_s, 2, 2});
     row("backwards", {{3, 2, 5}, u"acknowledges 2 records after 3"_s, 2});
@@ -348,33 +337,20 @@ void TestDelivery::keepAlivesCountButEndNoLink()
 {
     Line line(acknowledged + "AcknowledgementTimeout=1\nLiveMessageTimeout=1\n");
     line.bench.module.Start();
-    QTRY_COMPARE(line.peer.bodies, QByteArrayList(3, "live"));
+    QTRY_VERIFY(line.peer.bodies.size() >= 3);
+    QCOMPARE(line.peer.bodies.count("live"), line.peer.bodies.size());
     QCOMPARE(line.peer.linkStarts.size(), 1);
     line.record(u"f"_s, "");
-    QTRY_COMPARE(line.peer.bodies.last(), QByteArray("error"));
+    QTRY_VERIFY(line.peer.bodies.contains("error"));
     line.peer.acknowledge(3);
-    QTRY_COMPARE(line.peer.linkStarts.size(), 3);
+    QTRY_VERIFY(line.peer.linkStarts.size() >= 3);
     // Once for both.
     QCOMPARE(line.ends(), u"has acknowledged 3 records and no more in time"_s);
     line.peer.acknowledging = true;
     QTRY_COMPARE(line.kept(), 0);
 }
 
-void TestDelivery::numbersBeforeTheEndCount()
-{
-    Line line(acknowledged);
-    line.start();
-    line.put(5);
-    QTRY_COMPARE(line.peer.bodies.size(), 5);
-    line.peer.acknowledge(5);
-    line.peer.reset();
-    line.put(1); // cannot be sent, and the numbers have not been read yet
-    QCOMPARE(line.kept(), 1);
-    line.peer.acknowledging = true;
-    line.settle();
-}
-
-void TestDelivery::unacknowledgedRecordsAreBounded()
+void TestDelivery::unacknowledgedRecordsAreBoundedAndLastNumbersCount()
 {
     Line line(acknowledged, 100'000);
     TcpPeer &peer = line.peer;
@@ -396,7 +372,16 @@ void TestDelivery::unacknowledgedRecordsAreBounded()
     QTRY_COMPARE(peer.linkStarts.size(), 2);
     peer.acknowledging = true;
     peer.resume();
-    QTRY_COMPARE(line.kept(), 0);
+    line.settle(100);
+
+    peer.acknowledging = false;
+    line.put(5);
+    QTRY_VERIFY(line.oracle.hasLast(peer.bodies));
+    peer.acknowledge(quint64(peer.bodies.size() - peer.linkStarts.last()));
+    peer.reset();
+    line.put(1); // cannot be sent, and the number has not been read yet
+    QCOMPARE(line.kept(), 1);
+    peer.acknowledging = true;
     line.settle(100);
 }
 
@@ -406,28 +391,25 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
     using Take = SentFolder::Take;
     Spool spool;
     const Workplace &place = spool.place;
-    const auto leave = [&](SentFolder &dead, const QString &name, qint64 second) {
-        const QByteArray content = second == 1 ? "old" : "new";
-        hold(dead, ("j" + name.toLatin1()).constData(), content, second * 1'000'000'000);
-        QFile file(place.writeFile(u"spool/"_s + name, content));
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        file.setFileTime(QDateTime::fromSecsSinceEpoch(second), QFile::FileModificationTime);
-        file.close();
-        // What has changed since it was read is not taken for it.
-        SpoolFile::Mark mark = *spool.directory.mark(name);
-        ++mark.modified;
-        QCOMPARE(dead.take(name, mark, content), Take::Replaced);
-        --mark.modified;
-        ++mark.inode; // may change by itself: the content tells
-        QCOMPARE(dead.take(name, mark, "not it"), Take::Replaced);
-        QCOMPARE(dead.take(name, mark, content), Take::Taken);
+    const auto leave = [&](SentFolder &dead, const QString &name, const QByteArray &content) {
+        const bool isOld = content == "old";
+        hold(dead, "j" + name.toLatin1(), content, isOld ? 1 : 2);
+        setAge(place.writeFile(u"spool/"_s + name, content), isOld ? 2h : 1h);
+        const SpoolFile::Mark mark = *spool.directory.mark(name);
+        const auto take = [&](qint64 step, const QByteArray &read) {
+            // The inode may change by itself.
+            return dead.take(name, {mark.inode + 1, mark.modified + step, mark.size, true}, read);
+        };
+        QCOMPARE(take(1, content), Take::Replaced); // what has changed since it was read
+        QCOMPARE(take(0, "not it"), Take::Replaced);
+        QCOMPARE(take(0, content), Take::Taken);
     };
     {
         SentFolder one(spool.directory), other(spool.directory);
-        leave(one, u"f"_s, 1);
-        leave(other, u"f"_s, 2);
-        leave(one, u"g"_s, 2); // whoever is found first
-        leave(other, u"g"_s, 1);
+        leave(one, u"f"_s, "old");
+        leave(other, u"f"_s, "new");
+        leave(one, u"g"_s, "new"); // whoever is found first
+        leave(other, u"g"_s, "old");
     }
     place.writeFile(u"spool/.sent-torn"_s, "not a folder");
     QVERIFY(QFile::link(place.makeFolder(u"else"_s), spool.directory.pathOf(u".sent-link"_s)));
@@ -438,9 +420,9 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
         QCOMPARE(place.readFile(u"spool/j"_s + name), QByteArray("errornew"));
     }
     QCOMPARE(spool.said, QStringList());
-    QCOMPARE(QDir(spool.directory.path())
-                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList({u".sent-link"_s, u".sent-torn"_s, u"f"_s, u"g"_s, u"jf"_s, u"jg"_s}));
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+    QCOMPARE(QDir(spool.directory.path()).entryList(all).join(u' '),
+        u".sent-link .sent-torn f g jf jg"_s);
     QCOMPARE(place.readFile(u"else/mine"_s), "not a record");
 }
 
@@ -475,7 +457,6 @@ void TestDelivery::leftoversOfOthersStay()
 
 void TestDelivery::recordThatCannotGoBackYetStays()
 {
-    const QByteArray large(100'000, 'x');
     for (const bool byItsOwner : {true, false}) {
         Spool spool;
         const SpoolDirectory &directory = spool.directory;
@@ -507,44 +488,35 @@ void TestDelivery::recordThatCannotGoBackYetStays()
 void TestDelivery::failuresAreSaidOnceAndTriedAgain()
 {
     const Workplace ours, theirs;
-    const QByteArray large(100'000, 'x');
-    {
-        SentFolder dead(SpoolDirectory(theirs.path()));
-        hold(dead, "f", large);
-        QVERIFY(Journal::noteSynced(dead.journal().descriptor(), 1'000));
-    }
     QStringList said;
     const MessageSink report = [&](const QString &text) { said.append(text); };
     SpoolKeeper owner(SpoolDirectory(ours.path()), report);
     SpoolKeeper heir(SpoolDirectory(theirs.path()), report);
-    const QSignalSpy back[] = {
-        QSignalSpy(&owner, &SpoolKeeper::gaveBack), QSignalSpy(&heir, &SpoolKeeper::gaveBack)};
-    owner.start();
-    QTRY_VERIFY(owner.isReady());
+    const QSignalSpy ownersBack(&owner, &SpoolKeeper::gaveBack);
+    const QSignalSpy heirsBack(&heir, &SpoolKeeper::gaveBack);
     hold(owner.sent(), "f", large);
+    hold(*std::make_unique<SentFolder>(heir.directory()), "f", large);
 
     std::optional<FileLimit> limit(50'000);
     flushError = EIO;
-    flushes = 0;
-    QElapsedTimer time;
-    time.start();
+    const qint64 start = FileTime::ofClock(CLOCK_REALTIME);
     QVERIFY(!owner.giveBack());
+    QTest::qSleep(20); // the clock of files goes in steps
     heir.start();
     QVERIFY(heir.write(u"small"_s, "x") == SpoolDirectory::WriteResult::Written);
     QTRY_VERIFY(flushes >= 4);
-    QVERIFY2(time.elapsed() > 5'000, "a failed flush is repeated at once");
-    QTRY_COMPARE(heir.sent().journal().syncedUntil(), 1'000);
-    QTRY_COMPARE(said.filter(u"cannot go back"_s).size(), 2);
-    QTRY_COMPARE(said.filter(u"Can't bring"_s).size(), 2);
+    QVERIFY2(FileTime::age(start) > 5s, "a failed flush is repeated at once");
+    QVERIFY(heir.sent().journal().syncedUntil() < start);
+    QTRY_COMPARE(said.size(), 4);
 
     limit.reset();
     flushError = 0;
-    QTRY_COMPARE(back[0].size() + back[1].size(), 2);
-    QTRY_COMPARE(said.filter(u"brought to the disk again"_s).size(), 2);
-    QCOMPARE(said.size(), 6);
+    QTRY_COMPARE(ownersBack.size() + heirsBack.size(), 2);
+    for (const char *text : {"cannot go back", "Can't bring", "brought to the disk again"})
+        QTRY_COMPARE(said.filter(QLatin1StringView(text)).size(), 2);
     QCOMPARE(ours.readFile(u"f"_s), "error" + large);
     QCOMPARE(theirs.readFile(u"f"_s), "error" + large);
-    QTRY_VERIFY(heir.sent().journal().syncedUntil() > 1'000);
+    QTRY_VERIFY(heir.sent().journal().syncedUntil() > start);
 }
 
 void TestDelivery::whateverEntersTheSpoolIsFlushed()
