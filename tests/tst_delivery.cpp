@@ -410,11 +410,14 @@ void TestDelivery::leftoversOfSeveralOwnersGoBackByAge()
         leave(other, u"f"_s, "new");
         leave(one, u"g"_s, "new"); // whoever is found first
         leave(other, u"g"_s, "old");
+        QVERIFY(Journal::noteSynced(one.journal().descriptor(), 1)); // before the other began
     }
     place.writeFile(u"spool/.sent-torn"_s, "not a folder");
     QVERIFY(QFile::link(place.makeFolder(u"else"_s), spool.directory.pathOf(u".sent-link"_s)));
     place.writeFile(u"else/mine"_s, "not a record");
-    QVERIFY(spool.leftovers.giveBack());
+    qint64 synced = 0;
+    QVERIFY(spool.leftovers.giveBack({}, [&](qint64 time) { synced = time; }));
+    QCOMPARE(synced, 1);
     for (const QString &name : {u"f"_s, u"g"_s}) {
         QCOMPARE(place.readFile(u"spool/"_s + name), QByteArray("new"));
         QCOMPARE(place.readFile(u"spool/j"_s + name), QByteArray("errornew"));
@@ -461,25 +464,25 @@ void TestDelivery::recordThatCannotGoBackYetStays()
         Spool spool;
         const SpoolDirectory &directory = spool.directory;
         std::optional<SentFolder> owner(directory);
-        for (const char *name : {"../outside", "small", "large", "folder"})
+        for (const char *name : {"../outside", "small", "large"})
             hold(*owner, name, *name == 'l' ? large : "x");
+        spool.place.writeFile(u"spool/file"_s, "y");
+        QCOMPARE(owner->take(u"file"_s, *directory.mark(u"file"_s), "y"), SentFolder::Take::Taken);
+        spool.place.makeFolder(u"spool/file"_s); // in its way
         if (!byItsOwner)
             owner.reset();
-        const auto giveBack = [&] {
-            return owner ? owner->giveAllBack() : spool.leftovers.giveBack();
-        };
+        const auto back = [&] { return owner ? owner->giveAllBack() : spool.leftovers.giveBack(); };
         {
             const FileLimit limit(50'000);
-            QVERIFY(!giveBack());
+            QVERIFY(!back());
             QVERIFY(directory.remove(u"small"_s)); // it is sent
-            QVERIFY(!giveBack());
+            QVERIFY(!back());
         }
-        QCOMPARE(filesBelow(spool.place.path()), 1); // the journal
-        spool.place.makeFolder(u"spool/folder"_s);
-        QVERIFY(!giveBack());
-        QVERIFY(QDir(directory.path()).rmdir(u"folder"_s));
-        QVERIFY(giveBack());
-        QCOMPARE(filesIn(directory.path()), QStringList({u"folder"_s, u"large"_s}));
+        QCOMPARE(filesBelow(spool.place.path()), 2); // the journal and the file
+        QVERIFY(!back());
+        QVERIFY(QDir(directory.path()).rmdir(u"file"_s));
+        QVERIFY(back());
+        QCOMPARE(filesIn(directory.path()), QStringList({u"file"_s, u"large"_s}));
         QCOMPARE(spool.place.readFile(u"spool/large"_s), "error" + large);
         QCOMPARE(spool.said.size(), byItsOwner ? 0 : 1);
     }
@@ -558,25 +561,27 @@ void TestDelivery::powerCutPutsYoungFilesInDoubt()
             QTest::qSleep(20);
         };
         write(u"old"_s);
+        spool.place.makeFolder(u"spool/young folder"_s); // nobody's record
         {
-            SentFolder dead(spool.directory);
+            SentFolder dead(spool.directory), earlier(spool.directory);
             hold(dead, "whole");
-            const auto time =
-                std::chrono::system_clock::now().time_since_epoch() - std::chrono::seconds(flushed);
-            QVERIFY(flushed < 0 || Journal::noteSynced(dead.journal().descriptor(), time / 1ns));
+            hold(earlier, "else");
+            QVERIFY(Journal::noteSynced(earlier.journal().descriptor(), 1));
+            const qint64 time = FileTime::now() - flushed * FileTime::perSecond;
+            QVERIFY(flushed < 0 || Journal::noteSynced(dead.journal().descriptor(), time));
             write(u"taken"_s);
             const SpoolFile::Mark mark = *spool.directory.mark(u"taken"_s);
             QCOMPARE(dead.take(u"taken"_s, mark, "x"), SentFolder::Take::Taken);
         }
         write(u"young"_s);
-        QCOMPARE(ageJournals(spool.directory.path()), 1);
+        QCOMPARE(ageJournals(spool.directory.path()), 2);
         QVERIFY(spool.leftovers.giveBack());
         const QString doubtful = filesIn(spool.directory.pathOf(u"refused"_s)).join(u' ');
         const QString sure = filesIn(spool.directory.path()).join(u' ');
         QCOMPARE(u"%1: %2, not %3"_s.arg(flushed).arg(sure, doubtful),
             u"%1: "_s.arg(flushed)
-                + (flushed > 0 ? u"old taken whole young, not "_s
-                               : u"old whole, not taken young"_s));
+                + (flushed > 0 ? u"else old taken whole young, not "_s
+                               : u"else old whole, not taken young"_s));
         QCOMPARE(spool.said.filter(u"surely on the disk"_s).size(), flushed > 0 ? 0 : 2);
     }
 }
