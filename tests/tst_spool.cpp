@@ -1,23 +1,55 @@
 #include "Journal.h"
+#include "KeptRecords.h"
 #include "LinkRecord.h"
 #include "QuietSpool.h"
+#include "SentFolder.h"
 #include "SmallDisk.h"
 #include "SpoolCensus.h"
 #include "SpoolDirectory.h"
-#include "SpoolLayout.h"
 #include "SpoolLock.h"
 #include "SpoolScan.h"
 #include "WholeFile.h"
 #include "Workplace.h"
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+// What the stand-ins below do in place of functions of the C library.
+static bool isFlushFailing = false, isOldFileSystem = false;
+static int flushes = 0;
+
+int fdatasync(int)
+{
+    ++flushes;
+    errno = EIO;
+    return isFlushFailing ? -1 : 0;
+}
+
+int fsync(int file)
+{
+    return ::fdatasync(file);
+}
+
+int renameat2(int from, const char *name, int to, const char *newName, unsigned flags) noexcept
+{
+    return int(::syscall(
+        SYS_renameat2, from, name, to, newName, isOldFileSystem && flags != 0 ? ~0U : flags));
+}
+
+int fstatvfs(int, struct statvfs *disk) noexcept
+{
+    *disk = {};
+    disk->f_frsize = disk->f_bavail = 800; // bytes and their number: the ring gets an eighth
+    return 0;
+}
 
 namespace {
 
 using Clock = SpoolLock::Clock;
+using SetAside = SpoolDirectory::SetAside;
 using State = SpoolLock::State;
 
 // A spool in a temporary directory and what was said of it.
@@ -40,6 +72,18 @@ struct Spool
     }
 };
 
+// A journal with a small ring, because the disk is nearly full.
+struct SmallJournal
+{
+    const Folder place;
+    const Descriptor folder{::open(qPrintable(place.path()), O_RDONLY | O_DIRECTORY)};
+    Journal journal;
+    const bool isMade = journal.create(folder.get());
+
+    // What the file holds, the newest first.
+    [[nodiscard]] QByteArrayList left() const { return keptRecords(place.path()).values(); }
+};
+
 } // namespace
 
 class TestSpool : public QObject
@@ -48,12 +92,15 @@ class TestSpool : public QObject
 private Q_SLOTS:
     void linkRecordsAreCutFromAnyPieces();
 
-    void onlyFilesThatCanBeSentAreListedInOrder();
+    void filesAreListedInOrder();
+    void whatCannotBeSentIsSetAside();
     void onlyPlainNamesAreWritten();
     void leftoversGoWhenNoWriterIsAtWork();
     void spoolIsQuietWhileNothingWaits();
     void journalKeepsWhatIsNotFree();
+    void damageToAJournalIsNoticed();
     void fileIsTheSameWhateverItsNumber();
+    void filesOnTheirWayHaveAFolder();
 
     void staleLockIsRemoved();
     void lockOfAKilledWriterIsRemovedAtOnce();
@@ -92,62 +139,68 @@ void TestSpool::linkRecordsAreCutFromAnyPieces()
 
 // --- files ---
 
-void TestSpool::onlyFilesThatCanBeSentAreListedInOrder()
+void TestSpool::filesAreListedInOrder()
 {
     Spool spool;
-    const QStringList order = {u"10"_s, u"9"_s, u"_x"_s, u"AB"_s, u"Ab"_s, u"aB"_s, u"ab"_s, u"B"_s,
-        u"Ж"_s, u"я"_s, u"😀"_s, u"ﬁ"_s, u"ﬁ.link"_s};
+    const SpoolDirectory &directory = spool.directory;
+    const QStringList order = u"10 9 _x AB Ab aB ab B Ж я 😀 ﬁ ﬁ.link"_s.split(u' ');
     for (qsizetype i = 0; i < order.size() - 1; ++i)
         QVERIFY(spool.writes(order.at((i * 5) % (order.size() - 1)), "x"));
-    QVERIFY(QFile::link(u"9"_s, spool.directory.pathOf(order.last())));
-    QVERIFY(QFile::link(u"nowhere"_s, spool.directory.pathOf(u"broken"_s)));
     spool.place.writeFile(u"spool/.hidden"_s, "x");
     spool.place.makeFolder(u"spool/folder"_s);
-    QCOMPARE(::mkfifo(QFile::encodeName(spool.directory.pathOf(u"fifo"_s)).constData(), 0600), 0);
-    QVERIFY(QFile::link(u"fifo"_s, spool.directory.pathOf(u"to_fifo"_s)));
-    const QByteArrayList foreign = {"/\xff\xfe", "/\xef\xbb\xbf\x31"}; // a byte order mark and "1"
-    for (const QByteArray &name : foreign)
-        QCOMPARE(::mknod((spool.folder.toUtf8() + name).constData(), S_IFREG | 0600, 0), 0);
+    QCOMPARE(::mkfifo(directory.encodedPathOf("fifo"), 0600), 0);
+    QVERIFY(QFile::link(u"9"_s, directory.pathOf(order.last())));
+    QVERIFY(QFile::link(u"fifo"_s, directory.pathOf(u"to_fifo"_s)));
 
     QStringList inParts, oneByOne;
     for (bool isMore = true; isMore && inParts.size() < order.size();) {
-        SpoolScan scan(spool.directory, inParts.value(inParts.size() - 1).toUtf8(), 50); // bytes
+        SpoolScan scan(directory, inParts.value(inParts.size() - 1).toUtf8(), 50); // bytes
         QVERIFY(scan.readUntil(QDeadlineTimer::Forever));
         isMore = scan.isCutOff();
         for (SpoolListing part = scan.takeNames(); !part.isEmpty(); part.removeFirst())
             inParts += part.first();
     }
     QCOMPARE(inParts, order);
-    for (SpoolListing rest = spool.directory.list(); !rest.isEmpty(); rest.removeFirst()) {
-        const auto [name, hasForeign] =
-            spool.directory.first([&](const QString &n) { return oneByOne.contains(n); });
-        oneByOne += name;
-        QVERIFY(hasForeign);
-    }
+    const auto isSkipped = [&](const QString &name) { return oneByOne.contains(name); };
+    for (SpoolListing rest = directory.list(); !rest.isEmpty(); rest.removeFirst())
+        oneByOne += directory.first(isSkipped).name;
     QCOMPARE(oneByOne, order);
+}
+
+void TestSpool::whatCannotBeSentIsSetAside()
+{
+    Spool spool;
+    const SpoolDirectory &directory = spool.directory;
+    const QByteArrayList foreign = {"\xff\xfe", "\xef\xbb\xbf\x31"}; // a byte order mark and "1"
+    for (const QByteArray &name : foreign)
+        QCOMPARE(::mknod(directory.encodedPathOf(name), S_IFREG | 0600, 0), 0);
+    QCOMPARE(::mkdir(directory.encodedPathOf("\xff"), 0700), 0);
+    const auto [name, hasForeign] = directory.first([](const QString &) { return false; });
+    QVERIFY(name.isEmpty() && hasForeign && directory.list().isEmpty());
 
     const QString refused = spool.place.writeFile(u"spool/refused"_s, "no folder");
-    QVERIFY(!spool.directory.setForeignNamesAside(spool.report, true));
-    QVERIFY(!spool.directory.setForeignNamesAside(spool.report, false));
+    QVERIFY(!directory.setForeignNamesAside(spool.report, true));
+    QVERIFY(!directory.setForeignNamesAside(spool.report, false));
     QCOMPARE(spool.said.filter(u"Can't move file "_s).size(), foreign.size());
     QVERIFY(QFile::remove(refused));
-    QVERIFY(spool.directory.setForeignNamesAside(spool.report, false));
-    for (const QByteArray &name : foreign) // QTemporaryDir cannot remove them
-        QCOMPARE(::unlink((spool.folder.toUtf8() + "/refused" + name).constData()), 0);
+    QVERIFY(directory.setForeignNamesAside(spool.report, false));
     QCOMPARE(spool.said.filter(u"1: its name is no UTF-8 text"_s),
         QStringList(u"Refused file %1/%EF%BB%BF1: its name is no UTF-8 text"_s.arg(spool.folder)));
-    const SpoolFile opened = spool.directory.open(u"9"_s);
-    QCOMPARE(spool.directory.open(order.last()).read(), QByteArray("x"));
-    QVERIFY(QFile::resize(spool.directory.pathOf(u"9"_s), 0));
-    QCOMPARE(opened.read(), QByteArray());
-    QVERIFY(QFile::resize(spool.directory.pathOf(u"10"_s), 5'000'000'000)); // more than a record
-    for (const QString &name : {u"to_fifo"_s, u"folder"_s, u"broken"_s, u"10"_s})
-        QVERIFY2(!spool.directory.open(name).isOpen(), qPrintable(name));
+    for (const QByteArray &left : foreign) // QTemporaryDir cannot remove them
+        QCOMPARE(::unlink(directory.encodedPathOf("refused/" + left)), 0);
+    QCOMPARE(::rmdir(directory.encodedPathOf("\xff")), 0); // a folder stays
+
+    for (const QString &taken : {u"f"_s, u"f.1"_s, u"f.2"_s})
+        QVERIFY2(spool.writes(u"f"_s, "x") && directory.setAside(u"f"_s) == SetAside::Moved
+                && QFile::exists(refused + u'/' + taken),
+            qPrintable(taken));
+    QCOMPARE(directory.setAside(u"f"_s), SetAside::Gone);
 }
 
 void TestSpool::onlyPlainNamesAreWritten()
 {
     Spool spool;
+    const SpoolDirectory &directory = spool.directory;
     spool.place.makeFolder(u"spool/sub"_s);
     for (const QString &name : {u""_s, u"sub"_s, u".."_s, u".lock"_s, u"../x"_s, u"sub/x"_s,
              u"x/"_s, u"a\0b"_s, u"half a character "_s + QChar(0xD800), QString(256, u'n')})
@@ -158,19 +211,31 @@ void TestSpool::onlyPlainNamesAreWritten()
     }
     QCOMPARE(filesBelow(spool.place.path()), 0);
     QVERIFY(spool.writes(u"good"_s, "a longer one") && spool.writes(u"good"_s, "short"));
-    QCOMPARE(spool.place.readFile(u"spool/good"_s), "short");
+    QVERIFY(QFile::link(u"good"_s, directory.pathOf(u"link"_s)));
+    const SpoolFile opened = directory.open(u"link"_s);
+    QCOMPARE(directory.open(u"link"_s).read(), QByteArray("short"));
+    QVERIFY(QFile::resize(directory.pathOf(u"good"_s), 0));
+    QCOMPARE(opened.read(), QByteArray());
+
+    QVERIFY(QFile::resize(directory.pathOf(u"good"_s), 5'000'000'000)); // more than a record
+    QCOMPARE(::mkfifo(directory.encodedPathOf("fifo"), 0600), 0);
+    for (const QString &name : {u"fifo"_s, u"sub"_s, u"absent"_s, u"good"_s})
+        QVERIFY2(!directory.open(name).isOpen(), qPrintable(name));
 }
 
 void TestSpool::leftoversGoWhenNoWriterIsAtWork()
 {
     Spool spool;
     const QString leftover = spool.place.writeFile(u"spool/.incoming-1-f"_s, "half of a file");
-    WholeFile living(spool.directory.pathOf(u"received"_s));
-    QVERIFY(living.write("whole"));
-    QCOMPARE(filesBelow(spool.folder), 2);
-    removeLeftoversOfTheDead(spool.folder);
-    QVERIFY(filesBelow(spool.folder) == 1 && !QFile::exists(leftover));
-    QVERIFY(living.commit(WholeFile::Flush::Yes));
+    for (const bool isFailing : {true, false}) {
+        WholeFile living(spool.directory.pathOf(u"received"_s));
+        QVERIFY(living.write("whole"));
+        removeLeftoversOfTheDead(spool.folder);
+        QVERIFY(filesBelow(spool.folder) == 1 && !QFile::exists(leftover));
+        isFlushFailing = isFailing;
+        QCOMPARE(living.commit(WholeFile::Flush::Yes), !isFailing);
+    }
+    QCOMPARE(flushes, 3); // the last one of the folder
     removeLeftoversOfTheDead(spool.folder);
     QCOMPARE(spool.place.readFile(u"spool/received"_s), "whole");
 
@@ -205,61 +270,112 @@ void TestSpool::spoolIsQuietWhileNothingWaits()
 
     spool.place.writeFile(u"spool/g"_s, "4");
     const SpoolCensus census = SpoolCensus::take(spool.directory, {});
-    QCOMPARE(census.files, 2);
-    QCOMPARE(census.bytes, 4);
+    QVERIFY(census.files == 2 && census.bytes == 4);
     QVERIFY(QDateTime::currentSecsSinceEpoch() - census.oldest >= 60);
 }
 
-// Four rounds of the ring, which stays full.
 void TestSpool::journalKeepsWhatIsNotFree()
 {
-    const Folder place;
-    const Descriptor folder(::open(qPrintable(place.path()), O_RDONLY | O_DIRECTORY));
-    Journal journal;
-    QVERIFY(journal.create(folder.get()));
-    QList<std::pair<QByteArray, quint64>> kept; // contents and ends
-    for (int number = 0; number < 500; ++number) {
-        // 128 of the first ones fill the ring exactly, and some are written together.
-        const int size = number < 300 ? 65'503 : 60'000 + 97 * number % 5'000;
-        const QByteArray content(size, char(number));
-        for (; !journal.hasRoomFor(1, content.size()); kept.removeFirst())
-            journal.free(kept.first().second);
-        kept.append({content, journal.add("n", number, "", content)});
-        QVERIFY(number % 3 != 1 || journal.commit());
+    SmallJournal small;
+    Journal &journal = small.journal;
+    QVERIFY(small.isMade && filesBelow(small.place.path()) == 1);
+    QByteArrayList kept; // the newest first, as are the ends
+    QList<quint64> ends;
+    for (int number = 0; number < 2'000; ++number) { // the ring stays full for 16 rounds
+        const QByteArray content(number * 97 % 1'000, char(number));
+        for (; !journal.hasRoomFor(1, content.size()); kept.removeLast())
+            journal.free(ends.takeLast());
+        kept.prepend(content);
+        ends.prepend(journal.add("n", number, "", content));
+        if (number % 3 == 0) { // the others are written together
+            QVERIFY(journal.commit());
+            QCOMPARE(small.left(), kept);
+        }
     }
-    QFile file(place.path(QLatin1StringView(SpoolLayout::journalFile)));
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    QVERIFY(file.seek(file.readAll().indexOf(kept.takeAt(5).first) + 30'000));
-    QVERIFY(file.putChar('?') && file.flush()); // a damaged record counts as none
-    Journal left;
-    QVERIFY(left.open(folder.get()) && kept.size() > 100);
-    QVERIFY(left.forEach([&](const Journal::Entry &entry) {
-        return !kept.isEmpty() && entry.content == kept.takeFirst().first;
-    }));
-    QVERIFY(kept.isEmpty());
+    QVERIFY(kept.size() > 100 && kept.size() < 200);
+}
+
+void TestSpool::damageToAJournalIsNoticed()
+{
+    SmallJournal small;
+    Journal &journal = small.journal;
+    for (const char *content : {"first", "second", "third"}) // 64 bytes each
+        journal.add("n", 1, "", content);
+    QVERIFY(journal.commit());
+    QFile file(small.place.path(QLatin1StringView(SpoolLayout::journalFile)));
+    QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
+    // Bytes of the magic, the version, the size of the ring, and of the second record.
+    for (const int at : {0, 4, 15, 4'096 + 64 + 35}) {
+        const char byte = file.readAll().at(at);
+        QVERIFY(file.seek(at) && file.putChar('\x7f'));
+        QCOMPARE(small.left(), at < 4'096 ? QByteArrayList() : QByteArrayList({"third", "first"}));
+        QVERIFY(file.seek(at) && file.putChar(byte) && file.seek(0));
+    }
+    {
+        const FileLimit limit(4'096 + 3 * 64 + 40); // half of a record fits
+        journal.add("n", 1, "", "fourth");
+        QVERIFY(!journal.commit() && !journal.hasRoomFor(1, 1));
+    }
+    QVERIFY(file.remove() && journal.create(small.folder.get()) && journal.hasRoomFor(1, 1));
 }
 
 void TestSpool::fileIsTheSameWhateverItsNumber()
 {
     using Removal = SpoolDirectory::Removal;
     // Whether a new file of the name counts as the old one, what its removal returns and leaves.
-    const auto replace = [](std::chrono::seconds age, std::chrono::seconds later) {
+    const auto replace = [](std::chrono::seconds age, std::chrono::milliseconds later,
+                             const QByteArray &content = "y") {
         Spool spool;
+        const SpoolDirectory &directory = spool.directory;
         const QString path = spool.place.writeFile(u"spool/f"_s, "x");
         setAge(path, age);
-        const auto before = spool.directory.mark(u"f"_s);
+        const auto before = directory.mark(u"f"_s);
         const auto time = std::filesystem::last_write_time(path.toStdString());
-        const bool isWritten = spool.writes(u"f"_s, "y");
+        const bool isWritten = spool.writes(u"f"_s, content);
         std::filesystem::last_write_time(path.toStdString(), time + later);
-        const bool isSame = before == spool.directory.mark(u"f"_s);
-        const Removal removal = spool.directory.remove(u"f"_s, before.value());
-        return QVariantList{isWritten, isSame, int(removal), spool.place.readFile(path)};
+        const bool isSame = before == directory.mark(u"f"_s);
+        const Removal removal = directory.remove(u"f"_s, before.value());
+        const bool isGone = directory.remove(u"gone"_s, before.value()) == Removal::Removed;
+        return QVariantList{isWritten && isGone, isSame, int(removal), filesBelow(spool.folder),
+            spool.place.readFile(path)};
     };
-    const QVariantList same = {true, true, int(Removal::Removed), QByteArray()};
-    const QVariantList another = {true, false, int(Removal::Replaced), QByteArray("y")};
+    const QVariantList same = {true, true, int(Removal::Removed), 0, QByteArray()};
+    const QVariantList another = {true, false, int(Removal::Replaced), 1, QByteArray("y")};
     QCOMPARE(replace(60s, 0s), same);
-    QCOMPARE(replace(60s, 1s), another);
+    QCOMPARE(replace(60s, 1ms), another);
     QCOMPARE(replace(0s, 0s), another); // just written: two files may have one time
+    QCOMPARE(replace(60s, 0s, "longer").value(1), false);
+    isOldFileSystem = true;
+    QCOMPARE(replace(60s, 1ms), another);
+    isOldFileSystem = false;
+}
+
+void TestSpool::filesOnTheirWayHaveAFolder()
+{
+    Spool spool;
+    const SpoolDirectory &directory = spool.directory;
+    const QString path = directory.pathOf(u"f"_s);
+    SentFolder sent(directory);
+    QVERIFY(
+        sent.open() && QDir(directory.pathOf(QFile::decodeName(sent.name()))).removeRecursively());
+    const auto take = [&] { return sent.take(u"f"_s, directory.mark(u"f"_s).value(), "one"); };
+    isOldFileSystem = true;
+    for (const auto age : {20s, 40s}) { // the newer file stands
+        setAge(spool.place.writeFile(path, "one"), 30s);
+        QCOMPARE(take(), SentFolder::Take::Taken);
+        setAge(spool.place.writeFile(path, "other"), age);
+        QVERIFY(sent.giveBack(u"f"_s));
+        QCOMPARE(spool.place.readFile(path), age < 30s ? "other" : "one");
+    }
+    isOldFileSystem = false;
+    QVERIFY(QFile::rename(path, spool.place.path(u"else"_s)) && QFile::link(u"../else"_s, path));
+    QCOMPARE(take(), SentFolder::Take::Taken);
+    QVERIFY(std::remove(directory.encodedPathOf(sent.name() + "/f")) == 0 && sent.giveAllBack());
+    QVERIFY(QFile::link(u"../else"_s, path) && take() == SentFolder::Take::Taken);
+    sent.discard(u"f"_s);
+    sent.close();
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
+    QCOMPARE(QDir(spool.folder).entryList(all), QStringList());
 }
 
 // --- the lock ---
@@ -301,18 +417,22 @@ void TestSpool::lockOfAKilledWriterIsRemovedAtOnce()
     }
     QVERIFY(QFile::rename(left, spool.lockPath)); // as if the writer had not removed it
     QCOMPARE(spool.removeIfStale(21s), State::Held);
-    QCOMPARE(spool.removeIfStale(21s + 11ms), State::Free);
+    setAge(spool.lockPath, 1s); // it is another writer's, who has not locked it yet
+    QCOMPARE(spool.removeIfStale(21s + 11ms), State::Held);
+    QCOMPARE(spool.removeIfStale(21s + 22ms), State::Free);
     QVERIFY(spool.said.last().endsWith(u"its writer was killed"_s));
 }
 
 void TestSpool::longWaitIsSaidOnce()
 {
     Spool spool;
-    for (const auto after : {0s, 1s, 2s, 40s}) {
+    for (const auto after : {-9s, 0s, 1s, 2s, 40s}) {
         // Writers come and go: each has a lock of its own.
         setAge(spool.place.writeFile(u"spool/.lock"_s, {}), -after);
         QCOMPARE(spool.removeIfStale(after), State::Held);
         QCOMPARE(spool.said.size(), after > 1s ? 1 : 0);
+        if (after < 0s) // nobody waits for a while
+            QVERIFY(QFile::remove(spool.lockPath) && spool.removeIfStale(after) == State::Free);
     }
 }
 
