@@ -142,7 +142,7 @@ void TestModule::serviceManagerHearsOfTheModule()
     const SpoolDirectory spool(place.makeFolder(u"spool"_s)), none(place.path(u"none"_s));
     place.writeFile(u"spool/f"_s, "x");
     withoutBus.start(spool, [](Status &) {});
-    QTRY_VERIFY_WITH_TIMEOUT(manager.signsOfLife > 2, 15'000); // a report is due every 10 seconds
+    QTRY_VERIFY(manager.signsOfLife > 4); // more than the reports bring, one in 10 seconds
     withoutBus.linkUp();
 
     lonely.SetServerName(u"me"_s);
@@ -273,7 +273,8 @@ void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
     QElapsedTimer time;
     time.start();
     bench.module.Start();
-    QTRY_COMPARE(bench.reports(), QStringList(2, u"Socket error: 2"_s));
+    QTRY_VERIFY(bench.reports().size() > 1);
+    QCOMPARE(bench.reports().first(2), QStringList(2, u"Socket error: 2"_s));
     QVERIFY(time.elapsed() > 900);
 }
 

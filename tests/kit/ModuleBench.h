@@ -6,6 +6,7 @@
 #include "TConnector.h"
 #include "Workplace.h"
 
+#include <QAbstractEventDispatcher>
 #include <QCoreApplication>
 #include <QTimerEvent>
 
@@ -21,8 +22,10 @@ public:
             "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
                 + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'
                 + mainLines));
+        auto *bus = module.findChild<TConnector *>();
+        QAbstractEventDispatcher::instance()->unregisterTimers(bus); // this pass is the only one
         QTimerEvent event(1);
-        QCoreApplication::sendEvent(module.findChild<TConnector *>(), &event);
+        QCoreApplication::sendEvent(bus, &event);
     }
 
     void command(const char *name, const QByteArray &data = {}, int id = 1)
