@@ -85,7 +85,7 @@ void TestProcess::initTestCase()
 
 void TestProcess::startWithoutAdmin()
 {
-    silentPeer.stopReading();
+    silentPeer.setReading(false);
     silentPeer.setKernelBuffer(65'536);
     const QString settings = stuck.writeSettings(u"m.ini"_s, "AdminServerName=\nServerName=\n",
         "StatusFile=status.prom\nLiveMessageTimeout=1\nPort="

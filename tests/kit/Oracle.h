@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <algorithm>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -44,15 +45,11 @@ public:
     // The numbers below a limit that a peer has not got.
     [[nodiscard]] QList<int> missing(const QByteArrayList &bodies, int limit) const
     {
-        QSet<int> numbers;
+        QList<int> numbers(limit);
+        std::iota(numbers.begin(), numbers.end(), 0);
         for (const QByteArray &received : bodies)
-            numbers.insert(numberIn(received));
-        QList<int> result;
-        for (int number = 0; number < limit; ++number) {
-            if (!numbers.contains(number))
-                result.append(number);
-        }
-        return result;
+            numbers.removeOne(numberIn(received));
+        return numbers;
     }
     [[nodiscard]] bool areWhole(const QByteArrayList &bodies) const
     {

@@ -41,29 +41,14 @@ public:
         socket = nullptr;
     }
 
-    // Ends the connection as a program that is killed with unread bytes, and comes back.
-    void die()
+    // Reads what its kernel has taken so far, or leaves in the kernel what is to come.
+    void setReading(bool on)
     {
-        stopReading();
-        socket->waitForReadyRead(20);
-        reset();
-        resume();
-    }
-
-    void stopReading()
-    {
-        reading = false;
-        if (socket)
-            socket->setReadBufferSize(1);
-    }
-    // Reads what its kernel has taken so far of a connection that was not read.
-    void resume()
-    {
-        reading = true;
-        if (!socket)
-            return;
-        socket->setReadBufferSize(0);
-        read();
+        reading = on;
+        if (socket) {
+            socket->setReadBufferSize(on ? 0 : 1);
+            read();
+        }
     }
 
     // As a program that has stored so many records of the connection; the bytes go out in pieces.
@@ -75,7 +60,6 @@ public:
             socket->flush();
         }
     }
-    [[nodiscard]] qsizetype recordsOfLink() const { return bodies.size() - linkStarts.last(); }
 
     QByteArrayList bodies;
     QList<qsizetype> linkStarts; // the place of every connection's first body
@@ -92,7 +76,7 @@ private:
         while (const auto body = reader.next())
             bodies.append(*body);
         if (acknowledging)
-            acknowledge(quint64(recordsOfLink()));
+            acknowledge(quint64(bodies.size() - linkStarts.last()));
     }
     LinkRecord::Reader reader;
 };
