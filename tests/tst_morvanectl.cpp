@@ -13,7 +13,6 @@ class TestMorvanectl : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void wrongUsageGivesStatusTwo_data();
     void wrongUsageGivesStatusTwo();
     void helpIsShownAndLostOutputIsAFailure();
     void sendWaitsForTheModuleAndKeepsTheOrder();
@@ -22,33 +21,30 @@ private Q_SLOTS:
     void receiveReportsSilenceAndClosesOrStopsOnRequest();
 };
 
-void TestMorvanectl::wrongUsageGivesStatusTwo_data()
-{
-    QTest::addColumn<QString>("complaint");
-    QTest::newRow("chek m.ini") << "\"chek\"; did you mean \"check\"? See";
-    QTest::newRow("admin x --fro 1") << "\"--fro\"; did you mean \"--for\"?";
-    QTest::newRow("admin x stop") << "\"stop\" is not a command";
-    QTest::newRow("admin x watch maybe") << "\"watch maybe\"";
-    QTest::newRow("send mod") << "MODULE FILE";
-    QTest::newRow("send mod -") << "--name";
-    QTest::newRow("send mod /etc/passwd --kind Error") << "\"Error\""; // modules would drop it
-    QTest::newRow("send mod /etc/passwd --name {nmae}")
-        << "\"{nmae}\" stands for nothing; did you mean \"{name}\"?";
-    QTest::newRow("send mod /etc/passwd --name " + QByteArray(256, 'n')) << "256 bytes";
-    QTest::newRow("send mod /etc/passwd --name a/b") << "\"a/b\"";
-    QTest::newRow("send mod /etc/passwd /tmp/../etc/passwd") << "\"passwd\"";
-    QTest::newRow("receive 0 --dir in --name ../{number}") << "{number}";
-    QTest::newRow("receive 0 --dir in --name x") << "{number}";
-    QTest::newRow("receive 0 --acknowledge") << "--dir";
-    QTest::newRow("receive 0 --address localhost") << "\"localhost\"";
-}
-
 void TestMorvanectl::wrongUsageGivesStatusTwo()
 {
-    QFETCH(QString, complaint);
-    Tool tool(QString::fromLatin1(QTest::currentDataTag()));
-    QVERIFY(tool.endsComplaining(2, qPrintable(complaint)));
-    QCOMPARE(tool.complaints.count('\n'), 1);
+    const std::pair<QString, const char *> wrongUses[] = {
+        {u"chek m.ini"_s, "\"chek\"; did you mean \"check\"? See"},
+        {u"admin x --fro 1"_s, "\"--fro\"; did you mean \"--for\"?"},
+        {u"admin x stop"_s, "\"stop\" is not a command"},
+        {u"admin x watch maybe"_s, "\"watch maybe\""},
+        {u"send mod"_s, "MODULE FILE"},
+        {u"send mod -"_s, "--name"},
+        {u"send mod /etc/passwd --kind Error"_s, "\"Error\""}, // modules would drop it
+        {u"send mod x --name {nmae}"_s, "\"{nmae}\" stands for nothing; did you mean \"{name}\"?"},
+        {u"send mod x --name "_s + QString(256, u'n'), "256 bytes"},
+        {u"send mod x --name a/b"_s, "\"a/b\""},
+        {u"send mod /etc/passwd /tmp/../etc/passwd"_s, "\"passwd\""},
+        {u"receive 0 --dir in --name ../{number}"_s, "{number}"},
+        {u"receive 0 --dir in --name x"_s, "{number}"},
+        {u"receive 0 --acknowledge"_s, "--dir"},
+        {u"receive 0 --address localhost"_s, "\"localhost\""},
+    };
+    for (const auto &[arguments, complaint] : wrongUses) {
+        Tool tool(arguments);
+        QVERIFY2(tool.endsComplaining(2, complaint), complaint);
+        QCOMPARE(tool.complaints.count('\n'), 1);
+    }
 }
 
 void TestMorvanectl::helpIsShownAndLostOutputIsAFailure()

@@ -1,8 +1,6 @@
 #pragma once
 
-#include <QByteArrayList>
-#include <QCoreApplication>
-#include <QProcess>
+#include "Tool.h"
 
 #include <algorithm>
 #include <fcntl.h>
@@ -65,7 +63,7 @@ private:
 };
 
 // A program on a terminal of its own, in the folder of the tested programs.
-class Terminal : public QProcess
+class Terminal : public Program
 {
 public:
     // The command begins with variables of its environment, such as TERM.
@@ -82,12 +80,7 @@ public:
         waitForStarted();
         ::close(theirs);
     }
-    ~Terminal() override
-    {
-        kill();
-        waitForFinished();
-        ::close(ours);
-    }
+    ~Terminal() override { ::close(ours); }
 
     [[nodiscard]] bool isThere() const { return ours >= 0; }
     void type(const QByteArray &keys) const

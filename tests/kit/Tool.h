@@ -10,8 +10,23 @@
 
 #include <csignal>
 
-// The tool as a process in the temporary folder, which a Workplace sets; gathers what it says.
-class Tool : public QProcess
+// A process that does not outlive its test.
+struct Program : QProcess
+{
+    ~Program() override
+    {
+        kill();
+        waitForFinished();
+    }
+    // -1 while it runs, or if it did not end by itself.
+    [[nodiscard]] int status() const
+    {
+        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
+    }
+};
+
+// The tool in the temporary folder, which a Workplace sets; gathers what it says.
+class Tool : public Program
 {
 public:
     explicit Tool(const QString &arguments)
@@ -21,11 +36,6 @@ public:
         if (!waitForStarted())
             qFatal("morvanectl does not start");
     }
-    ~Tool() override
-    {
-        kill();
-        waitForFinished();
-    }
     [[nodiscard]] bool says(const char *text) { return gathered(said).contains(text); }
     [[nodiscard]] bool complains(const char *text) { return gathered(complaints).contains(text); }
     [[nodiscard]] bool endsSaying(int wanted, const char *text) { return ends(wanted, said, text); }
@@ -34,11 +44,6 @@ public:
         return ends(wanted, complaints, text);
     }
     void raise(int signal) const { ::kill(pid_t(processId()), signal); }
-    // -1 while it runs, or if it did not end by itself.
-    [[nodiscard]] int status() const
-    {
-        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
-    }
     // Of a receiver, as it says in its first line.
     [[nodiscard]] quint16 port()
     {
