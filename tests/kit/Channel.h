@@ -19,46 +19,42 @@ inline Bytes noise(qsizetype size, quint32 seed)
 }
 
 // An engine whose own timer never fires, with its files and all that it emits.
-struct Side
+struct Side : TFileTransfer
 {
-    explicit Side(int quietTicks = 0)
-        : engine(86'400'000, quietTicks, nullptr)
+    explicit Side(int quiet = 0)
+        : TFileTransfer(86'400'000, quiet, nullptr)
     {
-        using Engine = TFileTransfer;
-        const auto on = [this](auto signal, auto slot) {
-            QObject::connect(&engine, signal, &engine, slot);
-        };
-        on(&Engine::SendData, [this](Bytes &packet) { packets.append(packet); });
-        on(&Engine::FileReceived, [this](const QString &name) { received.append(name); });
-        on(&Engine::FileSended, [this] { ++delivered; });
-        on(&Engine::FileForgotten, [this] { ++forgotten; });
-        on(&Engine::FileRefused, [this](const QString &path) { refused.append(path); });
-        on(&Engine::FileUnreadable, [this](const QString &path) { unreadable.append(path); });
-        on(&Engine::Trouble, [this](const QString &line) { trouble.append(line); });
-        engine.SendPath(folder.makeFolder(QStringLiteral("in")) + u'/');
+        connect(this, &Side::SendData, [this](Bytes &packet) { packets.append(packet); });
+        connect(this, &Side::FileReceived, [this](const QString &name) { received.append(name); });
+        connect(this, &Side::FileSended, [this] { ++delivered; });
+        connect(this, &Side::FileForgotten, [this] { ++forgotten; });
+        connect(this, &Side::FileRefused, [this](const QString &path) { refused.append(path); });
+        connect(
+            this, &Side::FileUnreadable, [this](const QString &path) { unreadable.append(path); });
+        connect(this, &Side::Trouble, [this](const QString &line) { trouble.append(line); });
+        SendPath(folder.makeFolder(QStringLiteral("in")) + u'/');
     }
     void open(const QString &name, const Bytes &content)
     {
-        engine.OpenFile(folder.writeFile(name, content));
+        OpenFile(folder.writeFile(name, content));
     }
     void tick()
     {
         QTimerEvent event(0);
-        engine.timerEvent(&event);
+        timerEvent(&event);
     }
-    void receive(Bytes datagram) { engine.ReceiveData(datagram.data(), int(datagram.size())); }
+    void receive(Bytes datagram) { ReceiveData(datagram.data(), int(datagram.size())); }
     // Returns the packets emitted since the last call.
     QList<Bytes> take() { return std::exchange(packets, {}); }
 
     const Folder folder; // received files are in "in"
-    TFileTransfer engine;
     QList<Bytes> packets;
     QStringList received, refused, unreadable, trouble;
     int delivered = 0, forgotten = 0;
 };
 
-// Two engines back to back. A channel that loses packets also doubles some and delays those with
-// data. Information records stay in order: a late one would make the receiver begin afresh.
+// Two engines back to back. A channel that loses packets also doubles and delays some.
+// Information records stay in order: a late one would make the receiver begin afresh.
 struct Channel
 {
     int loss = 0; // percent, each way
@@ -85,8 +81,8 @@ private:
     {
         from.tick();
         for (const Bytes &packet : from.take()) {
-            const auto read = Packet::read(packet);
-            const bool mayWait = loss > 0 && read && read->kind == Packet::Data && read->number > 0;
+            const Packet read = *Packet::read(packet);
+            const bool mayWait = loss > 0 && (read.kind != Packet::Data || read.number > 0);
             int copies = random.bounded(100) >= loss;
             copies *= loss > 0 && random.bounded(10) == 0 ? 2 : 1;
             for (; copies > 0; --copies)
