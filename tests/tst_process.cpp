@@ -1,5 +1,6 @@
 #include "Arguments.h"
 #include "BusEnds.h"
+#include "Channel.h"
 #include "ModuleProcess.h"
 #include "ServiceSocket.h"
 #include "TcpPeer.h"
@@ -18,8 +19,6 @@ class TestProcess : public QObject
 private Q_SLOTS:
     void initTestCase();
     void startUpFollowsItsOrder();
-    void argumentsNameTheSettingsFiles();
-    void whatTheCommandLineMeans_data();
     void whatTheCommandLineMeans();
     void helpAndVersionAreShown();
     void lossOfTheAdministrationServerGivesStatusFive();
@@ -51,7 +50,7 @@ private:
     ModuleProcess east, west; // in UDP mode, with a bad link between them
     UdpRelay toEast{1}, toWest{2};
     const QStringList names = {u"a file"_s, u"Zero to nine"_s, u"one"_s, u"two"_s};
-    QByteArray noise = QByteArray(10'000, Qt::Uninitialized);
+    const QByteArray content = noise(10'000, 3);
 };
 
 void TestProcess::initTestCase()
@@ -94,8 +93,6 @@ void TestProcess::startWithoutAdmin()
         stuck.record("error", QString::number(number), QByteArray(500'000, 'x'));
     stuck.startWith({u"-settings"_s, settings});
 
-    std::mt19937 random(3);
-    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
     east.addToEnvironment(
         u"QT_LOGGING_RULES"_s, u"default.debug=false;morvane.module.debug=true"_s);
     east.setProcessChannelMode(QProcess::SeparateChannels);
@@ -109,17 +106,17 @@ void TestProcess::startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRela
     const QString main =
         u"Protocol=UDP\nTimeout=3\nStatusFile=status.prom\nLocalPort=%1\nPort=%2\n"_s;
     process.startWith({u"-settings"_s,
-        process.writeSettings(
-            u"m.ini"_s, "AdminServerName=\n", main.arg(toIt.target).arg(fromIt.port()).toUtf8())});
+        process.writeSettings(u"m.ini"_s, "AdminServerName=\n",
+            main.arg(toIt.target).arg(fromIt.localPort()).toUtf8())});
     for (const QString &name : names)
-        process.record("error", name, name.toUtf8() + noise);
+        process.record("error", name, name.toUtf8() + content);
 }
 
 void TestProcess::startUpFollowsItsOrder()
 {
     QTRY_COMPARE(other->heard(), QStringList{u"200 me   0"_s});
     QVERIFY(started.elapsed() > 4'500);
-    QTRY_VERIFY(whole.isListening());
+    QTRY_VERIFY(whole.place.logged(u"morvane.log"_s).contains(u"Start server: me Ok!!!! "_s));
     QVERIFY(started.elapsed() > 14'000);
     QCOMPARE(admin->heard(), QStringList{u"200 me   0"_s});
     QStringList entries = whole.place.logged(u"morvane.log"_s);
@@ -131,47 +128,25 @@ void TestProcess::startUpFollowsItsOrder()
             u"Start server: me Ok!!!! "_s}));
 }
 
-void TestProcess::argumentsNameTheSettingsFiles()
-{
-    const QString warning = u"Warrning: No Connections "_s;
-    const QStringList entries = orphan.place.logged(u"b.log"_s);
-    QCOMPARE(entries.mid(0, 2), QStringList({warning, u"Start Ok!"_s}));
-    QVERIFY2(entries.value(2).endsWith(u"/b.ini"_s), qPrintable(entries.value(2)));
-    QCOMPARE(orphan.place.logged(u"a.log"_s),
-        QStringList({u"Error load settings AdminServerName: NoName "_s, warning}));
-}
-
-void TestProcess::whatTheCommandLineMeans_data()
-{
-    using List = QStringList;
-    QTest::addColumn<List>("files");
-    QTest::addColumn<List>("remarks");
-    const List missing{u"\"-settings\" at the end has no effect: the name of a file is missing"_s};
-    QTest::newRow("morvane") << List{u""_s} << List();
-    QTest::newRow("morvane -settings a") << List{u"a"_s} << List();
-    QTest::newRow("morvane -settings a -settings -settings")
-        << List{u"a"_s, u"-settings"_s}
-        << List{u"2 settings files: they are read in turn, and the last one decides"_s};
-    QTest::newRow("morvane -settings") << List{u""_s} << missing;
-    QTest::newRow("morvane -settings a -settings") << List{u"a"_s} << missing;
-    QTest::newRow("morvane --settings")
-        << List{u""_s} << List{u"Argument \"--settings\" has no effect, see --help"_s};
-}
-
 void TestProcess::whatTheCommandLineMeans()
 {
-    const Arguments read(QString::fromLatin1(QTest::currentDataTag()).split(u' '));
-    QTEST(read.settingsFiles, "files");
-    QTEST(read.remarks, "remarks");
+    const auto meaning = [](const QString &line) {
+        const Arguments read(line.split(u' '));
+        return u'[' + read.settingsFiles.join(u"] ["_s) + u"] "_s + read.remarks.join(u"; "_s);
+    };
+    const QString missing =
+        u"\"-settings\" at the end has no effect: the name of a file is missing"_s;
+    QCOMPARE(meaning(u"morvane -settings a -settings -settings"_s),
+        u"[a] [-settings] 2 settings files: they are read in turn, and the last one decides"_s);
+    QCOMPARE(meaning(u"morvane -settings"_s), u"[] "_s + missing);
+    QCOMPARE(meaning(u"morvane -settings a -settings"_s), u"[a] "_s + missing);
 }
 
 void TestProcess::helpAndVersionAreShown()
 {
     QProcess process;
-    process.setProgram(QCoreApplication::applicationDirPath() + u"/morvane"_s);
     const auto run = [&](const QStringList &arguments) {
-        process.setArguments(arguments);
-        process.start();
+        process.start(QCoreApplication::applicationDirPath() + u"/morvane"_s, arguments);
         return process.waitForFinished() ? process.exitCode() : -1;
     };
     QCOMPARE(run({u"--Help"_s, u"--help"_s}), 0);
@@ -191,7 +166,13 @@ void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
     orphanAdmin.reset();
     QTRY_COMPARE(orphan.state(), QProcess::NotRunning);
     QCOMPARE(orphan.exitCode(), 5);
-    QCOMPARE(orphan.place.logged(u"b.log"_s).last(), u"Stopped, exit status 5"_s);
+    const QString warning = u"Warrning: No Connections "_s;
+    const QStringList entries = orphan.place.logged(u"b.log"_s);
+    QCOMPARE(entries.mid(0, 2), QStringList({warning, u"Start Ok!"_s}));
+    QVERIFY2(entries.value(2).endsWith(u"/b.ini"_s), qPrintable(entries.value(2)));
+    QCOMPARE(entries.last(), u"Stopped, exit status 5"_s);
+    QCOMPARE(orphan.place.logged(u"a.log"_s),
+        QStringList({u"Error load settings AdminServerName: NoName "_s, warning}));
 
     QTRY_COMPARE(partingAdmin->sockets.size(), 1);
     QCOMPARE(parting.state(), QProcess::Running);
@@ -208,7 +189,7 @@ void TestProcess::filesCrossABadLinkBothWays()
     for (const ModuleProcess *process : {&east, &west}) {
         QTRY_COMPARE(process->spooled(), QStringList());
         for (const QString &name : names)
-            QTRY_VERIFY(process->place.readFile(name) == "error" + name.toUtf8() + noise);
+            QTRY_VERIFY(process->place.readFile(name) == "error" + name.toUtf8() + content);
         QTRY_VERIFY(process->place.readFile(u"status.prom"_s)
                         .contains("\nmorvane_udp_files_delivered_total{module=\"me\"} 4\n"));
     }
@@ -252,7 +233,8 @@ void TestProcess::rubbishHarmsNobody()
     sender.send(BusFrame::makeName("sender") + frame(u"../x"_s, "x") + frame(u"good"_s, "2"));
     QTRY_COMPARE(peer.bodies.size(), 2);
     QVERIFY(whole.place.readFile(u"morvane.log"_s).contains("of 6 bytes from sender: the name"));
-    QVERIFY(whole.spooled().isEmpty() && !QFile::exists(whole.place.path(u"x"_s)));
+    QTRY_VERIFY(whole.spooled().isEmpty());
+    QVERIFY(!QFile::exists(whole.place.path(u"x"_s)));
 }
 
 void TestProcess::peerThatTalksCostsNoMemory()
@@ -269,7 +251,7 @@ void TestProcess::quitSignalGivesStatusZero()
     QTRY_VERIFY(whole.isListening());
     admin->send(
         BusFrame::makeCommand("Input_Data_On", "", 1) + BusFrame::makeCommand("About", "", 9));
-    QTRY_COMPARE(admin->frames().last().id, 9);
+    QTRY_VERIFY(!admin->heard().filter(QRegularExpression(u" 9$"_s)).isEmpty());
     peer.socket->abort();
     QTRY_VERIFY(admin->heard().contains(u"202 InData Connection established.  -1"_s));
     QTRY_VERIFY(
@@ -280,7 +262,7 @@ void TestProcess::quitSignalGivesStatusZero()
     admin->dropConnections();
     QTRY_COMPARE(whole.state(), QProcess::NotRunning);
     QCOMPARE(whole.exitCode(), 0); // a crash would give the number of its signal
-    QCOMPARE(manager.heard().last(), "STOPPING=1");
+    QTRY_COMPARE(manager.heard().last(), "STOPPING=1");
     QCOMPARE(manager.heard().count("READY=1"), 1);
     const QByteArray page = whole.place.readFile(u"status.prom"_s);
     QVERIFY2(page.contains("\nmorvane_up{module=\"me\"} 0\n")
@@ -310,10 +292,10 @@ void TestProcess::linkWithoutAcknowledgementsIsGivenUp()
 {
     const QRegularExpression unacknowledged(u"unacknowledged_records\\{module=\"m\"\\} [1-9]"_s);
     QTRY_VERIFY(QString::fromUtf8(stuck.place.readFile(u"status.prom"_s)).contains(unacknowledged));
-    QTRY_VERIFY2_WITH_TIMEOUT(silentPeer.linkStarts.size() == 2,
+    QTRY_VERIFY2_WITH_TIMEOUT(silentPeer.linkStarts.size() > 1,
         "a link stays although the peer's kernel has acknowledged nothing for long",
         2 * longestWait);
-    QVERIFY(started.elapsed() > 29'000);
+    QVERIFY(started.elapsed() > 29'000 * (silentPeer.linkStarts.size() - 1));
 }
 
 QTEST_GUILESS_MAIN(TestProcess)

@@ -24,11 +24,7 @@ public:
         setProcessEnvironment(environment);
         setProcessChannelMode(QProcess::ForwardedErrorChannel);
     }
-    ~ModuleProcess() override
-    {
-        kill();
-        waitForFinished();
-    }
+    ~ModuleProcess() override { killNow(); }
 
     QString writeSettings(const QString &name, const QByteArray &base, const QByteArray &main)
     {

@@ -2,10 +2,8 @@
 
 #include <QNetworkDatagram>
 #include <QNetworkProxy>
-#include <QTimer>
+#include <QRandomGenerator>
 #include <QUdpSocket>
-
-#include <random>
 
 // Returns a free port. No socket here asks for the system's proxy settings: Qt would do so on a
 // thread that the thread sanitizer does not understand.
@@ -18,39 +16,23 @@ inline quint16 freeUdpPort()
 }
 
 // One direction of a bad link. Passes the datagrams that arrive at its port on to another one, but
-// loses half of them, doubles some and delays some. Information records (data packet 0) stay in
-// order: a late one would make the receiver begin afresh.
-struct UdpRelay
+// loses half of them.
+struct UdpRelay : QUdpSocket
 {
-    explicit UdpRelay(unsigned seed)
+    explicit UdpRelay(quint32 seed)
         : random(seed)
     {
-        socket.setProxy(QNetworkProxy::NoProxy);
-        socket.bind(QHostAddress::LocalHost);
-        QObject::connect(&socket, &QIODevice::readyRead, &socket, [this] {
-            while (socket.hasPendingDatagrams())
-                pass(socket.receiveDatagram().data());
+        setProxy(QNetworkProxy::NoProxy);
+        bind(QHostAddress::LocalHost);
+        connect(this, &QIODevice::readyRead, this, [this] {
+            while (hasPendingDatagrams()) {
+                const QByteArray datagram = receiveDatagram().data();
+                if (random.bounded(2) == 0)
+                    writeDatagram(datagram, QHostAddress::LocalHost, target);
+            }
         });
     }
-    [[nodiscard]] quint16 port() const { return socket.localPort(); }
 
+    QRandomGenerator random;
     quint16 target = 0;
-
-private:
-    [[nodiscard]] bool happens(int percentage) { return int(random() % 100) < percentage; }
-
-    void pass(const QByteArray &datagram)
-    {
-        const bool isInformation =
-            datagram.mid(9, 1) == "\xB1" && datagram.mid(11, 2) == QByteArray(2, '\0');
-        const int copies = happens(50) ? 0 : !isInformation && happens(10) ? 2 : 1;
-        for (int i = 0; i < copies; ++i) {
-            const int delay = !isInformation && happens(10) ? int(random() % 50) : 0;
-            QTimer::singleShot(delay, &socket,
-                [=, this] { socket.writeDatagram(datagram, QHostAddress::LocalHost, target); });
-        }
-    }
-
-    QUdpSocket socket;
-    std::mt19937 random;
 };
