@@ -4,13 +4,13 @@
 
 namespace {
 
-// What a translation must not change: the blanks and line feeds at the end, and the places of
-// values, in any order.
-QString fixedParts(const QString &text)
+// What a translation must keep: the white space at the end and, in any order, the places of values.
+QStringList fixedParts(const QString &text)
 {
-    QString parts = text.sliced(text.trimmed().size());
-    for (const QString &value : {u"%0"_s, u"%1"_s, u"%2"_s, u"%3"_s})
-        parts += value.repeated(text.count(value));
+    QStringList parts;
+    for (const auto &match : QRegularExpression(u"%\\d|\\s+$"_s).globalMatch(text))
+        parts.append(match.captured());
+    parts.sort();
     return parts;
 }
 
@@ -29,27 +29,24 @@ void TestTranslation::everyTextOfTheProgramIsTranslated()
     const Folder place;
     const QString copy = place.path(u"copy.ts"_s);
     QVERIFY(QFile::copy(QStringLiteral(TRANSLATION_SOURCE), copy));
-    QProcess update;
-    update.setWorkingDirectory(QStringLiteral(PROJECT_FOLDER));
-    update.start(QStringLiteral(LUPDATE),
-        {u"module"_s, u"plugin"_s, u"transfer"_s, u"supportlib"_s, u"-locations"_s, u"none"_s,
-            u"-no-obsolete"_s, u"-ts"_s, copy});
-    QVERIFY(update.waitForFinished());
-    QCOMPARE(update.exitCode(), 0);
+    QDir::setCurrent(QStringLiteral(PROJECT_FOLDER));
+    const QStringList arguments =
+        u"module plugin transfer supportlib -silent -no-obsolete -ts"_s.split(u' ');
+    QCOMPARE(QProcess::execute(QStringLiteral(LUPDATE), arguments + QStringList{copy}), 0);
 
     const QString text = QString::fromUtf8(place.readFile(u"copy.ts"_s));
     const QRegularExpression message(
         u"<source>(.*?)</source>.*?<translation(.*?)>(.*?)</translation>"_s,
         QRegularExpression::DotMatchesEverythingOption);
-    qsizetype count = 0;
+    qsizetype count = text.count(u"<message"_s);
+    QVERIFY(count > 0);
     for (const QRegularExpressionMatch &match : message.globalMatch(text)) {
         const QString source = match.captured(1), state = match.captured(2);
         QVERIFY2(state.isEmpty() && match.captured(3) != source, qPrintable(source));
         QCOMPARE(fixedParts(match.captured(3)), fixedParts(source));
-        ++count;
+        --count;
     }
-    QVERIFY(count > 0);
-    QCOMPARE(count, text.count(u"<message"_s));
+    QCOMPARE(count, 0);
 }
 
 void TestTranslation::moduleSpeaksTheLanguageOfItsWorkingDirectory()

@@ -4,23 +4,18 @@
 #include "DataRecord.h"
 #include "Waiting.h"
 
-#include <QDeadlineTimer>
 #include <QLocalServer>
 #include <QLocalSocket>
-#include <QThread>
 #include <QtEndian>
 
 // "kind name message data id"
 inline QString shown(const BusFrame &frame)
 {
-    return QStringLiteral("%1 %2 %3 %4 %5")
-        .arg(QString::number(frame.kind), QString::fromUtf8(frame.name),
-            QString::fromUtf8(frame.message), QString::fromUtf8(frame.data),
-            QString::number(frame.id));
+    return QString::fromUtf8(QByteArray::number(frame.kind) + ' ' + frame.name + ' ' + frame.message
+        + ' ' + frame.data + ' ' + QByteArray::number(frame.id));
 }
 
-// A server of the bus, as another module or the administration server is one. It keeps the bytes of
-// all its connections together.
+// Another module or the administration server. Keeps the bytes of all its connections together.
 class BusServer : public QLocalServer
 {
 public:
@@ -41,11 +36,11 @@ public:
     {
         QList<BusFrame> result;
         for (QByteArrayView rest = received; rest.size() >= 4;) {
-            const qsizetype size = 4 + qsizetype(qFromBigEndian<quint32>(rest.data()));
-            if (size > rest.size())
+            const qsizetype size = qFromBigEndian<quint32>(rest.data());
+            if (size > rest.size() - 4)
                 break;
-            result.emplaceBack().read(rest.first(size).sliced(4));
-            rest = rest.sliced(size);
+            result.emplaceBack().read(rest.sliced(4, size));
+            rest = rest.sliced(4 + size);
         }
         return result;
     }
@@ -83,12 +78,12 @@ public:
     explicit BusClient(const QString &name)
     {
         // A name can be there a moment before somebody listens behind it.
-        const QDeadlineTimer end(longestWait);
-        for (connectToServer(name); !waitForConnected(); connectToServer(name)) {
-            if (end.hasExpired())
-                qFatal("cannot connect to %s", qPrintable(name));
-            QThread::msleep(10);
-        }
+        const auto isConnected = [&] {
+            connectToServer(name);
+            return waitForConnected();
+        };
+        if (!QTest::qWaitFor(isConnected, longestWait))
+            qFatal("cannot connect to %s", qPrintable(name));
     }
     void send(const QByteArray &bytes)
     {

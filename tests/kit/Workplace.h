@@ -5,6 +5,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 
 #include <algorithm>
@@ -59,12 +60,10 @@ public:
     }
 
     // The entries of a log without their time stamps.
-    [[nodiscard]] QStringList logged(const QString &name) const
+    [[nodiscard]] QStringList logged(const QString &name = u"test.log"_s) const
     {
         QStringList lines = QString::fromUtf8(readFile(name)).split(u'\n', Qt::SkipEmptyParts);
-        for (QString &line : lines)
-            line.remove(0, line.indexOf(u' ') + 1);
-        return lines;
+        return lines.replaceInStrings(QRegularExpression(u"^\\S+ "_s), {});
     }
 
 private:
@@ -89,11 +88,9 @@ public:
         qunsetenv("TMPDIR");
     }
 
-    [[nodiscard]] QStringList logged() const { return Folder::logged(logName); }
-    void forgetLog() const { QFile::remove(path(logName)); }
+    void forgetLog() const { QFile::remove(log.filePath()); }
 
 private:
     TLog *const logBefore = pLog;
-    const QString logName = QStringLiteral("test.log");
-    TLog log{path(logName)};
+    TLog log{path(u"test.log"_s)};
 };
