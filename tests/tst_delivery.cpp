@@ -359,6 +359,7 @@ void TestDelivery::keepAlivesCountButEndNoLink()
     QTRY_COMPARE(line.kept(), 0);
 }
 
+// A program may not acknowledge what its kernel has not got, though the module has sent it.
 void TestDelivery::unacknowledgedRecordsAreBoundedAndLastNumbersCount()
 {
     Line line{acknowledged, 100'000};
@@ -372,8 +373,6 @@ void TestDelivery::unacknowledgedRecordsAreBoundedAndLastNumbersCount()
     QVERIFY2(std::clock() - before < CLOCKS_PER_SEC / 5, "waiting keeps a core busy");
     QVERIFY(peer.bodies.size() <= Journal::defaultBytes / 100'000);
     QCOMPARE(line.bench.spooled().size() + peer.bodies.size(), 200);
-
-    // A program may not acknowledge what its kernel has not got, though the module has sent it.
     peer.setReading(false);
     peer.acknowledge(quint64(peer.bodies.size()));
     QTRY_VERIFY(line.bench.spooled().size() < 115);
