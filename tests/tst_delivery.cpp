@@ -306,10 +306,10 @@ void TestDelivery::programThatAcknowledges_data()
 {
     QTest::addColumn<Program>("program");
     const auto row = [](const char *name, const Program &p) { QTest::newRow(name) << p; };
-    row("slowly", {.numbers = {1, 2, 5}, .timeout = 3, .pause = 1'300});
+    row("slowly", {.numbers = {1, 2, 5}, .timeout = 5, .pause = 1'800});
     row("again and again, in single bytes", {.numbers = {0, 2, 2, 3, 5, 5, 5}, .piece = 1});
-    row("never", {{}, u"has acknowledged 0 records and no more in time"_s, 5, 1});
-    row("too few", {{3}, u"has acknowledged 3 records and no more in time"_s, 2, 2});
+    row("never", {{}, u"has acknowledged 0 records and no more in time"_s, 5, 3});
+    row("too few", {{3}, u"has acknowledged 3 records and no more in time"_s, 2, 4});
     row("backwards", {{3, 2, 5}, u"acknowledges 2 records after 3"_s, 2});
     row("backwards, and without an end",
         {QList<quint64>{1, 0} + QList<quint64>(20'000, 5), u"acknowledges 0 records after 1"_s, 4});
@@ -331,7 +331,8 @@ void TestDelivery::programThatAcknowledges()
     QCOMPARE(line.kept(), 5); // whatever the kernel says
     for (const quint64 number : program.numbers) {
         QTest::qWait(program.pause);
-        line.peer.acknowledge(number, program.piece);
+        if (line.peer.linkStarts.size() == 1) // these numbers are about the first link
+            line.peer.acknowledge(number, program.piece);
     }
     line.peer.acknowledging = true; // what comes over a new link
     QTRY_COMPARE(line.kept(), 0);
