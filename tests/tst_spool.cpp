@@ -28,10 +28,7 @@ int fdatasync(int)
     return isFlushFailing ? -1 : 0;
 }
 
-int fsync(int file)
-{
-    return ::fdatasync(file);
-}
+int fsync(int) __attribute__((alias("fdatasync")));
 
 int renameat2(int from, const char *name, int to, const char *newName, unsigned flags) noexcept
 {
@@ -49,39 +46,38 @@ int fstatvfs(int, struct statvfs *disk) noexcept
 namespace {
 
 using Clock = SpoolLock::Clock;
-using SetAside = SpoolDirectory::SetAside;
 using State = SpoolLock::State;
 
 // A spool in a temporary directory and what was said of it.
-struct Spool
+struct Spool : Folder, SpoolDirectory
 {
-    const Folder place;
-    const QString folder = place.makeFolder(u"spool"_s);
-    const QString lockPath = folder + u"/.lock"_s;
-    const SpoolDirectory directory{folder};
-    QStringList said;
+    Spool()
+        : SpoolDirectory(makeFolder(u"spool"_s))
+    {
+    }
+    using SpoolDirectory::path;
 
+    const QString lockPath = pathOf(u".lock"_s);
+    QStringList said;
     const MessageSink report = [this](const QString &text) { said.append(text); };
-    SpoolLock waiter{directory, report};
+    SpoolLock waiter{*this, report};
     const Clock::time_point start = Clock::now();
 
     State removeIfStale(Clock::duration after) { return waiter.removeIfStale(start + after); }
     [[nodiscard]] bool writes(const QString &name, const QByteArray &content)
     {
-        return directory.write(name, content, report) == SpoolDirectory::WriteResult::Written;
+        return write(name, content, report) == WriteResult::Written;
     }
 };
 
 // A journal with a small ring, because the disk is nearly full.
-struct SmallJournal
+struct SmallJournal : Folder, Journal
 {
-    const Folder place;
-    const Descriptor folder{::open(qPrintable(place.path()), O_RDONLY | O_DIRECTORY)};
-    Journal journal;
-    const bool isMade = journal.create(folder.get());
+    const Descriptor place{::open(qPrintable(path()), O_RDONLY | O_DIRECTORY)};
+    const bool isMade = create(place.get());
 
     // What the file holds, the newest first.
-    [[nodiscard]] QByteArrayList left() const { return keptRecords(place.path()).values(); }
+    [[nodiscard]] QByteArrayList left() const { return keptRecords(path()).values(); }
 };
 
 } // namespace
@@ -128,8 +124,7 @@ void TestSpool::linkRecordsAreCutFromAnyPieces()
     QCOMPARE(cutBytewise(reader, stream), QByteArrayList({"errorx", "", "live"}));
     QVERIFY(reader.isAtRecordBoundary());
     reader.append(QByteArray::fromHex("ffffffff 41"));
-    QVERIFY(!reader.next());
-    QCOMPARE(reader.refusedLength(), 0xFFFFFFFFu);
+    QVERIFY(!reader.next() && reader.refusedLength() == 0xFFFFFFFFu);
 
     LinkRecord::AcknowledgementReader numbers;
     const auto bytes = QByteArray::fromHex("0201000000000000 ffffffffffffffff 07");
@@ -142,19 +137,18 @@ void TestSpool::linkRecordsAreCutFromAnyPieces()
 void TestSpool::filesAreListedInOrder()
 {
     Spool spool;
-    const SpoolDirectory &directory = spool.directory;
     const QStringList order = u"10 9 _x AB Ab aB ab B Ж я 😀 ﬁ ﬁ.link"_s.split(u' ');
     for (qsizetype i = 0; i < order.size() - 1; ++i)
         QVERIFY(spool.writes(order.at((i * 5) % (order.size() - 1)), "x"));
-    spool.place.writeFile(u"spool/.hidden"_s, "x");
-    spool.place.makeFolder(u"spool/folder"_s);
-    QCOMPARE(::mkfifo(directory.encodedPathOf("fifo"), 0600), 0);
-    QVERIFY(QFile::link(u"9"_s, directory.pathOf(order.last())));
-    QVERIFY(QFile::link(u"fifo"_s, directory.pathOf(u"to_fifo"_s)));
+    spool.writeFile(u"spool/.hidden"_s, "x");
+    spool.makeFolder(u"spool/folder"_s);
+    QCOMPARE(::mkfifo(spool.encodedPathOf("fifo"), 0600), 0);
+    QVERIFY(QFile::link(u"9"_s, spool.pathOf(order.last())));
+    QVERIFY(QFile::link(u"fifo"_s, spool.pathOf(u"to_fifo"_s)));
 
     QStringList inParts, oneByOne;
     for (bool isMore = true; isMore && inParts.size() < order.size();) {
-        SpoolScan scan(directory, inParts.value(inParts.size() - 1).toUtf8(), 50); // bytes
+        SpoolScan scan(spool, inParts.value(inParts.size() - 1).toUtf8(), 50); // bytes
         QVERIFY(scan.readUntil(QDeadlineTimer::Forever));
         isMore = scan.isCutOff();
         for (SpoolListing part = scan.takeNames(); !part.isEmpty(); part.removeFirst())
@@ -162,46 +156,42 @@ void TestSpool::filesAreListedInOrder()
     }
     QCOMPARE(inParts, order);
     const auto isSkipped = [&](const QString &name) { return oneByOne.contains(name); };
-    for (SpoolListing rest = directory.list(); !rest.isEmpty(); rest.removeFirst())
-        oneByOne += directory.first(isSkipped).name;
+    for (SpoolListing rest = spool.list(); !rest.isEmpty(); rest.removeFirst())
+        oneByOne += spool.first(isSkipped).name;
     QCOMPARE(oneByOne, order);
 }
 
 void TestSpool::whatCannotBeSentIsSetAside()
 {
     Spool spool;
-    const SpoolDirectory &directory = spool.directory;
     const QByteArrayList foreign = {"\xff\xfe", "\xef\xbb\xbf\x31"}; // a byte order mark and "1"
     for (const QByteArray &name : foreign)
-        QCOMPARE(::mknod(directory.encodedPathOf(name), S_IFREG | 0600, 0), 0);
-    QCOMPARE(::mkdir(directory.encodedPathOf("\xff"), 0700), 0);
-    const auto [name, hasForeign] = directory.first([](const QString &) { return false; });
-    QVERIFY(name.isEmpty() && hasForeign && directory.list().isEmpty());
+        QCOMPARE(::mknod(spool.encodedPathOf(name), S_IFREG | 0600, 0), 0);
+    QCOMPARE(::mkdir(spool.encodedPathOf("\xff"), 0700), 0);
+    const auto [name, hasForeign] = spool.first([](const QString &) { return false; });
+    QVERIFY(name.isEmpty() && hasForeign && spool.list().isEmpty());
 
-    const QString refused = spool.place.writeFile(u"spool/refused"_s, "no folder");
-    QVERIFY(!directory.setForeignNamesAside(spool.report, true));
-    QVERIFY(!directory.setForeignNamesAside(spool.report, false));
+    const QString refused = spool.writeFile(u"spool/refused"_s, "no folder");
+    QVERIFY(!spool.setForeignNamesAside(spool.report, true));
+    QVERIFY(!spool.setForeignNamesAside(spool.report, false));
     QCOMPARE(spool.said.filter(u"Can't move file "_s).size(), foreign.size());
-    QVERIFY(QFile::remove(refused));
-    QVERIFY(directory.setForeignNamesAside(spool.report, false));
+    QVERIFY(QFile::remove(refused) && spool.setForeignNamesAside(spool.report, false));
     QCOMPARE(spool.said.filter(u"1: its name is no UTF-8 text"_s),
-        QStringList(u"Refused file %1/%EF%BB%BF1: its name is no UTF-8 text"_s.arg(spool.folder)));
+        QStringList(u"Refused file %1/%EF%BB%BF1: its name is no UTF-8 text"_s.arg(spool.path())));
     for (const QByteArray &left : foreign) // QTemporaryDir cannot remove them
-        QCOMPARE(::unlink(directory.encodedPathOf("refused/" + left)), 0);
-    QCOMPARE(::rmdir(directory.encodedPathOf("\xff")), 0); // a folder stays
+        QCOMPARE(::unlink(spool.encodedPathOf("refused/" + left)), 0);
+    QCOMPARE(::rmdir(spool.encodedPathOf("\xff")), 0); // a folder stays
 
-    for (const QString &taken : {u"f"_s, u"f.1"_s, u"f.2"_s})
-        QVERIFY2(spool.writes(u"f"_s, "x") && directory.setAside(u"f"_s) == SetAside::Moved
-                && QFile::exists(refused + u'/' + taken),
-            qPrintable(taken));
-    QCOMPARE(directory.setAside(u"f"_s), SetAside::Gone);
+    for (int i = 0; i < 3; ++i)
+        QVERIFY(spool.writes(u"f"_s, "x") && spool.setAside(u"f"_s) == Spool::SetAside::Moved);
+    QCOMPARE(QDir(refused).entryList(QDir::Files), u"f f.1 f.2"_s.split(u' '));
+    QCOMPARE(spool.setAside(u"f"_s), Spool::SetAside::Gone);
 }
 
 void TestSpool::onlyPlainNamesAreWritten()
 {
     Spool spool;
-    const SpoolDirectory &directory = spool.directory;
-    spool.place.makeFolder(u"spool/sub"_s);
+    spool.makeFolder(u"spool/sub"_s);
     for (const QString &name : {u""_s, u"sub"_s, u".."_s, u".lock"_s, u"../x"_s, u"sub/x"_s,
              u"x/"_s, u"a\0b"_s, u"half a character "_s + QChar(0xD800), QString(256, u'n')})
         QVERIFY2(!spool.writes(name, "x"), qPrintable(name));
@@ -209,55 +199,54 @@ void TestSpool::onlyPlainNamesAreWritten()
         const FileLimit limit(50'000); // the first half of the record fits
         QVERIFY(!spool.writes(u"large"_s, QByteArray(100'000, 'x')));
     }
-    QCOMPARE(filesBelow(spool.place.path()), 0);
+    QCOMPARE(filesBelow(spool.pathOf(u".."_s)), 0);
     QVERIFY(spool.writes(u"good"_s, "a longer one") && spool.writes(u"good"_s, "short"));
-    QVERIFY(QFile::link(u"good"_s, directory.pathOf(u"link"_s)));
-    const SpoolFile opened = directory.open(u"link"_s);
-    QCOMPARE(directory.open(u"link"_s).read(), QByteArray("short"));
-    QVERIFY(QFile::resize(directory.pathOf(u"good"_s), 0));
+    QVERIFY(QFile::link(u"good"_s, spool.pathOf(u"link"_s)));
+    const SpoolFile opened = spool.open(u"link"_s);
+    QCOMPARE(spool.open(u"link"_s).read(), QByteArray("short"));
+    QVERIFY(QFile::resize(spool.pathOf(u"good"_s), 0));
     QCOMPARE(opened.read(), QByteArray());
 
-    QVERIFY(QFile::resize(directory.pathOf(u"good"_s), 5'000'000'000)); // more than a record
-    QCOMPARE(::mkfifo(directory.encodedPathOf("fifo"), 0600), 0);
+    QVERIFY(QFile::resize(spool.pathOf(u"good"_s), 5'000'000'000)); // more than a record
+    QCOMPARE(::mkfifo(spool.encodedPathOf("fifo"), 0600), 0);
     for (const QString &name : {u"fifo"_s, u"sub"_s, u"absent"_s, u"good"_s})
-        QVERIFY2(!directory.open(name).isOpen(), qPrintable(name));
+        QVERIFY2(!spool.open(name).isOpen(), qPrintable(name));
 }
 
 void TestSpool::leftoversGoWhenNoWriterIsAtWork()
 {
     Spool spool;
-    const QString leftover = spool.place.writeFile(u"spool/.incoming-1-f"_s, "half of a file");
+    const QString leftover = spool.writeFile(u"spool/.incoming-1-f"_s, "half of a file");
     for (const bool isFailing : {true, false}) {
-        WholeFile living(spool.directory.pathOf(u"received"_s));
+        WholeFile living(spool.pathOf(u"received"_s));
         QVERIFY(living.write("whole"));
-        removeLeftoversOfTheDead(spool.folder);
-        QVERIFY(filesBelow(spool.folder) == 1 && !QFile::exists(leftover));
+        removeLeftoversOfTheDead(spool.path());
+        QVERIFY(filesBelow(spool.path()) == 1 && !QFile::exists(leftover));
         isFlushFailing = isFailing;
         QCOMPARE(living.commit(WholeFile::Flush::Yes), !isFailing);
     }
     QCOMPARE(flushes, 3); // the last one of the folder
-    removeLeftoversOfTheDead(spool.folder);
-    QCOMPARE(spool.place.readFile(u"spool/received"_s), "whole");
+    removeLeftoversOfTheDead(spool.path());
+    QCOMPARE(spool.readFile(u"spool/received"_s), "whole");
 
-    spool.place.writeFile(leftover, "half of a file");
-    SpoolLock writer(spool.directory, spool.report);
+    spool.writeFile(leftover, "half of a file");
+    SpoolLock writer(spool, spool.report);
     QVERIFY(writer.tryAcquire());
-    QVERIFY(!spool.directory.removeLeftovers(spool.waiter) && QFile::exists(leftover));
+    QVERIFY(!spool.removeLeftovers(spool.waiter) && QFile::exists(leftover));
     writer.release();
-    QVERIFY(spool.directory.removeLeftovers(spool.waiter) && !QFile::exists(leftover));
-    spool.place.makeFolder(leftover); // cannot be removed
-    QVERIFY(!spool.directory.removeLeftovers(spool.waiter));
-    QVERIFY(!QFile::exists(spool.lockPath));
+    QVERIFY(spool.removeLeftovers(spool.waiter) && !QFile::exists(leftover));
+    spool.makeFolder(leftover); // cannot be removed
+    QVERIFY(!spool.removeLeftovers(spool.waiter) && !QFile::exists(spool.lockPath));
 }
 
 void TestSpool::spoolIsQuietWhileNothingWaits()
 {
     const Spool spool;
-    spool.place.makeFolder(u"spool/folder"_s);
-    QuietSpool quiet(spool.directory);
+    spool.makeFolder(u"spool/folder"_s);
+    QuietSpool quiet(spool);
     for (const QString &name : {u"f"_s, u".lock"_s}) {
         QVERIFY(quiet.isQuiet());
-        const QString file = spool.place.writeFile(u"spool/"_s + name, "x");
+        const QString file = spool.writeFile(u"spool/"_s + name, "x");
         QVERIFY2(!quiet.isQuiet(), qPrintable(name));
         QVERIFY(QFile::remove(file));
     }
@@ -265,20 +254,19 @@ void TestSpool::spoolIsQuietWhileNothingWaits()
     QVERIFY(quiet.isQuiet() && quiet.isQuiet());
     QVERIFY(quiet.canHold(QByteArray(255, 'n')) && !quiet.canHold(QByteArray(256, 'n')));
     QVERIFY(!quiet.canHold("folder"));
-    setAge(spool.place.writeFile(u"spool/f"_s, "123"), 60s);
+    setAge(spool.writeFile(u"spool/f"_s, "123"), 60s);
     QVERIFY(!quiet.isQuiet());
 
-    spool.place.writeFile(u"spool/g"_s, "4");
-    const SpoolCensus census = SpoolCensus::take(spool.directory, {});
+    spool.writeFile(u"spool/g"_s, "4");
+    const SpoolCensus census = SpoolCensus::take(spool, {});
     QVERIFY(census.files == 2 && census.bytes == 4);
     QVERIFY(QDateTime::currentSecsSinceEpoch() - census.oldest >= 60);
 }
 
 void TestSpool::journalKeepsWhatIsNotFree()
 {
-    SmallJournal small;
-    Journal &journal = small.journal;
-    QVERIFY(small.isMade && filesBelow(small.place.path()) == 1);
+    SmallJournal journal;
+    QVERIFY(journal.isMade && filesBelow(journal.path()) == 1);
     QByteArrayList kept; // the newest first, as are the ends
     QList<quint64> ends;
     for (int number = 0; number < 2'000; ++number) { // the ring stays full for 16 rounds
@@ -289,7 +277,7 @@ void TestSpool::journalKeepsWhatIsNotFree()
         ends.prepend(journal.add("n", number, "", content));
         if (number % 3 == 0) { // the others are written together
             QVERIFY(journal.commit());
-            QCOMPARE(small.left(), kept);
+            QCOMPARE(journal.left(), kept);
         }
     }
     QVERIFY(kept.size() > 100 && kept.size() < 200);
@@ -297,18 +285,18 @@ void TestSpool::journalKeepsWhatIsNotFree()
 
 void TestSpool::damageToAJournalIsNoticed()
 {
-    SmallJournal small;
-    Journal &journal = small.journal;
+    SmallJournal journal;
     for (const char *content : {"first", "second", "third"}) // 64 bytes each
         journal.add("n", 1, "", content);
     QVERIFY(journal.commit());
-    QFile file(small.place.path(QLatin1StringView(SpoolLayout::journalFile)));
+    QFile file(journal.path(QLatin1StringView(SpoolLayout::journalFile)));
     QVERIFY(file.open(QIODevice::ReadWrite | QIODevice::Unbuffered));
     // Bytes of the magic, the version, the size of the ring, and of the second record.
     for (const int at : {0, 4, 15, 4'096 + 64 + 35}) {
         const char byte = file.readAll().at(at);
         QVERIFY(file.seek(at) && file.putChar('\x7f'));
-        QCOMPARE(small.left(), at < 4'096 ? QByteArrayList() : QByteArrayList({"third", "first"}));
+        QCOMPARE(
+            journal.left(), at < 4'096 ? QByteArrayList() : QByteArrayList({"third", "first"}));
         QVERIFY(file.seek(at) && file.putChar(byte) && file.seek(0));
     }
     {
@@ -316,99 +304,87 @@ void TestSpool::damageToAJournalIsNoticed()
         journal.add("n", 1, "", "fourth");
         QVERIFY(!journal.commit() && !journal.hasRoomFor(1, 1));
     }
-    QVERIFY(file.remove() && journal.create(small.folder.get()) && journal.hasRoomFor(1, 1));
+    QVERIFY(file.remove() && journal.create(journal.place.get()) && journal.hasRoomFor(1, 1));
 }
 
 void TestSpool::fileIsTheSameWhateverItsNumber()
 {
-    using Removal = SpoolDirectory::Removal;
-    // Whether a new file of the name counts as the old one, what its removal returns and leaves.
-    const auto replace = [](std::chrono::seconds age, std::chrono::milliseconds later,
-                             const QByteArray &content = "y") {
-        Spool spool;
-        const SpoolDirectory &directory = spool.directory;
-        const QString path = spool.place.writeFile(u"spool/f"_s, "x");
-        setAge(path, age);
-        const auto before = directory.mark(u"f"_s);
-        const auto time = std::filesystem::last_write_time(path.toStdString());
-        const bool isWritten = spool.writes(u"f"_s, content);
-        std::filesystem::last_write_time(path.toStdString(), time + later);
-        const bool isSame = before == directory.mark(u"f"_s);
-        const Removal removal = directory.remove(u"f"_s, before.value());
-        const bool isGone = directory.remove(u"gone"_s, before.value()) == Removal::Removed;
-        return QVariantList{isWritten && isGone, isSame, int(removal), filesBelow(spool.folder),
-            spool.place.readFile(path)};
-    };
-    const QVariantList same = {true, true, int(Removal::Removed), 0, QByteArray()};
-    const QVariantList another = {true, false, int(Removal::Replaced), 1, QByteArray("y")};
-    QCOMPARE(replace(60s, 0s), same);
-    QCOMPARE(replace(60s, 1ms), another);
-    QCOMPARE(replace(0s, 0s), another); // just written: two files may have one time
-    QCOMPARE(replace(60s, 0s, "longer").value(1), false);
-    isOldFileSystem = true;
-    QCOMPARE(replace(60s, 1ms), another);
-    isOldFileSystem = false;
+    using Removal = Spool::Removal;
+    // Two files that are just written may have one time.
+    for (const auto &[content, age, later, isSame] : {std::tuple{"equal", 60s, 0ms, true},
+             {"newer", 60s, 1ms, false}, {"hasty", 0s, 0ms, false}, {"longer", 60s, 0ms, false}}) {
+        for (const bool isOld : {true, false}) {
+            isOldFileSystem = isOld;
+            Spool spool;
+            const QString path = spool.writeFile(u"spool/f"_s, "first");
+            setAge(path, age);
+            const auto before = spool.mark(u"f"_s);
+            const auto time = std::filesystem::last_write_time(path.toStdString());
+            QVERIFY(spool.writes(u"f"_s, content));
+            std::filesystem::last_write_time(path.toStdString(), time + later);
+            QVERIFY2((before == spool.mark(u"f"_s)) == isSame, content);
+            const Removal removal = spool.remove(u"f"_s, before.value());
+            QVERIFY2(removal == (isSame ? Removal::Removed : Removal::Replaced), content);
+            QCOMPARE(spool.readFile(path), isSame ? "" : content);
+            QVERIFY2(filesBelow(spool.path()) == (isSame ? 0 : 1), content);
+            QCOMPARE(spool.remove(u"gone"_s, before.value()), Removal::Removed);
+        }
+    }
 }
 
 void TestSpool::filesOnTheirWayHaveAFolder()
 {
     Spool spool;
-    const SpoolDirectory &directory = spool.directory;
-    const QString path = directory.pathOf(u"f"_s);
-    SentFolder sent(directory);
-    QVERIFY(
-        sent.open() && QDir(directory.pathOf(QFile::decodeName(sent.name()))).removeRecursively());
-    const auto take = [&] { return sent.take(u"f"_s, directory.mark(u"f"_s).value(), "one"); };
+    const QString path = spool.pathOf(u"f"_s);
+    SentFolder sent(spool);
+    QVERIFY(sent.open() && QDir(spool.pathOf(QFile::decodeName(sent.name()))).removeRecursively());
+    const auto take = [&] { return sent.take(u"f"_s, spool.mark(u"f"_s).value(), "one"); };
     isOldFileSystem = true;
     for (const auto age : {20s, 40s}) { // the newer file stands
-        setAge(spool.place.writeFile(path, "one"), 30s);
+        setAge(spool.writeFile(path, "one"), 30s);
         QCOMPARE(take(), SentFolder::Take::Taken);
-        setAge(spool.place.writeFile(path, "other"), age);
+        setAge(spool.writeFile(path, "other"), age);
         QVERIFY(sent.giveBack(u"f"_s));
-        QCOMPARE(spool.place.readFile(path), age < 30s ? "other" : "one");
+        QCOMPARE(spool.readFile(path), age < 30s ? "other" : "one");
     }
     isOldFileSystem = false;
-    QVERIFY(QFile::rename(path, spool.place.path(u"else"_s)) && QFile::link(u"../else"_s, path));
+    QVERIFY(QFile::rename(path, spool.pathOf(u"../else"_s)) && QFile::link(u"../else"_s, path));
     QCOMPARE(take(), SentFolder::Take::Taken);
-    QVERIFY(std::remove(directory.encodedPathOf(sent.name() + "/f")) == 0 && sent.giveAllBack());
+    QVERIFY(std::remove(spool.encodedPathOf(sent.name() + "/f")) == 0 && sent.giveAllBack());
     QVERIFY(QFile::link(u"../else"_s, path) && take() == SentFolder::Take::Taken);
     sent.discard(u"f"_s);
     sent.close();
     const auto all = QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot;
-    QCOMPARE(QDir(spool.folder).entryList(all), QStringList());
+    QCOMPARE(QDir(spool.path()).entryList(all), QStringList());
 }
 
 // --- the lock ---
 
 void TestSpool::staleLockIsRemoved()
 {
-    // The state of a lock seen for so long, whether its file is left, and what was said.
-    const auto look = [](std::chrono::seconds age, std::chrono::seconds waited) {
+    for (const auto &[row, age, waited, isStale] : {std::tuple{"new", 25s, 0s, false},
+             {"old", 35s, 0s, true}, {"from the future, not seen for long enough", -1h, 29s, false},
+             {"from the future", -1h, 31s, true}}) {
         Spool spool;
-        setAge(spool.place.writeFile(u"spool/.lock"_s, {}), age);
+        setAge(spool.writeFile(u"spool/.lock"_s, {}), age);
         std::ignore = spool.removeIfStale(0s);
-        const State state = spool.removeIfStale(waited);
-        const auto removals = spool.said.filter(u"Removed the lock file"_s).size();
-        return QVariantList{state == State::Free, QFile::exists(spool.lockPath), removals};
-    };
-    const QVariantList kept = {false, true, 0}, removed = {true, false, 1};
-    QCOMPARE(look(25s, 0s), kept);
-    QCOMPARE(look(35s, 0s), removed);
-    QCOMPARE(look(-3'600s, 29s), kept); // from the future, not seen for long enough
-    QCOMPARE(look(-3'600s, 31s), removed);
+        QVERIFY2((spool.removeIfStale(waited) == State::Free) == isStale, row);
+        QVERIFY2(QFile::exists(spool.lockPath) != isStale, row);
+        QVERIFY2(spool.said.filter(u"Removed the lock file"_s).size() == isStale, row);
+    }
 
     const Spool spool;
-    spool.place.makeFolder(u"spool/.lock/full"_s); // cannot be removed, and nothing hangs
+    spool.makeFolder(u"spool/.lock/full"_s); // cannot be removed, and nothing hangs
     setAge(spool.lockPath, 60s);
-    QCOMPARE(spool.directory.write(u"f"_s, "x", spool.report), SpoolDirectory::WriteResult::NoLock);
+    QCOMPARE(spool.write(u"f"_s, "x", spool.report), SpoolDirectory::WriteResult::NoLock);
 }
 
 void TestSpool::lockOfAKilledWriterIsRemovedAtOnce()
 {
     Spool spool;
-    const QString left = spool.place.path(u"left"_s);
+    const QString left = spool.pathOf(u"../left"_s);
     {
-        SpoolLock writer(spool.directory, spool.report);
+        SpoolLock writer(spool, spool.report);
         QVERIFY(writer.tryAcquire());
         QCOMPARE(QFileInfo(spool.lockPath).size(), 0);
         QCOMPARE(spool.removeIfStale(0s), State::Held);
@@ -428,7 +404,7 @@ void TestSpool::longWaitIsSaidOnce()
     Spool spool;
     for (const auto after : {-9s, 0s, 1s, 2s, 40s}) {
         // Writers come and go: each has a lock of its own.
-        setAge(spool.place.writeFile(u"spool/.lock"_s, {}), -after);
+        setAge(spool.writeFile(u"spool/.lock"_s, {}), -after);
         QCOMPARE(spool.removeIfStale(after), State::Held);
         QCOMPARE(spool.said.size(), after > 1s ? 1 : 0);
         if (after < 0s) // nobody waits for a while
@@ -440,10 +416,10 @@ void TestSpool::staleLockPassesToOneWaiter()
 {
     Spool spool;
     {
-        SpoolLock slow(spool.directory, spool.report);
+        SpoolLock slow(spool, spool.report);
         QVERIFY(slow.acquire());
         setAge(spool.lockPath, 60s);
-        Descriptor other(::open(qPrintable(spool.folder), O_RDONLY)); // of a waiter that removes it
+        Descriptor other(::open(qPrintable(spool.path()), O_RDONLY)); // of a waiter that removes it
         QCOMPARE(::flock(other.get(), LOCK_EX), 0);
         QCOMPARE(spool.waiter.removeIfStale(), State::Held);
         QCOMPARE(::flock(other.get(), LOCK_UN), 0);
