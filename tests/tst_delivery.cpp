@@ -19,7 +19,7 @@
 
 // Errors for which functions of the C library fail, by their stand-ins below; 0 for none.
 static std::atomic<int> lockError, moveError, flushError;
-static std::atomic<int> flushes;
+static std::atomic<int> flushes, journalFlushes;
 static std::atomic<bool> isFlushHeld;
 
 template <typename... Arguments>
@@ -46,6 +46,12 @@ int syncfs(int file) noexcept
     while (isFlushHeld)
         ::usleep(1'000);
     return callOrFail(error, SYS_syncfs, file);
+}
+
+int fdatasync(int file)
+{
+    ++journalFlushes;
+    return callOrFail(0, SYS_fdatasync, file);
 }
 
 namespace {
@@ -144,7 +150,7 @@ class TestDelivery : public QObject
 private Q_SLOTS:
     void cleanup()
     {
-        lockError = moveError = flushError = flushes = 0;
+        lockError = moveError = flushError = flushes = journalFlushes = 0;
         isFlushHeld = false;
     }
     void backlogWaitsOnDiskAndAResetLosesNothing();
@@ -159,6 +165,7 @@ private Q_SLOTS:
     void unacknowledgedRecordsAreBoundedAndLastNumbersCount();
     void leftoversOfSeveralOwnersGoBackByAge();
     void leftoversOfOthersStay();
+    void leftoverThatGoesBackLaterIsSent();
     void recordThatCannotGoBackYetStays();
     void failuresAreSaidOnceAndTriedAgain();
     void whateverEntersTheSpoolIsFlushed();
@@ -247,6 +254,7 @@ void TestDelivery::othersFilesGoInTheirTurn()
     QCOMPARE(line.bench.spooled(), QStringList{u"0"_s});
     QVERIFY(QFile::remove(line.bench.spool + u"/0"_s));
 
+    line.bench.record("error", QString(256, u'n'), "a name that no file can have");
     line.bench.record("error", u"at once"_s, "");
     QTRY_COMPARE(line.peer.bodies.last(), "error");
     place.writeFile(u"spool/2"_s, "2");
@@ -256,8 +264,9 @@ void TestDelivery::othersFilesGoInTheirTurn()
 
 void TestDelivery::fileThatCannotLeaveTheSpool()
 {
-    // The full disk leaves room for no move; the last file may not be moved, and is sent again.
-    const std::pair<int, QString> rows[] = {{ENOSPC, u"g"_s}, {ENOSPC, u"f"_s}, {EPERM, u"g"_s}};
+    // The full disk leaves room for no move; what may not be moved is sent again.
+    const std::pair<int, QString> rows[] = {
+        {ENOSPC, u"g"_s}, {ENOSPC, u"f"_s}, {EPERM, u"g"_s}, {0, u"f"_s}};
     for (const auto &[error, next] : rows) {
         const int again = error == EPERM ? 1 : 0;
         Line line{acknowledged};
@@ -268,6 +277,7 @@ void TestDelivery::fileThatCannotLeaveTheSpool()
         QTRY_COMPARE(line.peer.bodies.size(), 1);
         moveError = 0;
         line.bench.record("error", next, next.toLatin1());
+        QVERIFY2(error != 0 || !line.bench.spooled().isEmpty(), "it overtakes a file of its name");
         line.peer.acknowledging = true;
         line.peer.acknowledge(1);
         QTRY_COMPARE(line.kept(), 0);
@@ -322,8 +332,8 @@ void TestDelivery::programThatAcknowledges()
 {
     QFETCH(const Program, program);
     const int again = program.again;
-    Line line{
-        acknowledged + "AcknowledgementTimeout=" + QByteArray::number(program.timeout) + '\n'};
+    Line line{acknowledged + "StatusFile=FOLDER/s.prom\nAcknowledgementTimeout="
+        + QByteArray::number(program.timeout) + '\n'};
     line.start();
     line.put(5);
     QTRY_COMPARE(line.peer.bodies.size(), 5);
@@ -341,21 +351,30 @@ void TestDelivery::programThatAcknowledges()
     QTRY_COMPARE(line.kept(), 0);
     QCOMPARE(line.peer.linkStarts.size(), again == 0 ? 1 : 2);
     QCOMPARE(line.ends(), program.said);
+    line.bench.module.reportEnd();
+    const QByteArray page = line.bench.place.readFile(u"s.prom"_s);
+    const QByteArray end = "_total{module=\"me\"} " + QByteArray::number(again) + '\n';
+    QVERIFY(page.contains("records_given_back" + end) && page.contains("records_repeated" + end));
+    QVERIFY2(journalFlushes < 10, "the same records are flushed again and again");
 }
 
 void TestDelivery::keepAlivesCountButEndNoLink()
 {
-    Line line{acknowledged + "AcknowledgementTimeout=1\nLiveMessageTimeout=1\n"};
+    Line line{acknowledged + "AcknowledgementTimeout=0\nLiveMessageTimeout=1\n"}; // 0 is 1
     line.bench.module.Start();
     QTRY_VERIFY(line.peer.bodies.size() >= 3);
     QCOMPARE(line.peer.bodies.count("live"), line.peer.bodies.size());
     QCOMPARE(line.peer.linkStarts.size(), 1);
+    const qint64 start = FileTime::ofClock(CLOCK_REALTIME);
     line.bench.record("error", u"f"_s, "");
     QTRY_VERIFY(line.peer.bodies.contains("error"));
     line.peer.acknowledge(3);
+    QTRY_VERIFY(!line.ends().isEmpty());
+    QVERIFY(FileTime::age(start) >= 1s);
     QTRY_VERIFY(line.peer.linkStarts.size() >= 3);
-    // Once for both.
+    // Once for both, until there is a fault of another kind.
     QCOMPARE(line.ends(), u"has acknowledged 3 records and no more in time"_s);
+    QTRY_VERIFY((line.peer.acknowledge(99), line.ends().contains(u"acknowledges 99 records"_s)));
     line.peer.acknowledging = true;
     QTRY_COMPARE(line.kept(), 0);
 }
@@ -454,6 +473,20 @@ void TestDelivery::leftoversOfOthersStay()
     }
 }
 
+void TestDelivery::leftoverThatGoesBackLaterIsSent()
+{
+    Line line;
+    const SpoolDirectory spool(line.bench.spool);
+    hold(*std::make_unique<SentFolder>(spool), "f", large);
+    std::optional<FileLimit> limit(50'000);
+    line.start();
+    limit.reset();
+    QTRY_COMPARE(line.peer.bodies, QByteArrayList{"error" + large});
+    QTRY_COMPARE(line.kept(), 0);
+    QMetaObject::invokeMethod(qApp, "aboutToQuit");
+    QCOMPARE(SentFolder::namesIn(spool), QStringList());
+}
+
 void TestDelivery::recordThatCannotGoBackYetStays()
 {
     for (const bool byItsOwner : {true, false}) {
@@ -544,6 +577,9 @@ void TestDelivery::whateverEntersTheSpoolIsFlushed()
     isFlushHeld = false;
     QTRY_COMPARE(flushes, 6);
     QTRY_VERIFY((keeper.stop(), SentFolder::namesIn(spool).isEmpty()));
+    keeper.start();
+    keeper.stop(); // what the first look gave back may not be on the disk either
+    QCOMPARE(SentFolder::namesIn(spool).size(), 1);
     flushError = EIO;
     write();
     QTRY_COMPARE(flushes, 8); // a failed one is repeated
