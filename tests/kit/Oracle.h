@@ -4,10 +4,10 @@
 
 #include <QByteArrayList>
 #include <QRandomGenerator>
+#include <QSet>
 #include <QString>
 
 #include <algorithm>
-#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -45,11 +45,15 @@ public:
     // The numbers below a limit that a peer has not got.
     [[nodiscard]] QList<int> missing(const QByteArrayList &bodies, int limit) const
     {
-        QList<int> numbers(limit);
-        std::iota(numbers.begin(), numbers.end(), 0);
+        QSet<int> numbers;
         for (const QByteArray &received : bodies)
-            numbers.removeOne(numberIn(received));
-        return numbers;
+            numbers.insert(numberIn(received));
+        QList<int> result;
+        for (int number = 0; number < limit; ++number) {
+            if (!numbers.contains(number))
+                result.append(number);
+        }
+        return result;
     }
     [[nodiscard]] bool areWhole(const QByteArrayList &bodies) const
     {
