@@ -47,12 +47,15 @@ void endLoopOnStopSignals(QObject *context)
 
 int stopSignal()
 {
+    if (endingSignal != 0)
+        return endingSignal;
     // One may have come since the event loop looked last.
     sigset_t waiting;
     sigemptyset(&waiting);
-    if (endingSignal == 0 && ::sigpending(&waiting) == 0)
-        for (const int signal : {SIGINT, SIGTERM})
-            if (sigismember(&waiting, signal) == 1)
-                endingSignal = signal;
-    return endingSignal;
+    ::sigpending(&waiting);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        if (sigismember(&waiting, signal) == 1)
+            return signal;
+    }
+    return 0;
 }

@@ -153,15 +153,18 @@ bool SentFolder::giveAllBack()
     const auto noteFailure = [&] {
         isDone = false;
         reason = errno;
-        return false;
     };
     const QSet<QString> names = heldFiles;
-    for (const QString &name : names)
-        std::ignore = giveBack(name) || noteFailure();
+    for (const QString &name : names) {
+        if (!giveBack(name))
+            noteFailure();
+    }
     quint64 givenBack = 0;
     const bool allRecords = ownJournal.forEach([&](const Journal::Entry &entry) {
-        if (!GiveBack::record(folder.get(), entry, spool))
-            return noteFailure();
+        if (!GiveBack::record(folder.get(), entry, spool)) {
+            noteFailure();
+            return false;
+        }
         givenBack = entry.end;
         return true;
     });
