@@ -19,8 +19,8 @@ public:
         : rest(bytes)
     {
     }
-    // Returns a field without copying it. A count that goes beyond the end consumes all that is left
-    // and returns an empty field.
+    // Returns a field without copying it. A count that goes beyond the end consumes all that is
+    // left and returns an empty field.
     QByteArray bytes()
     {
         const quint32 count = number();

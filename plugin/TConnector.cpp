@@ -385,7 +385,8 @@ void TConnector::tryToReleaseSenders()
     }
 }
 
-// The kernel has told the senders that it took the bytes in the sockets. Unread, they would be lost.
+// The kernel has told the senders that it took the bytes in the sockets. Unread, they would be
+// lost.
 void TConnector::readToEnd()
 {
     Q_ASSERT(thread() == QThread::currentThread());

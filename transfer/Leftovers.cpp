@@ -137,8 +137,8 @@ std::unique_ptr<Leftovers::Folder> Leftovers::openIfEnded(const QByteArray &name
 
 // --- back into the spool ---
 
-// Gives back the files first, so that setDoubtfulAside() finds all that a power cut may have damaged.
-// Records need no such check: a damaged one is not found in the journal.
+// Gives back the files first, so that setDoubtfulAside() finds all that a power cut may have
+// damaged. Records need no such check: a damaged one is not found in the journal.
 bool Leftovers::giveBack(const QByteArray &own, const NoteSynced &note)
 {
     const Folders folders = endedOwners(own);

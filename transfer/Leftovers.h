@@ -18,8 +18,9 @@
 // empty or cut short. Files that are newer than the time up to which the owner knew the disk to be
 // synced are set aside as refused.
 //
-// Thread:  any one thread at a time. requestStop() may be called on another one. giveBack() may take
-//          long: it reads the whole directory, and after a power cut checks every waiting file.
+// Thread:  any one thread at a time. requestStop() may be called on another one. giveBack() may
+//          take long: it reads the whole directory, and after a power cut checks every waiting
+//          file.
 // Errors:  what cannot be given back stays where it is; each problem is reported once.
 class Leftovers
 {

@@ -28,7 +28,8 @@ private:
     [[nodiscard]] bool holdsNoFile();
 
     const QByteArray path; // file system encoding
-    // The directory when it was found quiet. If it was settled, any change since shows in its times.
+    // The directory when it was found quiet. If it was settled, any change since shows in its
+    // times.
     struct stat quietState = {};
     bool isSettled = false;
     QSet<QByteArray> namesOfOthers; // folders and the like

@@ -16,7 +16,8 @@
 //
 // Thread:  the one that constructed it. Waiting for the spool's lock blocks it. Work that reads the
 //          whole directory runs on a thread of its own.
-// Errors:  what fails in giving back or flushing is reported once and tried again every few seconds.
+// Errors:  what fails in giving back or flushing is reported once and tried again every few
+//          seconds.
 class SpoolKeeper : public QObject
 {
     Q_OBJECT

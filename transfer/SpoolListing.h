@@ -53,8 +53,8 @@ private:
     void store(QByteArrayView key, QByteArrayView name);
     void dropLargerHalf();
 
-    // Texts hold entries: the key of a name, 0, the name unless it equals the key, 0. They are never
-    // reallocated, because `entries` points into them.
+    // Texts hold entries: the key of a name, 0, the name unless it equals the key, 0. They are
+    // never reallocated, because `entries` points into them.
     std::vector<std::string> texts;
     std::vector<const char *> entries;
     size_t next = 0; // of the entries

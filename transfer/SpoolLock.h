@@ -13,9 +13,9 @@ class SpoolDirectory;
 // The lock file of a spool directory, as seen by one waiting writer or reader.
 //
 // The lock file exists while a writer is at work. A lock file is stale, and removed, if it is older
-// than 30 seconds or, because clocks may differ, if the waiter has seen it unchanged for 30 seconds.
-// A writer that uses this class also holds the kernel's lock on its file while it lives, so the file
-// of a killed writer is removed almost at once.
+// than 30 seconds or, because clocks may differ, if the waiter has seen it unchanged for 30
+// seconds. A writer that uses this class also holds the kernel's lock on its file while it lives,
+// so the file of a killed writer is removed almost at once.
 //
 // Owner:   whoever waits, for one wait. The destructor releases an acquired lock.
 // Errors:  long waits and removed locks are each reported once.
@@ -30,7 +30,8 @@ public:
         Stuck // stale, but cannot be removed
     };
 
-    // Returns the time of the lock file, in nanoseconds since the epoch, or nullopt if there is none.
+    // Returns the time of the lock file, in nanoseconds since the epoch, or nullopt if there is
+    // none.
     [[nodiscard]] static std::optional<qint64> timeIn(const SpoolDirectory &spool);
 
     SpoolLock(const SpoolDirectory &spool, MessageSink report);

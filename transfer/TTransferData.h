@@ -26,10 +26,10 @@ struct TTransferData
 
 // Sends one file at a time to the peer and receives the peer's files.
 //
-// A file is compressed and cut into numbered packets. At a fixed pace each tick sends one
-// data packet or one status request; without one, PacedSender decides. The peer's engine answers a request with those of the recently sent packets that it
-// holds. Acknowledged packets leave the table; when the table is empty the file has arrived. There
-// is no limit on repetitions.
+// A file is compressed and cut into numbered packets. At a fixed pace each tick sends one data
+// packet or one status request; without one, PacedSender decides. The peer's engine answers a
+// request with those of the recently sent packets that it holds. Acknowledged packets leave the
+// table; when the table is empty the file has arrived. There is no limit on repetitions.
 //
 // Owner:   sends every SendData() packet to the peer as one datagram, and passes every datagram
 //          that arrives to ReceiveData().

@@ -12,8 +12,8 @@ class QLocalSocket;
 
 // The administration server's connection to one attached console: takes commands and sends events.
 //
-// Errors:  answers a line that is not a command with an "error". A console that does not read misses
-//          events, and is told their number when it reads again.
+// Errors:  answers a line that is not a command with an "error". A console that does not read
+//          misses events, and is told their number when it reads again.
 class ConsoleLink : public QObject
 {
     Q_OBJECT

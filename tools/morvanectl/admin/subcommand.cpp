@@ -49,12 +49,13 @@ The tool sends the COMMANDs among its arguments in order, as soon as the first m
 the named one, has connected. After "about" it waits for the answers, and after "quit"
 until the modules have ended. Then the console exits, unless --stay or --for is given.
 
-Commands on standard input wait until a module has connected. On a terminal you can edit a
-line; the arrow keys bring earlier lines back, and the Tab key completes words and names of
-modules. "exit" and Ctrl-D leave, "stop" asks first, unknown words are not sent, and "help"
-explains more. In a script the console stays after the end of standard input, until the
-time of --for is over or SIGINT or SIGTERM comes, and exits with status 0. The bus sockets are in the
-temporary folder, so TMPDIR must be the same for all processes on the bus.
+Commands on standard input wait until a module has connected. On a terminal you can
+edit a line; the arrow keys bring earlier lines back, and the Tab key completes words
+and names of modules. "exit" and Ctrl-D leave, "stop" asks first, unknown words are not
+sent, and "help" explains more. In a script the console stays after the end of standard
+input, until the time of --for is over or SIGINT or SIGTERM comes, and exits with
+status 0. The bus sockets are in the temporary folder, so TMPDIR must be the same for
+all processes on the bus.
 
 With --json each event is one line with a JSON object: time, event ("listening" or
 "attached", "connected", "renamed", "disconnected" or "action") and module, and for an

@@ -5,11 +5,11 @@
 #include <QList>
 #include <QString>
 
-// Finds the line of each setting in a file, which QSettings does not tell, and remarks on lines that
-// make no sense.
+// Finds the line of each setting in a file, which QSettings does not tell, and remarks on lines
+// that make no sense.
 //
-// The text is cut into lines as QSettings does it: an open quote or a backslash continues a value on
-// the next line, and a semicolon ends it. Values come from QSettings only, never from here.
+// The text is cut into lines as QSettings does it: an open quote or a backslash continues a value
+// on the next line, and a semicolon ends it. Values come from QSettings only, never from here.
 class SettingsText
 {
 public:

@@ -32,11 +32,12 @@ written. Up to 16 connections can be open at once.
 With --acknowledge each module is told which of its records are safe; a module with
 Acknowledgements=1 keeps a record until then. The receiver writes the records that have
 arrived (up to 1,000 or 8 MiB in one batch), flushes them to the disk under their final
-names, and then acknowledges them. So kills, power cuts, full disks and tunnels lose nothing, but a record
-that comes again after a lost link is stored twice. DIR/.index has a line for each record:
-number, link, bytes, digest (as b2sum --length=256 prints it) and file. Two lines with one
-digest but different links are a record that came twice, unless it was sent twice. An
-index of 64 MiB is renamed to .index.1, and a new one begins.
+names, and then acknowledges them. So kills, power cuts, full disks and tunnels lose
+nothing, but a record that comes again after a lost link is stored twice. DIR/.index
+has a line for each record: number, link, bytes, digest (as b2sum --length=256 prints
+it) and file. Two lines with one digest but different links are a record that came
+twice, unless it was sent twice. An index of 64 MiB is renamed to .index.1, and a new
+one begins.
 
 To rehearse an outage, --close-after N closes every connection after N of its records,
 and --stop-after N leaves it open, but stops reading it. --silence reports on standard

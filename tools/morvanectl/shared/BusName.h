@@ -17,8 +17,8 @@ class QLocalServer;
 // Returns the path of the socket file, which is in the folder TMPDIR or in /tmp.
 [[nodiscard]] QString busSocketPath(const QString &name);
 
-// Listens under a bus name, with permission for the user and the group. Removes a socket file that a
-// dead server has left behind, but nothing else. Returns why it cannot listen; empty on success.
+// Listens under a bus name, with permission for the user and the group. Removes a socket file that
+// a dead server has left behind, but nothing else. Returns why it cannot listen; empty on success.
 [[nodiscard]] QString listenOnBus(QLocalServer &server, const QString &name);
 // Listens again if somebody has removed the server's socket file. Connections stay. Returns why it
 // cannot listen; empty on success.
