@@ -1,33 +1,29 @@
 #pragma once
 
-#include "TLog.h"
+#include "Workplace.h"
 
-#include <QByteArray>
 #include <QCoreApplication>
-#include <QDir>
-#include <QTemporaryDir>
 
 #include <cstdlib>
 
 // The environment of every fuzzer: an application, a log that writes nothing, and a temporary
 // folder that is also the working directory.
-struct Fuzzing
+struct Fuzzing : Folder
 {
     Fuzzing()
     {
-        qputenv("TMPDIR", folder.path().toLocal8Bit());
+        qputenv("TMPDIR", path().toLocal8Bit());
         qunsetenv("XDG_RUNTIME_DIR");
         qputenv("QT_LOGGING_RULES", "*=false");
-        QDir::setCurrent(folder.path());
+        QDir::setCurrent(path());
         pLog = &log;
     }
 
     int argc = 1;
     char name[5] = "fuzz";
     char *argv[2] = {name, nullptr};
-    QTemporaryDir folder;
     QCoreApplication application{argc, argv};
-    TLog log{QStringLiteral("fuzz")};
+    TLog log{u"fuzz"_s};
 };
 
 // Aborts unless `claim` holds, whatever the input was.

@@ -7,25 +7,6 @@
 
 namespace {
 
-void readDataRecord(const QByteArray &bytes)
-{
-    const DataRecord record = DataRecord::read(bytes);
-    const QByteArray written = record.write();
-    const DataRecord again = DataRecord::read(written);
-    require(again.kind == record.kind && again.fileName == record.fileName
-        && again.payload == record.payload);
-}
-
-void readBusFrame(const QByteArray &bytes)
-{
-    BusFrame frame, same;
-    frame.read(bytes);
-    same.takeOver(bytes);
-    require(frame.name.size() + frame.message.size() + frame.data.size() <= bytes.size());
-    require(frame.kind == same.kind && frame.name == same.name && frame.message == same.message
-        && frame.data == same.data && frame.id == same.id);
-}
-
 // Returns what the reader finds in a link's bytes, written again.
 QByteArray rewritten(const QByteArray &bytes, auto &reader, auto write)
 {
@@ -44,8 +25,17 @@ QByteArray rewritten(const QByteArray &bytes, auto &reader, auto write)
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const QByteArray bytes = bytesOf(data, size);
-    readDataRecord(bytes);
-    readBusFrame(bytes);
+    const DataRecord record = DataRecord::read(bytes);
+    const QByteArray written = record.write();
+    const DataRecord again = DataRecord::read(written);
+    require(again.kind == record.kind && again.fileName == record.fileName
+        && again.payload == record.payload);
+    BusFrame frame, same;
+    frame.read(bytes);
+    same.takeOver(bytes);
+    require(frame.name.size() + frame.message.size() + frame.data.size() <= bytes.size());
+    require(frame.kind == same.kind && frame.name == same.name && frame.message == same.message
+        && frame.data == same.data && frame.id == same.id);
     LinkRecord::Reader records(1'000);
     require(bytes.startsWith(rewritten(bytes, records, LinkRecord::make)));
     require(records.refusedLength() == 0 || records.refusedLength() > 1'000);

@@ -2,19 +2,13 @@
 #include "Fuzzing.h"
 #include "Morvane.h"
 
-#include <QFile>
-
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     static Fuzzing fuzzing;
     // Settings may put the log anywhere, but a fuzzer must not write outside its folder.
     QByteArray bytes = bytesOf(data, size);
     bytes.replace('/', '|').replace('\\', '|').replace('%', '|');
-    QFile file(fuzzing.folder.filePath(QStringLiteral("m.ini")));
-    require(file.open(QFile::WriteOnly) && file.write(bytes) == bytes.size());
-    file.close();
-    Morvane().LoadSettings(file.fileName());
-    file.remove();
+    Morvane().LoadSettings(fuzzing.writeFile(u"m.ini"_s, bytes));
     QFile::remove(pLog->filePath());
     delete std::exchange(pLog, &fuzzing.log);
     return 0;
