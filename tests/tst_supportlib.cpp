@@ -1,10 +1,5 @@
-#include "DataBase.h"
 #include "Settings.h"
 #include "Workplace.h"
-
-#include <QSettings>
-#include <QSqlDatabase>
-#include <QSqlError>
 
 #include <unistd.h>
 
@@ -31,12 +26,9 @@ class TestSupportLib : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void entriesStayOnOneLineAndTheBadOnesAreObserved();
-    void logNameGivesPath();
-    void logSurvivesRotation();
+    void logFollowsItsName();
     void logThatCannotBeWrittenIsNamedOncePerFailure();
-    void unknownKeysAreNamedAndTheFileIsLeftAlone();
-    void templatesOfEndedProcessesAreRemoved();
-    void databaseOpensOrSaysWhy();
+    void defaultFilesHaveTheirPlaces();
 };
 
 void TestSupportLib::entriesStayOnOneLineAndTheBadOnesAreObserved()
@@ -60,7 +52,7 @@ void TestSupportLib::entriesStayOnOneLineAndTheBadOnesAreObserved()
         qPrintable(stamp));
 }
 
-void TestSupportLib::logNameGivesPath()
+void TestSupportLib::logFollowsItsName()
 {
     pLog->Message(u"before the settings are loaded, nobody hears it"_s);
     QVERIFY(!QFile::exists(pLog->filePath()));
@@ -68,21 +60,26 @@ void TestSupportLib::logNameGivesPath()
     QCOMPARE(TLog(u"a.b"_s).filePath(), QDir::current().filePath(u"a.b.log"_s));
     QCOMPARE(TLog(u"sub/x"_s).filePath(), QDir::current().filePath(u"sub/x.log"_s));
     QCOMPARE(TLog(u"/var/log/m.txt"_s).filePath(), u"/var/log/m.txt"_s);
-}
 
-void TestSupportLib::logSurvivesRotation()
-{
     const Workplace place;
-    const QString log = place.path(u"test.log"_s);
-    pLog->Message(u"first"_s);
-    QVERIFY(QFile::rename(log, log + u".1"_s));
-    pLog->Message(u"second"_s);
-    QVERIFY(QFile::rename(log, log + u".2"_s));
-    place.writeFile(log, "");
-    pLog->Message(u"third"_s);
-    TLog ofAnotherStart(log);
-    ofAnotherStart.Enabled(true);
-    ofAnotherStart.Message(u"fourth"_s);
+    const QString path = place.path(u"test.log"_s);
+    const auto openFiles = [] { return QDir(u"/proc/self/fd"_s).count(); };
+    const auto filesBefore = openFiles();
+    {
+        TLog log(path);
+        log.Enabled(true);
+        log.Message(u"first"_s);
+        QVERIFY(QFile::rename(path, path + u".1"_s));
+        log.Message(u"second"_s);
+        QVERIFY(QFile::rename(path, path + u".2"_s));
+        place.writeFile(path, "");
+        log.Message(u"third"_s);
+        QCOMPARE(openFiles(), filesBefore + 1);
+        log.Reopen();
+        QCOMPARE(openFiles(), filesBefore);
+        log.Message(u"fourth"_s);
+    }
+    QCOMPARE(openFiles(), filesBefore);
     QCOMPARE(place.logged(), QStringList({u"third"_s, u"fourth"_s}));
 }
 
@@ -111,58 +108,29 @@ void TestSupportLib::logThatCannotBeWrittenIsNamedOncePerFailure()
         QVERIFY(printed(place, [&] { journal.Message(u"unheard"_s); }).endsWith(" unheard\n"));
 }
 
-void TestSupportLib::unknownKeysAreNamedAndTheFileIsLeftAlone()
+void TestSupportLib::defaultFilesHaveTheirPlaces()
 {
     const Workplace place;
-    const QByteArray written = "; mine\n[Main]\nProt0col=UDP\nPort=1\nhost=x\n[Other]\nFree=1\n";
-    const QString file = place.writeFile(u"a.ini"_s, written);
-    QSettings settings(file, QSettings::IniFormat);
-    QSettings known(place.writeFile(u"known.ini"_s, "[Main]\nProtocol=\nPort=0\nHost=\n"),
-        QSettings::IniFormat);
-    rebuildSettingsByTemplate(settings, known);
-    QCOMPARE(settings.value(u"Main/Port"_s).toString(), u"1"_s);
-    settings.sync();
-    QCOMPARE(place.readFile(u"a.ini"_s), written);
-    const QString said = u"Unknown key \"%1\" in group [Main] of %2: it has no effect"_s;
-    QCOMPARE(
-        place.logged(), QStringList({said.arg(u"Prot0col"_s, file), said.arg(u"host"_s, file)}));
-}
+    const QString beside = QCoreApplication::applicationFilePath() + u".ini"_s;
+    QVERIFY(getIniNameDefault(false) != beside);
+    place.writeFile(beside, "");
+    QCOMPARE(getIniNameDefault(false), beside);
+    QVERIFY(QFile::remove(beside));
 
-void TestSupportLib::templatesOfEndedProcessesAreRemoved()
-{
-    const Workplace place;
+    const Folder runtime;
+    qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
+    QCOMPARE(QFileInfo(getIniNameDefault(true)).path(), runtime.path());
     qputenv("XDG_RUNTIME_DIR", "");
     const QString own = getIniNameDefault(true);
+    QCOMPARE(QFileInfo(own).path(), place.path());
     const auto templateOf = [&](int id) {
         const auto end = u"-%1.ini"_s;
         return place.writeFile(QString(own).replace(end.arg(::getpid()), end.arg(id)), "");
     };
+    templateOf(::getpid());
     const QString living = templateOf(1), left = templateOf(4'194'304); // above every process id
     QCOMPARE(getIniNameDefault(true), own);
-    QCOMPARE(QFileInfo(own).absolutePath(), place.path());
-    QVERIFY(!QFile::exists(left) && QFile::exists(living));
-}
-
-void TestSupportLib::databaseOpensOrSaysWhy()
-{
-    const Workplace place;
-    const QString file = place.path(u"data.sqlite"_s), unnamed = place.path(u"unnamed.sqlite"_s);
-    const QByteArray lines = "[Good]\nHost=host\nPort=77\nUser=user\nPassword=secret\nName=";
-    QSettings settings(
-        place.writeFile(u"db.ini"_s, lines + file.toUtf8() + "\n[Bad]\nDriver=QNOSUCH\n"),
-        QSettings::IniFormat);
-    QString connection = u"records"_s, standard;
-    if (QSqlDatabase::isDriverAvailable(u"QSQLITE"_s)) {
-        QVERIFY(!openDataBaseBySettings(connection, settings, u"Good"_s, u"records"_s).isValid());
-        const QSqlDatabase opened = QSqlDatabase::database(connection);
-        QCOMPARE(u"%1 %2 %3 %4 %5"_s.arg(opened.databaseName(), opened.hostName(),
-                     opened.userName(), opened.password(), QString::number(opened.port())),
-            file + u" host user secret 77"_s);
-        QVERIFY(!openDataBaseBySettings(standard, settings, u"None"_s, unnamed).isValid());
-        QCOMPARE(QSqlDatabase::database().databaseName(), unnamed);
-    }
-    QVERIFY(openDataBaseBySettings(connection, settings, u"Bad"_s, u"records"_s).isValid());
-    QVERIFY(!QSqlDatabase::contains(connection));
+    QVERIFY(!QFile::exists(left) && QFile::exists(living) && QFile::exists(own));
 }
 
 QTEST_GUILESS_MAIN(TestSupportLib)

@@ -2,10 +2,8 @@
 
 #include <QRegularExpression>
 
-namespace {
-
 // What a translation must keep: the white space at the end and, in any order, the places of values.
-QStringList fixedParts(const QString &text)
+static QStringList fixedParts(const QString &text)
 {
     QStringList parts;
     for (const auto &match : QRegularExpression(u"%\\d|\\s+$"_s).globalMatch(text))
@@ -13,8 +11,6 @@ QStringList fixedParts(const QString &text)
     parts.sort();
     return parts;
 }
-
-} // namespace
 
 class TestTranslation : public QObject
 {

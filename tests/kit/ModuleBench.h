@@ -1,14 +1,8 @@
 #pragma once
 
 #include "BusEnds.h"
-#include "DataRecord.h"
 #include "Morvane.h"
-#include "TConnector.h"
 #include "Workplace.h"
-
-#include <QAbstractEventDispatcher>
-#include <QCoreApplication>
-#include <QTimerEvent>
 
 // A module with an administration server, its settings file and its spool.
 class ModuleBench
@@ -22,10 +16,7 @@ public:
             "[Base]\nLog=1\nLogName=" + place.path(u"test.log"_s).toUtf8()
                 + "\nAdminServerName=admin\nServerName=me\n[Main]\nTempDir=" + spool.toUtf8() + '\n'
                 + mainLines));
-        auto *bus = module.findChild<TConnector *>();
-        QAbstractEventDispatcher::instance()->unregisterTimers(bus); // this pass is the only one
-        QTimerEvent event(1);
-        QCoreApplication::sendEvent(bus, &event);
+        passOf(*module.findChild<TConnector *>());
     }
 
     void command(const char *name, const QByteArray &data = {}, int id = 1)
@@ -43,12 +34,8 @@ public:
     // The messages of all "InData" actions.
     [[nodiscard]] QStringList reports() const
     {
-        QStringList texts;
-        for (const BusFrame &frame : admin.frames()) {
-            if (frame.name == "InData" && frame.data.isEmpty() && frame.id == -1)
-                texts.append(QString::fromUtf8(frame.message));
-        }
-        return texts;
+        const QRegularExpression action(u"^202 InData (.*)  -1$"_s);
+        return admin.heard().filter(action).replaceInStrings(action, u"\\1"_s);
     }
 
     [[nodiscard]] QStringList spooled() const
