@@ -354,10 +354,10 @@ void TConnector::SlotNewData(TMyLocalSocket *socket)
 
 // Returns whether the socket must not be read now. Begins to hold the senders back when too much
 // waits for the administration server. Never holds back that server's own commands: one of them may
-// switch a watch off.
+// switch a watch off. Holds back nobody in the last read either: no other read follows.
 bool TConnector::holdBack(const TMyLocalSocket *socket)
 {
-    if (socket == adminConnection)
+    if (socket == adminConnection || isLastRead)
         return false;
     if (!holdsSenders && adminConnection->isOpen() && !adminConnection->stalled
         && adminConnection->bytesToWrite() > softUnreadBytes) {
@@ -392,6 +392,7 @@ void TConnector::readToEnd()
     Q_ASSERT(thread() == QThread::currentThread());
     Q_ASSERT(!isReading());
     const QDeadlineTimer deadline(maxFinalReadTime);
+    isLastRead = true;
     // Nobody can connect from here on, and the server closes itself after it has accepted those who
     // already have. A client that connected between a last check and a close would be lost.
     if (server->isListening())

@@ -176,6 +176,7 @@ private:
     // The other connections are not read until the administration server has read its backlog,
     // which their frames would make longer.
     bool holdsSenders = false;
+    bool isLastRead = false; // nobody is held back any more
     QTimer holdTimer;
 
 public:
