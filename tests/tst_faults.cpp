@@ -25,18 +25,6 @@ const int kills = std::max(qEnvironmentVariableIntValue("MORVANE_KILLS"), 6);
 // Of records of the bus that a peer reads at once, for one kill: what 25 milliseconds can hold.
 constexpr int killDuplicates = 2'500;
 
-// The content of the numbered records of a folder, in order.
-QByteArrayList recordsIn(
-    const QString &folder, QDirIterator::IteratorFlags flags = QDirIterator::Subdirectories)
-{
-    QByteArrayList records;
-    for (const auto [name, content] : keptRecords(folder, flags).asKeyValueRange()) {
-        if (name.size() == 6 && name.front().isDigit())
-            records.append(content);
-    }
-    return records;
-}
-
 // What the peer of a row does, as bits.
 constexpr int reads = 0, stopsReading = 1, resets = 2, acknowledges = 4, isAway = 8;
 

@@ -33,6 +33,18 @@ inline QMultiMap<QString, QByteArray> keptRecords(
     return records;
 }
 
+// The content of the numbered records of a folder, in order.
+inline QByteArrayList recordsIn(
+    const QString &folder, QDirIterator::IteratorFlags flags = QDirIterator::Subdirectories)
+{
+    QByteArrayList records;
+    for (const auto [name, content] : keptRecords(folder, flags).asKeyValueRange()) {
+        if (name.size() == 6 && name.front().isDigit())
+            records.append(content);
+    }
+    return records;
+}
+
 // Has the journals of a spool seem to be from before the last start of the system; how many.
 [[nodiscard]] inline int ageJournals(
     const QString &spool, const QByteArrayList &identity = {Journal::here().boot})
