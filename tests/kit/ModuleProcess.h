@@ -1,14 +1,12 @@
 #pragma once
 
+#include "Program.h"
 #include "Workplace.h"
-
-#include <QCoreApplication>
-#include <QProcess>
 
 #include <unistd.h>
 
 // A module process with a folder of its own, which is also its bus.
-class ModuleProcess : public QProcess
+class ModuleProcess : public Program
 {
 public:
     ModuleProcess()
@@ -41,12 +39,7 @@ public:
         setProcessEnvironment(environment);
     }
 
-    void startWith(const QStringList &arguments)
-    {
-        start(QCoreApplication::applicationDirPath() + u"/morvane"_s, arguments);
-        if (!waitForStarted())
-            qFatal("morvane does not start");
-    }
+    void startWith(const QStringList &arguments) { run(u"morvane"_s, arguments); }
 
     // Puts a record into the spool as the other users of the directory do.
     void record(const char *kind, const QString &name, const QByteArray &payload) const

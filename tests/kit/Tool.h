@@ -1,29 +1,10 @@
 #pragma once
 
-#include "Waiting.h"
+#include "Program.h"
 
-#include <QCoreApplication>
 #include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
-
-#include <csignal>
-
-// A process that does not outlive its test.
-struct Program : QProcess
-{
-    ~Program() override
-    {
-        kill();
-        waitForFinished();
-    }
-    // -1 while it runs, or if it did not end by itself.
-    [[nodiscard]] int status() const
-    {
-        return state() == NotRunning && exitStatus() == NormalExit ? exitCode() : -1;
-    }
-};
 
 // The tool in the temporary folder, which a Workplace sets; gathers what it says.
 class Tool : public Program
@@ -32,9 +13,7 @@ public:
     explicit Tool(const QString &arguments)
     {
         setWorkingDirectory(QDir::tempPath());
-        start(QCoreApplication::applicationDirPath() + u"/morvanectl"_s, splitCommand(arguments));
-        if (!waitForStarted())
-            qFatal("morvanectl does not start");
+        run(u"morvanectl"_s, splitCommand(arguments));
     }
     [[nodiscard]] bool says(const char *text) { return gathered(said).contains(text); }
     [[nodiscard]] bool complains(const char *text) { return gathered(complaints).contains(text); }
@@ -43,7 +22,6 @@ public:
     {
         return ends(wanted, complaints, text);
     }
-    void raise(int signal) const { ::kill(pid_t(processId()), signal); }
     // Of a receiver, as it says in its first line.
     [[nodiscard]] quint16 port()
     {
