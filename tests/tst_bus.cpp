@@ -99,7 +99,7 @@ private Q_SLOTS:
     void framesThatEndEarlyOrLieReadAsEmptyFields();
     void connectionsComeUpInOrder();
     void framesHaveTheseBytesAndArriveInAnyPieces();
-    void framesOfAnySizeArriveWhole();
+    void framesOfAnySizeArriveWholeUntilTheConnectionIsClosed();
     void lengthsAreBounded();
     void dataGoesToWhomItIsForAndLostConnectionsComeBack();
     void watchModeMirrorsDataToAServerThatReads();
@@ -154,20 +154,20 @@ void TestBus::connectionsComeUpInOrder()
     const QString folder = bench.place.makeFolder(u"me"_s);
     bench.start({u"late"_s, u"a"_s, u"b"_s}, 0);
     bench.pass();
-    const QString greeting = u"200 me   0"_s;
-    QTRY_COMPARE(b.heard(), QStringList{greeting});
+    const QStringList greeting = {u"200 me   0"_s};
+    QTRY_VERIFY(a.heard() == greeting && b.heard() == greeting);
     const BusServer late(u"late"_s);
     // A connection is lost inside a pass, before the pass comes to it.
     const auto &sockets = bench.bus().outgoing();
     connect(sockets.at(0), &QLocalSocket::connected, sockets.at(1), &QLocalSocket::abort);
     bench.pass();
-    QTRY_COMPARE(late.heard(), QStringList{greeting});
     QCOMPARE(bench.outgoingNames(), u"late,b,a"_s);
     bench.pass();
-    QTRY_COMPARE(a.heard(), QStringList({greeting, greeting}));
+    QTRY_COMPARE(a.heard(), greeting + greeting);
     QVERIFY(bench.admin.sockets.isEmpty());
     bench.pass();
-    QTRY_COMPARE(bench.admin.heard(), QStringList{greeting});
+    QTRY_COMPARE(bench.admin.heard(), greeting);
+    QVERIFY(b.heard() == greeting && late.heard() == greeting);
     bench.pass(); // cannot listen: there is a folder of that name
     QVERIFY(QDir().rmdir(folder));
     bench.place.writeFile(u"me"_s, ""); // left by a kill
@@ -207,7 +207,7 @@ void TestBus::framesHaveTheseBytesAndArriveInAnyPieces()
     QVERIFY(bench.bus().incoming().isEmpty());
 }
 
-void TestBus::framesOfAnySizeArriveWhole()
+void TestBus::framesOfAnySizeArriveWholeUntilTheConnectionIsClosed()
 {
     QByteArray stream, heard;
     for (const int size : {1, 16'378, 16'379, 16'380, 3, 300'001, 40'000, 16'375, 900'000})
@@ -223,6 +223,14 @@ void TestBus::framesOfAnySizeArriveWhole()
     });
     QTRY_COMPARE(heard.size(), 20 * stream.size());
     QVERIFY(heard == stream.repeated(20));
+
+    BusClient closed(u"me"_s);
+    connect(
+        &bench.bus(), &TConnector::NewData, this, [](auto, auto, auto *from) { from->abort(); });
+    closed.send(dataFrame(1, "first") + dataFrame(1, "second"));
+    QTRY_COMPARE(closed.state(), QLocalSocket::UnconnectedState);
+    QVERIFY(heard.endsWith(dataFrame(1, "first")));
+    QVERIFY(bench.bus().incoming().isEmpty());
 }
 
 void TestBus::lengthsAreBounded()
@@ -241,16 +249,6 @@ void TestBus::lengthsAreBounded()
     QCOMPARE(take("02faf081", 1), std::pair(false, false));
     QCOMPARE(take("02faf081", 50'000'001), std::pair(true, true)); // it was there already
     QCOMPARE(take("80000000", 0), std::pair(true, true));
-
-    Bench bench;
-    bench.start();
-    BusClient closed(u"me"_s);
-    connect(
-        &bench.bus(), &TConnector::NewData, this, [](auto, auto, auto *from) { from->abort(); });
-    closed.send(dataFrame(1, "first") + dataFrame(1, "second"));
-    QTRY_COMPARE(closed.state(), QLocalSocket::UnconnectedState);
-    QCOMPARE(bench.heard.size(), 1);
-    QVERIFY(bench.bus().incoming().isEmpty());
 }
 
 void TestBus::dataGoesToWhomItIsForAndLostConnectionsComeBack()
@@ -334,7 +332,8 @@ void TestBus::administrationServerThatNeverReadsCostsBoundedMemory()
         QVERIFY(bench.heard.size() < 25);
         if (isLastRead)
             bench.bus().readToEnd();
-        bench.bus().setPatience(100ms);
+        else
+            bench.bus().setPatience(100ms);
         QTRY_COMPARE(bench.heard.size(), 31);
         QVERIFY(isLastRead || bench.bus().adminConnection->bytesToWrite() < 20'000'000);
         bench.admin.dropConnections();
@@ -442,8 +441,7 @@ void TestBus::databaseOpensOrSaysWhy()
         QCOMPARE(opened(QString(), u"None"_s), other + u"    -1"_s);
     }
     QCOMPARE(opened(u"records"_s, u"Bad"_s), u"none"_s);
-    QCOMPARE(bench.place.logged().join(u'|'),
-        u"Cannot open database %1: Driver not loaded Driver not loaded"_s.arg(other));
+    QVERIFY(bench.place.logged().value(0).startsWith(u"Cannot open database %1: "_s.arg(other)));
 }
 
 QTEST_GUILESS_MAIN(TestBus)

@@ -141,36 +141,35 @@ void TestModule::monitorNotesChangesOfTheLinkAndTheRate()
     TConnector bus(nullptr);
     Monitor monitor(bus);
     Status &status = monitor.status;
-    QElapsedTimer time;
-    time.start();
+    qint64 sent = 0;
     monitor.start(SpoolDirectory(place.path()),
-        [](Status &filled) { filled.udp = TransferCounters{.bytesSent = 1'000'000}; });
+        [&](Status &filled) { filled.udp = TransferCounters{.bytesSent = sent += 1'000'000}; });
     monitor.linkDown();
     QCOMPARE(status.lastError, QString()); // it was not up
-    status.linkChangedAt = 0;
+    QVERIFY(std::exchange(status.linkChangedAt, 0) > 0);
     monitor.linkUp();
     QVERIFY(std::exchange(status.linkChangedAt, 0) > 0);
     monitor.linkDown();
     QVERIFY(status.linkChangedAt > 0);
     QCOMPARE(status.lastError, u"The link to  is down"_s);
-    QTRY_VERIFY(time.elapsed() > 1);
+
+    monitor.linkUp();
+    QTest::qSleep(50); // before the time of the last rate
+    QElapsedTimer time;
+    time.start();
+    monitor.stop();
+    QVERIFY(!status.isLinkUp && !status.isRunning);
+    QTest::qSleep(2);
     monitor.stop();
     QVERIFY(status.udpRate * double(time.elapsed() + 1) >= 1e9); // milliseconds
 }
 
-// Compares the page without its comments and what every line has. Both protocols begin alike.
-static void comparePage(const Status &status, const QString &expected)
+// Compares the end of the page, without its comments and what every line has.
+static void compareEnd(const Status &status, const QString &expected)
 {
-    const QString common = uR"(info{version="",protocol="",peer=""} 1 up 1 start_time_seconds 12
-        last_error_time_seconds{error="\"\\\n"} 13 records_accepted 1 bytes_accepted 10
-        records_refused{reason="kind"} 2 records_refused{reason="protocol"} 3
-        records_refused{reason="lock"} 4 records_refused{reason="file"} 5
-        bytes_refused{reason="kind"} 20 bytes_refused{reason="protocol"} 30
-        bytes_refused{reason="lock"} 40 bytes_refused{reason="file"} 50 )"_s;
     const QRegularExpression frame(uR"(# .*\n|morvane_|\{module=""\}|module="",|_total)"_s);
-    const QString page = QString::fromUtf8(status.toPrometheus(1'000)).remove(frame);
-    const QRegularExpression end(u"(?<=\\d) "_s); // of a metric
-    QCOMPARE(page.simplified().split(end), (common + expected).simplified().split(end));
+    const QString page = QString::fromUtf8(status.toPrometheus(1'000)).remove(frame).simplified();
+    QCOMPARE(page.right(expected.simplified().size()), expected.simplified());
 }
 
 void TestModule::statusPageShowsEveryFigure()
@@ -186,15 +185,21 @@ void TestModule::statusPageShowsEveryFigure()
     status.linkChangedAt = 14;
     status.unacknowledged = {10, 100};
     status.acknowledgedNumber = 11;
-    comparePage(status, uR"(waiting_files 2 waiting_bytes 12345678
-        waiting_oldest_age_seconds 10 link_up 1 link_change_time_seconds 14 records_sent 6
-        bytes_sent 60 records_acknowledged 7 bytes_acknowledged 70 records_given_back 8
-        bytes_given_back 80 records_repeated 9 bytes_repeated 90 unacknowledged_records 10
+    compareEnd(status, uR"(info{version="",protocol="",peer=""} 1 up 1 start_time_seconds 12
+        last_error_time_seconds{error="\"\\\n"} 13 records_accepted 1 bytes_accepted 10
+        records_refused{reason="kind"} 2 records_refused{reason="protocol"} 3
+        records_refused{reason="lock"} 4 records_refused{reason="file"} 5
+        bytes_refused{reason="kind"} 20 bytes_refused{reason="protocol"} 30
+        bytes_refused{reason="lock"} 40 bytes_refused{reason="file"} 50
+        waiting_files 2 waiting_bytes 12345678 waiting_oldest_age_seconds 10
+        link_up 1 link_change_time_seconds 14 records_sent 6 bytes_sent 60
+        records_acknowledged 7 bytes_acknowledged 70 records_given_back 8 bytes_given_back 80
+        records_repeated 9 bytes_repeated 90 unacknowledged_records 10
         unacknowledged_bytes 100 acknowledged_number 11)"_s);
     status.waiting = {};
     status.udp = {21, 22, 23, 24, 25, 26, 27};
     status.udpRate = 0.5;
-    comparePage(status, uR"(waiting_files 0 waiting_bytes 0 waiting_oldest_age_seconds 0
+    compareEnd(status, uR"(waiting_files 0 waiting_bytes 0 waiting_oldest_age_seconds 0
         udp_bytes_per_second 0.5 udp_bytes_sent 23 udp_packets_sent 21 udp_packets_repeated 22
         udp_files_delivered 24 udp_files_refused 25 udp_files_received 26
         udp_last_answer_time_seconds 27)"_s);
