@@ -28,7 +28,7 @@ private Q_SLOTS:
     void entriesStayOnOneLineAndTheBadOnesAreObserved();
     void logFollowsItsName();
     void logThatCannotBeWrittenIsNamedOncePerFailure();
-    void defaultFilesHaveTheirPlaces();
+    void templatesOfEndedProcessesAreRemoved();
 };
 
 void TestSupportLib::entriesStayOnOneLineAndTheBadOnesAreObserved()
@@ -101,15 +101,9 @@ void TestSupportLib::logThatCannotBeWrittenIsNamedOncePerFailure()
         QVERIFY(printed(place, [&] { journal.Message(u"unheard"_s); }).endsWith(" unheard\n"));
 }
 
-void TestSupportLib::defaultFilesHaveTheirPlaces()
+void TestSupportLib::templatesOfEndedProcessesAreRemoved()
 {
     const Workplace place;
-    const QString beside = QCoreApplication::applicationFilePath() + u".ini"_s;
-    QVERIFY(getIniNameDefault(false) != beside);
-    place.writeFile(beside, "");
-    QCOMPARE(getIniNameDefault(false), beside);
-    QVERIFY(QFile::remove(beside));
-
     const Folder runtime;
     qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8());
     QCOMPARE(QFileInfo(getIniNameDefault(true)).path(), runtime.path());

@@ -1,7 +1,5 @@
 #include "ModuleProcess.h"
 
-#include <QRegularExpression>
-
 // What a translation must keep: the white space at the end and, in any order, the places of values.
 static QStringList fixedParts(const QString &text)
 {
