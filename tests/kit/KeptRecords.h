@@ -50,13 +50,11 @@ inline QByteArrayList recordsIn(
     const QString &spool, const QByteArrayList &identity = {Journal::here().boot})
 {
     int count = 0;
-    for (QDirIterator it(spool, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    for (QDirIterator it(spool, {QLatin1StringView(SpoolLayout::journalFile)},
+             QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
          it.hasNext();) {
         QFile file(it.next());
-        if (it.fileName() != QLatin1StringView(SpoolLayout::journalFile)
-            || !file.open(QIODevice::ReadWrite))
-            continue;
-        const QByteArray head = file.read(4'096);
+        const QByteArray head = file.open(QIODevice::ReadWrite) ? file.read(4'096) : "";
         count += std::all_of(identity.begin(), identity.end(), [&](const QByteArray &id) {
             return file.seek(head.indexOf(id)) && file.write("another") > 0;
         });

@@ -8,6 +8,7 @@
 #include <QString>
 
 #include <algorithm>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -45,15 +46,11 @@ public:
     // The numbers below a limit that a peer has not got.
     [[nodiscard]] QList<int> missing(const QByteArrayList &bodies, int limit) const
     {
-        QSet<int> numbers;
-        for (const QByteArray &received : bodies)
-            numbers.insert(numberIn(received));
-        QList<int> result;
-        for (int number = 0; number < limit; ++number) {
-            if (!numbers.contains(number))
-                result.append(number);
-        }
-        return result;
+        const QSet<QByteArray> received(bodies.begin(), bodies.end());
+        QList<int> numbers(limit);
+        std::iota(numbers.begin(), numbers.end(), 0);
+        numbers.removeIf([&](int number) { return received.contains(body(number)); });
+        return numbers;
     }
     [[nodiscard]] bool areWhole(const QByteArrayList &bodies) const
     {
