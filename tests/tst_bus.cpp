@@ -171,11 +171,14 @@ void TestBus::connectionsComeUpInOrder()
     bench.pass(); // cannot listen: there is a folder of that name
     QVERIFY(QDir().rmdir(folder));
     bench.place.writeFile(u"me"_s, ""); // left by a kill
+    bench.admin.dropConnections();
+    QTRY_COMPARE(bench.bus().absentAdmin(), u"admin"_s);
     bench.pass();
     QCOMPARE(bench.place.logged().join(u'|'),
         u"Connnection Out Error: late QLocalSocket::connectToServer: Invalid name|%1|%1|%1|"
         "Connnection Disconnect: a|%1|%1|Start Error: QLocalServer::listen: Address in use|"
-        "Start server: me Ok!!!! "_s.arg(u"New Out Connnection"_s));
+        "Admin connection is closed. Stopping application.|%1|Start server: me Ok!!!! "_s.arg(
+            u"New Out Connnection"_s));
 }
 
 void TestBus::framesHaveTheseBytesAndArriveInAnyPieces()
@@ -230,7 +233,6 @@ void TestBus::framesOfAnySizeArriveWholeUntilTheConnectionIsClosed()
     closed.send(dataFrame(1, "first") + dataFrame(1, "second"));
     QTRY_COMPARE(closed.state(), QLocalSocket::UnconnectedState);
     QVERIFY(heard.endsWith(dataFrame(1, "first")));
-    QVERIFY(bench.bus().incoming().isEmpty());
 }
 
 void TestBus::lengthsAreBounded()
@@ -277,7 +279,6 @@ void TestBus::dataGoesToWhomItIsForAndLostConnectionsComeBack()
 
     bench.admin.dropConnections();
     QTRY_COMPARE(bench.bus().absentAdmin(), u"admin"_s);
-    QCOMPARE(bench.place.logged().last(), u"Admin connection is closed. Stopping application."_s);
     bench.pass(); // after the start a missing server holds up nobody else
     QCOMPARE(bench.bus().absentAdmin(), QString());
     gone.emplace(u"gone"_s);
@@ -350,9 +351,7 @@ void TestBus::droppedFramesAreCountedForEveryPeer()
     bench.start({u"lost"_s, u"again"_s});
     BusClient client(u"me"_s);
     client.setReadBufferSize(1);
-    client.send(BusFrame::makeName("client"));
     QTRY_COMPARE(bench.bus().incoming().size(), 1);
-    QTRY_COMPARE(bench.bus().incoming().first()->name, QByteArray("client"));
     QByteArray large(70'000'000, 'x'), text("x");
     bench.bus().SetDataAll(1, large);
     bench.bus().SetDataAll(1, text);
@@ -366,10 +365,10 @@ void TestBus::droppedFramesAreCountedForEveryPeer()
     const QString stalled = u"Connection %1 does not read: frames for it are dropped"_s;
     const QString drops = u"Connection %1: %2 of %3 bytes were dropped, because it did not read"_s;
     QTRY_COMPARE(bench.place.logged().filter(u" not read"_s),
-        QStringList({stalled.arg(u"lost"_s), stalled.arg(u"again"_s), stalled.arg(u"client"_s),
+        QStringList({stalled.arg(u"lost"_s), stalled.arg(u"again"_s), stalled.arg(QString()),
             drops.arg(u"again"_s, u"1 frames"_s, u"10"_s),
             drops.arg(u"lost"_s, u"3 frames"_s, u"30"_s),
-            drops.arg(u"client"_s, u"1 frames"_s, u"10"_s)}));
+            drops.arg(QString(), u"1 frames"_s, u"10"_s)}));
 }
 
 void TestBus::peerThatIsSlowOrReadsAgainGetsEverything()

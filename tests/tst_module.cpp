@@ -272,6 +272,8 @@ void TestModule::linkEventsAreReportedAndSecondStartDisturbsNothing()
 void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
 {
     QTest::failOnWarning(QRegularExpression(u"."_s));
+    QNetworkProxy::setApplicationProxy({QNetworkProxy::HttpProxy, u"127.0.0.1"_s, 1}); // not for it
+    const auto cleanUp = qScopeGuard([] { QNetworkProxy::setApplicationProxy({}); });
     ModuleBench bench("Host=localhost\nReconnectionTimeout=0\nLiveMessageTimeout=0\n");
     bench.command("Input_Data_On");
     QElapsedTimer time;
