@@ -17,6 +17,7 @@ struct Story
     double late = 0; // by which the sender's timer comes late at most
     int last = 4'000; // number of the last packet
     double within = 0; // seconds that the transfer may take
+    int spare = 3; // packets that may be sent for nothing
 };
 
 // A simulated path, on which time passes from event to event.
@@ -65,9 +66,8 @@ struct Path
 };
 
 // A transfer over a path. The receiver is the set of the numbers that it holds.
-class Transfer
+struct Transfer
 {
-public:
     Transfer(Path &used, double start)
         : path(used)
     {
@@ -77,14 +77,6 @@ public:
         });
     }
     bool isDone() const { return acknowledged.size() > size_t(path.story.last); }
-
-    int packets = 0;
-    size_t longestRequest = 0;
-    std::set<quint16> held, acknowledged;
-
-private:
-    using Numbers = std::vector<quint16>;
-
     void wake(double after)
     {
         nextWake = path.now + std::max(after, 2e-6); // after what is due now
@@ -109,21 +101,19 @@ private:
             ++packets;
         }
     }
-    void ask(const Numbers &numbers)
+    // Requests and answers leave twice.
+    void ask(const std::vector<quint16> &numbers)
     {
         longestRequest = std::max(longestRequest, numbers.size());
+        const auto answer = [this, found = numbers]() mutable {
+            std::erase_if(found, [this](quint16 number) { return !held.contains(number); });
+            for (int copy = 0; copy < 2; ++copy)
+                path.carry(15, false, [this, found] { take(found); });
+        };
         for (int copy = 0; copy < 2; ++copy)
-            path.carry(15 + 2 * int(numbers.size()), true, [this, numbers] { answer(numbers); });
+            path.carry(15 + 2 * int(numbers.size()), true, answer);
     }
-    void answer(const Numbers &numbers)
-    {
-        Numbers found;
-        std::copy_if(numbers.begin(), numbers.end(), std::back_inserter(found),
-            [this](quint16 number) { return held.contains(number); });
-        for (int copy = 0; copy < 2; ++copy)
-            path.carry(15, false, [this, found] { take(found); });
-    }
-    void take(const Numbers &found)
+    void take(const std::vector<quint16> &found)
     {
         acknowledged.insert(found.begin(), found.end());
         if (isDone())
@@ -136,6 +126,9 @@ private:
     Path &path;
     PacedSender sender;
     double nextWake = 0;
+    int packets = 0;
+    size_t longestRequest = 0;
+    std::set<quint16> held, acknowledged;
 };
 
 class tst_pace : public QObject
@@ -148,18 +141,21 @@ private Q_SLOTS:
 
 void tst_pace::runsAsFastAsThePathCarries()
 {
-    const std::pair<const char *, Story> rows[] = {{"clean", {.within = 0.5}},
-        {"a tenth lost", {.loss = 0.1, .within = 0.8}},
-        {"a third lost", {.loss = 0.33, .within = 1.6}}, {"half lost", {.loss = 0.5, .within = 4}},
-        {"1 Mb/s", {.megabits = 1, .within = 9.7}}, // 8.7 s of packets alone
-        {"10 Mb/s", {.megabits = 10, .last = 20'000, .within = 5}},
-        {"50 Mb/s", {.megabits = 50, .last = 65'535, .within = 3.7}},
-        {"10 Mb/s, a tenth lost", {.loss = 0.1, .megabits = 10, .last = 20'000, .within = 6.5}},
-        {"an outage", {.megabits = 10, .outage = 3, .last = 20'000, .within = 9}},
-        {"a longer path", {.megabits = 10, .longer = 0.015, .last = 20'000, .within = 6}},
-        {"announced only", {.loss = 0.6, .last = 0, .within = 1.5}},
-        {"a busy host", {.megabits = 10, .late = 0.02, .last = 20'000, .within = 5}},
-        {"a host that stalls", {.stall = 1, .last = 20'000, .within = 1.7}}};
+    // Nothing here depends on the machine, so the bounds leave little room.
+    const std::pair<const char *, Story> rows[] = {{"clean", {.within = 0.41}},
+        {"a tenth lost", {.loss = 0.1, .within = 0.53}},
+        {"a third lost", {.loss = 0.33, .within = 0.8, .spare = 60}},
+        {"half lost", {.loss = 0.5, .within = 3.4, .spare = 400}},
+        {"1 Mb/s", {.megabits = 1, .within = 9.1, .spare = 20}}, // 8.7 s of packets alone
+        {"10 Mb/s", {.megabits = 10, .last = 20'000, .within = 4.65}},
+        {"50 Mb/s", {.megabits = 50, .last = 65'535, .within = 3.25}},
+        {"10 Mb/s, 10 %",
+            {.loss = 0.1, .megabits = 10, .last = 20'000, .within = 4.72, .spare = 50}},
+        {"an outage", {.megabits = 10, .outage = 3, .last = 20'000, .within = 8.1, .spare = 760}},
+        {"a longer path", {.megabits = 10, .longer = 0.015, .last = 20'000, .within = 5.35}},
+        {"announced only", {.loss = 0.6, .last = 0, .within = 0.31}},
+        {"a busy one", {.megabits = 10, .late = 0.02, .last = 20'000, .within = 4.82, .spare = 40}},
+        {"a host that stalls", {.stall = 1, .last = 20'000, .within = 1.64}}};
     for (const auto &[name, story] : rows) {
         Path path{story};
         Transfer transfer(path, 0);
@@ -168,7 +164,7 @@ void tst_pace::runsAsFastAsThePathCarries()
             QString::asprintf("%s: %g s, %d packets", name, path.now, transfer.packets);
         QVERIFY2(path.now < story.within, qPrintable(text));
         QVERIFY2(path.overflowed <= path.arrived * 0.05, name);
-        QVERIFY2(transfer.packets < (story.last + 10) / (1 - story.loss) * 1.1, qPrintable(text));
+        QVERIFY2(transfer.packets * (1 - story.loss) < story.last + story.spare, qPrintable(text));
         QVERIFY2(transfer.longestRequest <= 25, name);
     }
 }

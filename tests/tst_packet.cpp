@@ -48,6 +48,7 @@ void tst_packet::readsWhatItWritesWholeOrNotAtAll()
     const auto record = InformationRecord::read(packet->record);
     QVERIFY(record && record->count == 513 && record->name == "a.dat");
     QVERIFY(!InformationRecord::read(packet->record.first(2)));
+    QVERIFY(!InformationRecord::read(Bytes(2 + 98 + 1, 'n')));
 }
 
 void tst_packet::ignoresWellSizedLies()
