@@ -228,11 +228,11 @@ void TestBus::framesOfAnySizeArriveWholeUntilTheConnectionIsClosed()
     QVERIFY(heard == stream.repeated(20));
 
     BusClient closed(u"me"_s);
-    connect(
-        &bench.bus(), &TConnector::NewData, this, [](auto, auto, auto *from) { from->abort(); });
+    connect(&bench.bus(), &TConnector::NewData, this, [](auto, auto, auto *who) { who->abort(); });
     closed.send(dataFrame(1, "first") + dataFrame(1, "second"));
     QTRY_COMPARE(closed.state(), QLocalSocket::UnconnectedState);
     QVERIFY(heard.endsWith(dataFrame(1, "first")));
+    QVERIFY(bench.bus().incoming().isEmpty());
 }
 
 void TestBus::lengthsAreBounded()

@@ -178,6 +178,7 @@ void TestModule::statusPageShowsEveryFigure()
 {
     Status status;
     QVERIFY(!status.toPrometheus(1'000).contains("last_error"));
+    QVERIFY(status.toPrometheus(1'000).contains("oldest_age_seconds{module=\"\"} 0\n"));
     status.startedAt = 12;
     status.lastError = u"\"\\\n"_s;
     status.lastErrorAt = 13;
@@ -194,15 +195,14 @@ void TestModule::statusPageShowsEveryFigure()
         records_refused{reason="lock"} 4 records_refused{reason="file"} 5
         bytes_refused{reason="kind"} 20 bytes_refused{reason="protocol"} 30
         bytes_refused{reason="lock"} 40 bytes_refused{reason="file"} 50 waiting_files 2
-        waiting_bytes 12345678 waiting_oldest_age_seconds 10 link_up 1
-        link_change_time_seconds 14 records_sent 6 bytes_sent 60 records_acknowledged 7
-        bytes_acknowledged 70 records_given_back 8 bytes_given_back 80 records_repeated 9
-        bytes_repeated 90 unacknowledged_records 10 unacknowledged_bytes 100
-        acknowledged_number 11)"_s);
-    status.waiting = {};
+        waiting_bytes 12345678 waiting_oldest_age_seconds 10 link_up 1 link_change_time_seconds 14
+        records_sent 6 bytes_sent 60 records_acknowledged 7 bytes_acknowledged 70 records_given_back
+        8 bytes_given_back 80 records_repeated 9 bytes_repeated 90 unacknowledged_records 10
+        unacknowledged_bytes 100 acknowledged_number 11)"_s);
+    status.waiting = {1, 0, 1'001}; // the clock was set back
     status.udp = {21, 22, 23, 24, 25, 26, 27};
     status.udpRate = 0.5;
-    compareEnd(status, uR"(waiting_files 0 waiting_bytes 0 waiting_oldest_age_seconds 0
+    compareEnd(status, uR"(waiting_files 1 waiting_bytes 0 waiting_oldest_age_seconds 0
         udp_bytes_per_second 0.5 udp_bytes_sent 23 udp_packets_sent 21 udp_packets_repeated 22
         udp_files_delivered 24 udp_files_refused 25 udp_files_received 26
         udp_last_answer_time_seconds 27)"_s);
