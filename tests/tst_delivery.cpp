@@ -196,6 +196,9 @@ void TestDelivery::backlogWaitsOnDiskAndOutagesLoseNothing()
     line.settle();
     line.put(1); // nothing else is on its way
     line.settle();
+    const SpoolDirectory spool(line.bench.spool);
+    QTRY_VERIFY((QMetaObject::invokeMethod(qApp, "aboutToQuit"),
+        SentFolder::namesIn(spool).isEmpty())); // once all is flushed
 }
 
 void TestDelivery::newerRecordOfTheSameNameStands()
@@ -270,8 +273,8 @@ void TestDelivery::fileThatCannotLeaveTheSpool()
 void TestDelivery::journalThatCannotBeWrittenOrGivenBack()
 {
     Line line{acknowledged, 100'000};
-    const SpoolDirectory spool(line.bench.spool);
-    hold(*std::make_unique<SentFolder>(spool), "f"); // of a killed process
+    // Of a killed process.
+    hold(*std::make_unique<SentFolder>(SpoolDirectory(line.bench.spool)), "f");
     const QString inItsWay = line.bench.place.makeFolder(u"spool/f"_s);
     line.start();
     QVERIFY(QDir().rmdir(inItsWay));
@@ -292,8 +295,6 @@ void TestDelivery::journalThatCannotBeWrittenOrGivenBack()
     line.peer.acknowledge(4);
     QTRY_COMPARE(line.kept(), 0);
     QCOMPARE(line.bench.place.logged().filter(u"cannot go back"_s).size(), 2);
-    QTRY_VERIFY((QMetaObject::invokeMethod(qApp, "aboutToQuit"),
-        SentFolder::namesIn(spool).isEmpty())); // once all is flushed
 }
 
 void TestDelivery::programThatAcknowledges_data()
