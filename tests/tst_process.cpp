@@ -1,4 +1,3 @@
-#include "Arguments.h"
 #include "BusEnds.h"
 #include "Channel.h"
 #include "ModuleProcess.h"
@@ -10,6 +9,7 @@
 #include <QRegularExpression>
 
 #include <cstring>
+#include <list>
 
 // The processes start together, so that their passes run side by side.
 class TestProcess : public QObject
@@ -17,16 +17,12 @@ class TestProcess : public QObject
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase();
-    void startUpFollowsItsOrder();
-    void whatTheCommandLineMeans();
-    void helpAndVersionAreShown();
+    void startUpFollowsItsOrderAndIsReported();
+    void commandLineIsExplained();
     void lossOfTheAdministrationServerGivesStatusFive();
-    void filesCrossABadLinkBothWays();
-    void serviceManagerHearsWhatIsWaitedFor();
-    void rubbishHarmsNobody();
-    void peerThatTalksCostsNoMemory();
+    void filesCrossABadLinkAndStayAfterAStop();
+    void rubbishHarmsNobodyAndCostsNoMemory();
     void quitSignalGivesStatusZero();
-    void stopSignalsGiveStatusZeroAndKeepTheSpool();
     void linkWithoutAcknowledgementsIsGivenUp();
 
 private:
@@ -111,7 +107,7 @@ void TestProcess::startUdp(ModuleProcess &process, UdpRelay &toIt, const UdpRela
         process.record("error", name, name.toUtf8() + content);
 }
 
-void TestProcess::startUpFollowsItsOrder()
+void TestProcess::startUpFollowsItsOrderAndIsReported()
 {
     QTRY_COMPARE(other->heard(), QStringList{u"200 me   0"_s});
     QVERIFY(started.elapsed() > 4'500);
@@ -125,39 +121,41 @@ void TestProcess::startUpFollowsItsOrder()
     QCOMPARE(entries,
         QStringList({u"Start Ok!"_s, u"New Out Connnection"_s, u"New Out Connnection"_s,
             u"Start server: me Ok!!!! "_s}));
+
+    QTRY_VERIFY(manager.heard.contains("READY=1"));
+    QCOMPARE(manager.heard.last(5),
+        QByteArrayList({"STATUS=waiting for \"other\" on the bus, link up, 0 waiting",
+            "STATUS=waiting for the administration server admin, link up, 0 waiting",
+            "STATUS=joining the bus, link up, 0 waiting", "STATUS=link up, 0 waiting", "READY=1"}));
+    QVERIFY(manager.signsOfLife.contains("EXTEND_TIMEOUT_USEC=90000000"));
+    QTRY_VERIFY(manager.signsOfLife.count("WATCHDOG=1") > 1);
+    QTRY_VERIFY(whole.place.readFile(u"status.prom"_s).contains("link_up{module=\"me\"} 1\n"));
+    other.reset();
+    QTRY_COMPARE(manager.heard.last(), "STATUS=not connected to \"other\", link up, 0 waiting");
 }
 
-void TestProcess::whatTheCommandLineMeans()
-{
-    const auto meaning = [](const QString &line) {
-        const Arguments read(line.split(u' '));
-        return u'[' + read.settingsFiles.join(u"] ["_s) + u"] "_s + read.remarks.join(u"; "_s);
-    };
-    const QString missing =
-        u"\"-settings\" at the end has no effect: the name of a file is missing"_s;
-    QCOMPARE(meaning(u"morvane -settings a -settings -settings"_s),
-        u"[a] [-settings] 2 settings files: they are read in turn, and the last one decides"_s);
-    QCOMPARE(meaning(u"morvane -settings"_s), u"[] "_s + missing);
-    QCOMPARE(meaning(u"morvane -settings a -settings"_s), u"[a] "_s + missing);
-}
-
-void TestProcess::helpAndVersionAreShown()
+void TestProcess::commandLineIsExplained()
 {
     Program process;
-    const auto run = [&](const QStringList &arguments) {
-        process.run(u"morvane"_s, arguments);
-        process.waitForFinished();
-        return process.status();
+    const std::pair<QString, const char *> remarks[] = {
+        {u"--Help"_s, "Argument \"--Help\" has no effect, see --help"},
+        {u"-settings"_s, "\"-settings\" at the end has no effect: the name of a file is missing"},
+        {u"-settings a -settings -settings"_s,
+            "2 settings files: they are read in turn, and the last one decides"},
     };
-    QCOMPARE(run({u"--Help"_s, u"--help"_s}), 0);
+    for (const auto &[arguments, remark] : remarks) {
+        process.run(u"morvane"_s, (u"--version "_s + arguments).split(u' '));
+        QTRY_COMPARE(process.status(), 0);
+        QCOMPARE(process.readAllStandardOutput(),
+            "morvane 5.4.18:eb0bac411f09, support library 1.0.0\n");
+        QCOMPARE(process.readAllStandardError(), "morvane: "_ba + remark + '\n');
+    }
+    process.run(u"morvane"_s, {u"--help"_s});
+    QTRY_COMPARE(process.status(), 0);
     QVERIFY(process.readAllStandardOutput().startsWith("Usage: morvane [-settings FILE]\n"));
-    QCOMPARE(
-        process.readAllStandardError(), "morvane: Argument \"--Help\" has no effect, see --help\n");
-    QCOMPARE(run({u"--version"_s}), 0);
-    QCOMPARE(
-        process.readAllStandardOutput(), "morvane 5.4.18:eb0bac411f09, support library 1.0.0\n");
     process.setStandardOutputFile(u"/dev/full"_s);
-    QCOMPARE(run({u"--version"_s}), 1);
+    process.run(u"morvane"_s, {u"--version"_s});
+    QTRY_COMPARE(process.status(), 1);
 }
 
 void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
@@ -182,7 +180,7 @@ void TestProcess::lossOfTheAdministrationServerGivesStatusFive()
     QTRY_COMPARE(parting.status(), 0);
 }
 
-void TestProcess::filesCrossABadLinkBothWays()
+void TestProcess::filesCrossABadLinkAndStayAfterAStop()
 {
     for (const ModuleProcess *process : {&east, &west}) {
         QTRY_COMPARE(process->spooled(), QStringList());
@@ -192,37 +190,34 @@ void TestProcess::filesCrossABadLinkBothWays()
                         .contains("\nmorvane_udp_files_delivered_total{module=\"me\"} 4\n"));
     }
     QCOMPARE(east.readAllStandardError(), "Start Scanning\n"); // no other category's lines
+
+    toEast.target = toWest.target = 0; // nothing arrives any more
+    for (const auto &[process, signal] : {std::pair(&west, SIGINT), std::pair(&east, SIGTERM)}) {
+        QTRY_VERIFY(process->isListening());
+        for (const QString &name : {u"stays"_s, u"stays too"_s})
+            process->place.writeFile(u"spool/"_s + name, QByteArray(900'000, 'x'));
+        process->raise(SIGHUP); // opens the log anew, nothing else
+        process->raise(signal);
+        QTRY_COMPARE(process->status(), 0);
+        QCOMPARE(process->spooled(), QStringList({u"stays"_s, u"stays too"_s}));
+        QCOMPARE(process->place.logged(u"morvane.log"_s).last(),
+            u"Stopped by SIG%1, exit status 0"_s.arg(QLatin1StringView(::sigabbrev_np(signal))));
+    }
 }
 
-void TestProcess::serviceManagerHearsWhatIsWaitedFor()
+void TestProcess::rubbishHarmsNobodyAndCostsNoMemory()
 {
-    QTRY_VERIFY(manager.heard.contains("READY=1"));
-    QCOMPARE(manager.heard.last(5),
-        QByteArrayList({"STATUS=waiting for \"other\" on the bus, link up, 0 waiting",
-            "STATUS=waiting for the administration server admin, link up, 0 waiting",
-            "STATUS=joining the bus, link up, 0 waiting", "STATUS=link up, 0 waiting", "READY=1"}));
-    QVERIFY(manager.signsOfLife.contains("EXTEND_TIMEOUT_USEC=90000000"));
-    QTRY_VERIFY(manager.signsOfLife.count("WATCHDOG=1") > 1);
-    QTRY_VERIFY(whole.place.readFile(u"status.prom"_s).contains("link_up{module=\"me\"} 1\n"));
-    other.reset();
-    QTRY_COMPARE(manager.heard.last(), "STATUS=not connected to \"other\", link up, 0 waiting");
-}
-
-void TestProcess::rubbishHarmsNobody()
-{
-    QTRY_VERIFY(whole.isListening());
     const auto frame = [](const QString &name, const QByteArray &payload) {
         return BusFrame::makeData(1, DataRecord{"error", name, payload}.write());
     };
     const QByteArrayList rubbish = {QByteArray(5'000, '\xff'), QByteArray(5'000, '\0'),
         QByteArray::fromHex("02faf080 00"), QByteArray::fromHex("77359400 01"),
         frame(u"../x"_s, "x"), frame(u"x"_s, "x").left(20)};
-    std::vector<std::unique_ptr<BusClient>> clients;
+    std::list<BusClient> clients;
     for (int i = 0; i < 300; ++i) {
-        clients.push_back(std::make_unique<BusClient>(whole.place.path(u"me"_s)));
-        clients.back()->send(rubbish.at(i % rubbish.size()));
+        clients.emplace_back(whole.place.path(u"me"_s)).send(rubbish.at(i % rubbish.size()));
         if (i % 3 == 0)
-            clients.back()->abort();
+            clients.back().abort();
     }
     BusClient sender(whole.place.path(u"me"_s));
     sender.record("error", u"good"_s, "1");
@@ -233,11 +228,7 @@ void TestProcess::rubbishHarmsNobody()
     QVERIFY(whole.place.readFile(u"morvane.log"_s).contains("of 6 bytes from sender: the name"));
     QTRY_VERIFY(whole.spooled().isEmpty());
     QVERIFY(!QFile::exists(whole.place.path(u"x"_s)));
-}
 
-void TestProcess::peerThatTalksCostsNoMemory()
-{
-    QTRY_VERIFY(peer.socket);
     const qint64 before = whole.residentMegabytes();
     peer.socket->write(QByteArray(60'000'000, 'x'));
     QTRY_COMPARE(peer.socket->bytesToWrite(), 0);
@@ -265,22 +256,6 @@ void TestProcess::quitSignalGivesStatusZero()
             && page.contains("\nmorvane_records_accepted_total{module=\"me\"} 2\n")
             && page.contains("\nmorvane_records_acknowledged_total{module=\"me\"} 2\n"),
         page.constData());
-}
-
-void TestProcess::stopSignalsGiveStatusZeroAndKeepTheSpool()
-{
-    toEast.target = toWest.target = 0; // nothing arrives any more
-    for (const auto &[process, signal] : {std::pair(&west, SIGINT), std::pair(&east, SIGTERM)}) {
-        QTRY_VERIFY(process->isListening());
-        for (const QString &name : {u"stays"_s, u"stays too"_s})
-            process->place.writeFile(u"spool/"_s + name, QByteArray(900'000, 'x'));
-        process->raise(SIGHUP); // opens the log anew, nothing else
-        process->raise(signal);
-        QTRY_COMPARE(process->status(), 0);
-        QCOMPARE(process->spooled(), QStringList({u"stays"_s, u"stays too"_s}));
-        QCOMPARE(process->place.logged(u"morvane.log"_s).last(),
-            u"Stopped by SIG%1, exit status 0"_s.arg(QLatin1StringView(::sigabbrev_np(signal))));
-    }
 }
 
 void TestProcess::linkWithoutAcknowledgementsIsGivenUp()
