@@ -300,6 +300,7 @@ void tst_engine::forgetfulPeerIsToldFromASlowOne()
     QCOMPARE(patience(505, {first, second}, 5, 2, 4), 85); // and few answers arrive
     QCOMPARE(patience(900, {first, second}, 5, 2, 8), 105); // or very few
     QCOMPARE(patience(50, {first, second}, 5, 2), 105); // or too few yet to judge by
+    QCOMPARE(patience(500, {first, second}, 5, 1), 45); // and each request leaves once
 }
 
 void tst_engine::ticksGiveTheseBytes()

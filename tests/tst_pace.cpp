@@ -147,7 +147,6 @@ void tst_pace::runsAsFastAsThePathCarries()
         {"a third lost", {.loss = 0.33, .within = 0.8, .spare = 60}},
         {"half lost", {.loss = 0.5, .within = 3.4, .spare = 400}},
         {"1 Mb/s", {.megabits = 1, .within = 9.1, .spare = 20}}, // 8.7 s of packets alone
-        {"10 Mb/s", {.megabits = 10, .last = 20'000, .within = 4.65}},
         {"50 Mb/s", {.megabits = 50, .last = 65'535, .within = 3.25}},
         {"10 Mb/s, 10 %",
             {.loss = 0.1, .megabits = 10, .last = 20'000, .within = 4.72, .spare = 50}},
@@ -182,7 +181,7 @@ void tst_pace::twoShareABottleneck()
                 double(one.held.size() - before[0]) / double(two.held.size() - before[1]);
             const auto text =
                 QString::asprintf("%g Mb/s, %g s apart, a share of %g", megabits, start, share);
-            QVERIFY2(std::max(share, 1 / share) <= 2, qPrintable(text));
+            QVERIFY2(std::max(share, 1 / share) < (megabits < 50 ? 1.17 : 2), qPrintable(text));
             // A newcomer to a full queue takes some rounds to find its place.
             QVERIFY2(path.overflowed <= path.arrived * 0.08, qPrintable(text));
         }
