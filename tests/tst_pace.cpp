@@ -137,6 +137,7 @@ class tst_pace : public QObject
 private Q_SLOTS:
     void runsAsFastAsThePathCarries();
     void twoShareABottleneck();
+    void asksASilentPeerEverMoreSeldom();
 };
 
 void tst_pace::runsAsFastAsThePathCarries()
@@ -186,6 +187,29 @@ void tst_pace::twoShareABottleneck()
             QVERIFY2(path.overflowed <= path.arrived * 0.08, qPrintable(text));
         }
     }
+}
+
+void tst_pace::asksASilentPeerEverMoreSeldom()
+{
+    using namespace std::chrono_literals;
+    PacedSender sender;
+    PacedSender::Time now{};
+    QList<int> steps; // until each answer, which names one packet
+    for (const auto time : {2ms, 5'000ms, 5'000ms, 5'000ms}) {
+        if (steps.size() % 3 == 0) // a file, and the next one
+            sender.begin(10, now);
+        const quint16 number = quint16(steps.size());
+        steps.append(0);
+        for (const auto end = now + time; now < end;) {
+            const PacedSender::Step step = sender.next(now);
+            if (const auto *wait = std::get_if<PacedSender::WaitUntil>(&step))
+                now = std::min(wait->time, PacedSender::Time(end));
+            else
+                ++steps.last();
+        }
+        sender.acknowledged({&number, 1}, now);
+    }
+    QCOMPARE(steps, QList<int>({3, 131, 129, 72}));
 }
 
 QTEST_GUILESS_MAIN(tst_pace)
