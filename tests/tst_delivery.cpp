@@ -162,6 +162,7 @@ private Q_SLOTS:
     void programThatAcknowledges();
     void keepAlivesCountButEndNoLink();
     void unacknowledgedRecordsAreBoundedAndLastNumbersCount();
+    void fileWaitsForTheRecordOfItsName();
     void leftoversOfSeveralOwnersGoBackByAge();
     void leftoversOfOthersStay();
     void recordThatCannotGoBackYetStays();
@@ -226,10 +227,12 @@ void TestDelivery::othersFilesGoInTheirTurn()
     Line line;
     const Workplace &place = line.bench.place;
     QVERIFY(QFile::resize(place.writeFile(u"spool/0"_s, "too large"), 5'000'000'000));
-    place.writeFile(u"spool/1"_s, "1");
     const QString lock = place.writeFile(u"spool/.lock"_s, "");
     line.bench.module.Start();
     QTRY_COMPARE(line.bench.place.logged().filter(u"Waiting for the lock file"_s).size(), 1);
+    flushes = 0;
+    place.writeFile(u"spool/1"_s, "1");
+    QTRY_VERIFY(flushes > 0); // files of others are brought to the disk, too
     QCOMPARE(line.peer.bodies, QByteArrayList());
     QVERIFY(QFile::remove(lock));
     QTRY_COMPARE(line.peer.bodies, QByteArrayList{"1"});
@@ -340,6 +343,25 @@ void TestDelivery::programThatAcknowledges()
     const QByteArray end = "_total{module=\"me\"} " + QByteArray::number(again) + '\n';
     QVERIFY(page.contains("records_given_back" + end) && page.contains("records_repeated" + end));
     QVERIFY2(journalFlushes < 10, "the same records are flushed again and again");
+}
+
+void TestDelivery::fileWaitsForTheRecordOfItsName()
+{
+    Line line{acknowledged};
+    line.start();
+    for (const QString &name : {u"first"_s, u"f"_s, u"g"_s}) {
+        line.bench.record("error", name, "");
+        QTRY_VERIFY(line.peer.bodies.size() > 0); // the link is up: no record becomes a file
+    }
+    QTRY_COMPARE(line.peer.bodies.size(), 3);
+    line.bench.place.writeFile(u"spool/f"_s, "newer");
+    line.bench.record("error", u"h"_s, ""); // has to wait for that file
+    QTest::qWait(100);
+    QCOMPARE(line.peer.bodies.size(), 3);
+    line.peer.acknowledge(2);
+    QTRY_COMPARE(line.peer.bodies.size(), 5);
+    QMetaObject::invokeMethod(qApp, "aboutToQuit"); // what is not acknowledged goes back
+    QCOMPARE(line.bench.spooled(), u"f g h"_s.split(u' '));
 }
 
 void TestDelivery::keepAlivesCountButEndNoLink()

@@ -319,8 +319,8 @@ void TestFaults::powerCutTakesLessThanASecond()
 
     QVERIFY(line.peer.isListening() || line.peer.listen(QHostAddress::LocalHost, line.port));
     line.start();
-    // What came a second before the cut.
-    QTRY_COMPARE(line.oracle.missing(line.peer.bodies, 15 * 150), QList<int>());
+    // What came a second before the cut; half a second more is for a busy machine.
+    QTRY_COMPARE(line.oracle.missing(line.peer.bodies, 10 * 150), QList<int>());
     QVERIFY(line.oracle.areWhole(line.peer.bodies));
 }
 
