@@ -1,4 +1,5 @@
 #include "ModuleBench.h"
+#include "Packet.h"
 #include "ServiceSocket.h"
 #include "TcpPeer.h"
 #include "UdpRelay.h"
@@ -24,6 +25,7 @@ private Q_SLOTS:
     void linkEventsAreReportedAndSecondStartDisturbsNothing();
     void hostThatIsNoAddressIsTriedOnceASecond();
     void startSwitchesUdpModeOnAndOff();
+    void moduleWithoutSettingsEndsAndLeavesNoTemplate();
 };
 
 void TestModule::aboutTellsTheSettings()
@@ -229,6 +231,10 @@ void TestModule::statusFileTellsWhatTheModuleDoes()
     QCOMPARE(failures().size(), 1);
     QVERIFY(page.readAll().contains("accepted_total{module=\"me\"} 0\n")); // replaced as a whole
     const QByteArray text = bench.place.readFile(u"x/s.prom"_s);
+    QVERIFY(QDir(bench.place.path(u"x"_s)).removeRecursively());
+    bench.record("Error", u"f"_s, "1");
+    bench.module.reportEnd();
+    QCOMPARE(failures().size(), 2); // a new one
     for (const char *line : {"info{module=\"me\",version=\"5.4.18:eb0bac411f09\",protocol=\"UDP\","
                              "peer=\"a\\\\b port 7071\"} 1",
              "records_accepted_total{module=\"me\"} 1", "bytes_accepted_total{module=\"me\"} 10",
@@ -287,8 +293,9 @@ void TestModule::hostThatIsNoAddressIsTriedOnceASecond()
 void TestModule::startSwitchesUdpModeOnAndOff()
 {
     const quint16 port = freeUdpPort();
-    ModuleBench bench(
-        "Protocol=UDP\nHost=127.0.0.2\nOnlyPeer=1\nLocalPort=" + QByteArray::number(port) + '\n');
+    TcpPeer peer;
+    ModuleBench bench("Protocol=UDP\nOnlyPeer=1\nMaxReceivedBytes=8\nPort="
+        + QByteArray::number(peer.serverPort()) + "\nLocalPort=" + QByteArray::number(port));
     bench.command("Input_Data_On");
     for (const char *line : {"Start Scanning", "Stop Scanning", "Start Scanning"}) {
         QTest::ignoreMessage(QtDebugMsg, line);
@@ -297,10 +304,39 @@ void TestModule::startSwitchesUdpModeOnAndOff()
         QTRY_COMPARE(threads().size(), line[2] == 'a' ? 1 : 0);
         QVERIFY(threads().isEmpty() || threads().first()->isRunning());
     }
-    QUdpSocket stranger;
+    const auto timers = QAbstractEventDispatcher::instance()->registeredTimers(&bench.module);
+    for (const auto &timer : timers) {
+        QTimerEvent event(timer.timerId);
+        QCoreApplication::sendEvent(&bench.module, &event);
+    }
+    QUdpSocket stranger, sender;
     stranger.setProxy(QNetworkProxy::NoProxy);
+    QVERIFY(stranger.bind(QHostAddress(u"127.0.0.2"_s)) && sender.bind(QHostAddress::LocalHost));
+    const auto reported = [&] { return bench.reports().join(u""_s); };
     QTRY_VERIFY(stranger.writeDatagram("x", QHostAddress::LocalHost, port) == 1
-        && bench.reports().join(u""_s).contains(u"127.0.0.1 are dropped: it is not the peer"_s));
+        && reported().contains(u"127.0.0.2 are dropped: it is not the peer"_s));
+    for (const QByteArray &packet :
+        {Packet::makeData({0, 0}, 9, 0, InformationRecord{1, "f"}.write()),
+            Packet::makeData({0, 0}, 9, 1, qCompress("nine bytes").sliced(4))})
+        sender.writeDatagram(packet, QHostAddress::LocalHost, port);
+    QTRY_VERIFY(reported().contains(u"f is not written, it has more than 8 bytes"_s));
+    QVERIFY(peer.linkStarts.isEmpty()); // nothing goes over TCP
+}
+
+void TestModule::moduleWithoutSettingsEndsAndLeavesNoTemplate()
+{
+    const Workplace place;
+    QString settings;
+    {
+        Morvane module;
+        QSettings *known = module.prepareTemplateSettings();
+        known->setValue(u"x"_s, 1);
+        known->sync();
+        settings = known->fileName();
+        QVERIFY(QFile::exists(settings));
+        QMetaObject::invokeMethod(qApp, "aboutToQuit");
+    }
+    QVERIFY(!QFile::exists(settings));
 }
 
 QTEST_GUILESS_MAIN(TestModule)

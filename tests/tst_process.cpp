@@ -186,8 +186,11 @@ void TestProcess::filesCrossABadLinkAndStayAfterAStop()
         QTRY_COMPARE(process->spooled(), QStringList());
         for (const QString &name : names)
             QTRY_VERIFY(process->place.readFile(name) == "error" + name.toUtf8() + content);
-        QTRY_VERIFY(process->place.readFile(u"status.prom"_s)
-                        .contains("\nmorvane_udp_files_delivered_total{module=\"me\"} 4\n"));
+        const auto shows = [&](const QByteArray &line) {
+            return process->place.readFile(u"status.prom"_s).contains("\nmorvane_" + line + '\n');
+        };
+        QTRY_VERIFY(shows("udp_files_delivered_total{module=\"me\"} 4"));
+        QTRY_VERIFY(shows("waiting_files{module=\"me\"} 0")); // counted again
     }
     QCOMPARE(east.readAllStandardError(), "Start Scanning\n"); // no other category's lines
 
