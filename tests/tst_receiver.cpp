@@ -107,6 +107,12 @@ void TestReceiver::indexIsMendedContinuedAndKept()
     full.sender.write(make("error6"));
     QTRY_VERIFY(place.readFile(u"full/.index.1"_s).endsWith(entry("000006", "4", "error6")));
     QTRY_VERIFY(place.readFile(u"full/.index"_s).startsWith("# after 6: "));
+    full.raise(SIGSTOP); // it sees the record and the end of the link together
+    full.sender.write(make("error7"));
+    full.sender.disconnectFromHost();
+    QTRY_COMPARE(full.sender.bytesToWrite(), 0);
+    full.raise(SIGCONT);
+    QTRY_COMPARE(place.readFile(u"full/000007"_s), "error7");
 }
 
 // In turn: the power is cut, a file is too large, and empty files have room, but not their names.
